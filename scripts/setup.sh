@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs every Debian package Parlune needs to build, run and test. Safe to run again.
+set -euo pipefail
+
+packages=(
+  # toolchain
+  build-essential cmake ninja-build pkg-config git
+  # core and shell
+  qt6-base-dev qcoro-qt6-dev libsecret-1-dev
+  # X11 ports
+  libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev libxcb-xinput-dev
+  libxtst-dev libatspi2.0-dev
+  # tests: unit, engine oracle, real desktop
+  libgtest-dev libgmock-dev python3 python3-numpy
+  xvfb openbox xdotool xclip x11-utils dbus-x11 at-spi2-core mousepad
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+
+if [ ${#missing[@]} -gt 0 ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "setup: missing packages: ${missing[*]}" >&2
+    echo "setup: run this script as root (or install them with sudo apt-get install)." >&2
+    exit 1
+  fi
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -q
+  apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+echo "setup: all packages present"
