@@ -7,15 +7,15 @@ namespace parlune::testing {
 // Uses the given platform words for the life of the object, then restores the previous ones.
 class ScopedPlatformTerms {
 public:
-    explicit ScopedPlatformTerms(const PlatformTerms& terms) : previous_(PlatformTerms::current()) {
-        PlatformTerms::setCurrent(terms);
+    explicit ScopedPlatformTerms(const PlatformTerms& terms) : previous_(&PlatformTerms::current()) {
+        PlatformTerms::setCurrentForTesting(&terms);
     }
-    ~ScopedPlatformTerms() { PlatformTerms::setCurrent(previous_); }
+    ~ScopedPlatformTerms() { PlatformTerms::setCurrentForTesting(previous_); }
     ScopedPlatformTerms(const ScopedPlatformTerms&) = delete;
     ScopedPlatformTerms& operator=(const ScopedPlatformTerms&) = delete;
 
 private:
-    const PlatformTerms& previous_;
+    const PlatformTerms* previous_;
 };
 
 } // namespace parlune::testing

@@ -3,40 +3,51 @@
 namespace parlune {
 
 namespace {
+const PlatformTerms* overrideTerms = nullptr;
+}
 
-constexpr PlatformTerms macOSTerms{
-    .commandKey = "Command",
-    .shiftKey = "Shift",
-    .optionKey = "Option",
-    .controlKey = "Control",
-    .thisMachine = "this Mac",
-    .thisMachineAtSentenceStart = "This Mac",
-    .systemSettings = "System Settings",
-    .accessibilitySettingsLocation = "System Settings → Privacy & Security → Accessibility",
-    .accessibilitySettingsLink = "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility",
-    .settingsApplicationPath = "/System/Applications/System Settings.app",
-    .hotKeyStatusName = "OSStatus",
-};
+const PlatformTerms& PlatformTerms::macOS() {
+    static const PlatformTerms terms{
+        .thisComputer = "this Mac",
+        .thisComputerCapitalized = "This Mac",
+        .systemSettings = "System Settings",
+        .optionKey = "Option",
+        .commandKey = "Command",
+        .controlKey = "Control",
+        .shiftKey = "Shift",
+        .accessibilitySettingsLocation = "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility",
+        .settingsApplicationPath = "/System/Applications/System Settings.app",
+        .accessibilityEnableInstruction =
+            "Enable Parlune in System Settings \u2192 Privacy & Security \u2192 Accessibility, then return and run "
+            "the workflow test.",
+        .deviceNotSupportedDescription = "This Mac does not support Parlune's on-device rewriting.",
+        .hotKeyStatusName = "OSStatus",
+    };
+    return terms;
+}
 
-// Linux desktops share no settings deep link or settings program, so those two stay empty and
-// callers name the location in words instead.
-constexpr PlatformTerms linuxTerms{
-    .commandKey = "Super",
-    .shiftKey = "Shift",
-    .optionKey = "Alt",
-    .controlKey = "Ctrl",
-    .thisMachine = "this computer",
-    .thisMachineAtSentenceStart = "This computer",
-    .systemSettings = "the desktop's settings",
-    .accessibilitySettingsLocation = "the desktop's accessibility settings",
-    .accessibilitySettingsLink = "",
-    .settingsApplicationPath = "",
-    .hotKeyStatusName = "X11 error",
-};
-
-const PlatformTerms* currentTerms = &linuxTerms;
-
-} // namespace
+const PlatformTerms& PlatformTerms::linux() {
+    // On X11 "accessibility control" means synthetic input (XTest) plus the AT-SPI bus, so the
+    // settings we point to are the desktop's accessibility settings.
+    static const PlatformTerms terms{
+        .thisComputer = "this computer",
+        .thisComputerCapitalized = "This computer",
+        .systemSettings = "your desktop's settings",
+        .optionKey = "Alt",
+        .commandKey = "Super",
+        .controlKey = "Ctrl",
+        .shiftKey = "Shift",
+        .accessibilitySettingsLocation = "settings://accessibility",
+        .settingsApplicationPath = "/usr/bin/gnome-control-center",
+        .accessibilityEnableInstruction =
+            "Turn on assistive technologies in your desktop's accessibility settings, then return and run the "
+            "workflow test.",
+        .deviceNotSupportedDescription = "This computer does not support Parlune's on-device rewriting.",
+        // The X11 port reports the X protocol error of a refused key grab.
+        .hotKeyStatusName = "X11 error",
+    };
+    return terms;
+}
 
 std::string PlatformTerms::optionPrefix() const {
     std::string prefix(optionKey);
@@ -44,12 +55,8 @@ std::string PlatformTerms::optionPrefix() const {
     return prefix;
 }
 
-const PlatformTerms& PlatformTerms::macOS() { return macOSTerms; }
+const PlatformTerms& PlatformTerms::current() { return overrideTerms ? *overrideTerms : linux(); }
 
-const PlatformTerms& PlatformTerms::linuxDesktop() { return linuxTerms; }
-
-const PlatformTerms& PlatformTerms::current() { return *currentTerms; }
-
-void PlatformTerms::setCurrent(const PlatformTerms& terms) { currentTerms = &terms; }
+void PlatformTerms::setCurrentForTesting(const PlatformTerms* terms) { overrideTerms = terms; }
 
 } // namespace parlune

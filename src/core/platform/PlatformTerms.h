@@ -5,42 +5,36 @@
 
 namespace parlune {
 
-// The words of the product's texts that name things of one desktop platform: modifier keys,
-// the machine, the settings application and where accessibility is enabled. Every text that
-// needs one of them takes it from here, so a build shows one consistent vocabulary.
+// The few words of the product that name platform things. The macOS table holds the original
+// texts; the Linux table reads naturally on a Linux desktop. Everything user-visible that names the
+// computer, its settings or modifier keys comes from here.
 struct PlatformTerms {
-    // Modifier key names, as they appear in shortcut display names ("Option+Space").
-    std::string_view commandKey;
-    std::string_view shiftKey;
-    std::string_view optionKey;
-    std::string_view controlKey;
-
-    // The user's machine inside a sentence and at its start ("this Mac" / "This Mac").
-    std::string_view thisMachine;
-    std::string_view thisMachineAtSentenceStart;
-
-    // The system's settings application, as named inside a sentence.
-    std::string_view systemSettings;
-    // Where the user enables accessibility for the program, as named inside a sentence.
+    std::string_view thisComputer;          // "this Mac"
+    std::string_view thisComputerCapitalized; // "This Mac"
+    std::string_view systemSettings;        // "System Settings"
+    std::string_view optionKey;             // "Option"
+    std::string_view commandKey;            // "Command"
+    std::string_view controlKey;            // "Control"
+    std::string_view shiftKey;              // "Shift"
+    // Where the user grants accessibility control, and the settings application to fall back to.
     std::string_view accessibilitySettingsLocation;
-    // A link that opens the accessibility settings, and the settings application to open when
-    // the link does not work; empty where the desktop offers neither.
-    std::string_view accessibilitySettingsLink;
     std::string_view settingsApplicationPath;
-
-    // The name of the platform's status code in a failed hotkey registration.
+    // "Enable Parlune in System Settings → Privacy & Security → Accessibility, then return and run
+    // the workflow test." — the path differs per platform, so the sentence is whole here.
+    std::string_view accessibilityEnableInstruction;
+    // "This Mac does not support Parlune's on-device rewriting."
+    std::string_view deviceNotSupportedDescription;
+    // The name of the platform's status code in "Could not register the hotkey. OSStatus -9878."
     std::string_view hotKeyStatusName;
 
-    // "Option+" or its equivalent: the prefix of every shortcut whose first key is Option.
+    // "Option+" or its equivalent: how every shortcut whose first key is Option begins.
     std::string optionPrefix() const;
 
     static const PlatformTerms& macOS();
-    static const PlatformTerms& linuxDesktop();
-
-    // The words this process uses: the Linux desktop's unless a test chose others.
+    static const PlatformTerms& linux();
+    // The table in effect; Linux unless a test chose another.
     static const PlatformTerms& current();
-    // Main thread only; the object must outlive its use (the two instances above do).
-    static void setCurrent(const PlatformTerms& terms);
+    static void setCurrentForTesting(const PlatformTerms* terms);
 };
 
 } // namespace parlune

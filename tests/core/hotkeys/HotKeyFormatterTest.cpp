@@ -30,7 +30,7 @@ TEST_F(HotKeyFormatterTest, ModifierNamesFollowTheFixedOrder) {
               "Control+Option+Shift+Command");
     EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::command | flag::shift), "Shift+Command");
     EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::capsLock), "");
-    ScopedPlatformTerms linuxWords(PlatformTerms::linuxDesktop());
+    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::command | flag::shift | flag::option | flag::control),
               "Ctrl+Alt+Shift+Super");
 }
@@ -81,7 +81,7 @@ TEST_F(HotKeyFormatterTest, RecorderBoxShowsTheSecondKeyOfOptionShortcutsOnly) {
 }
 
 TEST_F(HotKeyFormatterTest, LinuxWordsNameRecordedShortcuts) {
-    ScopedPlatformTerms linuxWords(PlatformTerms::linuxDesktop());
+    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::command}), (HotKeyShortcut{40, 2048, "Alt+K"}));
     EXPECT_EQ(HotKeyFormatter::shortcut({4, "h", flag::command | flag::shift}),
               (HotKeyShortcut{4, 768, "Shift+Super+H"}));

@@ -23,7 +23,7 @@ TEST(HotKeyPresetTest, MacOSCatalogueKeepsOrderCodesAndListedNames) {
 }
 
 TEST(HotKeyPresetTest, LinuxCatalogueUsesLinuxModifierWordsWithSameCodes) {
-    ScopedPlatformTerms linuxWords(PlatformTerms::linuxDesktop());
+    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     const std::vector<HotKeyPreset> expected = {
         {"option-space", "Alt+Space", 49, 2048},
         {"command-shift-h", "Super+Shift+H", 4, 768},
@@ -34,7 +34,7 @@ TEST(HotKeyPresetTest, LinuxCatalogueUsesLinuxModifierWordsWithSameCodes) {
 }
 
 TEST(HotKeyPresetTest, LinuxWordsAreTheDefaultOfThisBuild) {
-    EXPECT_EQ(&PlatformTerms::current(), &PlatformTerms::linuxDesktop());
+    EXPECT_EQ(&PlatformTerms::current(), &PlatformTerms::linux());
 }
 
 TEST(HotKeyPresetTest, LookupIsExactAndFallsBackToTheDefault) {
@@ -69,7 +69,7 @@ TEST(HotKeyErrorTest, DescriptionNamesThePlatformStatus) {
         EXPECT_STREQ(HotKeyError::registrationFailed(INT32_MIN).what(),
                      "Could not register the hotkey. OSStatus -2147483648.");
     }
-    ScopedPlatformTerms linuxWords(PlatformTerms::linuxDesktop());
+    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     EXPECT_STREQ(HotKeyError::registrationFailed(10).what(), "Could not register the hotkey. X11 error 10.");
     EXPECT_EQ(HotKeyError::registrationFailed(10), HotKeyError::registrationFailed(10));
     EXPECT_FALSE(HotKeyError::registrationFailed(10) == HotKeyError::registrationFailed(11));
