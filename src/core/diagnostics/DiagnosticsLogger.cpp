@@ -1,7 +1,6 @@
 #include "core/diagnostics/DiagnosticsLogger.h"
 
 #include <QList>
-#include <QString>
 
 #include <algorithm>
 
@@ -11,11 +10,10 @@ namespace {
 
 // Keeps the code points that pass `keep`, at most `limit` of them.
 template <typename Keep>
-std::string filtered(std::string_view text, qsizetype limit, Keep keep) {
-    const QString source = QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+QString filtered(const QString& text, qsizetype limit, Keep keep) {
     QString kept;
     qsizetype count = 0;
-    for (const char32_t codePoint : source.toUcs4()) {
+    for (const char32_t codePoint : text.toUcs4()) {
         if (count == limit) {
             break;
         }
@@ -24,7 +22,7 @@ std::string filtered(std::string_view text, qsizetype limit, Keep keep) {
             ++count;
         }
     }
-    return kept.toStdString();
+    return kept;
 }
 
 bool isLetterOrDigit(char32_t codePoint) { return QChar::isLetterOrNumber(codePoint); }
@@ -41,30 +39,31 @@ void trim(Entries& entries, int maxEntries) {
 DiagnosticsLogger::DiagnosticsLogger(int maxEntries, const Clock& clock)
     : maxEntries_(std::max(maxEntries, 0)), clock_(clock) {}
 
-std::string DiagnosticsLogger::safeCategory(std::string_view category) {
-    std::string safe = filtered(category, 80, [](char32_t c) { return isLetterOrDigit(c) || c == U'-' || c == U'_'; });
-    return safe.empty() ? std::string("unknown") : safe;
+QString DiagnosticsLogger::safeCategory(const QString& category) {
+    const QString safe =
+        filtered(category, 80, [](char32_t c) { return isLetterOrDigit(c) || c == U'-' || c == U'_'; });
+    return safe.isEmpty() ? QStringLiteral("unknown") : safe;
 }
 
-std::string DiagnosticsLogger::safeIdentifier(const std::optional<std::string>& identifier) {
-    return filtered(identifier.value_or("unknown"), 160,
+QString DiagnosticsLogger::safeIdentifier(const std::optional<QString>& identifier) {
+    return filtered(identifier.value_or(QStringLiteral("unknown")), 160,
                     [](char32_t c) { return isLetterOrDigit(c) || c == U'.' || c == U'-' || c == U'_'; });
 }
 
 void DiagnosticsLogger::logRewrite(RewriteDiagnosticStage stage,
-                                   const std::optional<std::string>& applicationBundleIdentifier,
-                                   long long textLength, std::optional<long long> elapsedMilliseconds,
-                                   const std::optional<std::string>& errorCategory) {
-    const std::string app = safeIdentifier(applicationBundleIdentifier);
-    std::string line = "stage=";
-    line += rewrite_diagnostic_stage::rawValue(stage);
-    line += " app=" + app;
-    line += " length=" + std::to_string(textLength);
+                                   const std::optional<QString>& applicationBundleIdentifier, qint64 textLength,
+                                   std::optional<qint64> elapsedMilliseconds,
+                                   const std::optional<QString>& errorCategory) {
+    const QString app = safeIdentifier(applicationBundleIdentifier);
+    const std::string_view stageName = rewrite_diagnostic_stage::rawValue(stage);
+    QString line = QStringLiteral("stage=") + QString::fromLatin1(stageName.data(), qsizetype(stageName.size()));
+    line += QStringLiteral(" app=") + app;
+    line += QStringLiteral(" length=") + QString::number(textLength);
     if (elapsedMilliseconds) {
-        line += " elapsed_ms=" + std::to_string(*elapsedMilliseconds);
+        line += QStringLiteral(" elapsed_ms=") + QString::number(*elapsedMilliseconds);
     }
     if (errorCategory) {
-        line += " error=" + safeCategory(*errorCategory);
+        line += QStringLiteral(" error=") + safeCategory(*errorCategory);
     }
     record(std::move(line));
 
@@ -76,19 +75,19 @@ void DiagnosticsLogger::logRewrite(RewriteDiagnosticStage stage,
     }
 }
 
-void DiagnosticsLogger::logEvent(std::string_view stage, const std::optional<std::string>& outcome,
-                                 const std::optional<std::string>& errorCategory) {
-    std::string line = "stage=" + safeCategory(stage);
+void DiagnosticsLogger::logEvent(const QString& stage, const std::optional<QString>& outcome,
+                                 const std::optional<QString>& errorCategory) {
+    QString line = QStringLiteral("stage=") + safeCategory(stage);
     if (outcome) {
-        line += " outcome=" + safeCategory(*outcome);
+        line += QStringLiteral(" outcome=") + safeCategory(*outcome);
     }
     if (errorCategory) {
-        line += " error=" + safeCategory(*errorCategory);
+        line += QStringLiteral(" error=") + safeCategory(*errorCategory);
     }
     record(std::move(line));
 }
 
-void DiagnosticsLogger::record(std::string line) {
+void DiagnosticsLogger::record(QString line) {
     entries_.push_front(DiagnosticEntry{QUuid::createUuid(), clock_.now(), std::move(line)});
     trim(entries_, maxEntries_);
     changed.emit();

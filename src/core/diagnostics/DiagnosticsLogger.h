@@ -4,12 +4,11 @@
 #include "core/async/Clock.h"
 #include "core/diagnostics/RewriteDiagnosticStage.h"
 
+#include <QString>
 #include <QUuid>
 
 #include <deque>
 #include <optional>
-#include <string>
-#include <string_view>
 
 namespace parlune {
 
@@ -17,7 +16,7 @@ namespace parlune {
 struct DiagnosticEntry {
     QUuid id;
     WallTime date;
-    std::string message;
+    QString message;
 
     friend bool operator==(const DiagnosticEntry&, const DiagnosticEntry&) = default;
 };
@@ -26,9 +25,9 @@ struct DiagnosticEntry {
 struct RewritePerformanceEntry {
     QUuid id;
     WallTime date;
-    std::string applicationBundleIdentifier; // already sanitised
-    long long inputLength = 0;
-    long long elapsedMilliseconds = 0;
+    QString applicationBundleIdentifier; // already sanitised
+    qint64 inputLength = 0;
+    qint64 elapsedMilliseconds = 0;
 
     friend bool operator==(const RewritePerformanceEntry&, const RewritePerformanceEntry&) = default;
 };
@@ -49,16 +48,16 @@ public:
 
     // "stage=… app=… length=…[ elapsed_ms=…][ error=…]"; a completed stage with a time also
     // adds a performance record.
-    void logRewrite(RewriteDiagnosticStage stage, const std::optional<std::string>& applicationBundleIdentifier,
-                    long long textLength, std::optional<long long> elapsedMilliseconds = std::nullopt,
-                    const std::optional<std::string>& errorCategory = std::nullopt);
+    void logRewrite(RewriteDiagnosticStage stage, const std::optional<QString>& applicationBundleIdentifier,
+                    qint64 textLength, std::optional<qint64> elapsedMilliseconds = std::nullopt,
+                    const std::optional<QString>& errorCategory = std::nullopt);
 
     // "stage=…[ outcome=…][ error=…]" for events outside a rewrite ("prepare", "hotkey_change").
-    void logEvent(std::string_view stage, const std::optional<std::string>& outcome = std::nullopt,
-                  const std::optional<std::string>& errorCategory = std::nullopt);
+    void logEvent(const QString& stage, const std::optional<QString>& outcome = std::nullopt,
+                  const std::optional<QString>& errorCategory = std::nullopt);
 
     // Appends one raw line.
-    void record(std::string line);
+    void record(QString line);
 
     void clear();
 
@@ -67,10 +66,10 @@ public:
 
     // Letters and digits of any script, "-" and "_"; "unknown" when nothing is left; at most 80
     // characters.
-    static std::string safeCategory(std::string_view category);
+    static QString safeCategory(const QString& category);
     // Letters, digits, ".", "-" and "_" of the identifier, or of "unknown" when there is none; at
     // most 160 characters. May be empty.
-    static std::string safeIdentifier(const std::optional<std::string>& identifier);
+    static QString safeIdentifier(const std::optional<QString>& identifier);
 
 private:
     int maxEntries_;

@@ -4,6 +4,7 @@
 #include "core/platform/PlatformTerms.h"
 #include "core/selection/TextReplacementError.h"
 
+#include <string>
 #include <string_view>
 
 namespace parlune {
@@ -34,14 +35,18 @@ std::string_view selectionMessage(TextReplacementError::Kind kind) {
     return undescribedError;
 }
 
-std::string engineMessage(LocalRewriteEngineError::Kind kind) {
+QString text(std::string_view utf8) { return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size())); }
+
+std::string_view engineMessage(LocalRewriteEngineError::Kind kind, std::string& composed) {
     using Kind = LocalRewriteEngineError::Kind;
     const PlatformTerms& terms = PlatformTerms::current();
     switch (kind) {
     case Kind::deviceNotEligible:
-        return std::string(terms.deviceNotSupportedDescription);
+        return terms.deviceNotSupportedDescription;
     case Kind::appleIntelligenceNotEnabled:
-        return "Enable on-device intelligence in " + std::string(terms.systemSettings) + " to use Parlune.";
+        composed = "Enable on-device intelligence in ";
+        composed.append(terms.systemSettings).append(" to use Parlune.");
+        return composed;
     case Kind::modelNotReady:
         return "The on-device model is still preparing. Try again when it is ready.";
     case Kind::unsupportedLocale:
@@ -57,35 +62,36 @@ std::string engineMessage(LocalRewriteEngineError::Kind kind) {
     case Kind::emptyRewrite:
         return "The on-device model returned an empty rewrite. Try again.";
     }
-    return std::string(undescribedError);
+    return undescribedError;
 }
 
 } // namespace
 
-std::string UserFacingErrorMessage::message(const std::exception& error) {
+QString UserFacingErrorMessage::message(const std::exception& error) {
     if (const auto* selection = dynamic_cast<const TextReplacementError*>(&error)) {
-        return std::string(selectionMessage(selection->kind()));
+        return text(selectionMessage(selection->kind()));
     }
     if (const auto* engine = dynamic_cast<const LocalRewriteEngineError*>(&error)) {
-        return engineMessage(engine->kind());
+        std::string composed;
+        return text(engineMessage(engine->kind(), composed));
     }
     const char* description = error.what();
     if (description == nullptr || *description == '\0') {
-        return std::string(undescribedError);
+        return text(undescribedError);
     }
-    return description;
+    return QString::fromUtf8(description);
 }
 
-std::string UserFacingErrorMessage::message(const std::exception_ptr& error) {
+QString UserFacingErrorMessage::message(const std::exception_ptr& error) {
     if (!error) {
-        return std::string(undescribedError);
+        return text(undescribedError);
     }
     try {
         std::rethrow_exception(error);
     } catch (const std::exception& known) {
         return message(known);
     } catch (...) {
-        return std::string(undescribedError);
+        return text(undescribedError);
     }
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 
+#include <QString>
+
 #include <exception>
-#include <string>
 
 namespace parlune {
 
@@ -12,8 +13,8 @@ public:
 
     // Selection and engine errors get their own sentences; any other error (a cancellation, a
     // hotkey error, anything unknown) its own description. Never throws.
-    static std::string message(const std::exception& error);
-    static std::string message(const std::exception_ptr& error);
+    static QString message(const std::exception& error);
+    static QString message(const std::exception_ptr& error);
 };
 
 } // namespace parlune

@@ -2,7 +2,8 @@
 
 #include "core/platform/PlatformTerms.h"
 
-#include <QString>
+#include <string_view>
+#include <utility>
 
 namespace parlune {
 
@@ -23,7 +24,7 @@ std::uint32_t HotKeyFormatter::carbonModifiers(std::uint32_t modifierFlags) {
     return mask;
 }
 
-std::string HotKeyFormatter::modifierDisplayName(std::uint32_t modifierFlags) {
+QString HotKeyFormatter::modifierDisplayName(std::uint32_t modifierFlags) {
     const PlatformTerms& terms = PlatformTerms::current();
     const std::pair<std::uint32_t, std::string_view> ordered[] = {
         {modifier_flag::control, terms.controlKey},
@@ -31,32 +32,31 @@ std::string HotKeyFormatter::modifierDisplayName(std::uint32_t modifierFlags) {
         {modifier_flag::shift, terms.shiftKey},
         {modifier_flag::command, terms.commandKey},
     };
-    std::string name;
+    QString name;
     for (const auto& [flag, word] : ordered) {
         if (modifierFlags & flag) {
-            if (!name.empty()) {
-                name += '+';
+            if (!name.isEmpty()) {
+                name += u'+';
             }
-            name += word;
+            name += QString::fromUtf8(word.data(), static_cast<qsizetype>(word.size()));
         }
     }
     return name;
 }
 
-std::string HotKeyFormatter::keyDisplayName(const KeyEvent& event) {
+QString HotKeyFormatter::keyDisplayName(const KeyEvent& event) {
     switch (event.keyCode) {
     case key_code::returnKey:
-        return "Return";
+        return QStringLiteral("Return");
     case key_code::tab:
-        return "Tab";
+        return QStringLiteral("Tab");
     case key_code::space:
-        return "Space";
+        return QStringLiteral("Space");
     case key_code::escape:
-        return "Escape";
+        return QStringLiteral("Escape");
     default:
-        break;
+        return event.charactersIgnoringModifiers.toUpper();
     }
-    return QString::fromStdString(event.charactersIgnoringModifiers).toUpper().toStdString();
 }
 
 std::optional<HotKeyShortcut> HotKeyFormatter::shortcut(const KeyEvent& event) {
@@ -64,33 +64,30 @@ std::optional<HotKeyShortcut> HotKeyFormatter::shortcut(const KeyEvent& event) {
     if (mask == 0) {
         return std::nullopt;
     }
-    const std::string keyName = keyDisplayName(event);
-    if (keyName.empty()) {
+    const QString keyName = keyDisplayName(event);
+    if (keyName.isEmpty()) {
         return std::nullopt;
     }
-    return HotKeyShortcut{event.keyCode, mask, modifierDisplayName(event.modifierFlags) + "+" + keyName};
+    return HotKeyShortcut{event.keyCode, mask, modifierDisplayName(event.modifierFlags) + u'+' + keyName};
 }
 
-std::optional<HotKeyShortcut> HotKeyFormatter::optionShortcut(std::uint32_t keyCode, std::string_view keyName) {
-    const QString trimmed =
-        QString::fromUtf8(keyName.data(), static_cast<qsizetype>(keyName.size())).trimmed();
+std::optional<HotKeyShortcut> HotKeyFormatter::optionShortcut(std::uint32_t keyCode, const QString& keyName) {
+    const QString trimmed = keyName.trimmed();
     if (trimmed.isEmpty()) {
         return std::nullopt;
     }
-    return HotKeyShortcut{keyCode, carbon_modifier::option,
-                          PlatformTerms::current().optionPrefix() + trimmed.toStdString()};
+    return HotKeyShortcut{keyCode, carbon_modifier::option, PlatformTerms::current().optionPrefix() + trimmed};
 }
 
 std::optional<HotKeyShortcut> HotKeyFormatter::optionShortcut(const KeyEvent& event) {
     return optionShortcut(event.keyCode, keyDisplayName(event));
 }
 
-std::string HotKeyFormatter::recorderKeyName(const HotKeyShortcut& shortcut) {
-    const std::string prefix = PlatformTerms::current().optionPrefix();
-    const std::string& name = shortcut.displayName.starts_with(prefix)
-                                  ? shortcut.displayName
-                                  : HotKeyShortcut::defaultShortcut().displayName;
-    return name.substr(prefix.size());
+QString HotKeyFormatter::recorderKeyName(const HotKeyShortcut& shortcut) {
+    const QString prefix = PlatformTerms::current().optionPrefix();
+    const QString name = shortcut.displayName.startsWith(prefix) ? shortcut.displayName
+                                                                   : HotKeyShortcut::defaultShortcut().displayName;
+    return name.mid(prefix.size());
 }
 
 } // namespace parlune

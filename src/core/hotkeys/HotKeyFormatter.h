@@ -3,10 +3,10 @@
 #include "core/hotkeys/HotKeyShortcut.h"
 #include "core/hotkeys/KeyEvent.h"
 
+#include <QString>
+
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <string_view>
 
 namespace parlune {
 
@@ -21,22 +21,22 @@ public:
 
     // The held modifiers in the fixed order Control, Option, Shift, Command, joined by "+";
     // empty when none is held.
-    static std::string modifierDisplayName(std::uint32_t modifierFlags);
+    static QString modifierDisplayName(std::uint32_t modifierFlags);
 
     // Return, Tab, Space and Escape by name; any other key by its characters, upper-cased;
     // empty for a key without characters.
-    static std::string keyDisplayName(const KeyEvent& event);
+    static QString keyDisplayName(const KeyEvent& event);
 
     // A full modifier+key shortcut, absent without a modifier or without a key name.
     static std::optional<HotKeyShortcut> shortcut(const KeyEvent& event);
 
     // Option plus the named key, whatever else was held; absent when the trimmed name is empty.
-    static std::optional<HotKeyShortcut> optionShortcut(std::uint32_t keyCode, std::string_view keyName);
+    static std::optional<HotKeyShortcut> optionShortcut(std::uint32_t keyCode, const QString& keyName);
     static std::optional<HotKeyShortcut> optionShortcut(const KeyEvent& event);
 
     // The second key shown in the shortcut recorder for a stored shortcut: the rest of an Option
     // shortcut's name, and the default shortcut's key for any other shortcut.
-    static std::string recorderKeyName(const HotKeyShortcut& shortcut);
+    static QString recorderKeyName(const HotKeyShortcut& shortcut);
 };
 
 } // namespace parlune

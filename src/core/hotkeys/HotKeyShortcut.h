@@ -1,7 +1,9 @@
 #pragma once
 
+#include <QString>
+
 #include <cstdint>
-#include <string>
+#include <iosfwd>
 
 namespace parlune {
 
@@ -28,12 +30,15 @@ inline constexpr std::uint32_t escape = 53;
 struct HotKeyShortcut {
     std::uint32_t keyCode = 0;
     std::uint32_t carbonModifiers = 0;
-    std::string displayName;
+    QString displayName;
 
     // Option+Space (Alt+Space on Linux): the shortcut of a fresh installation.
     static HotKeyShortcut defaultShortcut();
 
     friend bool operator==(const HotKeyShortcut&, const HotKeyShortcut&) = default;
 };
+
+// "Option+Space (49/2048)", for test failure messages.
+void PrintTo(const HotKeyShortcut& shortcut, std::ostream* out);
 
 } // namespace parlune

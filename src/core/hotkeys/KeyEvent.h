@@ -1,7 +1,8 @@
 #pragma once
 
+#include <QString>
+
 #include <cstdint>
-#include <string>
 
 namespace parlune {
 
@@ -19,11 +20,11 @@ inline constexpr std::uint32_t function = 1u << 23;
 } // namespace modifier_flag
 
 // One key press as the shortcut recorder sees it. The platform layer fills it in: a macOS
-// virtual key code, the characters the key types with no modifier held (UTF-8; empty for keys
-// that type nothing) and the held modifiers as `modifier_flag` bits.
+// virtual key code, the characters the key types with no modifier held (empty for keys that type
+// nothing) and the held modifiers as `modifier_flag` bits.
 struct KeyEvent {
     std::uint32_t keyCode = 0;
-    std::string charactersIgnoringModifiers;
+    QString charactersIgnoringModifiers;
     std::uint32_t modifierFlags = 0;
 
     friend bool operator==(const KeyEvent&, const KeyEvent&) = default;

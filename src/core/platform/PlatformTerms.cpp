@@ -49,10 +49,8 @@ const PlatformTerms& PlatformTerms::linux() {
     return terms;
 }
 
-std::string PlatformTerms::optionPrefix() const {
-    std::string prefix(optionKey);
-    prefix += '+';
-    return prefix;
+QString PlatformTerms::optionPrefix() const {
+    return QString::fromUtf8(optionKey.data(), static_cast<qsizetype>(optionKey.size())) + u'+';
 }
 
 const PlatformTerms& PlatformTerms::current() { return overrideTerms ? *overrideTerms : linux(); }

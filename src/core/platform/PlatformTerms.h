@@ -1,6 +1,7 @@
 #pragma once
 
-#include <string>
+#include <QString>
+
 #include <string_view>
 
 namespace parlune {
@@ -28,7 +29,7 @@ struct PlatformTerms {
     std::string_view hotKeyStatusName;
 
     // "Option+" or its equivalent: how every shortcut whose first key is Option begins.
-    std::string optionPrefix() const;
+    QString optionPrefix() const;
 
     static const PlatformTerms& macOS();
     static const PlatformTerms& linux();

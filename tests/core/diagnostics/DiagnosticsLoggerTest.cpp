@@ -1,4 +1,5 @@
 #include "core/diagnostics/DiagnosticsLogger.h"
+#include "support/QtPrinters.h"
 
 #include <gtest/gtest.h>
 
@@ -20,21 +21,21 @@ protected:
     ManualClock clock_;
     DiagnosticsLogger logger_{80, clock_};
 
-    std::string newest() const { return logger_.entries().front().message; }
+    QString newest() const { return logger_.entries().front().message; }
 };
 
 TEST_F(DiagnosticsLoggerTest, RewriteLinesKeepTheirPartsInOrder) {
-    logger_.logRewrite(RewriteDiagnosticStage::completed, std::string("org.example.Editor"), 42, 137);
+    logger_.logRewrite(RewriteDiagnosticStage::completed, QString("org.example.Editor"), 42, 137);
     EXPECT_EQ(newest(), "stage=completed app=org.example.Editor length=42 elapsed_ms=137");
 
-    logger_.logRewrite(RewriteDiagnosticStage::capture, std::nullopt, 0, 12, std::string("noSelectedText"));
+    logger_.logRewrite(RewriteDiagnosticStage::capture, std::nullopt, 0, 12, QString("noSelectedText"));
     EXPECT_EQ(newest(), "stage=capture app=unknown length=0 elapsed_ms=12 error=noSelectedText");
 
-    logger_.logRewrite(RewriteDiagnosticStage::queued, std::string("a"), 7);
+    logger_.logRewrite(RewriteDiagnosticStage::queued, QString("a"), 7);
     EXPECT_EQ(newest(), "stage=queued app=a length=7");
 
-    logger_.logRewrite(RewriteDiagnosticStage::staleTarget, std::string("a"), 7, std::nullopt,
-                       std::string("selection_changed"));
+    logger_.logRewrite(RewriteDiagnosticStage::staleTarget, QString("a"), 7, std::nullopt,
+                       QString("selection_changed"));
     EXPECT_EQ(newest(), "stage=staleTarget app=a length=7 error=selection_changed");
 
     const char* expectedStages[] = {"capture",   "queued",      "deterministicRewrite", "modelRewrite",
@@ -45,51 +46,52 @@ TEST_F(DiagnosticsLoggerTest, RewriteLinesKeepTheirPartsInOrder) {
 }
 
 TEST_F(DiagnosticsLoggerTest, EventLinesCarryOnlyTheGivenParts) {
-    logger_.logEvent("prepare", std::string("ready"));
+    logger_.logEvent("prepare", QString("ready"));
     EXPECT_EQ(newest(), "stage=prepare outcome=ready");
-    logger_.logEvent("prepare", std::string("failed"), std::string("model_not_ready"));
+    logger_.logEvent("prepare", QString("failed"), QString("model_not_ready"));
     EXPECT_EQ(newest(), "stage=prepare outcome=failed error=model_not_ready");
-    logger_.logEvent("hotkey_change", std::string("completed"));
+    logger_.logEvent("hotkey_change", QString("completed"));
     EXPECT_EQ(newest(), "stage=hotkey_change outcome=completed");
-    logger_.logEvent("prepare", std::nullopt, std::string("x"));
+    logger_.logEvent("prepare", std::nullopt, QString("x"));
     EXPECT_EQ(newest(), "stage=prepare error=x");
     logger_.logEvent("prepare now!");
     EXPECT_EQ(newest(), "stage=preparenow");
-    logger_.logEvent("?!", std::string(" "));
+    logger_.logEvent("?!", QString(" "));
     EXPECT_EQ(newest(), "stage=unknown outcome=unknown");
 }
 
 TEST_F(DiagnosticsLoggerTest, IdentifiersAndCategoriesAreSanitised) {
-    logger_.logRewrite(RewriteDiagnosticStage::failed, std::string("com.example/My App-2_b"), 3, std::nullopt,
-                       std::string("!!.,;"));
+    logger_.logRewrite(RewriteDiagnosticStage::failed, QString("com.example/My App-2_b"), 3, std::nullopt,
+                       QString("!!.,;"));
     EXPECT_EQ(newest(), "stage=failed app=com.exampleMyApp-2_b length=3 error=unknown");
 
-    logger_.logRewrite(RewriteDiagnosticStage::failed, std::string("/ /"), 3, std::nullopt, std::string(""));
+    logger_.logRewrite(RewriteDiagnosticStage::failed, QString("/ /"), 3, std::nullopt, QString(""));
     EXPECT_EQ(newest(), "stage=failed app= length=3 error=unknown");
 
-    EXPECT_EQ(DiagnosticsLogger::safeCategory(std::string(100, 'a')), std::string(80, 'a'));
+    EXPECT_EQ(DiagnosticsLogger::safeCategory(QString(100, u'a')), QString(80, u'a'));
     EXPECT_EQ(DiagnosticsLogger::safeCategory("a.b c=d"), "abcd");
     EXPECT_EQ(DiagnosticsLogger::safeCategory("ошибка_東京-2"), "ошибка_東京-2");
-    EXPECT_EQ(DiagnosticsLogger::safeCategory(std::string(79, 'b') + "ЖЖ"), std::string(79, 'b') + "Ж");
-    EXPECT_EQ(DiagnosticsLogger::safeIdentifier(std::string(200, 'x') + "!"), std::string(160, 'x'));
-    EXPECT_EQ(DiagnosticsLogger::safeIdentifier(std::string("org.例え.app")), "org.例え.app");
+    EXPECT_EQ(DiagnosticsLogger::safeCategory(QString(79, u'b') + "ЖЖ"), QString(79, u'b') + "Ж");
+    EXPECT_EQ(DiagnosticsLogger::safeIdentifier(QString(200, u'x') + "!"), QString(160, u'x'));
+    EXPECT_EQ(DiagnosticsLogger::safeIdentifier(QString("org.例え.app")), "org.例え.app");
     EXPECT_EQ(DiagnosticsLogger::safeIdentifier(std::nullopt), "unknown");
-    EXPECT_EQ(DiagnosticsLogger::safeIdentifier(std::string("bad\xff\xfeutf8")), "badutf8");
+    EXPECT_EQ(DiagnosticsLogger::safeIdentifier(QString::fromUtf8("bad\xff\xfeutf8")), "badutf8");
+    EXPECT_EQ(DiagnosticsLogger::safeCategory(QStringLiteral("a\U0001F600b\U00010400")), QStringLiteral("ab\U00010400"));
     EXPECT_EQ(DiagnosticsLogger::safeCategory("new\nline=injected stage=completed"), "newlineinjectedstagecompleted");
 }
 
 TEST_F(DiagnosticsLoggerTest, OnlyCompletedRewritesWithATimeAddPerformanceRecords) {
-    logger_.logRewrite(RewriteDiagnosticStage::completed, std::string("app one"), 42);
+    logger_.logRewrite(RewriteDiagnosticStage::completed, QString("app one"), 42);
     for (RewriteDiagnosticStage stage : rewrite_diagnostic_stage::allCases) {
         if (stage != RewriteDiagnosticStage::completed) {
-            logger_.logRewrite(stage, std::string("x"), 1, 5);
+            logger_.logRewrite(stage, QString("x"), 1, 5);
         }
     }
     EXPECT_TRUE(logger_.rewritePerformanceEntries().empty());
     EXPECT_EQ(logger_.entries().size(), 8u);
 
     clock_.time += std::chrono::seconds(3);
-    logger_.logRewrite(RewriteDiagnosticStage::completed, std::string("app one"), 42, 250);
+    logger_.logRewrite(RewriteDiagnosticStage::completed, QString("app one"), 42, 250);
     ASSERT_EQ(logger_.rewritePerformanceEntries().size(), 1u);
     const RewritePerformanceEntry& record = logger_.rewritePerformanceEntries().front();
     EXPECT_EQ(record.applicationBundleIdentifier, "appone");
@@ -102,7 +104,7 @@ TEST_F(DiagnosticsLoggerTest, OnlyCompletedRewritesWithATimeAddPerformanceRecord
 
 TEST_F(DiagnosticsLoggerTest, BothListsKeepTheNewestEightyNewestFirst) {
     for (int i = 1; i <= 81; ++i) {
-        logger_.logRewrite(RewriteDiagnosticStage::completed, std::string("app"), i, i * 10);
+        logger_.logRewrite(RewriteDiagnosticStage::completed, QString("app"), i, i * 10);
     }
     ASSERT_EQ(logger_.entries().size(), 80u);
     EXPECT_EQ(logger_.entries().front().message, "stage=completed app=app length=81 elapsed_ms=810");
@@ -141,7 +143,7 @@ TEST_F(DiagnosticsLoggerTest, SmallBoundsTrimTheOldest) {
 TEST_F(DiagnosticsLoggerTest, ObserversSeeEveryChange) {
     int notifications = 0;
     Subscription subscription = logger_.changed.connect([&] { ++notifications; });
-    logger_.logEvent("prepare", std::string("ready"));
+    logger_.logEvent("prepare", QString("ready"));
     logger_.logRewrite(RewriteDiagnosticStage::completed, std::nullopt, 1, 2);
     logger_.clear();
     EXPECT_EQ(notifications, 4); // one line, one line plus one record, one clearing
@@ -151,11 +153,11 @@ TEST_F(DiagnosticsLoggerTest, ObserversSeeEveryChange) {
 }
 
 TEST_F(DiagnosticsLoggerTest, SelectedTextNeverReachesALine) {
-    const std::string selected = "Dear Sam, the launch code is 7741";
-    logger_.logRewrite(RewriteDiagnosticStage::modelRewrite, std::string("org.example.Mail"),
-                       static_cast<long long>(selected.size()), 90);
+    const QString selected = QStringLiteral("Dear Sam, the launch code is 7741");
+    logger_.logRewrite(RewriteDiagnosticStage::modelRewrite, QString("org.example.Mail"),
+                       selected.size(), 90);
     EXPECT_EQ(newest(), "stage=modelRewrite app=org.example.Mail length=33 elapsed_ms=90");
-    EXPECT_EQ(newest().find("launch"), std::string::npos);
+    EXPECT_FALSE(newest().contains(QStringLiteral("launch")));
 }
 
 } // namespace

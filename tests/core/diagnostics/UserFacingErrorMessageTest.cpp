@@ -4,6 +4,7 @@
 #include "core/hotkeys/HotKeyError.h"
 #include "core/platform/PlatformTerms.h"
 #include "core/selection/TextReplacementError.h"
+#include "support/QtPrinters.h"
 #include "support/ScopedPlatformTerms.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +19,7 @@ namespace {
 using testing::ScopedPlatformTerms;
 
 template <typename Error>
-std::string viaPointer(Error error) {
+QString viaPointer(Error error) {
     return UserFacingErrorMessage::message(std::make_exception_ptr(std::move(error)));
 }
 
@@ -81,14 +82,14 @@ TEST(UserFacingErrorMessageTest, OtherErrorsShowTheirOwnDescription) {
 }
 
 TEST(UserFacingErrorMessageTest, ErrorsWithoutADescriptionStillGetASentence) {
-    const std::string fallback = "The operation could not be completed.";
+    const QString fallback = "The operation could not be completed.";
     EXPECT_EQ(UserFacingErrorMessage::message(std::exception_ptr()), fallback);
     EXPECT_EQ(UserFacingErrorMessage::message(std::make_exception_ptr(42)), fallback);
     EXPECT_EQ(UserFacingErrorMessage::message(std::runtime_error("")), fallback);
 }
 
 TEST(UserFacingErrorMessageTest, MessagesAreSentencesNamingTheProductOneWay) {
-    std::vector<std::string> messages;
+    std::vector<QString> messages;
     for (int i = 0; i <= static_cast<int>(TextReplacementError::Kind::replacementNotConfirmed); ++i) {
         messages.push_back(UserFacingErrorMessage::message(TextReplacementError(static_cast<TextReplacementError::Kind>(i))));
     }
@@ -99,12 +100,13 @@ TEST(UserFacingErrorMessageTest, MessagesAreSentencesNamingTheProductOneWay) {
                 UserFacingErrorMessage::message(LocalRewriteEngineError(static_cast<LocalRewriteEngineError::Kind>(i))));
         }
     }
-    for (const std::string& text : messages) {
-        ASSERT_FALSE(text.empty());
-        EXPECT_EQ(text.back(), '.') << text;
-        EXPECT_TRUE(std::isupper(static_cast<unsigned char>(text.front()))) << text;
-        EXPECT_EQ(text.find("parlune"), std::string::npos) << text;
-        EXPECT_EQ(text.find("  "), std::string::npos) << text;
+    for (const QString& text : messages) {
+        ASSERT_FALSE(text.isEmpty());
+        EXPECT_TRUE(text.endsWith(u'.')) << text.toStdString();
+        EXPECT_TRUE(text.front().isUpper()) << text.toStdString();
+        EXPECT_EQ(text.count(QStringLiteral("Parlune")), text.count(QStringLiteral("parlune"), Qt::CaseInsensitive))
+            << text.toStdString();
+        EXPECT_FALSE(text.contains(QStringLiteral("  "))) << text.toStdString();
     }
 }
 

@@ -1,5 +1,6 @@
 #include "core/hotkeys/HotKeyFormatter.h"
 #include "core/platform/PlatformTerms.h"
+#include "support/QtPrinters.h"
 #include "support/ScopedPlatformTerms.h"
 
 #include <gtest/gtest.h>

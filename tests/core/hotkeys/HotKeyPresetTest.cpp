@@ -1,6 +1,7 @@
 #include "core/hotkeys/HotKeyError.h"
 #include "core/hotkeys/HotKeyPreset.h"
 #include "core/platform/PlatformTerms.h"
+#include "support/QtPrinters.h"
 #include "support/ScopedPlatformTerms.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +11,11 @@ namespace {
 
 using testing::ScopedPlatformTerms;
 
+void PrintTo(const HotKeyPreset& preset, std::ostream* out) {
+    *out << preset.id.toStdString() << " " << preset.name.toStdString() << " " << preset.keyCode << "/"
+         << preset.carbonModifiers;
+}
+
 TEST(HotKeyPresetTest, MacOSCatalogueKeepsOrderCodesAndListedNames) {
     ScopedPlatformTerms mac(PlatformTerms::macOS());
     const std::vector<HotKeyPreset> expected = {
@@ -18,7 +24,7 @@ TEST(HotKeyPresetTest, MacOSCatalogueKeepsOrderCodesAndListedNames) {
         {"control-option-r", "Control+Option+R", 15, 6144},
     };
     EXPECT_EQ(HotKeyPreset::all(), expected);
-    EXPECT_EQ(HotKeyPreset::defaultID, "option-space");
+    EXPECT_EQ(HotKeyPreset::defaultID, u"option-space");
     EXPECT_EQ(HotKeyShortcut::defaultShortcut(), (HotKeyShortcut{49, 2048, "Option+Space"}));
 }
 
@@ -39,15 +45,15 @@ TEST(HotKeyPresetTest, LinuxWordsAreTheDefaultOfThisBuild) {
 
 TEST(HotKeyPresetTest, LookupIsExactAndFallsBackToTheDefault) {
     ScopedPlatformTerms mac(PlatformTerms::macOS());
-    const HotKeyPreset found = HotKeyPreset::preset("control-option-r");
+    const HotKeyPreset found = HotKeyPreset::preset(u"control-option-r");
     EXPECT_EQ(found.keyCode, 15u);
     EXPECT_EQ(found.carbonModifiers, 6144u);
     EXPECT_EQ(found.name, "Control+Option+R");
     EXPECT_EQ(found.shortcut(), (HotKeyShortcut{15, 6144, "Control+Option+R"}));
-    for (const char* unknown : {"Control-Option-R", "", " option-space", "command-shift-h ", "nope"}) {
-        EXPECT_EQ(HotKeyPreset::preset(unknown).id, "option-space") << unknown;
+    for (const char16_t* unknown : {u"Control-Option-R", u"", u" option-space", u"command-shift-h ", u"nope"}) {
+        EXPECT_EQ(HotKeyPreset::preset(unknown).id, "option-space") << QString::fromUtf16(unknown).toStdString();
     }
-    EXPECT_EQ(HotKeyPreset::preset("command-shift-h").shortcut(), (HotKeyShortcut{4, 768, "Command+Shift+H"}));
+    EXPECT_EQ(HotKeyPreset::preset(u"command-shift-h").shortcut(), (HotKeyShortcut{4, 768, "Command+Shift+H"}));
 }
 
 TEST(HotKeyShortcutTest, EqualityIncludesTheDisplayName) {
