@@ -91,7 +91,6 @@ void QSettingsUserDefaults::open() {
             return;
         }
     }
-    QDir().mkpath(QFileInfo(path_).absolutePath());
     settings_ = std::make_unique<QSettings>(path_, QSettings::IniFormat);
 }
 
@@ -152,6 +151,7 @@ void QSettingsUserDefaults::store(const QString& key, const QVariant& value) {
 }
 
 void QSettingsUserDefaults::save() {
+    QDir().mkpath(QFileInfo(path_).absolutePath());
     settings_->sync();
     if (settings_->status() == QSettings::NoError) {
         persisting_ = true;
