@@ -144,12 +144,29 @@ CredentialDeletion SecretServiceCredentialStore::deleteItem(const QString& servi
         return CredentialDeletion::unavailable;
     }
 
+    // A proxy of our own rather than libsecret's process-wide one: that one would keep following
+    // the main context of its first caller, which is gone once this call returns.
+    secret_service_open(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_NONE, call.cancellable(), &BoundedCall::onReady,
+                        &call);
+    SecretService* secretService = nullptr;
+    {
+        StepResult step(call.wait());
+        secretService = secret_service_open_finish(step.result, &step.error);
+        if (secretService == nullptr) {
+            return CredentialDeletion::unavailable;
+        }
+    }
+
     const QByteArray serviceUtf8 = service.toUtf8();
     const QByteArray accountUtf8 = account.toUtf8();
-    secret_password_clear(&credentialSchema, call.cancellable(), &BoundedCall::onReady, &call, "service",
-                          serviceUtf8.constData(), "account", accountUtf8.constData(), nullptr);
+    GHashTable* attributes = secret_attributes_build(&credentialSchema, "service", serviceUtf8.constData(), "account",
+                                                     accountUtf8.constData(), nullptr);
+    secret_service_clear(secretService, &credentialSchema, attributes, call.cancellable(), &BoundedCall::onReady,
+                         &call);
     StepResult step(call.wait());
-    const gboolean removed = secret_password_clear_finish(step.result, &step.error);
+    const gboolean removed = secret_service_clear_finish(secretService, step.result, &step.error);
+    g_hash_table_unref(attributes);
+    g_object_unref(secretService);
     if (step.error != nullptr) {
         return CredentialDeletion::unavailable;
     }
