@@ -137,6 +137,10 @@ void QSettingsUserDefaults::remove(const QString& key) {
         memoryOnly_.erase(key);
         return;
     }
+    // Removing what is not there must not rewrite (or create) the file.
+    if (!settings_->contains(key)) {
+        return;
+    }
     settings_->remove(key);
     save();
 }

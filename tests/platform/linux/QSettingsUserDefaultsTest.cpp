@@ -48,7 +48,8 @@ TEST_F(QSettingsUserDefaultsTest, AbsentValuesReadAsNothingZeroAndFalse) {
     EXPECT_EQ(defaults.integer("missing"), 0);
     EXPECT_FALSE(defaults.boolean("missing"));
     EXPECT_TRUE(defaults.setAsidePath().isEmpty());
-    EXPECT_FALSE(QFile::exists(dir_.filePath("parlune"))) << "reading alone must not create anything";
+    defaults.remove("missing");
+    EXPECT_FALSE(QFile::exists(dir_.filePath("parlune"))) << "reading and removing nothing must not create files";
 }
 
 TEST_F(QSettingsUserDefaultsTest, ValuesSurviveReopeningWithTheirExactText) {
