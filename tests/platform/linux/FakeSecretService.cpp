@@ -6,6 +6,7 @@
 #include <gio/gio.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
