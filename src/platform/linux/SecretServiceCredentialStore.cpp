@@ -26,8 +26,9 @@ const SecretSchema credentialSchema = {
 
 // True when connecting to the session bus needs no auto-launch of a new bus.
 bool sessionBusConfigured() {
-    if (!qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {
-        return true;
+    const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
+    if (!address.isEmpty()) {
+        return !address.startsWith(QStringLiteral("autolaunch:"));
     }
     const QString runtimeDirectory = qEnvironmentVariable("XDG_RUNTIME_DIR");
     return !runtimeDirectory.isEmpty() && QFileInfo::exists(runtimeDirectory + QStringLiteral("/bus"));

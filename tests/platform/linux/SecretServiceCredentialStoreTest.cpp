@@ -72,6 +72,8 @@ TEST_F(SecretServiceCredentialStoreTest, WithoutASessionBusNothingIsStarted) {
     QElapsedTimer timer;
     timer.start();
     EXPECT_EQ(SecretServiceCredentialStore().deleteItem(legacyService, "default"), CredentialDeletion::unavailable);
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "autolaunch:");
+    EXPECT_EQ(SecretServiceCredentialStore().deleteItem(legacyService, "default"), CredentialDeletion::unavailable);
     EXPECT_LT(timer.elapsed(), 200);
     qputenv("XDG_RUNTIME_DIR", savedRuntime);
 }
