@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <unistd.h>
 #include <memory>
 #include <optional>
 
@@ -163,6 +164,18 @@ TEST_F(QSettingsUserDefaultsTest, UnreadablePathIsSetAsideToo) {
     EXPECT_EQ(readAll(defaults.setAsidePath() + "/inside"), "kept");
     defaults.setInteger("hotKeyKeyCode", 15);
     EXPECT_EQ(QSettingsUserDefaults(file()).integer("hotKeyKeyCode"), 15);
+}
+
+TEST_F(QSettingsUserDefaultsTest, FileWithoutReadPermissionIsSetAside) {
+    if (::geteuid() == 0) {
+        GTEST_SKIP() << "root reads files without read permission; the directory case above stands in";
+    }
+    QDir().mkpath(dir_.filePath("parlune"));
+    writeAll(file(), "[General]\nrewriteMode=Casual\n");
+    ASSERT_TRUE(QFile::setPermissions(file(), QFileDevice::Permissions()));
+    QSettingsUserDefaults defaults(file());
+    EXPECT_FALSE(defaults.setAsidePath().isEmpty());
+    EXPECT_EQ(defaults.string("rewriteMode"), std::nullopt);
 }
 
 TEST_F(QSettingsUserDefaultsTest, PathThatCanBeNeitherReadNorMovedKeepsChangesInMemory) {
