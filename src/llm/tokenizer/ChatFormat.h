@@ -22,7 +22,8 @@ struct ChatPrompt {
 // Formats one system + user exchange the way a model's chat template renders it with a
 // generation prompt. The family is recognised from markers in the template text; the template
 // itself is never interpreted. An empty system text means no system message (the template's
-// own default, if any, applies). Prompts are meant to be tokenised with special tokens parsed.
+// own default, if any, applies). Tokenise a prompt with Tokenizer::encode(text, content) from
+// buildPrompt, so turn markers are tokens and the caller's texts stay text.
 class ChatFormat {
 public:
     // Throws ChatFormatError("unsupported chat format") when no known family matches.
