@@ -397,7 +397,8 @@ std::shared_ptr<const GgufFile> GgufFile::parse(std::shared_ptr<const void> stor
     std::shared_ptr<GgufFile> file(new GgufFile());
     file->storage_ = std::move(storage);
     file->bytes_ = bytes;
-    Parser(*file, std::move(source)).run();
+    file->source_ = std::move(source);
+    Parser(*file, file->source_).run();
     return file;
 }
 
