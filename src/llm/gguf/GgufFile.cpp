@@ -192,10 +192,11 @@ private:
     }
 
     void checkBools(std::span<const std::byte> values) const {
-        for (const std::byte b : values) {
-            if (std::to_integer<unsigned>(b) > 1) {
-                cursor_.fail("invalid bool value " + std::to_string(std::to_integer<unsigned>(b)) +
-                             " (must be 0 or 1)");
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            const auto value = std::to_integer<unsigned>(values[i]);
+            if (value > 1) {
+                const std::string where = values.size() > 1 ? " in element " + std::to_string(i) : std::string();
+                cursor_.fail("invalid bool value " + std::to_string(value) + where + " (must be 0 or 1)");
             }
         }
     }

@@ -96,7 +96,7 @@ TEST(GgufCorruptFileTest, MalformedValuesAndArraysAreRefused) {
                    {"unknown array element type id 42"});
     expectRejected(GgufTestBytes().header(0, 1).str("a").u32(kTypeArray).u32(kTypeBool).u64(3).u8(1).u8(0).u8(7)
                        .zeros(8).bytes,
-                   {"invalid bool value 7"});
+                   {"invalid bool value 7 in element 2 (must be 0 or 1)"});
 }
 
 TEST(GgufCorruptFileTest, NestedArraysAreWalkedAndTooDeepNestingIsRefused) {
