@@ -107,9 +107,13 @@ public:
 private:
     void readHeader() {
         constexpr char kMagic[4] = {'G', 'G', 'U', 'F'};
-        if (cursor_.size() < sizeof kMagic ||
-            std::memcmp(file_.bytes_.data(), kMagic, sizeof kMagic) != 0) {
-            cursor_.fail("not a GGUF file (it does not start with the bytes 'GGUF')");
+        if (cursor_.size() == 0) {
+            cursor_.fail("not a GGUF file (the file is empty)");
+        }
+        if (cursor_.size() < sizeof kMagic || std::memcmp(file_.bytes_.data(), kMagic, sizeof kMagic) != 0) {
+            const std::size_t shownBytes = std::min<std::size_t>(file_.bytes_.size(), sizeof kMagic);
+            cursor_.fail("not a GGUF file (it starts with " +
+                         shown({reinterpret_cast<const char*>(file_.bytes_.data()), shownBytes}) + ", not 'GGUF')");
         }
         cursor_.readBytes(sizeof kMagic, "magic");
         const std::uint32_t version = cursor_.readU32("version");
