@@ -35,7 +35,7 @@ public:
     static std::shared_ptr<const GgufFile> open(const std::filesystem::path& path); // throws GgufError
 
     // Parses a file image held in memory (tests, fuzzing). `sourceName` stands for the path in
-    // error messages.
+    // error messages. Unlike a mapping, the buffer only guarantees 16-byte alignment of tensor data.
     static std::shared_ptr<const GgufFile> fromBuffer(std::vector<std::byte> bytes,
                                                       std::string sourceName = "<memory>");
 
@@ -58,7 +58,7 @@ public:
     std::optional<double> getFloat(std::string_view key) const; // float32 or float64
     std::optional<bool> getBool(std::string_view key) const;
     std::optional<std::vector<std::string_view>> getStringArray(std::string_view key) const;
-    std::optional<std::vector<std::int64_t>> getIntegerArray(std::string_view key) const;
+    std::optional<std::vector<std::int64_t>> getIntegerArray(std::string_view key) const; // as getInteger
     std::optional<std::vector<float>> getFloatArray(std::string_view key) const; // float32 or float64
 
     const std::vector<GgufTensorInfo>& tensors() const { return tensors_; }
