@@ -4,7 +4,12 @@
 #include <QCoro/QCoroTask>
 #include <QElapsedTimer>
 
+#include <exception>
 #include <functional>
+#include <optional>
+#include <stdexcept>
+#include <type_traits>
+#include <variant>
 
 namespace parlune::test {
 
@@ -30,10 +35,41 @@ inline void pumpFor(int ms) {
     }
 }
 
-// Runs a task to completion on the event loop and returns its result (rethrowing its error).
+namespace detail {
+template <typename T, typename Stored>
+QCoro::Task<void> settle(QCoro::Task<T> task, std::optional<Stored>& value, std::exception_ptr& error, bool& done) {
+    try {
+        if constexpr (std::is_void_v<T>) {
+            co_await std::move(task);
+            value.emplace();
+        } else {
+            value.emplace(co_await std::move(task));
+        }
+    } catch (...) {
+        error = std::current_exception();
+    }
+    done = true;
+}
+} // namespace detail
+
+// Runs a task to completion on the event loop and returns its result, rethrowing its error.
+// (QCoro::waitFor never returns from a task that throws, so errors are caught here first.)
 template <typename T>
-T runTask(QCoro::Task<T>&& task) {
-    return QCoro::waitFor(std::move(task));
+T runTask(QCoro::Task<T>&& task, int timeoutMs = 30000) {
+    using Stored = std::conditional_t<std::is_void_v<T>, std::monostate, T>;
+    std::optional<Stored> value;
+    std::exception_ptr error;
+    bool done = false;
+    QCoro::Task<void> runner = detail::settle<T, Stored>(std::move(task), value, error, done);
+    if (!pumpUntil([&] { return done; }, timeoutMs)) {
+        throw std::runtime_error("runTask: the task did not finish in time");
+    }
+    if (error) {
+        std::rethrow_exception(error);
+    }
+    if constexpr (!std::is_void_v<T>) {
+        return std::move(*value);
+    }
 }
 
 } // namespace parlune::test
