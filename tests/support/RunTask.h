@@ -9,7 +9,6 @@
 #include <optional>
 #include <stdexcept>
 #include <type_traits>
-#include <variant>
 
 namespace parlune::test {
 
@@ -35,32 +34,26 @@ inline void pumpFor(int ms) {
     }
 }
 
-namespace detail {
-template <typename T, typename Stored>
-QCoro::Task<void> settle(QCoro::Task<T> task, std::optional<Stored>& value, std::exception_ptr& error, bool& done) {
-    try {
-        if constexpr (std::is_void_v<T>) {
-            co_await std::move(task);
-            value.emplace();
-        } else {
-            value.emplace(co_await std::move(task));
-        }
-    } catch (...) {
-        error = std::current_exception();
-    }
-    done = true;
-}
-} // namespace detail
-
 // Runs a task to completion on the event loop and returns its result, rethrowing its error.
-// (QCoro::waitFor never returns from a task that throws, so errors are caught here first.)
+// (Unlike QCoro::waitFor this also copes with a task that finished before it was awaited.)
 template <typename T>
 T runTask(QCoro::Task<T>&& task, int timeoutMs = 30000) {
-    using Stored = std::conditional_t<std::is_void_v<T>, std::monostate, T>;
-    std::optional<Stored> value;
+    std::optional<std::conditional_t<std::is_void_v<T>, bool, T>> result;
     std::exception_ptr error;
     bool done = false;
-    QCoro::Task<void> runner = detail::settle<T, Stored>(std::move(task), value, error, done);
+    auto driver = [&]() -> QCoro::Task<void> {
+        try {
+            if constexpr (std::is_void_v<T>) {
+                co_await std::move(task);
+                result = true;
+            } else {
+                result = co_await std::move(task);
+            }
+        } catch (...) {
+            error = std::current_exception();
+        }
+        done = true;
+    }();
     if (!pumpUntil([&] { return done; }, timeoutMs)) {
         throw std::runtime_error("runTask: the task did not finish in time");
     }
@@ -68,7 +61,7 @@ T runTask(QCoro::Task<T>&& task, int timeoutMs = 30000) {
         std::rethrow_exception(error);
     }
     if constexpr (!std::is_void_v<T>) {
-        return std::move(*value);
+        return std::move(*result);
     }
 }
 
