@@ -412,7 +412,14 @@ void RewriteCoordinator::log(const QString& stage, const CapturedSelection* sele
                              std::optional<WallTime> startedAt, const std::optional<QString>& category) {
     std::optional<qint64> elapsed;
     if (startedAt) {
-        elapsed = elapsedMilliseconds(*startedAt, clock_.now());
+        const WallTime now = clock_.now();
+        std::int64_t ticks = 0;
+        // Times a lifetime apart mean a corrupt clock; a wrapped difference would log nonsense.
+        if (__builtin_sub_overflow(now.time_since_epoch().count(), startedAt->time_since_epoch().count(), &ticks)) {
+            std::fputs("parlune: elapsed time does not fit a 64-bit integer\n", stderr);
+            std::abort();
+        }
+        elapsed = elapsedMilliseconds(*startedAt, now);
     }
     // Only the length of the selection is logged, never its text.
     diagnostics_.logRewrite(diagnosticStage(stage),
