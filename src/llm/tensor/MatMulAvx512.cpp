@@ -19,6 +19,9 @@ constexpr std::int64_t kChunk = 64;     // columns per decoded chunk
 constexpr int kRowTile = 4;             // weight rows per register tile
 constexpr int kTokenTile = 4;           // tokens per register tile
 constexpr std::int64_t kStreamChunks = 16; // chunks decoded at a time when streaming rows (multiple of 4)
+// Decoded rows are laid out an odd number of chunks apart: a multiple of 4 KiB would make the
+// loads of one row falsely wait on the stores of the next (4K aliasing).
+constexpr std::int64_t kStreamStride = kStreamChunks + 1;
 constexpr std::int64_t kPanelRows = 16; // rows decoded whole before being reused by many tokens
 
 struct alignas(64) Decoded {
@@ -123,20 +126,19 @@ using Q4_1 = SmallBlock<20, 4, true, false>;
 using Q5_0 = SmallBlock<22, 6, false, true>;
 using Q5_1 = SmallBlock<24, 8, true, true>;
 
-void kScales(const std::uint8_t* b, float d, float dmin, float* sc, float* mn) {
-    const std::uint8_t* q = b + 4;
-    for (int j = 0; j < 8; ++j) {
-        int s, m;
-        if (j < 4) {
-            s = q[j] & 63;
-            m = q[j + 4] & 63;
-        } else {
-            s = (q[j + 4] & 0x0F) | ((q[j - 4] >> 6) << 4);
-            m = (q[j + 4] >> 4) | ((q[j] >> 6) << 4);
-        }
-        sc[j] = d * static_cast<float>(s);
-        mn[j] = -dmin * static_cast<float>(m);
-    }
+// The eight 6-bit scales and mins of a K-quant block as floats d * scale and -dmin * min, unpacked
+// four at a time in general registers.
+void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
+    const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
+    const std::uint64_t sc = (a & 0x3F3F3F3Fu) |
+                             static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4)) << 32;
+    const std::uint64_t mn = (m & 0x3F3F3F3Fu) |
+                             static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
+    const __m512i both = _mm512_cvtepu8_epi32(_mm_set_epi64x(static_cast<long long>(mn), static_cast<long long>(sc)));
+    const __m512 values = _mm512_cvtepi32_ps(both); // lanes 0-7 scales, 8-15 mins
+    const __m512 factors = pairLanes(fp16ToFloatFast(u16(b)), -fp16ToFloatFast(u16(b + 2)));
+    scales = _mm512_mul_ps(values, factors);
+    mins = scales; // same vector: callers index lanes 8-15 for the mins
 }
 __m512i pairIndex(int j) {
     return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(j)), _mm256_set1_epi32(j + 1), 1);
@@ -149,10 +151,8 @@ struct KQuant {
     static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + kBytes * s;
-            alignas(32) float sc[8], mn[8];
-            kScales(b, fp16ToFloatFast(u16(b)), fp16ToFloatFast(u16(b + 2)), sc, mn);
-            const __m512 scv = _mm512_zextps256_ps512(_mm256_load_ps(sc));
-            const __m512 mnv = _mm512_zextps256_ps512(_mm256_load_ps(mn));
+            __m512 scv, mnv;
+            kScales(b, scv, mnv);
             const std::uint8_t* qs = b + (HighBits ? 48 : 16);
             __m256i high = _mm256_setzero_si256();
             if constexpr (HighBits) high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
@@ -164,8 +164,8 @@ struct KQuant {
                         _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
                     q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
                 }
-                const __m512i idx = pairIndex(2 * c);
-                finish<true>(out[4 * s + c - c0], q, _mm512_permutexvar_ps(idx, scv), _mm512_permutexvar_ps(idx, mnv));
+                finish<true>(out[4 * s + c - c0], q, _mm512_permutexvar_ps(pairIndex(2 * c), scv),
+                             _mm512_permutexvar_ps(pairIndex(8 + 2 * c), mnv));
             }
         }
     }
@@ -266,6 +266,8 @@ struct QuantKernel {
     std::int64_t nb;      // 32-element blocks per row
     std::int64_t nChunks; // 64-column chunks per row
 
+    std::int64_t panelStride() const { return nChunks | 1; }
+
     const std::uint8_t* row(std::int64_t r) const {
         return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
     }
@@ -279,10 +281,10 @@ struct QuantKernel {
         TokenView tokens[T];
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
-        for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamChunks;
+        for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamStride;
         for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
             const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
-            for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), nb, c0, c0 + n, scratch + r * kStreamChunks);
+            for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), nb, c0, c0 + n, scratch + r * kStreamStride);
             accumulate<Format::asym, R, T>(acc, rows, tokens, c0, n);
         }
         storeTile<R, T>(acc, y, ldy, r0, t0);
@@ -304,7 +306,7 @@ struct QuantKernel {
         TokenView tokens[T];
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
-        for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * nChunks;
+        for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
         accumulate<Format::asym, R, T>(acc, rows, tokens, 0, nChunks);
         storeTile<R, T>(acc, y, ldy, r0 + panelRow, t0);
     }
@@ -320,7 +322,7 @@ struct QuantKernel {
         thread_local std::vector<Decoded> scratch;
         const std::int64_t tokens = x.tokens();
         if (tokens <= kTokenTile) {
-            scratch.resize(static_cast<std::size_t>(kRowTile * kStreamChunks));
+            scratch.resize(static_cast<std::size_t>(kRowTile * kStreamStride));
             switch (tokens) {
             case 1: streamRows<1>(rowBegin, rowEnd, 0, scratch.data()); break;
             case 2: streamRows<2>(rowBegin, rowEnd, 0, scratch.data()); break;
@@ -329,10 +331,10 @@ struct QuantKernel {
             }
             return;
         }
-        scratch.resize(static_cast<std::size_t>(kPanelRows * nChunks));
+        scratch.resize(static_cast<std::size_t>(kPanelRows * panelStride()));
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
             const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
-            for (std::int64_t r = 0; r < m; ++r) Format::decode(row(r0 + r), nb, 0, nChunks, scratch.data() + r * nChunks);
+            for (std::int64_t r = 0; r < m; ++r) Format::decode(row(r0 + r), nb, 0, nChunks, scratch.data() + r * panelStride());
             std::int64_t t0 = 0;
             for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) panelTokens<kTokenTile>(scratch.data(), r0, m, t0);
             switch (tokens - t0) {
