@@ -1,7 +1,10 @@
 // AVX-512 (F, BW, VL, VNNI) path. Quantised weights are decoded, a few 64-column chunks at a
-// time, into signed 8-bit codes with per-4-code float scales; activations are 8-bit codes shifted
-// to unsigned so VPDPBUSD multiplies them, and the shift is undone with a per-lane correction
-// computed at decode time. Each decoded chunk is reused across a tile of tokens from L1/L2.
+// time, into unsigned 8-bit codes (the format's own codes, offset kept) with per-4-code float
+// scales, so VPDPBUSD multiplies them with the signed activation codes directly. A weight value
+// is ws * code + bias; the bias is either -offset * ws (symmetric formats) or the format's
+// minimum, and its product with the activations needs only the activation sums, computed once
+// per chunk and token and shared by every row. Each decoded chunk is reused across a tile of
+// tokens from L1/L2.
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
@@ -25,10 +28,9 @@ constexpr std::int64_t kStreamStride = kStreamChunks + 1;
 constexpr std::int64_t kPanelRows = 16; // rows decoded whole before being reused by many tokens
 
 struct alignas(64) Decoded {
-    std::int8_t q[64]; // signed codes with the format's offset removed
-    float ws[16];      // scale of each group of 4 codes
-    float cw[16];      // -128 * ws * (sum of those 4 codes): undoes the activation shift
-    float mw[16];      // additive offset per element (formats with a minimum)
+    std::uint8_t q[64]; // unsigned codes
+    float ws[16];       // scale of each group of 4 codes
+    float mw[16];       // additive offset per element (formats with a minimum)
 };
 
 std::uint16_t u16(const std::uint8_t* p) {
@@ -57,8 +59,6 @@ template <bool Asym>
 inline void finish(Decoded& o, __m512i q, __m512 ws, __m512 mw) {
     _mm512_store_si512(o.q, q);
     _mm512_store_ps(o.ws, ws);
-    const __m512i sums = _mm512_dpbusd_epi32(_mm512_setzero_si512(), _mm512_set1_epi8(1), q);
-    _mm512_store_ps(o.cw, _mm512_mul_ps(_mm512_mul_ps(ws, _mm512_cvtepi32_ps(sums)), _mm512_set1_ps(-128.0f)));
     if constexpr (Asym) _mm512_store_ps(o.mw, mw);
 }
 
@@ -84,6 +84,7 @@ __m512i nibbleHalves(const std::uint8_t* p) {
 
 struct Q8_0 {
     static constexpr bool asym = false;
+    static constexpr float offset = 128.0f;
     static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + 34 * (2 * c);
@@ -91,8 +92,9 @@ struct Q8_0 {
             const std::uint8_t* p1 = two ? p0 + 34 : nullptr;
             const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p0 + 2));
             const __m256i b = two ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p1 + 2)) : _mm256_setzero_si256();
-            finish<false>(out[c - c0], _mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1), pairHalves(p0, p1),
-                          _mm512_setzero_ps());
+            const __m512i codes = _mm512_xor_si512(_mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1),
+                                                   _mm512_set1_epi8(static_cast<char>(0x80)));
+            finish<false>(out[c - c0], codes, pairHalves(p0, p1), _mm512_setzero_ps());
         }
     }
 };
@@ -100,6 +102,7 @@ struct Q8_0 {
 template <int Bytes, int DataOffset, bool HasMin, bool HasHigh>
 struct SmallBlock {
     static constexpr bool asym = HasMin;
+    static constexpr float offset = HasHigh ? 16.0f : 8.0f;
     static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + Bytes * (2 * c);
@@ -114,9 +117,7 @@ struct SmallBlock {
                 const __m512 m = pairLanes(fp16ToFloatFast(u16(p0 + 2)), p1 ? fp16ToFloatFast(u16(p1 + 2)) : 0.0f);
                 finish<true>(out[c - c0], q, pairHalves(p0, p1), m);
             } else {
-                const int offset = HasHigh ? 16 : 8;
-                finish<false>(out[c - c0], _mm512_sub_epi8(q, _mm512_set1_epi8(static_cast<char>(offset))),
-                              pairHalves(p0, p1), _mm512_setzero_ps());
+                finish<false>(out[c - c0], q, pairHalves(p0, p1), _mm512_setzero_ps());
             }
         }
     }
@@ -147,6 +148,7 @@ __m512i pairIndex(int j) {
 template <bool HighBits>
 struct KQuant {
     static constexpr bool asym = true;
+    static constexpr float offset = 0.0f;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
     static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
@@ -175,10 +177,10 @@ using Q5_K = KQuant<true>;
 
 struct Q6_K {
     static constexpr bool asym = false;
+    static constexpr float offset = 32.0f;
     static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
         const __m512i low4 = _mm512_set1_epi8(0x0F);
         const __m512i low2 = _mm512_set1_epi8(3);
-        const __m512i bias = _mm512_set1_epi8(32);
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + 210 * s;
             const float d = fp16ToFloatFast(u16(b + 208));
@@ -200,7 +202,7 @@ struct Q6_K {
                                                          _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
                                                                                             5, 4, 3, 2, 1, 0),
                                                                            2));
-                    finish<false>(out[4 * s + chunk - c0], _mm512_sub_epi8(part ? qb : qa, bias),
+                    finish<false>(out[4 * s + chunk - c0], part ? qb : qa,
                                   _mm512_permutexvar_ps(idx, scales), _mm512_setzero_ps());
                 }
             }
@@ -215,36 +217,37 @@ struct TokenView {
     const float* scales;
 };
 
-template <bool Asym, int R, int T>
+// acc[r][t] += the dot products of chunks [c0, c0 + n) of rows[r] and tokens[t], lane-wise.
+template <class Format, int R, int T>
 inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const Decoded* const* rows,
                                                       const TokenView* tokens, std::int64_t c0, std::int64_t n) {
-    const __m512i shift = _mm512_set1_epi8(static_cast<char>(0x80));
     const __m512i ones = _mm512_set1_epi8(1);
     const __m512i pairIdx = pairIndex(0);
     for (std::int64_t k = 0; k < n; ++k) {
         const std::int64_t c = c0 + k;
-        __m512i xu[T];
+        __m512i xs[T];
         __m512 dx[T];
-        [[maybe_unused]] __m512 sv[T];
+        __m512 bias[T]; // activation sums times their scale (times -offset for symmetric formats)
         for (int t = 0; t < T; ++t) {
-            const __m512i xs = _mm512_loadu_si512(tokens[t].codes + kChunk * c);
-            xu[t] = _mm512_xor_si512(xs, shift);
+            xs[t] = _mm512_loadu_si512(tokens[t].codes + kChunk * c);
             dx[t] = _mm512_permutexvar_ps(
                 pairIdx, _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(tokens[t].scales + 2 * c)))));
-            if constexpr (Asym) {
-                sv[t] = _mm512_mul_ps(dx[t], _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs)));
-            }
+            const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs[t]));
+            bias[t] = Format::asym ? _mm512_mul_ps(dx[t], sums)
+                                   : _mm512_mul_ps(_mm512_mul_ps(dx[t], _mm512_set1_ps(-Format::offset)), sums);
         }
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
             const __m512i q = _mm512_load_si512(d.q);
             const __m512 ws = _mm512_load_ps(d.ws);
-            const __m512 cw = _mm512_load_ps(d.cw);
             for (int t = 0; t < T; ++t) {
-                const __m512i dot = _mm512_dpbusd_epi32(_mm512_setzero_si512(), xu[t], q);
-                const __m512 exact = _mm512_fmadd_ps(ws, _mm512_cvtepi32_ps(dot), cw);
-                acc[r][t] = _mm512_fmadd_ps(dx[t], exact, acc[r][t]);
-                if constexpr (Asym) acc[r][t] = _mm512_fmadd_ps(_mm512_load_ps(d.mw), sv[t], acc[r][t]);
+                const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
+                if constexpr (Format::asym) {
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(dx[t], dot), acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(_mm512_load_ps(d.mw), bias[t], acc[r][t]);
+                } else {
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(dx[t], dot, bias[t]), acc[r][t]);
+                }
             }
         }
     }
@@ -285,7 +288,7 @@ struct QuantKernel {
         for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
             const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
             for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), nb, c0, c0 + n, scratch + r * kStreamStride);
-            accumulate<Format::asym, R, T>(acc, rows, tokens, c0, n);
+            accumulate<Format, R, T>(acc, rows, tokens, c0, n);
         }
         storeTile<R, T>(acc, y, ldy, r0, t0);
     }
@@ -307,7 +310,7 @@ struct QuantKernel {
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
         for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
-        accumulate<Format::asym, R, T>(acc, rows, tokens, 0, nChunks);
+        accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
         storeTile<R, T>(acc, y, ldy, r0 + panelRow, t0);
     }
 
