@@ -51,8 +51,11 @@ __m512 pairLanes(float a, float b) {
     return _mm512_castpd_ps(
         _mm512_insertf64x4(_mm512_castps_pd(_mm512_set1_ps(a)), _mm256_castps_pd(_mm256_set1_ps(b)), 1));
 }
+// [fp16 at p0 x8, fp16 at p1 x8] (zero for a missing p1).
 __m512 pairHalves(const std::uint8_t* p0, const std::uint8_t* p1) {
-    return pairLanes(fp16ToFloatFast(u16(p0)), p1 ? fp16ToFloatFast(u16(p1)) : 0.0f);
+    const std::uint32_t both = u16(p0) | (p1 ? static_cast<std::uint32_t>(u16(p1)) << 16 : 0u);
+    const __m512 two = _mm512_zextps128_ps512(_mm_cvtph_ps(_mm_cvtsi32_si128(static_cast<int>(both))));
+    return _mm512_permutexvar_ps(_mm512_inserti64x4(_mm512_setzero_si512(), _mm256_set1_epi32(1), 1), two);
 }
 
 template <bool Asym>
@@ -114,7 +117,7 @@ struct SmallBlock {
                 q = _mm512_mask_add_epi8(q, bits, q, _mm512_set1_epi8(0x10));
             }
             if constexpr (HasMin) {
-                const __m512 m = pairLanes(fp16ToFloatFast(u16(p0 + 2)), p1 ? fp16ToFloatFast(u16(p1 + 2)) : 0.0f);
+                const __m512 m = pairHalves(p0 + 2, p1 ? p1 + 2 : nullptr);
                 finish<true>(out[c - c0], q, pairHalves(p0, p1), m);
             } else {
                 finish<false>(out[c - c0], q, pairHalves(p0, p1), _mm512_setzero_ps());

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -41,15 +42,22 @@ TEST(ThreadPool, CallsAfterIdleTimeWakeSleepingWorkers) {
     ThreadPool pool(2);
     for (int round = 0; round < 3; ++round) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20)); // workers go to sleep
-        std::atomic<int> shares{0};
-        std::atomic<bool> otherThread{false};
-        const auto caller = std::this_thread::get_id();
+        // Each piece waits (bounded) for the other, so both threads must be running at once.
+        std::atomic<int> entered{0};
+        std::atomic<bool> met{true};
         pool.parallelFor(2, [&](std::int64_t, std::int64_t) {
-            shares.fetch_add(1);
-            if (std::this_thread::get_id() != caller) otherThread = true;
+            entered.fetch_add(1);
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+            while (entered.load() < 2) {
+                if (std::chrono::steady_clock::now() > deadline) {
+                    met = false;
+                    return;
+                }
+                std::this_thread::yield();
+            }
         });
-        EXPECT_EQ(shares.load(), 2);
-        EXPECT_TRUE(otherThread.load());
+        EXPECT_TRUE(met.load()) << "the sleeping worker never took its piece";
+        EXPECT_EQ(entered.load(), 2);
     }
 }
 
