@@ -257,7 +257,7 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
 }
 
 template <int R, int T>
-inline void storeTile(__m512 (&acc)[R][T], float* y, std::int64_t ldy, std::int64_t row, std::int64_t token) {
+inline __attribute__((always_inline)) void storeTile(__m512 (&acc)[R][T], float* y, std::int64_t ldy, std::int64_t row, std::int64_t token) {
     for (int r = 0; r < R; ++r) {
         for (int t = 0; t < T; ++t) y[(token + t) * ldy + row + r] = _mm512_reduce_add_ps(acc[r][t]);
     }
@@ -373,28 +373,24 @@ inline __m512 loadWeights(const std::uint8_t* row, std::int64_t k, __mmask16 mas
     }
 }
 
-template <GgmlType Type>
+// Float weights: rows x tokens tiles of FMAs. With many tokens, F16/BF16 panels are widened to
+// F32 once (in L2) so the inner loop is loads and FMAs only.
 struct FloatKernel {
     const WeightMatrix& w;
     const ActivationBuffer& x;
     float* y;
     std::int64_t ldy;
 
-    const std::uint8_t* row(std::int64_t r) const {
-        return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
-    }
-
-    template <int R, int T>
-    void tile(std::int64_t r0, std::int64_t t0) const {
+    template <GgmlType Type, int R, int T>
+    void tile(const std::uint8_t* const* rows, std::int64_t r0, std::int64_t t0) const {
         __m512 acc[R][T];
         for (auto& a : acc)
             for (auto& v : a) v = _mm512_setzero_ps();
-        const std::uint8_t* rows[R];
-        for (int r = 0; r < R; ++r) rows[r] = row(r0 + r);
         const float* xs[T];
         for (int t = 0; t < T; ++t) xs[t] = x.values(t0 + t);
-        for (std::int64_t k = 0; k < w.cols; k += 16) {
-            const __mmask16 mask = w.cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (w.cols - k)) - 1);
+        const std::int64_t cols = w.cols; // a local, so the accumulators can stay in registers
+        for (std::int64_t k = 0; k < cols; k += 16) {
+            const __mmask16 mask = cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (cols - k)) - 1);
             __m512 xv[T];
             for (int t = 0; t < T; ++t) xv[t] = _mm512_loadu_ps(xs[t] + k); // padded with zeros
             for (int r = 0; r < R; ++r) {
@@ -405,29 +401,51 @@ struct FloatKernel {
         storeTile<R, T>(acc, y, ldy, r0, t0);
     }
 
-    template <int T>
-    void rows(std::int64_t rowBegin, std::int64_t rowEnd, std::int64_t t0) const {
-        std::int64_t r = rowBegin;
-        for (; r + kRowTile <= rowEnd; r += kRowTile) tile<kRowTile, T>(r, t0);
-        for (; r < rowEnd; ++r) tile<1, T>(r, t0);
+    template <GgmlType Type, int T>
+    void rowsOver(const std::uint8_t* const* rows, std::int64_t count, std::int64_t r0, std::int64_t t0) const {
+        std::int64_t r = 0;
+        for (; r + kRowTile <= count; r += kRowTile) tile<Type, kRowTile, T>(rows + r, r0 + r, t0);
+        for (; r < count; ++r) tile<Type, 1, T>(rows + r, r0 + r, t0);
     }
 
-    void tokensOver(std::int64_t rowBegin, std::int64_t rowEnd, std::int64_t t0, std::int64_t count) const {
-        switch (count) {
-        case 1: rows<1>(rowBegin, rowEnd, t0); break;
-        case 2: rows<2>(rowBegin, rowEnd, t0); break;
-        case 3: rows<3>(rowBegin, rowEnd, t0); break;
-        default: rows<4>(rowBegin, rowEnd, t0); break;
+    template <GgmlType Type>
+    void panel(const std::uint8_t* const* rows, std::int64_t count, std::int64_t r0) const {
+        const std::int64_t tokens = x.tokens();
+        for (std::int64_t t0 = 0; t0 < tokens; t0 += kTokenTile) {
+            switch (std::min<std::int64_t>(kTokenTile, tokens - t0)) {
+            case 1: rowsOver<Type, 1>(rows, count, r0, t0); break;
+            case 2: rowsOver<Type, 2>(rows, count, r0, t0); break;
+            case 3: rowsOver<Type, 3>(rows, count, r0, t0); break;
+            default: rowsOver<Type, 4>(rows, count, r0, t0); break;
+            }
         }
     }
 
+    template <GgmlType Type>
     void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
-        const std::int64_t tokens = x.tokens();
-        // Panels of rows stay in L2 while every token tile passes over them.
+        thread_local std::vector<float> widened;
+        const bool widen = Type != GgmlType::F32 && x.tokens() > kTokenTile;
+        // Widened rows an odd number of 64-byte lines apart (see kStreamStride).
+        const std::int64_t stride = ((w.cols + 15) / 16) | 1;
+        if (widen) widened.resize(static_cast<std::size_t>(kPanelRows * stride * 16));
+        const auto* base = static_cast<const std::uint8_t*>(w.data);
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
-            const std::int64_t r1 = std::min(rowEnd, r0 + kPanelRows);
-            for (std::int64_t t0 = 0; t0 < tokens; t0 += kTokenTile) {
-                tokensOver(r0, r1, t0, std::min<std::int64_t>(kTokenTile, tokens - t0));
+            const std::int64_t count = std::min(kPanelRows, rowEnd - r0);
+            const std::uint8_t* rows[kPanelRows];
+            for (std::int64_t r = 0; r < count; ++r) {
+                rows[r] = base + static_cast<std::size_t>(r0 + r) * w.rowBytes;
+                if (!widen) continue;
+                float* out = widened.data() + r * stride * 16;
+                for (std::int64_t k = 0; k < w.cols; k += 16) {
+                    const __mmask16 mask = w.cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (w.cols - k)) - 1);
+                    _mm512_storeu_ps(out + k, loadWeights<Type>(rows[r], k, mask));
+                }
+                rows[r] = reinterpret_cast<const std::uint8_t*>(out);
+            }
+            if (widen) {
+                panel<GgmlType::F32>(rows, count, r0);
+            } else {
+                panel<Type>(rows, count, r0);
             }
         }
     }
@@ -436,8 +454,8 @@ struct FloatKernel {
 template <GgmlType Type>
 void runFloat(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
               std::int64_t ldy) {
-    const FloatKernel<Type> kernel{w, x, y, ldy};
-    kernel.run(rowBegin, rowEnd);
+    const FloatKernel kernel{w, x, y, ldy};
+    kernel.run<Type>(rowBegin, rowEnd);
 }
 
 } // namespace
