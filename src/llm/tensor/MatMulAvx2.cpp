@@ -51,18 +51,25 @@ template <GgmlType Type, int R, int T>
 void tile(const void* const* rows, const float* const* tokens, std::int64_t cols, float* y, std::int64_t ldy,
           std::int64_t row, std::int64_t token) {
     __m256 acc[R][T];
+    #pragma GCC unroll 8
     for (auto& a : acc)
+        #pragma GCC unroll 8
         for (auto& v : a) v = _mm256_setzero_ps();
     std::int64_t k = 0;
     for (; k + 8 <= cols; k += 8) {
         __m256 xv[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) xv[t] = _mm256_loadu_ps(tokens[t] + k);
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const __m256 wv = load8<Type>(rows[r], k);
+            #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) acc[r][t] = _mm256_fmadd_ps(wv, xv[t], acc[r][t]);
         }
     }
+    #pragma GCC unroll 8
     for (int r = 0; r < R; ++r) {
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) {
             float sum = hsum(acc[r][t]);
             for (std::int64_t i = k; i < cols; ++i) sum += scalarAt<Type>(rows[r], i) * tokens[t][i];
@@ -277,6 +284,7 @@ inline __attribute__((always_inline)) void accumulate(__m256 (&acc)[R][T], const
         __m256i xs[T];
         __m256 dx[T];
         __m256 bias[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) {
             xs[t] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(tokens[t].codes + kChunk * c));
             dx[t] = _mm256_broadcast_ss(tokens[t].scales + c);
@@ -288,11 +296,13 @@ inline __attribute__((always_inline)) void accumulate(__m256 (&acc)[R][T], const
                 bias[t] = _mm256_setzero_ps();
             }
         }
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
             const __m256i q = _mm256_load_si256(reinterpret_cast<const __m256i*>(d.q));
             const __m256 ws = _mm256_load_ps(d.ws);
             [[maybe_unused]] const __m256i aq = Format::signedCodes ? _mm256_sign_epi8(q, q) : q;
+            #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) {
                 __m256i pairs;
                 if constexpr (Format::signedCodes) {
@@ -327,21 +337,28 @@ struct QuantKernel {
 
     template <int R, int T>
     void store(__m256 (&acc)[R][T], std::int64_t r0, std::int64_t t0) const {
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r)
+            #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) y[(t0 + t) * ldy + r0 + r] = hsum(acc[r][t]);
     }
 
     template <int R, int T>
     void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
         __m256 acc[R][T];
+        #pragma GCC unroll 8
         for (auto& a : acc)
+            #pragma GCC unroll 8
             for (auto& v : a) v = _mm256_setzero_ps();
         TokenView tokens[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamStride;
         for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
             const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
+            #pragma GCC unroll 8
             for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), c0, c0 + n, scratch + r * kStreamStride);
             accumulate<Format, R, T>(acc, rows, tokens, c0, n);
         }
@@ -351,11 +368,15 @@ struct QuantKernel {
     template <int R, int T>
     void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0) const {
         __m256 acc[R][T];
+        #pragma GCC unroll 8
         for (auto& a : acc)
+            #pragma GCC unroll 8
             for (auto& v : a) v = _mm256_setzero_ps();
         TokenView tokens[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
         accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
         store<R, T>(acc, r0 + panelRow, t0);

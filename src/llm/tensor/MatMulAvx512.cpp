@@ -1,4 +1,5 @@
-// AVX-512 (F, BW, VL, VNNI) path. Quantised weights are decoded, a few 64-column chunks at a
+// AVX-512 (F, BW, VL, VNNI) path. (The register-tile loops carry "GCC unroll": without it GCC 12
+// at -O3 keeps the accumulators in memory.) Quantised weights are decoded, a few 64-column chunks at a
 // time, into unsigned 8-bit codes (the format's own codes, offset kept) with per-4-code float
 // scales, so VPDPBUSD multiplies them with the signed activation codes directly. A weight value
 // is ws * code + bias; the bias is either -offset * ws (symmetric formats) or the format's
@@ -231,6 +232,7 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
         __m512i xs[T];
         __m512 dx[T];
         __m512 bias[T]; // activation sums times their scale (times -offset for symmetric formats)
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) {
             xs[t] = _mm512_loadu_si512(tokens[t].codes + kChunk * c);
             dx[t] = _mm512_permutexvar_ps(
@@ -239,10 +241,12 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
             bias[t] = Format::asym ? _mm512_mul_ps(dx[t], sums)
                                    : _mm512_mul_ps(_mm512_mul_ps(dx[t], _mm512_set1_ps(-Format::offset)), sums);
         }
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
             const __m512i q = _mm512_load_si512(d.q);
             const __m512 ws = _mm512_load_ps(d.ws);
+            #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) {
                 const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
                 if constexpr (Format::asym) {
@@ -258,7 +262,9 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
 
 template <int R, int T>
 inline __attribute__((always_inline)) void storeTile(__m512 (&acc)[R][T], float* y, std::int64_t ldy, std::int64_t row, std::int64_t token) {
+    #pragma GCC unroll 8
     for (int r = 0; r < R; ++r) {
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) y[(token + t) * ldy + row + r] = _mm512_reduce_add_ps(acc[r][t]);
     }
 }
@@ -282,14 +288,19 @@ struct QuantKernel {
     template <int R, int T>
     void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
         __m512 acc[R][T];
+        #pragma GCC unroll 8
         for (auto& a : acc)
+            #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
         TokenView tokens[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamStride;
         for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
             const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
+            #pragma GCC unroll 8
             for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), nb, c0, c0 + n, scratch + r * kStreamStride);
             accumulate<Format, R, T>(acc, rows, tokens, c0, n);
         }
@@ -307,11 +318,15 @@ struct QuantKernel {
     template <int R, int T>
     void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0) const {
         __m512 acc[R][T];
+        #pragma GCC unroll 8
         for (auto& a : acc)
+            #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
         TokenView tokens[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
         accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
         storeTile<R, T>(acc, y, ldy, r0 + panelRow, t0);
@@ -384,17 +399,23 @@ struct FloatKernel {
     template <GgmlType Type, int R, int T>
     void tile(const std::uint8_t* const* rows, std::int64_t r0, std::int64_t t0) const {
         __m512 acc[R][T];
+        #pragma GCC unroll 8
         for (auto& a : acc)
+            #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
         const float* xs[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) xs[t] = x.values(t0 + t);
         const std::int64_t cols = w.cols; // a local, so the accumulators can stay in registers
         for (std::int64_t k = 0; k < cols; k += 16) {
             const __mmask16 mask = cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (cols - k)) - 1);
             __m512 xv[T];
+            #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) xv[t] = _mm512_loadu_ps(xs[t] + k); // padded with zeros
+            #pragma GCC unroll 8
             for (int r = 0; r < R; ++r) {
                 const __m512 wv = loadWeights<Type>(rows[r], k, mask);
+                #pragma GCC unroll 8
                 for (int t = 0; t < T; ++t) acc[r][t] = _mm512_fmadd_ps(wv, xv[t], acc[r][t]);
             }
         }
