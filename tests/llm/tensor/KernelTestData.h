@@ -69,7 +69,10 @@ inline std::vector<int> halfFieldOffsets(GgmlType type) {
 
 // Blocks of random bytes (every code and sub-scale bit pattern) with finite random fp16 scales,
 // the way a foreign quantiser could have written them. Float types get random finite values.
-inline EncodedMatrix randomBlocks(GgmlType type, std::int64_t rows, std::int64_t cols, std::uint32_t seed) {
+// With `extremeScales`, scales span the whole fp16 range (subnormal to 65504) and every fifth block
+// is all zero bytes.
+inline EncodedMatrix randomBlocks(GgmlType type, std::int64_t rows, std::int64_t cols, std::uint32_t seed,
+                                  bool extremeScales = false) {
     const GgmlTypeTraits traits = ggmlTypeTraits(type);
     if (traits.blockElements == 1) {
         return encode(type, gaussian(static_cast<std::size_t>(rows * cols), seed), rows, cols);
@@ -79,11 +82,18 @@ inline EncodedMatrix randomBlocks(GgmlType type, std::int64_t rows, std::int64_t
     std::mt19937 rng(seed);
     for (auto& b : m.bytes) b = static_cast<std::uint8_t>(rng());
     std::uniform_real_distribution<float> scale(-0.05f, 0.05f);
+    std::uniform_real_distribution<float> exponent(-24.0f, 15.9f);
     const std::size_t blocks = m.bytes.size() / traits.blockBytes;
     for (std::size_t i = 0; i < blocks; ++i) {
+        std::uint8_t* block = m.bytes.data() + i * traits.blockBytes;
+        if (extremeScales && i % 5 == 0) {
+            std::memset(block, 0, traits.blockBytes);
+            continue;
+        }
         for (int offset : halfFieldOffsets(type)) {
-            const std::uint16_t h = floatToFp16(scale(rng));
-            std::memcpy(m.bytes.data() + i * traits.blockBytes + offset, &h, 2);
+            const float value = extremeScales ? std::copysign(std::exp2(exponent(rng)), scale(rng)) : scale(rng);
+            const std::uint16_t h = floatToFp16(value);
+            std::memcpy(block + offset, &h, 2);
         }
     }
     return m;

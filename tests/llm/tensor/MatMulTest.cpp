@@ -1,10 +1,12 @@
 #include "llm/tensor/MatMul.h"
 
 #include "KernelTestData.h"
+#include "llm/tensor/CpuFeatures.h"
 #include "llm/tensor/Quantization.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -93,6 +95,25 @@ TEST_P(EveryPath, ProductIsCloseToTheExactOne) {
     EXPECT_LT(nmse(exact.data(), got.data(), got.size()), floatWeights ? 1e-11 : 1e-4);
 }
 
+TEST_P(EveryPath, ExtremeScalesAndZeroBlocksMatchTheScalarReference) {
+    const GgmlType type = GetParam();
+    const std::int64_t cols = oddColumns(type);
+    const EncodedMatrix m = testing::randomBlocks(type, 11, cols, 77, true);
+    for (const std::int64_t tokens : {1, 5}) {
+        std::vector<float> xs = activations(tokens, cols, 3);
+        for (std::size_t i = 0; i < xs.size(); i += 7) xs[i] *= 1e4f; // large activations beside small ones
+        ActivationBuffer x;
+        prepareActivations(type, xs.data(), tokens, cols, x);
+        const std::vector<float> want = product(KernelPath::scalar, m, x);
+        for (float v : want) ASSERT_TRUE(std::isfinite(v));
+        for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
+            if (!kernelPathAvailable(path)) continue;
+            EXPECT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-10)
+                << kernelPathName(path) << " tokens " << tokens;
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(AllWeightTypes, EveryPath, ::testing::ValuesIn(kAllTypes),
                          [](const auto& tp) { return std::string(ggmlTypeTraits(tp.param).name); });
 
@@ -153,6 +174,17 @@ TEST(MatMul, LargestCodesDoNotOverflowTheIntegerSums) {
         }
         EXPECT_NEAR(want[0], 4096.0 * 1e6, 4096.0 * 1e6 * 1e-2) << ggmlTypeTraits(type).name;
     }
+}
+
+TEST(CpuFeatures, TheOverrideOnlyLowersWhatWasDetected) {
+    const CpuFeatures& used = cpuFeatures();
+    const CpuFeatures& found = detectedCpuFeatures();
+    const bool pairs[][2] = {{used.avx2, found.avx2},         {used.fma, found.fma},
+                             {used.f16c, found.f16c},         {used.avx512f, found.avx512f},
+                             {used.avx512bw, found.avx512bw}, {used.avx512vnni, found.avx512vnni}};
+    for (const auto& [u, f] : pairs) EXPECT_TRUE(!u || f);
+    EXPECT_TRUE(kernelPathAvailable(bestKernelPath()));
+    EXPECT_TRUE(!found.avx512f || found.avx2) << "AVX-512 without AVX2 would mean a detection fault";
 }
 
 TEST(MatMul, RejectsMismatchedOperands) {
