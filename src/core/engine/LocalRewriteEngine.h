@@ -1,0 +1,26 @@
+#pragma once
+
+#include "core/engine/LocalModelAvailability.h"
+#include "core/pipeline/RewriteMode.h"
+
+#include <QCoro/QCoroTask>
+#include <QString>
+
+#include <stop_token>
+
+namespace parlune {
+
+// The model that rewrites text. Failures are LocalRewriteEngineError, or CancellationError.
+class LocalRewriteEngine {
+public:
+    virtual ~LocalRewriteEngine() = default;
+
+    virtual LocalModelAvailability availability() const = 0;
+    // Warms the model up so that the first rewrite is fast.
+    virtual QCoro::Task<void> prepare(std::stop_token token) = 0;
+    // The finished, normalised replacement of `text`.
+    virtual QCoro::Task<QString> rewrite(QString text, RewriteMode mode, QString preferences,
+                                         std::stop_token token) = 0;
+};
+
+} // namespace parlune
