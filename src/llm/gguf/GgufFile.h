@@ -39,6 +39,7 @@ public:
     static std::shared_ptr<const GgufFile> fromBuffer(std::vector<std::byte> bytes,
                                                       std::string sourceName = "<memory>");
 
+    const std::string& source() const { return source_; } // the path (or buffer name) it was read from
     std::uint32_t version() const { return version_; }
     std::size_t alignment() const { return alignment_; }
     std::uint64_t dataOffset() const { return dataOffset_; } // data section start in the file
@@ -85,6 +86,7 @@ private:
 
     std::shared_ptr<const void> storage_; // keeps the mapping (or buffer) alive
     std::span<const std::byte> bytes_;
+    std::string source_;
     std::uint32_t version_ = 0;
     std::size_t alignment_ = 32;
     std::uint64_t dataOffset_ = 0;
