@@ -216,31 +216,43 @@ struct Q6_K {
 
 // ---- tiles -----------------------------------------------------------------------------------
 
-struct TokenView {
-    const std::int8_t* codes;
-    const float* scales;
+// One 64-column chunk of one token's activations with everything the tiles need from it:
+// computed once per token (tile) and reused by every row tile.
+struct alignas(64) TokenChunk {
+    std::int8_t x[64]; // signed codes
+    float dx[16];      // code scale per lane
+    float bias[16];    // dx * (sum of the lane's 4 codes), times -offset for symmetric formats
 };
+
+template <class Format>
+void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int64_t nChunks, TokenChunk* out) {
+    const __m512i ones = _mm512_set1_epi8(1);
+    const __m512i pairIdx = pairIndex(0);
+    const std::int8_t* codes = x.codes(token);
+    const float* scales = x.blockScales(token);
+    for (std::int64_t c = 0; c < nChunks; ++c) {
+        const __m512i xs = _mm512_loadu_si512(codes + kChunk * c);
+        const __m512 dx = _mm512_permutexvar_ps(
+            pairIdx, _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(scales + 2 * c)))));
+        const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs));
+        const __m512 bias = Format::asym ? _mm512_mul_ps(dx, sums)
+                                         : _mm512_mul_ps(_mm512_mul_ps(dx, _mm512_set1_ps(-Format::offset)), sums);
+        _mm512_store_si512(out[c].x, xs);
+        _mm512_store_ps(out[c].dx, dx);
+        _mm512_store_ps(out[c].bias, bias);
+    }
+}
 
 // acc[r][t] += the dot products of chunks [c0, c0 + n) of rows[r] and tokens[t], lane-wise.
 template <class Format, int R, int T>
 inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const Decoded* const* rows,
-                                                      const TokenView* tokens, std::int64_t c0, std::int64_t n) {
-    const __m512i ones = _mm512_set1_epi8(1);
-    const __m512i pairIdx = pairIndex(0);
+                                                      const TokenChunk* const* tokens, std::int64_t c0,
+                                                      std::int64_t n) {
     for (std::int64_t k = 0; k < n; ++k) {
         const std::int64_t c = c0 + k;
         __m512i xs[T];
-        __m512 dx[T];
-        __m512 bias[T]; // activation sums times their scale (times -offset for symmetric formats)
         #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) {
-            xs[t] = _mm512_loadu_si512(tokens[t].codes + kChunk * c);
-            dx[t] = _mm512_permutexvar_ps(
-                pairIdx, _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(tokens[t].scales + 2 * c)))));
-            const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs[t]));
-            bias[t] = Format::asym ? _mm512_mul_ps(dx[t], sums)
-                                   : _mm512_mul_ps(_mm512_mul_ps(dx[t], _mm512_set1_ps(-Format::offset)), sums);
-        }
+        for (int t = 0; t < T; ++t) xs[t] = _mm512_load_si512(tokens[t][c].x);
         #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
@@ -248,12 +260,14 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
             const __m512 ws = _mm512_load_ps(d.ws);
             #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) {
+                const TokenChunk& tc = tokens[t][c];
                 const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
                 if constexpr (Format::asym) {
-                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(dx[t], dot), acc[r][t]);
-                    acc[r][t] = _mm512_fmadd_ps(_mm512_load_ps(d.mw), bias[t], acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(_mm512_load_ps(tc.dx), dot), acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(_mm512_load_ps(d.mw), _mm512_load_ps(tc.bias), acc[r][t]);
                 } else {
-                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(dx[t], dot, bias[t]), acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)),
+                                                acc[r][t]);
                 }
             }
         }
@@ -286,15 +300,15 @@ struct QuantKernel {
 
     // Few tokens: stream each row once, decoding a few chunks at a time into L1.
     template <int R, int T>
-    void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
+    void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch, const TokenChunk* tokenChunks) const {
         __m512 acc[R][T];
         #pragma GCC unroll 8
         for (auto& a : acc)
             #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
-        TokenView tokens[T];
+        const TokenChunk* tokens[T];
         #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
+        for (int t = 0; t < T; ++t) tokens[t] = tokenChunks + (t0 + t) * nChunks;
         const Decoded* rows[R];
         #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamStride;
@@ -308,23 +322,24 @@ struct QuantKernel {
     }
 
     template <int T>
-    void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, std::int64_t t0, Decoded* scratch) const {
+    void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, Decoded* scratch, const TokenChunk* tokens) const {
         std::int64_t r = rowBegin;
-        for (; r + kRowTile <= rowEnd; r += kRowTile) streamTile<kRowTile, T>(r, t0, scratch);
-        for (; r < rowEnd; ++r) streamTile<1, T>(r, t0, scratch);
+        for (; r + kRowTile <= rowEnd; r += kRowTile) streamTile<kRowTile, T>(r, 0, scratch, tokens);
+        for (; r < rowEnd; ++r) streamTile<1, T>(r, 0, scratch, tokens);
     }
 
     // Many tokens: decode a panel of rows whole, then sweep token tiles over it.
     template <int R, int T>
-    void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0) const {
+    void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0,
+                   const TokenChunk* tokenChunks) const {
         __m512 acc[R][T];
         #pragma GCC unroll 8
         for (auto& a : acc)
             #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
-        TokenView tokens[T];
+        const TokenChunk* tokens[T];
         #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
+        for (int t = 0; t < T; ++t) tokens[t] = tokenChunks + t * nChunks;
         const Decoded* rows[R];
         #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
@@ -333,22 +348,27 @@ struct QuantKernel {
     }
 
     template <int T>
-    void panelTokens(const Decoded* panel, std::int64_t r0, std::int64_t m, std::int64_t t0) const {
+    void panelTokens(const Decoded* panel, std::int64_t r0, std::int64_t m, std::int64_t t0, TokenChunk* tokens) const {
+        #pragma GCC unroll 8
+        for (int t = 0; t < T; ++t) prepareTokenChunks<Format>(x, t0 + t, nChunks, tokens + t * nChunks);
         std::int64_t r = 0;
-        for (; r + kRowTile <= m; r += kRowTile) panelTile<kRowTile, T>(panel, r0, r, t0);
-        for (; r < m; ++r) panelTile<1, T>(panel, r0, r, t0);
+        for (; r + kRowTile <= m; r += kRowTile) panelTile<kRowTile, T>(panel, r0, r, t0, tokens);
+        for (; r < m; ++r) panelTile<1, T>(panel, r0, r, t0, tokens);
     }
 
     void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
         thread_local std::vector<Decoded> scratch;
+        thread_local std::vector<TokenChunk> tokenChunks;
         const std::int64_t tokens = x.tokens();
+        tokenChunks.resize(static_cast<std::size_t>(std::min<std::int64_t>(tokens, kTokenTile) * nChunks));
         if (tokens <= kTokenTile) {
+            for (std::int64_t t = 0; t < tokens; ++t) prepareTokenChunks<Format>(x, t, nChunks, tokenChunks.data() + t * nChunks);
             scratch.resize(static_cast<std::size_t>(kRowTile * kStreamStride));
             switch (tokens) {
-            case 1: streamRows<1>(rowBegin, rowEnd, 0, scratch.data()); break;
-            case 2: streamRows<2>(rowBegin, rowEnd, 0, scratch.data()); break;
-            case 3: streamRows<3>(rowBegin, rowEnd, 0, scratch.data()); break;
-            default: streamRows<4>(rowBegin, rowEnd, 0, scratch.data()); break;
+            case 1: streamRows<1>(rowBegin, rowEnd, scratch.data(), tokenChunks.data()); break;
+            case 2: streamRows<2>(rowBegin, rowEnd, scratch.data(), tokenChunks.data()); break;
+            case 3: streamRows<3>(rowBegin, rowEnd, scratch.data(), tokenChunks.data()); break;
+            default: streamRows<4>(rowBegin, rowEnd, scratch.data(), tokenChunks.data()); break;
             }
             return;
         }
@@ -357,11 +377,12 @@ struct QuantKernel {
             const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
             for (std::int64_t r = 0; r < m; ++r) Format::decode(row(r0 + r), nb, 0, nChunks, scratch.data() + r * panelStride());
             std::int64_t t0 = 0;
-            for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) panelTokens<kTokenTile>(scratch.data(), r0, m, t0);
+            TokenChunk* tk = tokenChunks.data();
+            for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) panelTokens<kTokenTile>(scratch.data(), r0, m, t0, tk);
             switch (tokens - t0) {
-            case 1: panelTokens<1>(scratch.data(), r0, m, t0); break;
-            case 2: panelTokens<2>(scratch.data(), r0, m, t0); break;
-            case 3: panelTokens<3>(scratch.data(), r0, m, t0); break;
+            case 1: panelTokens<1>(scratch.data(), r0, m, t0, tk); break;
+            case 2: panelTokens<2>(scratch.data(), r0, m, t0, tk); break;
+            case 3: panelTokens<3>(scratch.data(), r0, m, t0, tk); break;
             default: break;
             }
         }
