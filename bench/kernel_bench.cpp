@@ -12,6 +12,7 @@
 #include "llm/tensor/Quantization.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -143,11 +144,41 @@ double step(ThreadPool& pool, const Model& model, std::int64_t tokens, const Sha
     return seconds() - t0;
 }
 
+// Plain read bandwidth at the same moment (the machine is shared): sums a buffer larger than any
+// cache, split over the pool like the products are.
+double readBandwidth(ThreadPool& pool, const std::vector<std::uint64_t>& buffer, int runs) {
+    std::vector<double> times;
+    std::atomic<std::uint64_t> sink{0};
+    const auto words = static_cast<std::int64_t>(buffer.size());
+    for (int r = 0; r < runs; ++r) {
+        const double t0 = seconds();
+        pool.parallelFor(words / 4096, [&](std::int64_t begin, std::int64_t end) {
+            std::uint64_t a = 0, b = 0, c = 0, d = 0;
+            for (std::int64_t i = begin * 4096; i < end * 4096; i += 4) {
+                a += buffer[i];
+                b += buffer[i + 1];
+                c += buffer[i + 2];
+                d += buffer[i + 3];
+            }
+            sink += a + b + c + d;
+        });
+        times.push_back(seconds() - t0);
+    }
+    return double(words) * 8 / median(times) / 1e9;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
     const std::string filter = argc > 2 ? argv[2] : "";
+    {
+        std::vector<std::uint64_t> buffer(std::size_t{64} << 20, 1); // 512 MiB
+        for (int threads : {1, 2}) {
+            ThreadPool pool(threads);
+            std::printf("plain read bandwidth now, %d thread(s): %.2f GB/s\n", threads, readBandwidth(pool, buffer, runs));
+        }
+    }
     const Shape shapes[] = {{"qwen2.5-0.5b", 896, 4864, 151936, 128, 24}, {"smollm2-135m", 576, 1536, 49152, 192, 30}};
     std::printf("kernel path: %s, medians of %d runs\n", kernelPathName(bestKernelPath()), runs);
     std::printf("%-14s %-7s %5s %3s | %8s %8s %7s %9s | %10s %10s %8s\n", "shape", "mix", "MB", "thr", "gen GB/s",
