@@ -1,11 +1,12 @@
-// AVX-512 (F, BW, VL, VNNI) path. (The register-tile loops carry "GCC unroll": without it GCC 12
-// at -O3 keeps the accumulators in memory.) Quantised weights are decoded, a few 64-column chunks at a
+// AVX-512 (F, BW, VL, VNNI) path. Quantised weights are decoded, a few 64-column chunks at a
 // time, into unsigned 8-bit codes (the format's own codes, offset kept) with per-4-code float
 // scales, so VPDPBUSD multiplies them with the signed activation codes directly. A weight value
 // is ws * code + bias; the bias is either -offset * ws (symmetric formats) or the format's
 // minimum, and its product with the activations needs only the activation sums, computed once
 // per chunk and token and shared by every row. Each decoded chunk is reused across a tile of
 // tokens from L1/L2.
+// The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
+// in memory.
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
