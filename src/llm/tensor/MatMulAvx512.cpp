@@ -474,7 +474,7 @@ struct QuantKernel {
 template <class Format>
 void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
               std::int64_t ldy) {
-    const QuantKernel<Format> kernel{w, x, y, ldy, w.cols / 32, x.paddedCols() / kChunk};
+    const QuantKernel<Format> kernel{w, x, y, ldy, w.cols / 32, (w.cols + kChunk - 1) / kChunk};
     kernel.run(rowBegin, rowEnd);
 }
 
@@ -491,8 +491,9 @@ inline __m512 loadWeights(const std::uint8_t* row, std::int64_t k, __mmask16 mas
     }
 }
 
-// Float weights: rows x tokens tiles of FMAs. With many tokens, F16/BF16 panels are widened to
-// F32 once (in L2) so the inner loop is loads and FMAs only.
+// Float weights: rows x tokens tiles of FMAs. With many tokens, each panel of rows is first
+// widened to F32 (copied, for F32) into L2 at an odd line stride, so the inner loop is loads and
+// FMAs only and rows never share L1 sets the way rows a multiple of 4 KiB apart do.
 struct FloatKernel {
     const WeightMatrix& w;
     const ActivationBuffer& x;
@@ -548,7 +549,7 @@ struct FloatKernel {
     template <GgmlType Type>
     void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
         thread_local std::vector<float> widened;
-        const bool widen = Type != GgmlType::F32 && x.tokens() > kTokenTile;
+        const bool widen = x.tokens() > kTokenTile;
         // Widened rows an odd number of 64-byte lines apart (see kStreamStride).
         const std::int64_t stride = ((w.cols + 15) / 16) | 1;
         if (widen) widened.resize(static_cast<std::size_t>(kPanelRows * stride * 16));
