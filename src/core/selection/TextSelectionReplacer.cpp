@@ -365,8 +365,10 @@ QCoro::Task<void> TextSelectionReplacer::paste(QString replacement, CapturedSele
     }
 }
 
-bool TextSelectionReplacer::pasteVisible(const QString& replacement, const CapturedSelection& selection,
-                                         std::int64_t pasteboardChangeCount, double elapsed) {
+TextSelectionReplacer::PasteEvidence TextSelectionReplacer::pasteEvidence(const QString& replacement,
+                                                                          const CapturedSelection& selection,
+                                                                          std::int64_t pasteboardChangeCount,
+                                                                          double elapsed) {
     const qsizetype length = replacement.size(); // UTF-16 code units, as ranges count
     const auto range = selection.selectedRange();
     const AccessibilityElementRef& target = selection.target();
@@ -374,63 +376,78 @@ bool TextSelectionReplacer::pasteVisible(const QString& replacement, const Captu
 
     if (target && range && range->location >= 0 && length >= 1) {
         if (accessibility_.stringForRange(*target, {range->location, length}) == replacement) {
-            return true;
+            return PasteEvidence::seen;
         }
     }
     if (target && accessibility_.selectedText(*target) == replacement) {
-        return true;
+        return PasteEvidence::seen;
     }
     const bool pasteboardSteady = clipboard_.changeCount() == pasteboardChangeCount;
     if (range) {
-        if (pasteboardSteady && target && accessibility_.processOf(*target) == process) {
-            const auto current = accessibility_.selectedTextRange(*target);
-            // The caret right after the pasted text, or the pasted text left selected.
-            return current == TextRange{range->location + length, 0} || current == TextRange{range->location, length};
+        if (!pasteboardSteady || !target || accessibility_.processOf(*target) != process) {
+            return PasteEvidence::none;
         }
-        return false;
+        const auto current = accessibility_.selectedTextRange(*target);
+        // The caret right after the pasted text, or the pasted text left selected. A replacement as
+        // long as the original would leave the untouched selection looking pasted, so that shape
+        // counts only when the lengths differ.
+        if (current == TextRange{range->location + length, 0} ||
+            (current == TextRange{range->location, length} && length != range->length)) {
+            return PasteEvidence::likely;
+        }
+        return PasteEvidence::none;
     }
     // Nothing to read back: a paste that disturbed nothing for a while counts.
     if (elapsed < timing_.steadyPasteInterval || !pasteboardSteady) {
-        return false;
+        return PasteEvidence::none;
     }
     const auto frontmost = workspace_.frontmostApplication();
     if (!frontmost || frontmost->processIdentifier != process) {
-        return false;
+        return PasteEvidence::none;
     }
     if (target) {
         const AccessibilityElementRef focused = accessibility_.focusedElement();
-        return accessibility_.processOf(*target) == process && focused && focused->isSameElement(*target);
+        if (accessibility_.processOf(*target) != process || !focused || !focused->isSameElement(*target)) {
+            return PasteEvidence::none;
+        }
     }
-    return true;
+    return PasteEvidence::likely;
 }
 
 QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replacement, CapturedSelection selection,
                                                                   std::int64_t pasteboardChangeCount, double timeout,
                                                                   std::stop_token token) {
-    // Where the pasteboard tells when the target fetched the pasted data, that fetch is one more
-    // sign of success, and the user's contents go back only after it (plus a moment for the
-    // target to finish inserting): restoring earlier would have the target paste the old contents.
+    // Where the pasteboard tells when the target fetched the pasted data, that fetch is the
+    // decisive sign: indirect signs (caret, selection, a quiet moment) count only with it, and the
+    // user's contents go back only after it plus a moment for the target to finish inserting.
+    // Restoring earlier would have a slow target paste the user's old contents instead.
     const Pasteboard& pasteboard = clipboard_.pasteboard();
     const bool awaitsFetch = pasteboard.reportsFetches();
     std::optional<double> fetchedAt;
-    bool confirmed = false;
+    bool seen = false;
 
     const double start = clock_.uptimeSeconds();
     for (double now = start; now - start < timeout; now = clock_.uptimeSeconds()) {
         throwIfCancelled(token);
-        if (awaitsFetch && !fetchedAt && pasteboard.contentsWereFetched(pasteboardChangeCount)) {
-            fetchedAt = now;
-        }
-        const bool settled = fetchedAt && now - *fetchedAt >= timing_.fetchGrace;
-        if (!confirmed) {
-            confirmed = settled || pasteVisible(replacement, selection, pasteboardChangeCount, now - start);
-        }
-        if (confirmed && (!awaitsFetch || settled)) {
-            co_return true;
+        if (!awaitsFetch) {
+            if (pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) != PasteEvidence::none) {
+                co_return true;
+            }
+        } else {
+            if (!fetchedAt && pasteboard.contentsWereFetched(pasteboardChangeCount)) {
+                fetchedAt = now;
+            }
+            if (fetchedAt && now - *fetchedAt >= timing_.fetchGrace) {
+                co_return true;
+            }
+            if (!seen) {
+                seen = pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) ==
+                       PasteEvidence::seen;
+            }
         }
         co_await sleepFor(toDuration(timing_.pastePollInterval), token);
     }
-    co_return confirmed || fetchedAt.has_value();
+    co_return seen || fetchedAt.has_value();
 }
 
 } // namespace parlune

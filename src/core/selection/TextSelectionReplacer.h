@@ -85,8 +85,11 @@ private:
     QCoro::Task<bool> waitForPasteConfirmation(QString replacement, CapturedSelection selection,
                                                std::int64_t pasteboardChangeCount, double timeout,
                                                std::stop_token token);
-    bool pasteVisible(const QString& replacement, const CapturedSelection& selection,
-                      std::int64_t pasteboardChangeCount, double elapsed);
+    // How strongly the target shows the paste: its text read back (seen), or only a caret, a
+    // selection or a quiet moment consistent with it (likely).
+    enum class PasteEvidence { none, likely, seen };
+    PasteEvidence pasteEvidence(const QString& replacement, const CapturedSelection& selection,
+                                std::int64_t pasteboardChangeCount, double elapsed);
 
     AccessibilityApi& accessibility_;
     Workspace& workspace_;

@@ -26,6 +26,7 @@ bool SimulatedAccessibility::requestTrustWithPrompt() {
 }
 
 AccessibilityElementRef SimulatedAccessibility::focusedElement() {
+    desktop_.runAccessibilityQueryHook();
     if (desktop_.staleAccessibilityFocus != 0) {
         return std::make_shared<SimulatedElement>(desktop_.staleAccessibilityFocus);
     }
@@ -45,6 +46,7 @@ AccessibilityElementRef SimulatedAccessibility::focusedElement() {
 }
 
 std::optional<ProcessId> SimulatedAccessibility::processOf(const AccessibilityElement& element) {
+    desktop_.runAccessibilityQueryHook();
     const SimulatedField* field = desktop_.field(fieldOf(element));
     if (!field) {
         return std::nullopt;
@@ -57,6 +59,7 @@ std::optional<ProcessId> SimulatedAccessibility::processOf(const AccessibilityEl
 }
 
 std::optional<TextRange> SimulatedAccessibility::selectedTextRange(const AccessibilityElement& element) {
+    desktop_.runAccessibilityQueryHook();
     const SimulatedField* field = desktop_.field(fieldOf(element));
     if (!field || !field->rangeReadable) {
         return std::nullopt;
@@ -65,6 +68,7 @@ std::optional<TextRange> SimulatedAccessibility::selectedTextRange(const Accessi
 }
 
 std::optional<QString> SimulatedAccessibility::selectedText(const AccessibilityElement& element) {
+    desktop_.runAccessibilityQueryHook();
     const SimulatedField* field = desktop_.field(fieldOf(element));
     if (!field || !field->selectedTextReadable) {
         return std::nullopt;
@@ -73,6 +77,7 @@ std::optional<QString> SimulatedAccessibility::selectedText(const AccessibilityE
 }
 
 std::optional<QString> SimulatedAccessibility::stringForRange(const AccessibilityElement& element, TextRange range) {
+    desktop_.runAccessibilityQueryHook();
     if (range.location < 0 || range.length < 1) {
         ++invalidRangeRequests;
         return std::nullopt;
@@ -85,6 +90,7 @@ std::optional<QString> SimulatedAccessibility::stringForRange(const Accessibilit
 }
 
 AccessibilityApi::SettableAnswer SimulatedAccessibility::isSelectedTextSettable(const AccessibilityElement& element) {
+    desktop_.runAccessibilityQueryHook();
     const SimulatedField* field = desktop_.field(fieldOf(element));
     if (!field) {
         return {refusedStatus, false};
@@ -93,6 +99,7 @@ AccessibilityApi::SettableAnswer SimulatedAccessibility::isSelectedTextSettable(
 }
 
 int SimulatedAccessibility::setSelectedText(const AccessibilityElement& element, const QString& text) {
+    desktop_.runAccessibilityQueryHook();
     SimulatedField* field = desktop_.field(fieldOf(element));
     if (!field || !field->settable) {
         return refusedStatus;

@@ -103,6 +103,12 @@ int SimulatedDesktop::focusedFieldOf(ProcessId pid) const {
 
 int SimulatedDesktop::focusedField() const { return frontmost_ ? focusedFieldOf(*frontmost_) : 0; }
 
+void SimulatedDesktop::runAccessibilityQueryHook() {
+    if (auto hook = std::exchange(beforeNextAccessibilityQuery, nullptr)) {
+        hook();
+    }
+}
+
 // MARK: pasteboard
 
 QString SimulatedDesktop::plainTextType() { return QStringLiteral("text/plain;charset=utf-8"); }

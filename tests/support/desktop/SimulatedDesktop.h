@@ -124,6 +124,11 @@ public:
     // a window switch.
     int staleAccessibilityFocus = 0;
 
+    // Runs (once, then clears itself) at the start of the next accessibility query: other
+    // processes act at any moment, also between two calls that never yield to the event loop.
+    std::function<void()> beforeNextAccessibilityQuery;
+    void runAccessibilityQueryHook();
+
     // MARK: accessibility permission
     bool trusted = true;
     bool grantOnPrompt = false; // what the permission prompt leads to
