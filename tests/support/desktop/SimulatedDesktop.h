@@ -135,7 +135,7 @@ public:
     int promptCount = 0;
 
     // MARK: pasteboard
-    std::vector<PasteboardItem> pasteboardItems() const { return pasteboardItems_; }
+    const std::vector<PasteboardItem>& pasteboardItems() const { return pasteboardItems_; }
     std::int64_t changeCount() const { return changeCount_; }
     // Replaces the contents as someone other than the program or a target application.
     void writePasteboardAsOther(std::vector<PasteboardItem> items);

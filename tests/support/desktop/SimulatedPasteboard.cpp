@@ -9,7 +9,7 @@ std::int64_t SimulatedPasteboard::changeCount() const { return desktop_.changeCo
 int SimulatedPasteboard::itemCount() const { return static_cast<int>(desktop_.pasteboardItems().size()); }
 
 std::vector<QString> SimulatedPasteboard::types(int index) const {
-    const auto items = desktop_.pasteboardItems();
+    const auto& items = desktop_.pasteboardItems();
     std::vector<QString> result;
     if (index >= 0 && index < static_cast<int>(items.size())) {
         for (const auto& value : items[static_cast<std::size_t>(index)].values) {
@@ -23,7 +23,7 @@ std::optional<QByteArray> SimulatedPasteboard::data(int index, const QString& ty
     if (desktop_.unreadableTypes.count(type) > 0) {
         return std::nullopt;
     }
-    const auto items = desktop_.pasteboardItems();
+    const auto& items = desktop_.pasteboardItems();
     if (index < 0 || index >= static_cast<int>(items.size())) {
         return std::nullopt;
     }
