@@ -20,6 +20,13 @@ using Kind = TextReplacementError::Kind;
 
 [[noreturn]] void fail(Kind kind) { throw TextReplacementError(kind); }
 
+// Reading the replacement's length at the selection's start proves the write only when the text
+// there could not have read the same before it: not when either text begins with the other
+// ("Hello world" shortened to "Hello").
+bool rangeReadProvesWrite(const QString& original, const QString& replacement) {
+    return !original.startsWith(replacement) && !replacement.startsWith(original);
+}
+
 bool isReadableRange(const std::optional<TextRange>& range) {
     return range && range->location >= 0 && range->length >= 1;
 }
@@ -318,7 +325,8 @@ QCoro::Task<void> TextSelectionReplacer::replace(QString replacement, CapturedSe
             if (accessibility_.selectedText(*target) == replacement) {
                 co_return;
             }
-            if (const auto range = selection.selectedRange()) {
+            if (const auto range = selection.selectedRange();
+                range && rangeReadProvesWrite(selection.text(), replacement)) {
                 const TextRange written{range->location, replacement.size()};
                 if (string(written, *target) == replacement) {
                     co_return;
@@ -374,7 +382,7 @@ TextSelectionReplacer::PasteEvidence TextSelectionReplacer::pasteEvidence(const 
     const AccessibilityElementRef& target = selection.target();
     const auto process = selection.applicationProcessIdentifier();
 
-    if (target && range && range->location >= 0 && length >= 1) {
+    if (target && range && range->location >= 0 && length >= 1 && rangeReadProvesWrite(selection.text(), replacement)) {
         if (accessibility_.stringForRange(*target, {range->location, length}) == replacement) {
             return PasteEvidence::seen;
         }
