@@ -18,7 +18,9 @@ namespace {
 
 using Kind = TextReplacementError::Kind;
 
-[[noreturn]] void fail(Kind kind) { throw TextReplacementError(kind); }
+[[noreturn]] void fail(Kind kind) {
+    throw TextReplacementError(kind);
+}
 
 // Reading the replacement's length at the selection's start proves the write only when the text
 // there could not have read the same before it: not when either text begins with the other
@@ -65,14 +67,15 @@ private:
 
 TextSelectionReplacer::TextSelectionReplacer(AccessibilityApi& accessibility, Workspace& workspace,
                                              ClipboardManager& clipboard, KeyboardEvents& keyboard,
-                                             AppCompatibilityRegistry compatibilityRegistry, const Clock& clock)
-    : TextSelectionReplacer(accessibility, workspace, clipboard, keyboard, std::move(compatibilityRegistry), clock,
-                            Timing{}) {}
+                                             AppCompatibilityRegistry compatibilityRegistry,
+                                             const Clock& clock)
+    : TextSelectionReplacer(accessibility, workspace, clipboard, keyboard, std::move(compatibilityRegistry),
+                            clock, Timing{}) {}
 
 TextSelectionReplacer::TextSelectionReplacer(AccessibilityApi& accessibility, Workspace& workspace,
                                              ClipboardManager& clipboard, KeyboardEvents& keyboard,
-                                             AppCompatibilityRegistry compatibilityRegistry, const Clock& clock,
-                                             Timing timing)
+                                             AppCompatibilityRegistry compatibilityRegistry,
+                                             const Clock& clock, Timing timing)
     : accessibility_(accessibility), workspace_(workspace), clipboard_(clipboard), keyboard_(keyboard),
       compatibilityRegistry_(std::move(compatibilityRegistry)), clock_(clock), timing_(timing) {}
 
@@ -91,8 +94,8 @@ std::optional<QString> TextSelectionReplacer::string(TextRange range, const Acce
     return accessibility_.stringForRange(element, range);
 }
 
-void TextSelectionReplacer::verifyFocusedTarget(const AccessibilityElement& element, std::optional<TextRange> range,
-                                                ProcessId processIdentifier) {
+void TextSelectionReplacer::verifyFocusedTarget(const AccessibilityElement& element,
+                                                std::optional<TextRange> range, ProcessId processIdentifier) {
     const AccessibilityElementRef focused = accessibility_.focusedElement();
     if (!focused || !focused->isSameElement(element)) {
         fail(Kind::selectionChanged);
@@ -117,7 +120,8 @@ void TextSelectionReplacer::verifyFrontmostProcess(ProcessId processIdentifier) 
     }
 }
 
-void TextSelectionReplacer::verifyTargetOrFrontmost(const CapturedSelection& selection, ProcessId processIdentifier) {
+void TextSelectionReplacer::verifyTargetOrFrontmost(const CapturedSelection& selection,
+                                                    ProcessId processIdentifier) {
     if (const auto& target = selection.target()) {
         verifyFocusedTarget(*target, selection.selectedRange(), processIdentifier);
     } else {
@@ -202,8 +206,9 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureOpaqueFrontmostSele
     verifyFrontmostProcess(process);
     auto copied = co_await copySelectedTextRestoringClipboard(process, token);
     verifyFrontmostProcess(process);
-    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), frontmost->bundleIdentifier, process,
-                                std::nullopt, SelectionReplacementStrategy::clipboardFallback, nullptr);
+    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), frontmost->bundleIdentifier,
+                                process, std::nullopt, SelectionReplacementStrategy::clipboardFallback,
+                                nullptr);
 }
 
 QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCopy(
@@ -213,8 +218,9 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCop
     verifyFocusedTarget(*element, range, process);
     auto copied = co_await copySelectedTextRestoringClipboard(process, token);
     verifyFocusedTarget(*element, range, process);
-    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), std::move(bundleIdentifier), process,
-                                range, SelectionReplacementStrategy::clipboardFallback, std::move(element));
+    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), std::move(bundleIdentifier),
+                                process, range, SelectionReplacementStrategy::clipboardFallback,
+                                std::move(element));
 }
 
 // MARK: copy through the pasteboard
@@ -265,7 +271,8 @@ TextSelectionReplacer::waitForCopiedString(std::int64_t baseline, double timeout
 QCoro::Task<void> TextSelectionReplacer::validate(CapturedSelection selection, std::stop_token token) {
     throwIfCancelled(token);
     requireTrust();
-    if (selection.target() && selection.replacementStrategy() == SelectionReplacementStrategy::directAccessibility) {
+    if (selection.target() &&
+        selection.replacementStrategy() == SelectionReplacementStrategy::directAccessibility) {
         verifyDirectSelection(selection, *selection.target());
         co_return;
     }
@@ -382,7 +389,8 @@ TextSelectionReplacer::PasteEvidence TextSelectionReplacer::pasteEvidence(const 
     const AccessibilityElementRef& target = selection.target();
     const auto process = selection.applicationProcessIdentifier();
 
-    if (target && range && range->location >= 0 && length >= 1 && rangeReadProvesWrite(selection.text(), replacement)) {
+    if (target && range && range->location >= 0 && length >= 1 &&
+        rangeReadProvesWrite(selection.text(), replacement)) {
         if (accessibility_.stringForRange(*target, {range->location, length}) == replacement) {
             return PasteEvidence::seen;
         }
@@ -422,9 +430,10 @@ TextSelectionReplacer::PasteEvidence TextSelectionReplacer::pasteEvidence(const 
     return PasteEvidence::likely;
 }
 
-QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replacement, CapturedSelection selection,
-                                                                  std::int64_t pasteboardChangeCount, double timeout,
-                                                                  std::stop_token token) {
+QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replacement,
+                                                                  CapturedSelection selection,
+                                                                  std::int64_t pasteboardChangeCount,
+                                                                  double timeout, std::stop_token token) {
     // Where the pasteboard tells when the target fetched the pasted data, that fetch is the
     // decisive sign: indirect signs (caret, selection, a quiet moment) count only with it, and the
     // user's contents go back only after it plus a moment for the target to finish inserting.
@@ -438,7 +447,8 @@ QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replac
     for (double now = start; now - start < timeout; now = clock_.uptimeSeconds()) {
         throwIfCancelled(token);
         if (!awaitsFetch) {
-            if (pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) != PasteEvidence::none) {
+            if (pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) !=
+                PasteEvidence::none) {
                 co_return true;
             }
         } else {

@@ -1,5 +1,5 @@
-#include "core/platform/PlatformTerms.h"
 #include "core/selection/AccessibilityPermission.h"
+#include "core/platform/PlatformTerms.h"
 #include "desktop/SimulatedAccessibility.h"
 #include "desktop/SimulatedDesktop.h"
 #include "desktop/SimulatedWorkspace.h"
@@ -42,20 +42,23 @@ TEST_F(AccessibilityPermissionTest, RefusedOpensTheSettingsLocationOrTheSettings
     EXPECT_FALSE(permission.requestAndOpenSettings(refresh));
     EXPECT_EQ(refreshes, 1);
     ASSERT_EQ(desktop.openedUrls.size(), 1u);
-    EXPECT_EQ(desktop.openedUrls[0], QString::fromUtf8(PlatformTerms::linux().accessibilitySettingsLocation.data()));
+    EXPECT_EQ(desktop.openedUrls[0],
+              QString::fromUtf8(PlatformTerms::linux().accessibilitySettingsLocation.data()));
     EXPECT_TRUE(desktop.openedApplications.empty());
 
     desktop.opensUrls = false;
     EXPECT_FALSE(permission.requestAndOpenSettings(refresh));
     ASSERT_EQ(desktop.openedApplications.size(), 1u);
-    EXPECT_EQ(desktop.openedApplications[0], QString::fromUtf8(PlatformTerms::linux().settingsApplicationPath.data()));
+    EXPECT_EQ(desktop.openedApplications[0],
+              QString::fromUtf8(PlatformTerms::linux().settingsApplicationPath.data()));
 
     // The macOS words lead to the system's own locations.
     desktop.opensUrls = true;
     AccessibilityPermission mac(desktop.accessibility(), desktop.workspace(), PlatformTerms::macOS());
     mac.requestAndOpenSettings({});
-    EXPECT_EQ(desktop.openedUrls.back(),
-              QStringLiteral("x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility"));
+    EXPECT_EQ(
+        desktop.openedUrls.back(),
+        QStringLiteral("x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility"));
     EXPECT_EQ(desktop.promptCount, 3);
 }
 

@@ -47,10 +47,12 @@ TEST_F(ClipboardManagerTest, TransientStringsCarryThePlatformMarkers) {
     ASSERT_EQ(desktop.pasteboardItems().size(), 1u);
     const auto& values = desktop.pasteboardItems()[0].values;
     ASSERT_EQ(values.size(), 4u);
-    EXPECT_EQ(values[0], std::make_pair(SimulatedDesktop::plainTextType(), QStringLiteral("naïve 🙂").toUtf8()));
+    EXPECT_EQ(values[0],
+              std::make_pair(SimulatedDesktop::plainTextType(), QStringLiteral("naïve 🙂").toUtf8()));
     EXPECT_EQ(values[1], std::make_pair(QStringLiteral("org.nspasteboard.TransientType"), QByteArray()));
     EXPECT_EQ(values[2], std::make_pair(QStringLiteral("org.nspasteboard.ConcealedType"), QByteArray()));
-    EXPECT_EQ(values[3], std::make_pair(QStringLiteral("x-kde-passwordManagerHint"), QByteArrayLiteral("secret")));
+    EXPECT_EQ(values[3],
+              std::make_pair(QStringLiteral("x-kde-passwordManagerHint"), QByteArrayLiteral("secret")));
     EXPECT_GE(desktop.pasteboard().localAnnouncements, 1);
 
     ClipboardManager macOS(desktop.pasteboard(), ClipboardManager::macOSMarkers());
@@ -60,7 +62,8 @@ TEST_F(ClipboardManagerTest, TransientStringsCarryThePlatformMarkers) {
 
 TEST(AppCompatibilityRegistryTest, PermitsExactlyTheListedIdentifiers) {
     EXPECT_TRUE(AppCompatibilityRegistry::defaultRegistry().directAccessibilityBundleIdentifiers().empty());
-    EXPECT_FALSE(AppCompatibilityRegistry::defaultRegistry().permitsDirectReplacement(QStringLiteral("any.app")));
+    EXPECT_FALSE(
+        AppCompatibilityRegistry::defaultRegistry().permitsDirectReplacement(QStringLiteral("any.app")));
     const AppCompatibilityRegistry registry({QStringLiteral("org.example.Editor")});
     EXPECT_TRUE(registry.permitsDirectReplacement(QStringLiteral("org.example.Editor")));
     EXPECT_FALSE(registry.permitsDirectReplacement(QStringLiteral("org.example.editor")));

@@ -1,5 +1,5 @@
-#include "core/async/CancellationError.h"
 #include "core/selection/PasteboardGuard.h"
+#include "core/async/CancellationError.h"
 
 #include "RunTask.h"
 

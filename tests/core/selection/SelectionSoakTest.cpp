@@ -38,16 +38,17 @@ constexpr int phaseCount = 4;
 
 const char* faultName(Fault fault) {
     static constexpr std::array<const char*, faultCount> names{
-        "none",         "ignoresCopy",     "ignoresPaste",          "refusesWrites",
-        "dropsWrites",  "keyboardUnavailable", "otherWriter",       "focusOtherField",
-        "focusOtherApplication", "caretMoved", "permissionWithdrawn", "cancelled"};
+        "none",          "ignoresCopy",         "ignoresPaste",
+        "refusesWrites", "dropsWrites",         "keyboardUnavailable",
+        "otherWriter",   "focusOtherField",     "focusOtherApplication",
+        "caretMoved",    "permissionWithdrawn", "cancelled"};
     return names[static_cast<std::size_t>(fault)];
 }
 
 const std::array<QString, 14> tokens{
-    QStringLiteral("alpha"), QStringLiteral("beta"),  QStringLiteral("Grüße"), QStringLiteral("naïve"),
-    QStringLiteral("🙂"),    QStringLiteral("👍🏽"),   QStringLiteral("𝒜𝒷𝒸"),   QStringLiteral("日本語"),
-    QStringLiteral("—"),     QStringLiteral("ok"),    QStringLiteral("🇫🇷"),    QStringLiteral("x"),
+    QStringLiteral("alpha"), QStringLiteral("beta"),     QStringLiteral("Grüße"), QStringLiteral("naïve"),
+    QStringLiteral("🙂"),  QStringLiteral("👍🏽"), QStringLiteral("𝒜𝒷𝒸"),   QStringLiteral("日本語"),
+    QStringLiteral("—"),     QStringLiteral("ok"),       QStringLiteral("🇫🇷"),    QStringLiteral("x"),
     QStringLiteral("delta"), QStringLiteral("e\u0301")};
 
 class Soak {
@@ -61,7 +62,8 @@ public:
             pids_[static_cast<std::size_t>(index)] = pid;
             desktop_.launch(pid, QString::fromLatin1(identifiers[static_cast<std::size_t>(index)]));
             const int window = desktop_.openWindow(pid, QStringLiteral("Window"));
-            fields_[static_cast<std::size_t>(index)] = {desktop_.addField(window, {}), desktop_.addField(window, {})};
+            fields_[static_cast<std::size_t>(index)] = {desktop_.addField(window, {}),
+                                                        desktop_.addField(window, {})};
         }
         desktop_.keysFollowDesktopFocus = true; // as X11 input does
         TextSelectionReplacer::Timing timing;
@@ -95,7 +97,8 @@ private:
     std::uint32_t draw(std::uint32_t bound) { return random_() % bound; }
 
     QString randomText(int minTokens, int maxTokens, std::vector<QString>* parts = nullptr) {
-        const int count = minTokens + static_cast<int>(draw(static_cast<std::uint32_t>(maxTokens - minTokens + 1)));
+        const int count =
+            minTokens + static_cast<int>(draw(static_cast<std::uint32_t>(maxTokens - minTokens + 1)));
         QString text;
         for (int index = 0; index < count; ++index) {
             const QString& token = tokens[draw(tokens.size())];
@@ -200,23 +203,47 @@ private:
 
         auto strike = [&, this] {
             switch (fault) {
-            case Fault::otherWriter: desktop_.writePasteboardAsOther(newer); break;
-            case Fault::focusOtherField: desktop_.focus(siblingId); break;
-            case Fault::focusOtherApplication: desktop_.focus(bystanderId); break;
-            case Fault::caretMoved: desktop_.select(fieldId, {location + 1, 0}); break;
-            case Fault::permissionWithdrawn: desktop_.trusted = false; break;
-            case Fault::cancelled: stop.request_stop(); break;
-            default: break;
+            case Fault::otherWriter:
+                desktop_.writePasteboardAsOther(newer);
+                break;
+            case Fault::focusOtherField:
+                desktop_.focus(siblingId);
+                break;
+            case Fault::focusOtherApplication:
+                desktop_.focus(bystanderId);
+                break;
+            case Fault::caretMoved:
+                desktop_.select(fieldId, {location + 1, 0});
+                break;
+            case Fault::permissionWithdrawn:
+                desktop_.trusted = false;
+                break;
+            case Fault::cancelled:
+                stop.request_stop();
+                break;
+            default:
+                break;
             }
         };
         ++faultsDrawn[faultName(fault)];
         switch (fault) {
-        case Fault::ignoresCopy: app->ignoresCopy = true; break;
-        case Fault::ignoresPaste: app->ignoresPaste = true; break;
-        case Fault::refusesWrites: app->refusesAccessibilityWrites = true; break;
-        case Fault::dropsWrites: app->dropsAccessibilityWrites = true; break;
-        case Fault::keyboardUnavailable: desktop_.keyboardAvailable = false; break;
-        default: break;
+        case Fault::ignoresCopy:
+            app->ignoresCopy = true;
+            break;
+        case Fault::ignoresPaste:
+            app->ignoresPaste = true;
+            break;
+        case Fault::refusesWrites:
+            app->refusesAccessibilityWrites = true;
+            break;
+        case Fault::dropsWrites:
+            app->dropsAccessibilityWrites = true;
+            break;
+        case Fault::keyboardUnavailable:
+            desktop_.keyboardAvailable = false;
+            break;
+        default:
+            break;
         }
         // Not drawn, because no program could notice them (see the report): another writer or an edit
         // while the target's copy is on its way, a cancellation after a key was sent, and, for an
@@ -268,8 +295,8 @@ private:
         pumpFor(desktop_.keyDelayMs + 3); // let keys still on their way arrive
         ++outcomes[outcome];
 
-        const int before = lostClipboards + wrongFieldInsertions + wrongTextInsertions + falseConfirmations +
-                           wrongCaptures;
+        const int before =
+            lostClipboards + wrongFieldInsertions + wrongTextInsertions + falseConfirmations + wrongCaptures;
         if (captured && captured->text() != selected) {
             ++wrongCaptures;
         }
@@ -304,14 +331,16 @@ private:
                 ++falseConfirmations;
             }
         }
-        if (before != lostClipboards + wrongFieldInsertions + wrongTextInsertions +
-                                                      falseConfirmations + wrongCaptures) {
-            std::printf("anomaly: app %zu fault %s phase %d outcome %s fetch %d leaves %d | %d %d %d %d %d sel=%lld,%lld "
+        if (before != lostClipboards + wrongFieldInsertions + wrongTextInsertions + falseConfirmations +
+                          wrongCaptures) {
+            std::printf("anomaly: app %zu fault %s phase %d outcome %s fetch %d leaves %d | %d %d %d %d %d "
+                        "sel=%lld,%lld "
                         "text=%s repl=%s now=%s\n",
-                        appIndex, faultName(fault), static_cast<int>(phase), outcome.c_str(), desktop_.reportsFetches,
-                        app->pasteLeavesSelection, lostClipboards, wrongFieldInsertions, wrongTextInsertions,
-                        falseConfirmations, wrongCaptures, (long long)location, (long long)length,
-                        qPrintable(selected), qPrintable(replacement), qPrintable(desktop_.field(fieldId)->text));
+                        appIndex, faultName(fault), static_cast<int>(phase), outcome.c_str(),
+                        desktop_.reportsFetches, app->pasteLeavesSelection, lostClipboards,
+                        wrongFieldInsertions, wrongTextInsertions, falseConfirmations, wrongCaptures,
+                        (long long)location, (long long)length, qPrintable(selected), qPrintable(replacement),
+                        qPrintable(desktop_.field(fieldId)->text));
         }
     }
 
@@ -340,10 +369,11 @@ TEST(SelectionSoakTest, RandomFaultsNeverLoseTheClipboardNorHitAnotherField) {
     for (const auto& [name, count] : soak.outcomes) {
         std::printf("  outcome %4d  %s\n", count, name.c_str());
     }
-    std::printf("  lost clipboards %d, wrong-field insertions %d, wrong-text insertions %d, false confirmations %d, "
-                "wrong captures %d; unverifiable pastes reported done %d\n",
-                soak.lostClipboards, soak.wrongFieldInsertions, soak.wrongTextInsertions, soak.falseConfirmations,
-                soak.wrongCaptures, soak.blindConfirmations);
+    std::printf(
+        "  lost clipboards %d, wrong-field insertions %d, wrong-text insertions %d, false confirmations %d, "
+        "wrong captures %d; unverifiable pastes reported done %d\n",
+        soak.lostClipboards, soak.wrongFieldInsertions, soak.wrongTextInsertions, soak.falseConfirmations,
+        soak.wrongCaptures, soak.blindConfirmations);
     EXPECT_EQ(soak.lostClipboards, 0);
     EXPECT_EQ(soak.wrongFieldInsertions, 0);
     EXPECT_EQ(soak.wrongTextInsertions, 0);

@@ -29,8 +29,7 @@ using Kind = TextReplacementError::Kind;
 
 // Runs a task to its end on the event loop and returns its result or rethrows its error. (QCoro's
 // waitFor, behind runTask, never returns from a task that ends with an exception.)
-template <typename T>
-T runToEnd(QCoro::Task<T>&& task, int timeoutMs = 30000) {
+template <typename T> T runToEnd(QCoro::Task<T>&& task, int timeoutMs = 30000) {
     using Stored = std::conditional_t<std::is_void_v<T>, bool, T>;
     std::optional<Stored> value;
     std::exception_ptr error;
@@ -86,7 +85,8 @@ protected:
         fieldA = desktop.addField(window, QStringLiteral("Hello world, again"));
         fieldB = desktop.addField(window, QStringLiteral("Second field"));
         desktop.launch(otherPid, QStringLiteral("org.example.Other"));
-        otherField = desktop.addField(desktop.openWindow(otherPid, QStringLiteral("Other")), QStringLiteral("xyz"));
+        otherField =
+            desktop.addField(desktop.openWindow(otherPid, QStringLiteral("Other")), QStringLiteral("xyz"));
         desktop.select(otherField, {0, 3});
         desktop.focus(fieldA);
         desktop.select(fieldA, {6, 5});
@@ -96,8 +96,8 @@ protected:
 
     void makeReplacer(AppCompatibilityRegistry registry,
                       TextSelectionReplacer::Timing timing = TextSelectionReplacer::Timing{}) {
-        replacer = std::make_unique<TextSelectionReplacer>(desktop.accessibility(), desktop.workspace(), clipboard,
-                                                           desktop.keyboard(), std::move(registry),
+        replacer = std::make_unique<TextSelectionReplacer>(desktop.accessibility(), desktop.workspace(),
+                                                           clipboard, desktop.keyboard(), std::move(registry),
                                                            SystemClock::shared(), timing);
     }
     void listEditor() { makeReplacer(AppCompatibilityRegistry({editorId})); }
@@ -111,8 +111,7 @@ protected:
     CapturedSelection capture() { return runToEnd(replacer->capture({})); }
 
     // Runs the task and returns the kind of its TextReplacementError; fails the test otherwise.
-    template <typename T>
-    std::optional<Kind> failureOf(QCoro::Task<T>&& task) {
+    template <typename T> std::optional<Kind> failureOf(QCoro::Task<T>&& task) {
         try {
             runToEnd(std::move(task));
         } catch (const TextReplacementError& error) {
@@ -125,8 +124,7 @@ protected:
         return std::nullopt;
     }
 
-    template <typename T>
-    bool endsCancelled(QCoro::Task<T>&& task) {
+    template <typename T> bool endsCancelled(QCoro::Task<T>&& task) {
         try {
             runToEnd(std::move(task));
         } catch (const CancellationError&) {
@@ -156,6 +154,8 @@ protected:
     int otherField = 0;
 };
 
-inline double secondsOf(const QElapsedTimer& timer) { return static_cast<double>(timer.elapsed()) / 1000.0; }
+inline double secondsOf(const QElapsedTimer& timer) {
+    return static_cast<double>(timer.elapsed()) / 1000.0;
+}
 
 } // namespace parlune::test

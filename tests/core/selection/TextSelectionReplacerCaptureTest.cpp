@@ -173,7 +173,9 @@ TEST_F(CaptureTest, FocusMovingDuringCopyIsSelectionChanged) {
     // Same for a capture through the frontmost application when another application comes forward.
     desktop.focus(fieldA);
     desktop.application(editorPid)->exposesFocusedElement = false;
-    desktop.onCommandKey = [this](const SentKey&) { desktop.after(1, [this] { desktop.focus(otherField); }); };
+    desktop.onCommandKey = [this](const SentKey&) {
+        desktop.after(1, [this] { desktop.focus(otherField); });
+    };
     EXPECT_EQ(failureOf(replacer->capture({})), Kind::selectionChanged);
     EXPECT_TRUE(pasteboardIsUsers());
 }
@@ -181,8 +183,11 @@ TEST_F(CaptureTest, FocusMovingDuringCopyIsSelectionChanged) {
 TEST_F(CaptureTest, AnotherWriterDuringCopyWins) {
     makeUnreadable(fieldA);
     desktop.application(editorPid)->ignoresCopy = true;
-    const std::vector<PasteboardItem> newer{pasteboardItem({{QStringLiteral("image/png"), QByteArray("\x89P", 2)}})};
-    desktop.onCommandKey = [&](const SentKey&) { desktop.after(3, [&] { desktop.writePasteboardAsOther(newer); }); };
+    const std::vector<PasteboardItem> newer{
+        pasteboardItem({{QStringLiteral("image/png"), QByteArray("\x89P", 2)}})};
+    desktop.onCommandKey = [&](const SentKey&) {
+        desktop.after(3, [&] { desktop.writePasteboardAsOther(newer); });
+    };
     EXPECT_EQ(failureOf(replacer->capture({})), Kind::noSelectedText);
     EXPECT_EQ(desktop.pasteboardItems(), newer);
 }

@@ -70,12 +70,13 @@ TEST_F(ReplaceTest, DirectValidationDetectsEveryKindOfChange) {
 TEST_F(ReplaceTest, DirectSelectionWithoutRangeOrProcessIsUnsupported) {
     listEditor();
     const CapturedSelection captured = capture();
-    const CapturedSelection noRange(QUuid::createUuid(), captured.text(), captured.applicationBundleIdentifier(),
+    const CapturedSelection noRange(QUuid::createUuid(), captured.text(),
+                                    captured.applicationBundleIdentifier(),
                                     captured.applicationProcessIdentifier(), std::nullopt,
                                     SelectionReplacementStrategy::directAccessibility, captured.target());
-    const CapturedSelection noProcess(QUuid::createUuid(), captured.text(), captured.applicationBundleIdentifier(),
-                                      std::nullopt, captured.selectedRange(),
-                                      SelectionReplacementStrategy::directAccessibility, captured.target());
+    const CapturedSelection noProcess(
+        QUuid::createUuid(), captured.text(), captured.applicationBundleIdentifier(), std::nullopt,
+        captured.selectedRange(), SelectionReplacementStrategy::directAccessibility, captured.target());
     EXPECT_EQ(failureOf(replacer->validate(noRange, {})), Kind::unsupportedTarget);
     EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("x"), noRange, {})), Kind::unsupportedTarget);
     EXPECT_EQ(failureOf(replacer->validate(noProcess, {})), Kind::unsupportedTarget);
@@ -99,13 +100,15 @@ TEST_F(ReplaceTest, AcceptedButUnchangedDirectWriteIsNotConfirmedAndNotPasted) {
     listEditor();
     desktop.application(editorPid)->dropsAccessibilityWrites = true;
     const CapturedSelection selection = capture();
-    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})), Kind::replacementNotConfirmed);
+    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})),
+              Kind::replacementNotConfirmed);
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello world, again"));
     EXPECT_TRUE(desktop.sentKeys().empty());
     EXPECT_TRUE(pasteboardUntouched());
 
     // Without a range there is nothing else to read back.
-    const CapturedSelection noRange(QUuid::createUuid(), selection.text(), selection.applicationBundleIdentifier(),
+    const CapturedSelection noRange(QUuid::createUuid(), selection.text(),
+                                    selection.applicationBundleIdentifier(),
                                     selection.applicationProcessIdentifier(), std::nullopt,
                                     SelectionReplacementStrategy::directAccessibility, selection.target());
     EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), noRange, {})), Kind::unsupportedTarget);
@@ -125,6 +128,18 @@ TEST_F(ReplaceTest, DirectWriteOfAstralTextIsConfirmedByItsUtf16Length) {
     EXPECT_EQ(desktop.accessibility().invalidRangeRequests, 0);
 }
 
+TEST_F(ReplaceTest, ShortenedToItsOwnBeginningIsNotConfirmedByTheRangeRead) {
+    // "world, again" shortened to "world": the text at (6, 5) reads "world" with or without the write.
+    listEditor();
+    desktop.application(editorPid)->dropsAccessibilityWrites = true;
+    desktop.select(fieldA, {6, 12});
+    const CapturedSelection selection = capture();
+    ASSERT_EQ(selection.text(), QStringLiteral("world, again"));
+    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("world"), selection, {})),
+              Kind::replacementNotConfirmed);
+    EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello world, again"));
+}
+
 // MARK: clipboard path
 
 TEST_F(ReplaceTest, PasteReplacesAndRestoresEveryItemAndType) {
@@ -142,7 +157,7 @@ TEST_F(ReplaceTest, PasteReplacesAndRestoresEveryItemAndType) {
 TEST_F(ReplaceTest, PasteOfAstralTextAfterAstralTextIsConfirmedByRange) {
     desktop.field(fieldA)->text = QStringLiteral("🇫🇷 café 🙂 fin");
     desktop.field(fieldA)->selectedTextReadable = false; // captured and confirmed through ranges only
-    desktop.select(fieldA, {5, 4});                       // "café"
+    desktop.select(fieldA, {5, 4});                      // "café"
     const CapturedSelection selection = capture();
     ASSERT_EQ(selection.text(), QStringLiteral("café"));
     runToEnd(replacer->replace(QStringLiteral("😀😀"), selection, {}));
@@ -200,9 +215,9 @@ TEST_F(ReplaceTest, ChangesBeforeThePasteFailWithPasteboardUntouched) {
     EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})), Kind::selectionChanged);
     desktop.focus(fieldA);
 
-    const CapturedSelection noProcess(QUuid::createUuid(), selection.text(), selection.applicationBundleIdentifier(),
-                                      std::nullopt, selection.selectedRange(),
-                                      SelectionReplacementStrategy::clipboardFallback, selection.target());
+    const CapturedSelection noProcess(
+        QUuid::createUuid(), selection.text(), selection.applicationBundleIdentifier(), std::nullopt,
+        selection.selectedRange(), SelectionReplacementStrategy::clipboardFallback, selection.target());
     EXPECT_EQ(failureOf(replacer->validate(noProcess, {})), Kind::unsupportedTarget);
     EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), noProcess, {})), Kind::unsupportedTarget);
 
@@ -216,7 +231,8 @@ TEST_F(ReplaceTest, IgnoredPasteIsNotConfirmedAfterTheTimeoutAndRestores) {
     const CapturedSelection selection = capture();
     QElapsedTimer timer;
     timer.start();
-    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})), Kind::replacementNotConfirmed);
+    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})),
+              Kind::replacementNotConfirmed);
     EXPECT_GE(secondsOf(timer), 1.0);
     EXPECT_LT(secondsOf(timer), 1.4);
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello world, again"));
@@ -250,9 +266,13 @@ TEST_F(ReplaceTest, WriterBetweenOurWriteAndTheKeyIsSelectionChangedAndWins) {
 TEST_F(ReplaceTest, WriterDuringConfirmationKeepsItsContents) {
     desktop.application(editorPid)->ignoresPaste = true;
     const CapturedSelection selection = capture();
-    const std::vector<PasteboardItem> newer{pasteboardItem({{QStringLiteral("text/uri-list"), "file:///tmp/a"}})};
-    desktop.onCommandKey = [&](const SentKey&) { desktop.after(40, [&] { desktop.writePasteboardAsOther(newer); }); };
-    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})), Kind::replacementNotConfirmed);
+    const std::vector<PasteboardItem> newer{
+        pasteboardItem({{QStringLiteral("text/uri-list"), "file:///tmp/a"}})};
+    desktop.onCommandKey = [&](const SentKey&) {
+        desktop.after(40, [&] { desktop.writePasteboardAsOther(newer); });
+    };
+    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})),
+              Kind::replacementNotConfirmed);
     EXPECT_EQ(desktop.pasteboardItems(), newer);
 }
 
@@ -278,8 +298,21 @@ TEST_F(ReplaceTest, FocusMovingAfterTheKeyWasSentIsNotConfirmed) {
             desktop.focus(fieldB);
         }
     };
-    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})), Kind::replacementNotConfirmed);
+    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})),
+              Kind::replacementNotConfirmed);
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello world, again"));
+    EXPECT_TRUE(pasteboardIsUsers());
+}
+
+TEST_F(ReplaceTest, SlowPasteOfAShortenedSelectionIsAwaited) {
+    // The range read would match before the paste arrives; restoring then would have the target
+    // paste the user's contents. The caret after the pasted text confirms it instead.
+    desktop.field(fieldA)->selectedTextReadable = false;
+    desktop.select(fieldA, {0, 11});
+    const CapturedSelection selection = capture();
+    desktop.keyDelayMs = 40;
+    runToEnd(replacer->replace(QStringLiteral("Hello"), selection, {}));
+    EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello, again"));
     EXPECT_TRUE(pasteboardIsUsers());
 }
 
@@ -289,7 +322,8 @@ TEST_F(ReplaceTest, SameLengthReplacementLeftSelectedNeedsItsTextReadBack) {
     desktop.application(editorPid)->ignoresPaste = true;
     makeUnreadable(fieldA);
     const CapturedSelection selection = capture();
-    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})), Kind::replacementNotConfirmed);
+    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})),
+              Kind::replacementNotConfirmed);
     EXPECT_TRUE(pasteboardIsUsers());
 }
 
@@ -309,7 +343,8 @@ TEST_F(ReplaceTest, FetchReportingDelaysTheRestoreUntilTheTargetFetched) {
     desktop.select(fieldA, {6, 5});
     desktop.application(editorPid)->ignoresPaste = true;
     const CapturedSelection again = capture();
-    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), again, {})), Kind::replacementNotConfirmed);
+    EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), again, {})),
+              Kind::replacementNotConfirmed);
     EXPECT_TRUE(pasteboardIsUsers());
 }
 

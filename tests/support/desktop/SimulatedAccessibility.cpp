@@ -15,7 +15,9 @@ bool SimulatedElement::isSameElement(const AccessibilityElement& other) const {
     return fieldOf(other) == field_;
 }
 
-bool SimulatedAccessibility::isProcessTrusted() const { return desktop_.trusted; }
+bool SimulatedAccessibility::isProcessTrusted() const {
+    return desktop_.trusted;
+}
 
 bool SimulatedAccessibility::requestTrustWithPrompt() {
     ++desktop_.promptCount;
@@ -76,7 +78,8 @@ std::optional<QString> SimulatedAccessibility::selectedText(const AccessibilityE
     return field->selectedText();
 }
 
-std::optional<QString> SimulatedAccessibility::stringForRange(const AccessibilityElement& element, TextRange range) {
+std::optional<QString> SimulatedAccessibility::stringForRange(const AccessibilityElement& element,
+                                                              TextRange range) {
     desktop_.runAccessibilityQueryHook();
     if (range.location < 0 || range.length < 1) {
         ++invalidRangeRequests;
@@ -89,7 +92,8 @@ std::optional<QString> SimulatedAccessibility::stringForRange(const Accessibilit
     return field->text.mid(range.location, range.length);
 }
 
-AccessibilityApi::SettableAnswer SimulatedAccessibility::isSelectedTextSettable(const AccessibilityElement& element) {
+AccessibilityApi::SettableAnswer
+SimulatedAccessibility::isSelectedTextSettable(const AccessibilityElement& element) {
     desktop_.runAccessibilityQueryHook();
     const SimulatedField* field = desktop_.field(fieldOf(element));
     if (!field) {

@@ -74,7 +74,9 @@ const SimulatedField* SimulatedDesktop::field(int id) const {
     return found == fields_.end() ? nullptr : &found->second;
 }
 
-void SimulatedDesktop::select(int fieldId, TextRange range) { fields_.at(fieldId).selection = range; }
+void SimulatedDesktop::select(int fieldId, TextRange range) {
+    fields_.at(fieldId).selection = range;
+}
 
 void SimulatedDesktop::focus(int fieldId) {
     SimulatedField& target = fields_.at(fieldId);
@@ -90,7 +92,9 @@ void SimulatedDesktop::activate(ProcessId pid) {
     }
 }
 
-void SimulatedDesktop::clearFrontmost() { frontmost_.reset(); }
+void SimulatedDesktop::clearFrontmost() {
+    frontmost_.reset();
+}
 
 int SimulatedDesktop::focusedFieldOf(ProcessId pid) const {
     auto app = applications_.find(pid);
@@ -101,7 +105,9 @@ int SimulatedDesktop::focusedFieldOf(ProcessId pid) const {
     return window == windows_.end() ? 0 : window->second.focusedField;
 }
 
-int SimulatedDesktop::focusedField() const { return frontmost_ ? focusedFieldOf(*frontmost_) : 0; }
+int SimulatedDesktop::focusedField() const {
+    return frontmost_ ? focusedFieldOf(*frontmost_) : 0;
+}
 
 void SimulatedDesktop::runAccessibilityQueryHook() {
     if (auto hook = std::exchange(beforeNextAccessibilityQuery, nullptr)) {
@@ -111,7 +117,9 @@ void SimulatedDesktop::runAccessibilityQueryHook() {
 
 // MARK: pasteboard
 
-QString SimulatedDesktop::plainTextType() { return QStringLiteral("text/plain;charset=utf-8"); }
+QString SimulatedDesktop::plainTextType() {
+    return QStringLiteral("text/plain;charset=utf-8");
+}
 
 void SimulatedDesktop::writePasteboardAsOther(std::vector<PasteboardItem> items) {
     writePasteboard(std::move(items), PasteboardWriter::other);
@@ -175,8 +183,8 @@ void SimulatedDesktop::deliverCommandKey(SentKey key) {
         }
         // Applications offer rich text beside plain text.
         PasteboardItem item;
-        item.values.emplace_back(QStringLiteral("text/html"), (QStringLiteral("<span>") + selected +
-                                                                QStringLiteral("</span>")).toUtf8());
+        item.values.emplace_back(QStringLiteral("text/html"),
+                                 (QStringLiteral("<span>") + selected + QStringLiteral("</span>")).toUtf8());
         item.values.emplace_back(plainTextType(), selected.toUtf8());
         writePasteboard({item}, PasteboardWriter::application, receiver);
     } else if (key.keyCode == KeyboardEvents::keyCodeV) {

@@ -140,7 +140,8 @@ public:
     // Replaces the contents as someone other than the program or a target application.
     void writePasteboardAsOther(std::vector<PasteboardItem> items);
     // Called by the pasteboard port and by applications.
-    void writePasteboard(std::vector<PasteboardItem> items, PasteboardWriter writer, ProcessId application = 0);
+    void writePasteboard(std::vector<PasteboardItem> items, PasteboardWriter writer,
+                         ProcessId application = 0);
     void clearPasteboard(PasteboardWriter writer);
     const std::vector<PasteboardWrite>& pasteboardWrites() const { return writes_; }
     // Runs after each write by the program, for faults that must land between two of its steps.
@@ -155,9 +156,9 @@ public:
     std::set<QString> unreadableTypes;
 
     // MARK: synthetic keys
-    int keyDelayMs = 2;             // from sending a command key to its effect
-    int modifierReleaseWaitMs = 0;  // the port's wait for the user to let go of the shortcut
-    bool keyboardAvailable = true;  // false: key events cannot be made
+    int keyDelayMs = 2;            // from sending a command key to its effect
+    int modifierReleaseWaitMs = 0; // the port's wait for the user to let go of the shortcut
+    bool keyboardAvailable = true; // false: key events cannot be made
     // Real X11 input goes to whatever has focus when the key arrives; with this set the keys act on
     // the frontmost application's focused field instead of the target process's.
     bool keysFollowDesktopFocus = false;

@@ -5,7 +5,8 @@
 
 namespace parlune::test {
 
-QCoro::Task<bool> SimulatedKeyboard::sendCommandKey(std::uint16_t keyCode, ProcessId target, std::stop_token token) {
+QCoro::Task<bool> SimulatedKeyboard::sendCommandKey(std::uint16_t keyCode, ProcessId target,
+                                                    std::stop_token token) {
     throwIfCancelled(token);
     if (!desktop_.keyboardAvailable) {
         co_return false;

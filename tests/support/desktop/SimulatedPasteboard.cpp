@@ -4,9 +4,13 @@
 
 namespace parlune::test {
 
-std::int64_t SimulatedPasteboard::changeCount() const { return desktop_.changeCount(); }
+std::int64_t SimulatedPasteboard::changeCount() const {
+    return desktop_.changeCount();
+}
 
-int SimulatedPasteboard::itemCount() const { return static_cast<int>(desktop_.pasteboardItems().size()); }
+int SimulatedPasteboard::itemCount() const {
+    return static_cast<int>(desktop_.pasteboardItems().size());
+}
 
 std::vector<QString> SimulatedPasteboard::types(int index) const {
     const auto& items = desktop_.pasteboardItems();
@@ -35,11 +39,17 @@ std::optional<QByteArray> SimulatedPasteboard::data(int index, const QString& ty
     return std::nullopt;
 }
 
-std::optional<QString> SimulatedPasteboard::string() const { return desktop_.pasteboardString(); }
+std::optional<QString> SimulatedPasteboard::string() const {
+    return desktop_.pasteboardString();
+}
 
-QString SimulatedPasteboard::plainTextType() const { return SimulatedDesktop::plainTextType(); }
+QString SimulatedPasteboard::plainTextType() const {
+    return SimulatedDesktop::plainTextType();
+}
 
-void SimulatedPasteboard::clearContents() { desktop_.clearPasteboard(PasteboardWriter::program); }
+void SimulatedPasteboard::clearContents() {
+    desktop_.clearPasteboard(PasteboardWriter::program);
+}
 
 bool SimulatedPasteboard::writeItems(const std::vector<PasteboardItem>& items) {
     desktop_.writePasteboard(items, PasteboardWriter::program);
@@ -56,6 +66,8 @@ bool SimulatedPasteboard::contentsWereFetched(std::int64_t count) const {
     return desktop_.reportsFetches && desktop_.fetchedChangeCounts().count(count) > 0;
 }
 
-bool SimulatedPasteboard::reportsFetches() const { return desktop_.reportsFetches; }
+bool SimulatedPasteboard::reportsFetches() const {
+    return desktop_.reportsFetches;
+}
 
 } // namespace parlune::test
