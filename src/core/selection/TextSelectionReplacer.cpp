@@ -250,9 +250,12 @@ TextSelectionReplacer::copySelectedTextRestoringClipboard(ProcessId process, std
 
 QCoro::Task<std::optional<TextSelectionReplacer::CopiedText>>
 TextSelectionReplacer::waitForCopiedString(std::int64_t baseline, double timeout, std::stop_token token) {
+    // Looks once more after the time is up: a process that was not scheduled for a while may find
+    // the copy arrived meanwhile, and giving up then would leave it on the pasteboard for good.
     const double start = clock_.uptimeSeconds();
-    while (clock_.uptimeSeconds() - start < timeout) {
+    for (;;) {
         throwIfCancelled(token);
+        const bool timeIsUp = clock_.uptimeSeconds() - start >= timeout;
         // The count first: the string is read only once somebody wrote.
         const std::int64_t count = clipboard_.changeCount();
         if (count != baseline) {
@@ -261,9 +264,11 @@ TextSelectionReplacer::waitForCopiedString(std::int64_t baseline, double timeout
                 co_return CopiedText{std::move(*text), count};
             }
         }
+        if (timeIsUp) {
+            co_return std::nullopt;
+        }
         co_await sleepFor(toDuration(timing_.copyPollInterval), token);
     }
-    co_return std::nullopt;
 }
 
 // MARK: validation
@@ -443,9 +448,11 @@ QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replac
     std::optional<double> fetchedAt;
     bool seen = false;
 
+    // As with the copy, one last look after the time is up.
     const double start = clock_.uptimeSeconds();
-    for (double now = start; now - start < timeout; now = clock_.uptimeSeconds()) {
+    for (;;) {
         throwIfCancelled(token);
+        const double now = clock_.uptimeSeconds();
         if (!awaitsFetch) {
             if (pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) !=
                 PasteEvidence::none) {
@@ -463,9 +470,11 @@ QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replac
                        PasteEvidence::seen;
             }
         }
+        if (now - start >= timeout) {
+            co_return seen || fetchedAt.has_value();
+        }
         co_await sleepFor(toDuration(timing_.pastePollInterval), token);
     }
-    co_return seen || fetchedAt.has_value();
 }
 
 } // namespace parlune

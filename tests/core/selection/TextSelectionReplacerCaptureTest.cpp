@@ -156,6 +156,29 @@ TEST_F(CaptureTest, EmptyCopiedStringCountsAsNothingCopied) {
     EXPECT_EQ(desktop.pasteboardString(), QString());
 }
 
+// A clock that only moves when told: stands for a process that was not scheduled for a while.
+class StalledClock final : public Clock {
+public:
+    double uptimeSeconds() const override { return uptime; }
+    WallTime now() const override {
+        return WallTime{} + std::chrono::milliseconds(static_cast<long>(uptime * 1000));
+    }
+    double uptime = 100.0;
+};
+
+TEST_F(CaptureTest, CopyArrivingWhileTheProgramStalledIsStillTaken) {
+    // The copy lands, then our clock leaps past the time-out before the next look: the copied text
+    // is taken and the user's pasteboard put back, rather than a failure that leaves the copy there.
+    StalledClock clock;
+    replacer =
+        std::make_unique<TextSelectionReplacer>(desktop.accessibility(), desktop.workspace(), clipboard,
+                                                desktop.keyboard(), AppCompatibilityRegistry(), clock);
+    makeUnreadable(fieldA);
+    desktop.onCommandKey = [&](const SentKey&) { desktop.after(5, [&] { clock.uptime += 5.0; }); };
+    EXPECT_EQ(capture().text(), QStringLiteral("world"));
+    EXPECT_TRUE(pasteboardIsUsers());
+}
+
 TEST_F(CaptureTest, KeyboardUnavailableRestoresPasteboard) {
     makeUnreadable(fieldA);
     desktop.keyboardAvailable = false;

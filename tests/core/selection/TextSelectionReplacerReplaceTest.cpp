@@ -56,6 +56,10 @@ TEST_F(ReplaceTest, DirectValidationDetectsEveryKindOfChange) {
     EXPECT_EQ(failureOf(replacer->validate(selection, {})), Kind::selectionChanged);
     desktop.field(fieldA)->selectedTextReadable = true;
 
+    desktop.application(editorPid)->processReadable = false;
+    EXPECT_EQ(failureOf(replacer->validate(selection, {})), Kind::selectionChanged);
+    desktop.application(editorPid)->processReadable = true;
+
     desktop.trusted = false;
     EXPECT_EQ(failureOf(replacer->validate(selection, {})), Kind::accessibilityPermissionMissing);
     EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})),
