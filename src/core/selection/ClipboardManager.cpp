@@ -59,8 +59,7 @@ bool ClipboardManager::restore(const ClipboardSnapshot& snapshot,
         }
         items.push_back(std::move(item));
     }
-    pasteboard_.writeItems(items);
-    return true;
+    return pasteboard_.writeItems(items);
 }
 
 void ClipboardManager::prepareForLocalCapture() {

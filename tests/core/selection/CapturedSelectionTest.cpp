@@ -1,5 +1,4 @@
 #include "core/selection/CapturedSelection.h"
-#include "core/selection/TextReplacementError.h"
 #include "desktop/SimulatedAccessibility.h"
 
 #include <gtest/gtest.h>
@@ -52,11 +51,7 @@ TEST(CapturedSelectionTest, CopiesShareTheElementHandle) {
     EXPECT_TRUE(watch.expired());
 }
 
-TEST(TextReplacementErrorTest, DescriptionsAndStrategyNames) {
-    EXPECT_STREQ(TextReplacementError(TextReplacementError::Kind::replacementNotConfirmed).what(),
-                 "The application did not confirm that it accepted the replacement.");
-    EXPECT_STREQ(TextReplacementError(TextReplacementError::Kind::selectionChanged).what(),
-                 "The original selection changed before the rewrite completed.");
+TEST(SelectionReplacementStrategyTest, RawValuesAreExact) {
     EXPECT_EQ(selection_replacement_strategy::fromRawValue("directAccessibility"),
               SelectionReplacementStrategy::directAccessibility);
     EXPECT_EQ(selection_replacement_strategy::fromRawValue("clipboardFallback"),
