@@ -314,7 +314,7 @@ private:
                 repeatDone = false;
                 repeat.emplace(repeatPress());
             }
-            runToEnd(std::move(main));
+            runTask(std::move(main));
         } catch (const TextReplacementError& error) {
             outcome = error.what();
         } catch (const CancellationError&) {

@@ -27,38 +27,6 @@ namespace parlune::test {
 
 using Kind = TextReplacementError::Kind;
 
-// Runs a task to its end on the event loop and returns its result or rethrows its error. (QCoro's
-// waitFor, behind runTask, never returns from a task that ends with an exception.)
-template <typename T> T runToEnd(QCoro::Task<T>&& task, int timeoutMs = 30000) {
-    using Stored = std::conditional_t<std::is_void_v<T>, bool, T>;
-    std::optional<Stored> value;
-    std::exception_ptr error;
-    bool done = false;
-    auto body = [&](QCoro::Task<T> inner) -> QCoro::Task<void> {
-        try {
-            if constexpr (std::is_void_v<T>) {
-                co_await std::move(inner);
-                value.emplace(true);
-            } else {
-                value.emplace(co_await std::move(inner));
-            }
-        } catch (...) {
-            error = std::current_exception();
-        }
-        done = true;
-    };
-    QCoro::Task<void> runner = body(std::move(task));
-    if (!pumpUntil([&] { return done; }, timeoutMs)) {
-        throw std::runtime_error("the task did not finish");
-    }
-    if (error) {
-        std::rethrow_exception(error);
-    }
-    if constexpr (!std::is_void_v<T>) {
-        return std::move(*value);
-    }
-}
-
 inline PasteboardItem pasteboardItem(std::vector<std::pair<QString, QByteArray>> values) {
     return PasteboardItem{std::move(values)};
 }
@@ -108,12 +76,12 @@ protected:
         desktop.field(fieldId)->stringForRangeReadable = false;
     }
 
-    CapturedSelection capture() { return runToEnd(replacer->capture({})); }
+    CapturedSelection capture() { return runTask(replacer->capture({})); }
 
     // Runs the task and returns the kind of its TextReplacementError; fails the test otherwise.
     template <typename T> std::optional<Kind> failureOf(QCoro::Task<T>&& task) {
         try {
-            runToEnd(std::move(task));
+            runTask(std::move(task));
         } catch (const TextReplacementError& error) {
             return error.kind();
         } catch (const std::exception& error) {
@@ -126,7 +94,7 @@ protected:
 
     template <typename T> bool endsCancelled(QCoro::Task<T>&& task) {
         try {
-            runToEnd(std::move(task));
+            runTask(std::move(task));
         } catch (const CancellationError&) {
             return true;
         } catch (...) {

@@ -27,8 +27,8 @@ TEST_F(ReplaceTest, DirectWriteReplacesWithoutTouchingThePasteboard) {
     listEditor();
     CapturedSelection selection = capture();
     ASSERT_EQ(selection.replacementStrategy(), SelectionReplacementStrategy::directAccessibility);
-    runToEnd(replacer->validate(selection, {}));
-    runToEnd(replacer->replace(QStringLiteral("earth"), selection, {}));
+    runTask(replacer->validate(selection, {}));
+    runTask(replacer->replace(QStringLiteral("earth"), selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello earth, again"));
     EXPECT_TRUE(pasteboardUntouched());
     EXPECT_TRUE(desktop.sentKeys().empty());
@@ -66,7 +66,7 @@ TEST_F(ReplaceTest, DirectValidationDetectsEveryKindOfChange) {
               Kind::accessibilityPermissionMissing);
     desktop.trusted = true;
 
-    runToEnd(replacer->validate(selection, {}));
+    runTask(replacer->validate(selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello world, again"));
     EXPECT_TRUE(pasteboardUntouched());
 }
@@ -93,7 +93,7 @@ TEST_F(ReplaceTest, RefusedDirectWriteContinuesByPasting) {
     desktop.application(editorPid)->refusesAccessibilityWrites = true;
     const CapturedSelection selection = capture();
     ASSERT_EQ(selection.replacementStrategy(), SelectionReplacementStrategy::directAccessibility);
-    runToEnd(replacer->replace(QStringLiteral("earth"), selection, {}));
+    runTask(replacer->replace(QStringLiteral("earth"), selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello earth, again"));
     ASSERT_EQ(desktop.sentKeys().size(), 1u);
     EXPECT_EQ(desktop.sentKeys()[0].keyCode, KeyboardEvents::keyCodeV);
@@ -127,7 +127,7 @@ TEST_F(ReplaceTest, DirectWriteOfAstralTextIsConfirmedByItsUtf16Length) {
     // After the write the caret follows the text, so only the range read (5, 11 units) can confirm.
     const QString replacement = QStringLiteral("👋 héllo 🌍");
     ASSERT_EQ(replacement.size(), 11);
-    runToEnd(replacer->replace(replacement, selection, {}));
+    runTask(replacer->replace(replacement, selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("𝒜🙂 👋 héllo 🌍 now"));
     EXPECT_EQ(desktop.accessibility().invalidRangeRequests, 0);
 }
@@ -148,8 +148,8 @@ TEST_F(ReplaceTest, ShortenedToItsOwnBeginningIsNotConfirmedByTheRangeRead) {
 
 TEST_F(ReplaceTest, PasteReplacesAndRestoresEveryItemAndType) {
     const CapturedSelection selection = capture();
-    runToEnd(replacer->validate(selection, {}));
-    runToEnd(replacer->replace(QStringLiteral("earth"), selection, {}));
+    runTask(replacer->validate(selection, {}));
+    runTask(replacer->replace(QStringLiteral("earth"), selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello earth, again"));
     EXPECT_TRUE(pasteboardIsUsers());
     EXPECT_EQ(programWritesWithMarkers(), 1);
@@ -164,7 +164,7 @@ TEST_F(ReplaceTest, PasteOfAstralTextAfterAstralTextIsConfirmedByRange) {
     desktop.select(fieldA, {5, 4});                      // "café"
     const CapturedSelection selection = capture();
     ASSERT_EQ(selection.text(), QStringLiteral("café"));
-    runToEnd(replacer->replace(QStringLiteral("😀😀"), selection, {}));
+    runTask(replacer->replace(QStringLiteral("😀😀"), selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("🇫🇷 😀😀 🙂 fin"));
     EXPECT_TRUE(pasteboardIsUsers());
 }
@@ -173,7 +173,7 @@ TEST_F(ReplaceTest, PasteLeavingTextSelectedIsConfirmed) {
     desktop.application(editorPid)->pasteLeavesSelection = true;
     makeUnreadable(fieldA); // neither selected text nor range string: the selected range confirms
     const CapturedSelection selection = capture();
-    runToEnd(replacer->replace(QStringLiteral("planet"), selection, {}));
+    runTask(replacer->replace(QStringLiteral("planet"), selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello planet, again"));
     EXPECT_EQ(desktop.field(fieldA)->selection, (TextRange{6, 6}));
     EXPECT_TRUE(pasteboardIsUsers());
@@ -182,10 +182,10 @@ TEST_F(ReplaceTest, PasteLeavingTextSelectedIsConfirmed) {
 TEST_F(ReplaceTest, FrontmostSelectionIsConfirmedOnceSteady) {
     desktop.application(editorPid)->exposesFocusedElement = false;
     const CapturedSelection selection = capture();
-    runToEnd(replacer->validate(selection, {})); // copies again and compares
+    runTask(replacer->validate(selection, {})); // copies again and compares
     QElapsedTimer timer;
     timer.start();
-    runToEnd(replacer->replace(QStringLiteral("earth"), selection, {}));
+    runTask(replacer->replace(QStringLiteral("earth"), selection, {}));
     EXPECT_GE(secondsOf(timer), 0.12);
     EXPECT_LT(secondsOf(timer), 0.6);
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello earth, again"));
@@ -195,7 +195,7 @@ TEST_F(ReplaceTest, FrontmostSelectionIsConfirmedOnceSteady) {
 TEST_F(ReplaceTest, ClipboardValidationByCopyDetectsChangedText) {
     makeUnreadable(fieldA);
     const CapturedSelection selection = capture();
-    runToEnd(replacer->validate(selection, {}));
+    runTask(replacer->validate(selection, {}));
     EXPECT_TRUE(pasteboardIsUsers());
 
     desktop.field(fieldA)->text = QStringLiteral("Hello WORLD, again");
@@ -315,7 +315,7 @@ TEST_F(ReplaceTest, SlowPasteOfAShortenedSelectionIsAwaited) {
     desktop.select(fieldA, {0, 11});
     const CapturedSelection selection = capture();
     desktop.keyDelayMs = 40;
-    runToEnd(replacer->replace(QStringLiteral("Hello"), selection, {}));
+    runTask(replacer->replace(QStringLiteral("Hello"), selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello, again"));
     EXPECT_TRUE(pasteboardIsUsers());
 }
@@ -338,7 +338,7 @@ TEST_F(ReplaceTest, FetchReportingDelaysTheRestoreUntilTheTargetFetched) {
     desktop.application(editorPid)->exposesFocusedElement = false;
     const CapturedSelection selection = capture();
     desktop.keyDelayMs = 250;
-    runToEnd(replacer->replace(QStringLiteral("earth"), selection, {}));
+    runTask(replacer->replace(QStringLiteral("earth"), selection, {}));
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello earth, again"));
     EXPECT_TRUE(pasteboardIsUsers());
 
