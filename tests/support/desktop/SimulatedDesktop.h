@@ -86,6 +86,15 @@ struct SentKey {
 // windows and text fields, keyboard focus, a pasteboard whose change count every writer raises,
 // synthetic command keys that act after a delay, and switches for the ways real applications and
 // users get in the way. Main thread only; its delays are real (short) timers.
+//
+//   SimulatedDesktop desktop;
+//   desktop.launch(42, QStringLiteral("org.example.Editor"));
+//   const int field = desktop.addField(desktop.openWindow(42, QStringLiteral("Notes")), QStringLiteral("Hi all"));
+//   desktop.focus(field);
+//   desktop.select(field, {3, 3});
+//   ClipboardManager clipboard(desktop.pasteboard());
+//   TextSelectionReplacer replacer(desktop.accessibility(), desktop.workspace(), clipboard, desktop.keyboard(),
+//                                  AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
 class SimulatedDesktop {
 public:
     SimulatedDesktop();
