@@ -235,6 +235,11 @@ std::optional<QString> X11Pasteboard::string() const {
 
 QString X11Pasteboard::plainTextType() const { return utf8String; }
 
+bool X11Pasteboard::ownsSelection() const {
+    sync();
+    return owned_.has_value();
+}
+
 bool X11Pasteboard::contentsWereFetched(std::int64_t count) const {
     sync();
     return fetched_.count(count) > 0;

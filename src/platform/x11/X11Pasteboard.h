@@ -31,6 +31,8 @@ public:
 
     // Whether the server has XFixes; without it other clients' writes cannot be seen.
     bool isUsable() const { return xfixesEvent_ != 0; }
+    // Whether this program holds the clipboard now.
+    bool ownsSelection() const;
 
     std::int64_t changeCount() const override;
     int itemCount() const override;

@@ -68,7 +68,7 @@ void DesktopSession::setCurrent(DesktopSession* session) { currentSession = sess
 
 DesktopSession::~DesktopSession() { stop(); }
 
-pid_t DesktopSession::spawn(const QStringList& command) {
+pid_t DesktopSession::spawn(const QStringList& command, const QString& log) {
     std::vector<QByteArray> storage;
     for (const QString& part : command) {
         storage.push_back(part.toLocal8Bit());
@@ -82,7 +82,7 @@ pid_t DesktopSession::spawn(const QStringList& command) {
     if (pid == 0) {
         ::setpgid(0, 0);
         // Children's chatter (dconf warnings, openbox menus) is not the test's output.
-        if (FILE* sink = std::fopen("/dev/null", "w")) {
+        if (FILE* sink = std::fopen(log.isEmpty() ? "/dev/null" : log.toLocal8Bit().constData(), "w")) {
             ::dup2(fileno(sink), STDOUT_FILENO);
             ::dup2(fileno(sink), STDERR_FILENO);
         }
@@ -180,9 +180,17 @@ bool DesktopSession::start(const QString& openboxConfig) {
         failure_ = QStringLiteral("the session bus did not start");
         return false;
     }
-    windowManager_ = spawn({QStringLiteral("openbox"), QStringLiteral("--config-file"), openboxConfig});
-    if (!waitFor([&] { return hasWindowManager(display); }, 5000)) {
-        failure_ = QStringLiteral("openbox did not start");
+    const QString windowManagerLog = directory_ + QStringLiteral("/openbox.log");
+    for (int attempt = 0; attempt < 3 && !hasWindowManager(display); ++attempt) {
+        terminate(windowManager_);
+        windowManager_ = spawn({QStringLiteral("openbox"), QStringLiteral("--config-file"), openboxConfig},
+                               windowManagerLog);
+        waitFor([&] { return hasWindowManager(display) || exited(windowManager_); }, 5000);
+    }
+    if (!hasWindowManager(display)) {
+        QFile log(windowManagerLog);
+        log.open(QIODevice::ReadOnly);
+        failure_ = QStringLiteral("openbox did not start: ") + QString::fromLocal8Bit(log.readAll()).simplified();
         return false;
     }
     return true;

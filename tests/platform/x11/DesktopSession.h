@@ -32,7 +32,8 @@ public:
     static void setCurrent(DesktopSession* session);
 
     // Starts a program with this desktop's environment; returns its process id or -1.
-    pid_t spawn(const QStringList& command);
+    // Its output goes to `log` when given, else nowhere.
+    pid_t spawn(const QStringList& command, const QString& log = {});
     static void terminate(pid_t pid);
     // Runs a short command to its end (xdotool, xclip); returns its exit code, -1 if it did not run.
     // The event loop is kept running meanwhile, so this process can answer selection requests.
