@@ -1,5 +1,6 @@
 #include "DesktopTest.h"
 #include "MousepadEditor.h"
+#include "TaskRunner.h"
 #include "core/async/Clock.h"
 #include "core/platform/AccessibilityApi.h"
 #include "core/selection/ClipboardManager.h"
@@ -77,35 +78,6 @@ QByteArray clipboardTarget(const QString& target) {
          QStringLiteral("-t"), target},
         &bytes);
     return status == 0 ? bytes : QByteArray("<unreadable>");
-}
-
-// Runs a task on the event loop to its end; unlike QCoro::waitFor it needs no default-constructible
-// result.
-template <typename T>
-T finish(QCoro::Task<T>&& task) {
-    std::optional<std::conditional_t<std::is_void_v<T>, bool, T>> result;
-    std::exception_ptr error;
-    bool done = false;
-    auto body = [&](QCoro::Task<T> inner) -> QCoro::Task<void> {
-        try {
-            if constexpr (std::is_void_v<T>) {
-                co_await std::move(inner);
-            } else {
-                result.emplace(co_await std::move(inner));
-            }
-        } catch (...) {
-            error = std::current_exception();
-        }
-        done = true;
-    };
-    auto running = body(std::move(task));
-    pumpUntil([&] { return done; }, 30000);
-    if (error) {
-        std::rethrow_exception(error);
-    }
-    if constexpr (!std::is_void_v<T>) {
-        return std::move(*result);
-    }
 }
 
 class ClipboardDesktopTest : public DesktopTest {
