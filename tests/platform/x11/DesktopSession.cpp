@@ -40,6 +40,13 @@ bool exited(pid_t pid) {
     return ::waitpid(pid, &status, WNOHANG) == pid;
 }
 
+bool acceptsClients(const QString& display) {
+    xcb_connection_t* c = xcb_connect(display.toLocal8Bit().constData(), nullptr);
+    const bool connected = !xcb_connection_has_error(c);
+    xcb_disconnect(c);
+    return connected;
+}
+
 bool hasWindowManager(const QString& display) {
     xcb_connection_t* c = xcb_connect(display.toLocal8Bit().constData(), nullptr);
     if (xcb_connection_has_error(c)) {
@@ -152,7 +159,8 @@ bool DesktopSession::start(const QString& openboxConfig) {
         const pid_t pid = spawn({QStringLiteral("Xvfb"), display, QStringLiteral("-screen"), QStringLiteral("0"),
                                  QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp")});
         const QString socket = QStringLiteral("/tmp/.X11-unix/X%1").arg(number);
-        if (waitFor([&] { return QFile::exists(socket) || exited(pid); }, 5000) && QFile::exists(socket) &&
+        // The socket appears before the server takes clients; wait for a real connection.
+        if (waitFor([&] { return exited(pid) || (QFile::exists(socket) && acceptsClients(display)); }, 8000) &&
             !exited(pid)) {
             xvfb_ = pid;
         } else {
