@@ -1,8 +1,8 @@
 #include "DesktopTest.h"
 #include "MousepadEditor.h"
+#include "NoAccessibilityBus.h"
 #include "TaskRunner.h"
 #include "core/async/Clock.h"
-#include "core/platform/AccessibilityApi.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
 #include "core/selection/TextSelectionReplacer.h"
@@ -13,21 +13,6 @@
 
 namespace parlune::test {
 namespace {
-
-// A desktop without an accessibility bus: trusted (XTest is there) but no focused element, so
-// every selection goes through the clipboard.
-class NoAccessibilityBus final : public AccessibilityApi {
-public:
-    bool isProcessTrusted() const override { return true; }
-    bool requestTrustWithPrompt() override { return true; }
-    AccessibilityElementRef focusedElement() override { return nullptr; }
-    std::optional<ProcessId> processOf(const AccessibilityElement&) override { return std::nullopt; }
-    std::optional<TextRange> selectedTextRange(const AccessibilityElement&) override { return std::nullopt; }
-    std::optional<QString> selectedText(const AccessibilityElement&) override { return std::nullopt; }
-    std::optional<QString> stringForRange(const AccessibilityElement&, TextRange) override { return std::nullopt; }
-    SettableAnswer isSelectedTextSettable(const AccessibilityElement&) override { return {-1, false}; }
-    int setSelectedText(const AccessibilityElement&, const QString&) override { return -1; }
-};
 
 // Sends keys through the real port, then lets a test act right after a given key went out.
 class InterceptedKeyboard final : public KeyboardEvents {
