@@ -9,6 +9,7 @@
 
 #include <X11/keysym.h>
 #include <xcb/xcb_keysyms.h>
+#include <xcb/xinput.h>
 #include <xcb/xtest.h>
 
 #include <chrono>
@@ -17,8 +18,69 @@
 
 namespace parlune::x11 {
 
+namespace {
+
+std::bitset<256> keyBits(const std::uint8_t* keys) {
+    std::bitset<256> down;
+    for (int byte = 0; byte < 32; ++byte) {
+        for (int bit = 0; bit < 8; ++bit) {
+            if (keys[byte] & (1u << bit)) {
+                down.set(static_cast<std::size_t>(byte * 8 + bit));
+            }
+        }
+    }
+    return down;
+}
+
+} // namespace
+
 XTestKeyboardEvents::XTestKeyboardEvents(XcbConnection& connection, Workspace& workspace)
-    : x_(connection), workspace_(workspace) {}
+    : x_(connection), workspace_(workspace) {
+    // Per-device key state needs XInput 2 (to list the devices) and its 1.x state request.
+    const xcb_query_extension_reply_t* xinput = xcb_get_extension_data(x_.raw(), &xcb_input_id);
+    if (xinput && xinput->present) {
+        auto* version = xcb_input_xi_query_version_reply(x_.raw(), xcb_input_xi_query_version(x_.raw(), 2, 2), nullptr);
+        xinput_ = version && version->major_version >= 2;
+        std::free(version);
+    }
+}
+
+XTestKeyboardEvents::HeldKeys XTestKeyboardEvents::heldKeys() const {
+    HeldKeys held;
+    if (!xinput_) {
+        held.physical = keysDown();
+        return held;
+    }
+    xcb_connection_t* c = x_.raw();
+    auto* devices = xcb_input_xi_query_device_reply(c, xcb_input_xi_query_device(c, XCB_INPUT_DEVICE_ALL), nullptr);
+    if (!devices) {
+        held.physical = keysDown();
+        return held;
+    }
+    for (auto it = xcb_input_xi_query_device_infos_iterator(devices); it.rem; xcb_input_xi_device_info_next(&it)) {
+        const xcb_input_xi_device_info_t* info = it.data;
+        if (info->type != XCB_INPUT_DEVICE_TYPE_SLAVE_KEYBOARD) {
+            continue;
+        }
+        const QByteArray name(xcb_input_xi_device_info_name(info), xcb_input_xi_device_info_name_length(info));
+        auto* state = xcb_input_query_device_state_reply(
+            c, xcb_input_query_device_state(c, static_cast<std::uint8_t>(info->deviceid)), nullptr);
+        if (!state) {
+            continue;
+        }
+        for (auto cls = xcb_input_query_device_state_classes_iterator(state); cls.rem; xcb_input_input_state_next(&cls)) {
+            if (cls.data->class_id != XCB_INPUT_INPUT_CLASS_KEY) {
+                continue;
+            }
+            const auto* keys = reinterpret_cast<const xcb_input_key_state_t*>(cls.data);
+            (name.contains("XTEST") ? held.synthetic : held.physical) |= keyBits(keys->keys);
+        }
+        std::free(state);
+    }
+    std::free(devices);
+    x_.scheduleDispatch();
+    return held;
+}
 
 bool XTestKeyboardEvents::isAvailable() const {
     const xcb_query_extension_reply_t* test = xcb_get_extension_data(x_.raw(), &xcb_test_id);
@@ -44,13 +106,7 @@ std::bitset<256> XTestKeyboardEvents::keysDown() const {
     std::bitset<256> down;
     auto* reply = xcb_query_keymap_reply(x_.raw(), xcb_query_keymap(x_.raw()), nullptr);
     if (reply) {
-        for (int byte = 0; byte < 32; ++byte) {
-            for (int bit = 0; bit < 8; ++bit) {
-                if (reply->keys[byte] & (1u << bit)) {
-                    down.set(static_cast<std::size_t>(byte * 8 + bit));
-                }
-            }
-        }
+        down = keyBits(reply->keys);
     }
     std::free(reply);
     x_.scheduleDispatch();
@@ -90,10 +146,10 @@ QCoro::Task<bool> XTestKeyboardEvents::sendCommandKey(std::uint16_t keyCode, Pro
 
     QElapsedTimer waited;
     waited.start();
-    std::bitset<256> held = keysDown();
+    HeldKeys held = heldKeys();
     while (held.any() && waited.elapsed() < static_cast<qint64>(releaseWaitSeconds * 1000)) {
         co_await sleepFor(std::chrono::milliseconds(10), token);
-        held = keysDown();
+        held = heldKeys();
     }
     throwIfCancelled(token);
 
@@ -106,7 +162,7 @@ QCoro::Task<bool> XTestKeyboardEvents::sendCommandKey(std::uint16_t keyCode, Pro
     const std::bitset<256> modifiers = modifierKeys();
     std::vector<xcb_keycode_t> lifted;
     for (int code = 8; code < 256; ++code) {
-        if (held.test(static_cast<std::size_t>(code))) {
+        if (held.synthetic.test(static_cast<std::size_t>(code))) {
             fake(XCB_KEY_RELEASE, static_cast<xcb_keycode_t>(code));
             lifted.push_back(static_cast<xcb_keycode_t>(code));
         }
@@ -115,8 +171,8 @@ QCoro::Task<bool> XTestKeyboardEvents::sendCommandKey(std::uint16_t keyCode, Pro
     fake(XCB_KEY_PRESS, *key);
     fake(XCB_KEY_RELEASE, *key);
     fake(XCB_KEY_RELEASE, *control);
-    // Only modifiers go back down: pressing a letter or the shortcut's key again would type it or
-    // fire the shortcut.
+    // Only modifiers go back down, for the synthetic keyboard's client that still holds them:
+    // pressing a letter or the shortcut's key again would type it or fire the shortcut.
     for (xcb_keycode_t code : lifted) {
         if (modifiers.test(code)) {
             fake(XCB_KEY_PRESS, code);

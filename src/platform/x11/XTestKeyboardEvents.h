@@ -20,8 +20,10 @@ class XcbConnection;
 // Keys still down when we are asked to send (the shortcut's key, Alt held by the user) would spoil
 // the chord: while the shortcut's key is down our grab is active and the chord comes back to us,
 // and a held Alt turns Ctrl+C into Ctrl+Alt+C. So the chord waits, cancellably and for at most
-// `releaseWait`, until every key is up; whatever is still down then is lifted for the chord and
-// its modifiers pressed again afterwards.
+// `releaseWaitSeconds`, until every keyboard has let go. Keys that are then still held by a
+// synthetic keyboard (another XTest client such as xdotool) are lifted for the chord and their
+// modifiers pressed again afterwards; keys held on a real keyboard cannot be lifted by XTest (and
+// pressing them again synthetically would leave them stuck), so those are left alone.
 class XTestKeyboardEvents final : public KeyboardEvents {
 public:
     XTestKeyboardEvents(XcbConnection& connection, Workspace& workspace);
@@ -33,7 +35,14 @@ public:
 
     QCoro::Task<bool> sendCommandKey(std::uint16_t keyCode, ProcessId target, std::stop_token token) override;
 
-    // Keys down now on the server's core keyboard (real keyboards and synthetic ones alike).
+    struct HeldKeys {
+        std::bitset<256> physical;  // on real keyboards
+        std::bitset<256> synthetic; // on XTest devices
+        bool any() const { return physical.any() || synthetic.any(); }
+    };
+    // Keys down now, by kind of keyboard. Without XInput every key counts as physical.
+    HeldKeys heldKeys() const;
+    // Keys down now on the core keyboard (all keyboards together).
     std::bitset<256> keysDown() const;
 
 private:
@@ -43,6 +52,7 @@ private:
 
     XcbConnection& x_;
     Workspace& workspace_;
+    bool xinput_ = false;
 };
 
 } // namespace parlune::x11

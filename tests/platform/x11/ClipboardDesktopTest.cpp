@@ -170,10 +170,15 @@ TEST_F(ClipboardDesktopTest, CaptureWithAltStillHeldWaitsAndStillCopies) {
     editor->select(6, 4);
 
     xdotool({QStringLiteral("keydown"), QStringLiteral("alt")});
+    const auto before = keyboard->heldKeys();
+    EXPECT_TRUE(before.synthetic.any()) << "xdotool types through XTest";
+    EXPECT_FALSE(before.physical.any());
     QElapsedTimer timer;
     timer.start();
     const CapturedSelection selection = capture();
     const qint64 elapsed = timer.elapsed();
+    // Alt was lifted only for the chord: the client that holds it still does.
+    EXPECT_EQ(keyboard->heldKeys().synthetic, before.synthetic);
     xdotool({QStringLiteral("keyup"), QStringLiteral("alt")});
 
     EXPECT_EQ(selection.text(), QStringLiteral("beta"));
@@ -227,6 +232,16 @@ TEST_F(ClipboardDesktopTest, FocusMovedToAnotherApplicationBeforeTheReplacementI
     EXPECT_EQ(other.savedText(), QStringLiteral("untouched"));
     ASSERT_TRUE(editor->activate());
     EXPECT_EQ(editor->savedText(), QStringLiteral("alpha beta gamma"));
+}
+
+TEST_F(ClipboardDesktopTest, ChordIsNotSentWhenTheTargetIsNoLongerInFront) {
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(0, 5);
+    pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("pasted")}}}});
+    EXPECT_FALSE(finish(keyboard->sendCommandKey(KeyboardEvents::keyCodeV, editor->pid() + 100000, {})));
+    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha beta gamma"));
+    EXPECT_TRUE(finish(keyboard->sendCommandKey(KeyboardEvents::keyCodeV, editor->pid(), {})));
+    EXPECT_EQ(editor->savedText(), QStringLiteral("pasted beta gamma"));
 }
 
 TEST_F(ClipboardDesktopTest, TransientTextNeverOutlivesThePasteboard) {
