@@ -5,7 +5,7 @@
 //   parlune-bench-pipeline-overhead [--runs N] [--no-accessibility]
 // Prints median and 95th percentile in milliseconds. The selected text is never printed.
 #include "DesktopSession.h"
-#include "MousepadEditor.h"
+#include "EditorWindow.h"
 #include "NoAccessibilityBus.h"
 #include "core/async/Clock.h"
 #include "core/async/TaskHandle.h"
@@ -87,7 +87,7 @@ int main(int argc, char** argv) {
                                                    QStringLiteral("printf 'kept' | xclip -selection clipboard -i")});
     test::pumpFor(300);
 
-    test::MousepadEditor editor(workspace);
+    test::EditorWindow editor(workspace);
     if (!editor.open(QStringLiteral("alpha beta gamma"))) {
         std::fprintf(stderr, "the editor did not start\n");
         return 1;

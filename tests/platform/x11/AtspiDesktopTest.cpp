@@ -1,5 +1,5 @@
 #include "DesktopTest.h"
-#include "MousepadEditor.h"
+#include "EditorWindow.h"
 #include "TaskRunner.h"
 #include "core/async/Clock.h"
 #include "core/selection/ClipboardManager.h"
@@ -24,7 +24,7 @@ protected:
         if (!accessibility->isBusAvailable()) {
             GTEST_SKIP() << "no accessibility bus";
         }
-        editor = std::make_unique<MousepadEditor>(*workspace);
+        editor = std::make_unique<EditorWindow>(*workspace);
         clipboard = std::make_unique<ClipboardManager>(*pasteboard);
     }
     void TearDown() override {
@@ -47,7 +47,7 @@ protected:
     }
 
     std::unique_ptr<x11::AtspiAccessibility> accessibility;
-    std::unique_ptr<MousepadEditor> editor;
+    std::unique_ptr<EditorWindow> editor;
     std::unique_ptr<ClipboardManager> clipboard;
 };
 
@@ -133,6 +133,30 @@ TEST_F(AtspiDesktopTest, CaretMovedBetweenCaptureAndReplacementIsDetected) {
         EXPECT_EQ(error.kind(), TextReplacementError::Kind::selectionChanged);
     }
     EXPECT_EQ(editor->savedText(), emojiText);
+}
+
+} // namespace
+} // namespace parlune::test
+
+namespace parlune::test {
+namespace {
+
+// Qt counts offsets in UTF-16 units and insert lengths likewise; the same answers must come out.
+TEST_F(AtspiDesktopTest, QtEditorGivesTheSameUtf16RangesAndWrites) {
+    EditorWindow qtEditor(*workspace, {QStringLiteral(PARLUNE_QT_EDITOR)});
+    ASSERT_TRUE(qtEditor.open(emojiText, QStringLiteral("qt.txt")));
+    qtEditor.select(1, 2);
+    const AccessibilityElementRef field = focusedEditorField();
+    ASSERT_TRUE(field) << "the Qt editor did not show up on the bus";
+    EXPECT_EQ(accessibility->processOf(*field), qtEditor.pid());
+    EXPECT_EQ(accessibility->selectedTextRange(*field), (TextRange{1, 3}));
+    EXPECT_EQ(accessibility->selectedText(*field), QStringLiteral("\U0001F600b"));
+    EXPECT_EQ(accessibility->stringForRange(*field, {0, 3}), QStringLiteral("a\U0001F600"));
+    EXPECT_EQ(accessibility->stringForRange(*field, {3, 4}), QStringLiteral("b cd"));
+
+    EXPECT_EQ(accessibility->setSelectedText(*field, QStringLiteral("x\U0001F642y")), 0);
+    EXPECT_EQ(accessibility->stringForRange(*field, {0, 5}), QStringLiteral("ax\U0001F642y"));
+    EXPECT_EQ(qtEditor.savedText(), QStringLiteral("ax\U0001F642y cd"));
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 #include "DesktopTest.h"
-#include "MousepadEditor.h"
+#include "EditorWindow.h"
 #include "NoAccessibilityBus.h"
 #include "TaskRunner.h"
 #include "core/async/Clock.h"
@@ -77,7 +77,7 @@ protected:
         replacer = std::make_unique<TextSelectionReplacer>(accessibility, *workspace, *clipboard, *keys,
                                                            AppCompatibilityRegistry::defaultRegistry(),
                                                            SystemClock::shared());
-        editor = std::make_unique<MousepadEditor>(*workspace);
+        editor = std::make_unique<EditorWindow>(*workspace);
     }
     void TearDown() override {
         editor.reset();
@@ -112,7 +112,7 @@ protected:
     std::unique_ptr<InterceptedKeyboard> keys;
     std::unique_ptr<ClipboardManager> clipboard;
     std::unique_ptr<TextSelectionReplacer> replacer;
-    std::unique_ptr<MousepadEditor> editor;
+    std::unique_ptr<EditorWindow> editor;
     std::unique_ptr<OtherClipboardClient> user;
 };
 
@@ -221,7 +221,7 @@ TEST_F(ClipboardDesktopTest, FocusMovedToAnotherApplicationBeforeTheReplacementI
     const CapturedSelection selection = capture();
     ASSERT_EQ(selection.text(), QStringLiteral("beta"));
 
-    MousepadEditor other(*workspace);
+    EditorWindow other(*workspace);
     ASSERT_TRUE(other.open(QStringLiteral("untouched"), QStringLiteral("second.txt")));
     try {
         finish(replacer->replace(QStringLiteral("DELTA"), selection, {}));

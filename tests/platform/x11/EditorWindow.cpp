@@ -1,4 +1,4 @@
-#include "MousepadEditor.h"
+#include "EditorWindow.h"
 
 #include "DesktopSession.h"
 #include "platform/x11/EwmhWorkspace.h"
@@ -21,9 +21,9 @@ void key(const QStringList& keys) {
 }
 } // namespace
 
-MousepadEditor::~MousepadEditor() { DesktopSession::terminate(pid_); }
+EditorWindow::~EditorWindow() { DesktopSession::terminate(pid_); }
 
-bool MousepadEditor::open(const QString& text, const QString& name) {
+bool EditorWindow::open(const QString& text, const QString& name) {
     DesktopSession* session = DesktopSession::current();
     path_ = session->directory() + QLatin1Char('/') + name;
     QFile file(path_);
@@ -32,11 +32,11 @@ bool MousepadEditor::open(const QString& text, const QString& name) {
     }
     file.write(text.toUtf8());
     file.close();
-    pid_ = session->spawn({QStringLiteral("mousepad"), QStringLiteral("--disable-server"), path_});
+    pid_ = session->spawn(command_ + QStringList{path_});
     return waitUntilActive();
 }
 
-bool MousepadEditor::waitUntilActive() {
+bool EditorWindow::waitUntilActive() {
     const bool active = pumpUntil(
         [&] {
             const auto front = workspace_.frontmostApplication();
@@ -48,7 +48,7 @@ bool MousepadEditor::waitUntilActive() {
     return active;
 }
 
-bool MousepadEditor::activate() {
+bool EditorWindow::activate() {
     QByteArray windows;
     DesktopSession::run({QStringLiteral("xdotool"), QStringLiteral("search"), QStringLiteral("--onlyvisible"),
                          QStringLiteral("--pid"), QString::number(pid_)},
@@ -61,7 +61,7 @@ bool MousepadEditor::activate() {
     return waitUntilActive();
 }
 
-void MousepadEditor::select(int from, int length) {
+void EditorWindow::select(int from, int length) {
     QStringList keys{QStringLiteral("ctrl+Home")};
     for (int i = 0; i < from; ++i) {
         keys << QStringLiteral("Right");
@@ -72,7 +72,7 @@ void MousepadEditor::select(int from, int length) {
     key(keys);
 }
 
-QString MousepadEditor::savedText() {
+QString EditorWindow::savedText() {
     const QString before = readFile(path_);
     key({QStringLiteral("ctrl+s")});
     QString now = before;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 #include <sys/types.h>
 
@@ -10,13 +11,16 @@ class EwmhWorkspace;
 
 namespace parlune::test {
 
-// A real GTK text editor (mousepad, its own process) showing one file, started for one test.
-class MousepadEditor {
+// A real text editor (its own process) showing one file, started for one test: mousepad (GTK 3)
+// unless another command is given, which gets the file's path as its last argument.
+class EditorWindow {
 public:
-    explicit MousepadEditor(parlune::x11::EwmhWorkspace& workspace) : workspace_(workspace) {}
-    ~MousepadEditor();
-    MousepadEditor(const MousepadEditor&) = delete;
-    MousepadEditor& operator=(const MousepadEditor&) = delete;
+    explicit EditorWindow(parlune::x11::EwmhWorkspace& workspace,
+                          QStringList command = {QStringLiteral("mousepad"), QStringLiteral("--disable-server")})
+        : workspace_(workspace), command_(std::move(command)) {}
+    ~EditorWindow();
+    EditorWindow(const EditorWindow&) = delete;
+    EditorWindow& operator=(const EditorWindow&) = delete;
 
     // Opens `text` (written as UTF-8 to a file named `name`) and waits until its window is active.
     bool open(const QString& text, const QString& name = QStringLiteral("document.txt"));
@@ -32,6 +36,7 @@ private:
     bool waitUntilActive();
 
     parlune::x11::EwmhWorkspace& workspace_;
+    QStringList command_;
     pid_t pid_ = -1;
     QString path_;
 };
