@@ -240,7 +240,11 @@ TEST_F(ClipboardDesktopTest, ChordIsNotSentWhenTheTargetIsNoLongerInFront) {
     pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("pasted")}}}});
     EXPECT_FALSE(finish(keyboard->sendCommandKey(KeyboardEvents::keyCodeV, editor->pid() + 100000, {})));
     EXPECT_EQ(editor->savedText(), QStringLiteral("alpha beta gamma"));
+    const std::int64_t written = pasteboard->changeCount();
     EXPECT_TRUE(finish(keyboard->sendCommandKey(KeyboardEvents::keyCodeV, editor->pid(), {})));
+    // The editor pastes asynchronously: it asks us for the data first.
+    EXPECT_TRUE(pumpUntil([&] { return pasteboard->contentsWereFetched(written); }, 3000));
+    pumpFor(100);
     EXPECT_EQ(editor->savedText(), QStringLiteral("pasted beta gamma"));
 }
 

@@ -10,6 +10,7 @@
 
 #include <xcb/xcb.h>
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -149,22 +150,32 @@ bool DesktopSession::start(const QString& openboxConfig) {
     QDir().mkpath(directory_ + QStringLiteral("/runtime"));
     QFile::setPermissions(directory_ + QStringLiteral("/runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 
+    // Xvfb chooses a free display itself and reports its number on a pipe: choosing one here would
+    // race with test processes running in parallel.
     QString display;
-    for (int number = 90; number < 400 && xvfb_ <= 0; ++number) {
-        if (QFile::exists(QStringLiteral("/tmp/.X%1-lock").arg(number)) ||
-            QFile::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(number))) {
-            continue;
+    int reported[2] = {-1, -1};
+    if (::pipe(reported) == 0) {
+        const pid_t pid = spawn({QStringLiteral("Xvfb"), QStringLiteral("-displayfd"), QString::number(reported[1]),
+                                 QStringLiteral("-screen"), QStringLiteral("0"), QStringLiteral("1280x800x24"),
+                                 QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+        ::close(reported[1]);
+        QByteArray number;
+        pollfd descriptor{reported[0], POLLIN, 0};
+        while (!number.endsWith('\n') && ::poll(&descriptor, 1, 8000) > 0) {
+            char buffer[16];
+            const ssize_t got = ::read(reported[0], buffer, sizeof(buffer));
+            if (got <= 0) {
+                break;
+            }
+            number.append(buffer, got);
         }
-        display = QStringLiteral(":%1").arg(number);
-        const pid_t pid = spawn({QStringLiteral("Xvfb"), display, QStringLiteral("-screen"), QStringLiteral("0"),
-                                 QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp")});
-        const QString socket = QStringLiteral("/tmp/.X11-unix/X%1").arg(number);
-        // The socket appears before the server takes clients; wait for a real connection.
-        if (waitFor([&] { return exited(pid) || (QFile::exists(socket) && acceptsClients(display)); }, 8000) &&
-            !exited(pid)) {
-            xvfb_ = pid;
-        } else {
+        ::close(reported[0]);
+        display = QStringLiteral(":") + QString::fromLatin1(number.trimmed());
+        if (number.trimmed().isEmpty() || !waitFor([&] { return exited(pid) || acceptsClients(display); }, 8000) ||
+            exited(pid)) {
             terminate(pid);
+        } else {
+            xvfb_ = pid;
         }
     }
     if (xvfb_ <= 0) {
@@ -189,8 +200,11 @@ bool DesktopSession::start(const QString& openboxConfig) {
         return false;
     }
     const QString windowManagerLog = directory_ + QStringLiteral("/openbox.log");
-    for (int attempt = 0; attempt < 3 && !hasWindowManager(display); ++attempt) {
+    for (int attempt = 0; attempt < 5 && !hasWindowManager(display); ++attempt) {
         terminate(windowManager_);
+        if (attempt > 0) {
+            QThread::msleep(500); // a loaded machine: give the server a moment
+        }
         windowManager_ = spawn({QStringLiteral("openbox"), QStringLiteral("--config-file"), openboxConfig},
                                windowManagerLog);
         waitFor([&] { return hasWindowManager(display) || exited(windowManager_); }, 5000);
@@ -198,7 +212,9 @@ bool DesktopSession::start(const QString& openboxConfig) {
     if (!hasWindowManager(display)) {
         QFile log(windowManagerLog);
         log.open(QIODevice::ReadOnly);
-        failure_ = QStringLiteral("openbox did not start: ") + QString::fromLocal8Bit(log.readAll()).simplified();
+        failure_ = QStringLiteral("openbox did not start on %1 (server answering: %2): ")
+                       .arg(display, acceptsClients(display) ? QStringLiteral("yes") : QStringLiteral("no")) +
+                   QString::fromLocal8Bit(log.readAll()).simplified();
         return false;
     }
     return true;
