@@ -10,11 +10,13 @@
 
 #include <xcb/xcb.h>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
 
@@ -150,32 +152,44 @@ bool DesktopSession::start(const QString& openboxConfig) {
     QDir().mkpath(directory_ + QStringLiteral("/runtime"));
     QFile::setPermissions(directory_ + QStringLiteral("/runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 
-    // Xvfb chooses a free display itself and reports its number on a pipe: choosing one here would
-    // race with test processes running in parallel.
+    // Test processes run in parallel: each claims a display number with a lock file of its own,
+    // held until its server has fully exited, so no two sessions (nor one being torn down and one
+    // starting) ever share a number. Numbers start at a point derived from the process id.
     QString display;
-    int reported[2] = {-1, -1};
-    if (::pipe(reported) == 0) {
-        const pid_t pid = spawn({QStringLiteral("Xvfb"), QStringLiteral("-displayfd"), QString::number(reported[1]),
-                                 QStringLiteral("-screen"), QStringLiteral("0"), QStringLiteral("1280x800x24"),
-                                 QStringLiteral("-nolisten"), QStringLiteral("tcp")});
-        ::close(reported[1]);
-        QByteArray number;
-        pollfd descriptor{reported[0], POLLIN, 0};
-        while (!number.endsWith('\n') && ::poll(&descriptor, 1, 8000) > 0) {
-            char buffer[16];
-            const ssize_t got = ::read(reported[0], buffer, sizeof(buffer));
-            if (got <= 0) {
-                break;
-            }
-            number.append(buffer, got);
+    for (int attempt = 0; attempt < 50 && xvfb_ <= 0; ++attempt) {
+        const int number = 100 + (static_cast<int>(::getpid()) + attempt * 7) % 800;
+        if (QFile::exists(QStringLiteral("/tmp/.X%1-lock").arg(number)) ||
+            QFile::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(number))) {
+            continue;
         }
-        ::close(reported[0]);
-        display = QStringLiteral(":") + QString::fromLatin1(number.trimmed());
-        if (number.trimmed().isEmpty() || !waitFor([&] { return exited(pid) || acceptsClients(display); }, 8000) ||
-            exited(pid)) {
-            terminate(pid);
-        } else {
+        const QByteArray claim = QStringLiteral("/tmp/.parlune-display-%1.lock").arg(number).toLocal8Bit();
+        int fd = ::open(claim.constData(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            // A claim left by a test process that died without tearing down is taken over.
+            QFile stale(QString::fromLocal8Bit(claim));
+            const pid_t owner = stale.open(QIODevice::ReadOnly) ? stale.readAll().trimmed().toInt() : 0;
+            if (owner <= 0 || ::kill(owner, 0) == 0 || errno != ESRCH) {
+                continue;
+            }
+            ::unlink(claim.constData());
+            fd = ::open(claim.constData(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
+            if (fd < 0) {
+                continue;
+            }
+        }
+        const QByteArray owner = QByteArray::number(::getpid());
+        [[maybe_unused]] const ssize_t written = ::write(fd, owner.constData(), static_cast<std::size_t>(owner.size()));
+        ::close(fd);
+        display = QStringLiteral(":%1").arg(number);
+        const pid_t pid = spawn({QStringLiteral("Xvfb"), display, QStringLiteral("-screen"), QStringLiteral("0"),
+                                 QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+        // The socket appears before the server takes clients; wait for a real connection.
+        if (waitFor([&] { return exited(pid) || acceptsClients(display); }, 8000) && !exited(pid)) {
             xvfb_ = pid;
+            displayClaim_ = QString::fromLocal8Bit(claim);
+        } else {
+            terminate(pid);
+            ::unlink(claim.constData());
         }
     }
     if (xvfb_ <= 0) {
@@ -225,6 +239,10 @@ void DesktopSession::stop() {
     terminate(bus_);
     terminate(xvfb_);
     windowManager_ = bus_ = xvfb_ = -1;
+    if (!displayClaim_.isEmpty()) {
+        ::unlink(displayClaim_.toLocal8Bit().constData());
+        displayClaim_.clear();
+    }
     if (!directory_.isEmpty()) {
         QDir(directory_).removeRecursively();
         directory_.clear();

@@ -42,6 +42,7 @@ public:
 private:
     QString failure_;
     QString directory_;
+    QString displayClaim_;
     pid_t xvfb_ = -1;
     pid_t bus_ = -1;
     pid_t windowManager_ = -1;
