@@ -22,6 +22,7 @@ public:
 
     std::optional<RunningApplication> frontmostApplication() override;
     std::optional<QString> bundleIdentifier(ProcessId process) override;
+    // file, http and https always go to xdg-open; other schemes only when a handler is listed.
     bool openUrl(const QString& url) override;
     bool openApplication(const QString& path) override;
 
@@ -29,6 +30,11 @@ public:
     std::optional<xcb_window_t> activeWindow();
     std::optional<ProcessId> processOf(xcb_window_t window);
     std::optional<QString> classNameOf(xcb_window_t window);
+
+    // Whether the desktop lists an application for URLs of this scheme (mimeapps.list and the
+    // desktop-file caches under the XDG directories). A URL without one is refused at once, so
+    // that the caller can fall back to opening an application instead.
+    static bool hasHandlerForScheme(const QString& scheme);
 
 private:
     std::vector<xcb_window_t> clientWindows();

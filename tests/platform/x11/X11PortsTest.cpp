@@ -1,10 +1,13 @@
+#include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/LinuxMemoryPressureSource.h"
 #include "platform/x11/X11KeyTable.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/X11Session.h"
 #include "support/RunTask.h"
 
+#include <QDir>
 #include <QFile>
+#include <QTemporaryDir>
 
 #include <X11/keysym.h>
 #include <xcb/xproto.h>
@@ -66,6 +69,48 @@ TEST(X11PasteboardTest, PseudoTargetsAreNeverData) {
     for (const char* target : {"UTF8_STRING", "text/html", "application/x-gtk-text-buffer-rich-text", "targets"}) {
         EXPECT_FALSE(X11Pasteboard::isPseudoTarget(QString::fromLatin1(target))) << target;
     }
+}
+
+// Points the XDG directories at a scratch tree for one test.
+class ScopedXdgDirectories {
+public:
+    ScopedXdgDirectories() {
+        for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS"}) {
+            saved_.emplace_back(name, qgetenv(name));
+        }
+        qputenv("XDG_CONFIG_HOME", (root_.path() + "/config").toLocal8Bit());
+        qputenv("XDG_DATA_HOME", (root_.path() + "/data").toLocal8Bit());
+        qputenv("XDG_DATA_DIRS", (root_.path() + "/system").toLocal8Bit());
+    }
+    ~ScopedXdgDirectories() {
+        for (const auto& [name, value] : saved_) {
+            value.isNull() ? qunsetenv(name) : qputenv(name, value);
+        }
+    }
+    void write(const QString& relative, const QByteArray& text) {
+        const QString path = root_.path() + QLatin1Char('/') + relative;
+        QDir().mkpath(QFileInfo(path).path());
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(text);
+    }
+
+private:
+    QTemporaryDir root_;
+    std::vector<std::pair<const char*, QByteArray>> saved_;
+};
+
+TEST(EwmhWorkspaceTest, SchemeHandlersComeFromTheDesktopsTables) {
+    ScopedXdgDirectories xdg;
+    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("settings")));
+    xdg.write(QStringLiteral("system/applications/mimeinfo.cache"),
+              "[MIME Cache]\nx-scheme-handler/settings=control-center.desktop;\nx-scheme-handler/empty=\n");
+    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("settings")));
+    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("SETTINGS")));
+    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("empty")));
+    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("x-apple.systempreferences")));
+    xdg.write(QStringLiteral("config/mimeapps.list"), "[Default Applications]\nx-scheme-handler/zoommtg=zoom.desktop\n");
+    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("zoommtg")));
 }
 
 TEST(LinuxMemoryPressureSourceTest, MissingPressureFileReportsNothing) {
