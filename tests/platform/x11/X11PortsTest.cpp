@@ -1,3 +1,5 @@
+#include "core/platform/Workspace.h"
+#include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/LinuxMemoryPressureSource.h"
 #include "platform/x11/X11KeyTable.h"
@@ -111,6 +113,34 @@ TEST(EwmhWorkspaceTest, SchemeHandlersComeFromTheDesktopsTables) {
     EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("x-apple.systempreferences")));
     xdg.write(QStringLiteral("config/mimeapps.list"), "[Default Applications]\nx-scheme-handler/zoommtg=zoom.desktop\n");
     EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("zoommtg")));
+}
+
+class FixedWorkspace final : public Workspace {
+public:
+    std::optional<RunningApplication> frontmostApplication() override { return RunningApplication{1, "init"}; }
+    std::optional<QString> bundleIdentifier(ProcessId) override { return std::nullopt; }
+    bool openUrl(const QString&) override { return false; }
+    bool openApplication(const QString&) override { return false; }
+};
+
+TEST(AtspiAccessibilityTest, WithoutAnAccessibilityBusThereIsNoFocusedElement) {
+    // This process has no session bus to find the accessibility bus on.
+    const QByteArray savedBus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    const QByteArray savedDisplay = qgetenv("DISPLAY");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus");
+    qunsetenv("DISPLAY");
+    FixedWorkspace workspace;
+    bool keys = false;
+    AtspiAccessibility accessibility(workspace, [&] { return keys; });
+    EXPECT_EQ(accessibility.focusedElement(), nullptr);
+    EXPECT_FALSE(accessibility.isProcessTrusted());
+    EXPECT_FALSE(accessibility.requestTrustWithPrompt());
+    keys = true;
+    EXPECT_TRUE(accessibility.isProcessTrusted());
+    qputenv("DBUS_SESSION_BUS_ADDRESS", savedBus);
+    if (!savedDisplay.isNull()) {
+        qputenv("DISPLAY", savedDisplay);
+    }
 }
 
 TEST(LinuxMemoryPressureSourceTest, MissingPressureFileReportsNothing) {
