@@ -37,7 +37,7 @@ protected:
     // The editor's text view, once it has registered on the bus and taken focus.
     AccessibilityElementRef focusedEditorField() {
         AccessibilityElementRef element;
-        pumpUntil([&] { return (element = accessibility->focusedElement()) != nullptr; }, 5000);
+        pumpUntil([&] { return (element = accessibility->focusedElement()) != nullptr; }, 10000);
         return element;
     }
 

@@ -213,6 +213,14 @@ bool DesktopSession::start(const QString& openboxConfig) {
         failure_ = QStringLiteral("the session bus did not start");
         return false;
     }
+    // Bring up the accessibility bus now (it is started on first request), so that a loaded machine
+    // does not make this process's own first AT-SPI call time out.
+    const pid_t launcher = spawn({QStringLiteral("dbus-send"), QStringLiteral("--session"), QStringLiteral("--print-reply"),
+                                  QStringLiteral("--reply-timeout=10000"), QStringLiteral("--dest=org.a11y.Bus"),
+                                  QStringLiteral("/org/a11y/bus"), QStringLiteral("org.a11y.Bus.GetAddress")});
+    if (!waitFor([&] { return exited(launcher); }, 10000)) {
+        terminate(launcher);
+    }
     const QString windowManagerLog = directory_ + QStringLiteral("/openbox.log");
     for (int attempt = 0; attempt < 5 && !hasWindowManager(display); ++attempt) {
         terminate(windowManager_);
