@@ -1,5 +1,8 @@
 #include "DesktopTest.h"
 #include "EditorWindow.h"
+#include "platform/x11/AtspiAccessibility.h"
+#include "platform/x11/X11Desktop.h"
+#include "platform/x11/XcbHotKeyService.h"
 #include "support/RunTask.h"
 
 #include <QDir>
@@ -40,6 +43,22 @@ TEST_F(WorkspaceDesktopTest, UrlsWithoutHandlerOrSchemeAndNonExecutablesAreRefus
     EXPECT_FALSE(workspace->openUrl(QStringLiteral("x-apple.systempreferences:com.apple.preference.security")));
     EXPECT_FALSE(workspace->openApplication(QStringLiteral("/nonexistent/app")));
     EXPECT_FALSE(workspace->openApplication(QDir::tempPath()));
+}
+
+TEST_F(WorkspaceDesktopTest, AllPortsComeUpTogetherOnX11AndRefuseWaylandWithAReason) {
+    x11::X11Desktop::Result result = x11::X11Desktop::connect();
+    ASSERT_TRUE(std::holds_alternative<std::unique_ptr<x11::X11Desktop>>(result))
+        << std::get<QString>(result).toStdString();
+    auto& desktop = *std::get<std::unique_ptr<x11::X11Desktop>>(result);
+    EXPECT_TRUE(desktop.accessibility().isProcessTrusted());
+    EXPECT_TRUE(desktop.pasteboard().isUsable());
+    EXPECT_EQ(desktop.hotKeys().registerHotKey(49, 2048, {1, 1}).status, 0);
+
+    qputenv("WAYLAND_DISPLAY", "wayland-0");
+    x11::X11Desktop::Result wayland = x11::X11Desktop::connect();
+    qunsetenv("WAYLAND_DISPLAY");
+    ASSERT_TRUE(std::holds_alternative<QString>(wayland));
+    EXPECT_TRUE(std::get<QString>(wayland).contains(QLatin1String("Wayland")));
 }
 
 } // namespace
