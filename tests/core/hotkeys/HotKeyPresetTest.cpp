@@ -7,14 +7,18 @@
 #include <gtest/gtest.h>
 
 namespace parlune {
-namespace {
 
-using testing::ScopedPlatformTerms;
-
+// Found by argument-dependent lookup, so it lives beside HotKeyPreset rather than in the
+// anonymous namespace.
+void PrintTo(const HotKeyPreset& preset, std::ostream* out);
 void PrintTo(const HotKeyPreset& preset, std::ostream* out) {
     *out << preset.id.toStdString() << " " << preset.name.toStdString() << " " << preset.keyCode << "/"
          << preset.carbonModifiers;
 }
+
+namespace {
+
+using testing::ScopedPlatformTerms;
 
 TEST(HotKeyPresetTest, MacOSCatalogueKeepsOrderCodesAndListedNames) {
     ScopedPlatformTerms mac(PlatformTerms::macOS());
