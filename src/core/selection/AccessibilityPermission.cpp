@@ -13,7 +13,9 @@ AccessibilityPermission::AccessibilityPermission(AccessibilityApi& accessibility
                                                  const PlatformTerms& terms)
     : accessibility_(accessibility), workspace_(workspace), terms_(terms) {}
 
-bool AccessibilityPermission::isTrusted() const { return accessibility_.isProcessTrusted(); }
+bool AccessibilityPermission::isTrusted() const {
+    return accessibility_.isProcessTrusted();
+}
 
 bool AccessibilityPermission::requestIfNeeded() {
     if (accessibility_.isProcessTrusted()) {
@@ -30,12 +32,14 @@ bool AccessibilityPermission::requestAndOpenSettings(const std::function<void()>
     if (trusted) {
         return true;
     }
-    const QString location = QString::fromUtf8(terms_.accessibilitySettingsLocation.data(),
-                                               static_cast<qsizetype>(terms_.accessibilitySettingsLocation.size()));
+    const QString location =
+        QString::fromUtf8(terms_.accessibilitySettingsLocation.data(),
+                          static_cast<qsizetype>(terms_.accessibilitySettingsLocation.size()));
     const bool urlUsable = !location.isEmpty() && QUrl(location, QUrl::StrictMode).isValid();
     if (!urlUsable || !workspace_.openUrl(location)) {
-        workspace_.openApplication(QString::fromUtf8(terms_.settingsApplicationPath.data(),
-                                                     static_cast<qsizetype>(terms_.settingsApplicationPath.size())));
+        workspace_.openApplication(
+            QString::fromUtf8(terms_.settingsApplicationPath.data(),
+                              static_cast<qsizetype>(terms_.settingsApplicationPath.size())));
     }
     return false;
 }

@@ -11,7 +11,8 @@ struct PlatformTerms;
 // Whether the user lets this program read and drive other applications, and the way to ask for it.
 class AccessibilityPermission {
 public:
-    AccessibilityPermission(AccessibilityApi& accessibility, Workspace& workspace, const PlatformTerms& terms);
+    AccessibilityPermission(AccessibilityApi& accessibility, Workspace& workspace,
+                            const PlatformTerms& terms);
 
     // The platform's answer, without prompting.
     bool isTrusted() const;

@@ -10,7 +10,8 @@ const AppCompatibilityRegistry& AppCompatibilityRegistry::defaultRegistry() {
     return registry;
 }
 
-bool AppCompatibilityRegistry::permitsDirectReplacement(const std::optional<QString>& bundleIdentifier) const {
+bool AppCompatibilityRegistry::permitsDirectReplacement(
+    const std::optional<QString>& bundleIdentifier) const {
     return bundleIdentifier.has_value() && identifiers_.count(*bundleIdentifier) > 0;
 }
 

@@ -40,7 +40,8 @@ ClipboardSnapshot ClipboardManager::capture() const {
     return snapshot;
 }
 
-bool ClipboardManager::restore(const ClipboardSnapshot& snapshot, std::optional<std::int64_t> ifUnchangedSince) {
+bool ClipboardManager::restore(const ClipboardSnapshot& snapshot,
+                               std::optional<std::int64_t> ifUnchangedSince) {
     if (ifUnchangedSince && *ifUnchangedSince != pasteboard_.changeCount()) {
         return false;
     }
@@ -58,11 +59,12 @@ bool ClipboardManager::restore(const ClipboardSnapshot& snapshot, std::optional<
         }
         items.push_back(std::move(item));
     }
-    pasteboard_.writeItems(items);
-    return true;
+    return pasteboard_.writeItems(items);
 }
 
-void ClipboardManager::prepareForLocalCapture() { pasteboard_.prepareForNewLocalContents(); }
+void ClipboardManager::prepareForLocalCapture() {
+    pasteboard_.prepareForNewLocalContents();
+}
 
 void ClipboardManager::setTransientLocalString(const QString& text) {
     pasteboard_.prepareForNewLocalContents();
@@ -75,8 +77,12 @@ void ClipboardManager::setTransientLocalString(const QString& text) {
     pasteboard_.writeItems({item});
 }
 
-std::optional<QString> ClipboardManager::currentString() const { return pasteboard_.string(); }
+std::optional<QString> ClipboardManager::currentString() const {
+    return pasteboard_.string();
+}
 
-std::int64_t ClipboardManager::changeCount() const { return pasteboard_.changeCount(); }
+std::int64_t ClipboardManager::changeCount() const {
+    return pasteboard_.changeCount();
+}
 
 } // namespace parlune

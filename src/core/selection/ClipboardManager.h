@@ -32,7 +32,7 @@ public:
     ClipboardSnapshot capture() const;
 
     // Puts `snapshot` back, unless `count` is given and the pasteboard changed since then (someone
-    // else's newer contents win). Returns whether it restored.
+    // else's newer contents win). Returns whether it restored (false also when the write was refused).
     bool restore(const ClipboardSnapshot& snapshot, std::optional<std::int64_t> ifUnchangedSince);
 
     // Announces new contents offered to this computer only.

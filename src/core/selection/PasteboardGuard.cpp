@@ -47,9 +47,10 @@ QCoro::Task<PasteboardGuard::Lease> PasteboardGuard::acquire(std::stop_token tok
         co_await turn.wait(token);
     } catch (const CancellationError&) {
         auto& waiters = state->waiters;
-        waiters.erase(std::remove_if(waiters.begin(), waiters.end(),
-                                     [ticket](const State::Waiter& waiter) { return waiter.ticket == ticket; }),
-                      waiters.end());
+        waiters.erase(
+            std::remove_if(waiters.begin(), waiters.end(),
+                           [ticket](const State::Waiter& waiter) { return waiter.ticket == ticket; }),
+            waiters.end());
         throw;
     }
     co_return Lease(state);

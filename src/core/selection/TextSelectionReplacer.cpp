@@ -18,7 +18,16 @@ namespace {
 
 using Kind = TextReplacementError::Kind;
 
-[[noreturn]] void fail(Kind kind) { throw TextReplacementError(kind); }
+[[noreturn]] void fail(Kind kind) {
+    throw TextReplacementError(kind);
+}
+
+// Reading the replacement's length at the selection's start proves the write only when the text
+// there could not have read the same before it: not when either text begins with the other
+// ("Hello world" shortened to "Hello").
+bool rangeReadProvesWrite(const QString& original, const QString& replacement) {
+    return !original.startsWith(replacement) && !replacement.startsWith(original);
+}
 
 bool isReadableRange(const std::optional<TextRange>& range) {
     return range && range->location >= 0 && range->length >= 1;
@@ -58,14 +67,15 @@ private:
 
 TextSelectionReplacer::TextSelectionReplacer(AccessibilityApi& accessibility, Workspace& workspace,
                                              ClipboardManager& clipboard, KeyboardEvents& keyboard,
-                                             AppCompatibilityRegistry compatibilityRegistry, const Clock& clock)
-    : TextSelectionReplacer(accessibility, workspace, clipboard, keyboard, std::move(compatibilityRegistry), clock,
-                            Timing{}) {}
+                                             AppCompatibilityRegistry compatibilityRegistry,
+                                             const Clock& clock)
+    : TextSelectionReplacer(accessibility, workspace, clipboard, keyboard, std::move(compatibilityRegistry),
+                            clock, Timing{}) {}
 
 TextSelectionReplacer::TextSelectionReplacer(AccessibilityApi& accessibility, Workspace& workspace,
                                              ClipboardManager& clipboard, KeyboardEvents& keyboard,
-                                             AppCompatibilityRegistry compatibilityRegistry, const Clock& clock,
-                                             Timing timing)
+                                             AppCompatibilityRegistry compatibilityRegistry,
+                                             const Clock& clock, Timing timing)
     : accessibility_(accessibility), workspace_(workspace), clipboard_(clipboard), keyboard_(keyboard),
       compatibilityRegistry_(std::move(compatibilityRegistry)), clock_(clock), timing_(timing) {}
 
@@ -84,8 +94,8 @@ std::optional<QString> TextSelectionReplacer::string(TextRange range, const Acce
     return accessibility_.stringForRange(element, range);
 }
 
-void TextSelectionReplacer::verifyFocusedTarget(const AccessibilityElement& element, std::optional<TextRange> range,
-                                                ProcessId processIdentifier) {
+void TextSelectionReplacer::verifyFocusedTarget(const AccessibilityElement& element,
+                                                std::optional<TextRange> range, ProcessId processIdentifier) {
     const AccessibilityElementRef focused = accessibility_.focusedElement();
     if (!focused || !focused->isSameElement(element)) {
         fail(Kind::selectionChanged);
@@ -110,7 +120,8 @@ void TextSelectionReplacer::verifyFrontmostProcess(ProcessId processIdentifier) 
     }
 }
 
-void TextSelectionReplacer::verifyTargetOrFrontmost(const CapturedSelection& selection, ProcessId processIdentifier) {
+void TextSelectionReplacer::verifyTargetOrFrontmost(const CapturedSelection& selection,
+                                                    ProcessId processIdentifier) {
     if (const auto& target = selection.target()) {
         verifyFocusedTarget(*target, selection.selectedRange(), processIdentifier);
     } else {
@@ -195,8 +206,9 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureOpaqueFrontmostSele
     verifyFrontmostProcess(process);
     auto copied = co_await copySelectedTextRestoringClipboard(process, token);
     verifyFrontmostProcess(process);
-    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), frontmost->bundleIdentifier, process,
-                                std::nullopt, SelectionReplacementStrategy::clipboardFallback, nullptr);
+    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), frontmost->bundleIdentifier,
+                                process, std::nullopt, SelectionReplacementStrategy::clipboardFallback,
+                                nullptr);
 }
 
 QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCopy(
@@ -206,8 +218,9 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCop
     verifyFocusedTarget(*element, range, process);
     auto copied = co_await copySelectedTextRestoringClipboard(process, token);
     verifyFocusedTarget(*element, range, process);
-    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), std::move(bundleIdentifier), process,
-                                range, SelectionReplacementStrategy::clipboardFallback, std::move(element));
+    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), std::move(bundleIdentifier),
+                                process, range, SelectionReplacementStrategy::clipboardFallback,
+                                std::move(element));
 }
 
 // MARK: copy through the pasteboard
@@ -237,9 +250,12 @@ TextSelectionReplacer::copySelectedTextRestoringClipboard(ProcessId process, std
 
 QCoro::Task<std::optional<TextSelectionReplacer::CopiedText>>
 TextSelectionReplacer::waitForCopiedString(std::int64_t baseline, double timeout, std::stop_token token) {
+    // Looks once more after the time is up: a process that was not scheduled for a while may find
+    // the copy arrived meanwhile, and giving up then would leave it on the pasteboard for good.
     const double start = clock_.uptimeSeconds();
-    while (clock_.uptimeSeconds() - start < timeout) {
+    for (;;) {
         throwIfCancelled(token);
+        const bool timeIsUp = clock_.uptimeSeconds() - start >= timeout;
         // The count first: the string is read only once somebody wrote.
         const std::int64_t count = clipboard_.changeCount();
         if (count != baseline) {
@@ -248,9 +264,11 @@ TextSelectionReplacer::waitForCopiedString(std::int64_t baseline, double timeout
                 co_return CopiedText{std::move(*text), count};
             }
         }
+        if (timeIsUp) {
+            co_return std::nullopt;
+        }
         co_await sleepFor(toDuration(timing_.copyPollInterval), token);
     }
-    co_return std::nullopt;
 }
 
 // MARK: validation
@@ -258,7 +276,8 @@ TextSelectionReplacer::waitForCopiedString(std::int64_t baseline, double timeout
 QCoro::Task<void> TextSelectionReplacer::validate(CapturedSelection selection, std::stop_token token) {
     throwIfCancelled(token);
     requireTrust();
-    if (selection.target() && selection.replacementStrategy() == SelectionReplacementStrategy::directAccessibility) {
+    if (selection.target() &&
+        selection.replacementStrategy() == SelectionReplacementStrategy::directAccessibility) {
         verifyDirectSelection(selection, *selection.target());
         co_return;
     }
@@ -318,7 +337,8 @@ QCoro::Task<void> TextSelectionReplacer::replace(QString replacement, CapturedSe
             if (accessibility_.selectedText(*target) == replacement) {
                 co_return;
             }
-            if (const auto range = selection.selectedRange()) {
+            if (const auto range = selection.selectedRange();
+                range && rangeReadProvesWrite(selection.text(), replacement)) {
                 const TextRange written{range->location, replacement.size()};
                 if (string(written, *target) == replacement) {
                     co_return;
@@ -365,72 +385,96 @@ QCoro::Task<void> TextSelectionReplacer::paste(QString replacement, CapturedSele
     }
 }
 
-bool TextSelectionReplacer::pasteVisible(const QString& replacement, const CapturedSelection& selection,
-                                         std::int64_t pasteboardChangeCount, double elapsed) {
+TextSelectionReplacer::PasteEvidence TextSelectionReplacer::pasteEvidence(const QString& replacement,
+                                                                          const CapturedSelection& selection,
+                                                                          std::int64_t pasteboardChangeCount,
+                                                                          double elapsed) {
     const qsizetype length = replacement.size(); // UTF-16 code units, as ranges count
     const auto range = selection.selectedRange();
     const AccessibilityElementRef& target = selection.target();
     const auto process = selection.applicationProcessIdentifier();
 
-    if (target && range && range->location >= 0 && length >= 1) {
+    if (target && range && range->location >= 0 && length >= 1 &&
+        rangeReadProvesWrite(selection.text(), replacement)) {
         if (accessibility_.stringForRange(*target, {range->location, length}) == replacement) {
-            return true;
+            return PasteEvidence::seen;
         }
     }
     if (target && accessibility_.selectedText(*target) == replacement) {
-        return true;
+        return PasteEvidence::seen;
     }
     const bool pasteboardSteady = clipboard_.changeCount() == pasteboardChangeCount;
     if (range) {
-        if (pasteboardSteady && target && accessibility_.processOf(*target) == process) {
-            const auto current = accessibility_.selectedTextRange(*target);
-            // The caret right after the pasted text, or the pasted text left selected.
-            return current == TextRange{range->location + length, 0} || current == TextRange{range->location, length};
+        if (!pasteboardSteady || !target || accessibility_.processOf(*target) != process) {
+            return PasteEvidence::none;
         }
-        return false;
+        const auto current = accessibility_.selectedTextRange(*target);
+        // The caret right after the pasted text, or the pasted text left selected. A replacement as
+        // long as the original would leave the untouched selection looking pasted, so that shape
+        // counts only when the lengths differ.
+        if (current == TextRange{range->location + length, 0} ||
+            (current == TextRange{range->location, length} && length != range->length)) {
+            return PasteEvidence::likely;
+        }
+        return PasteEvidence::none;
     }
     // Nothing to read back: a paste that disturbed nothing for a while counts.
     if (elapsed < timing_.steadyPasteInterval || !pasteboardSteady) {
-        return false;
+        return PasteEvidence::none;
     }
     const auto frontmost = workspace_.frontmostApplication();
     if (!frontmost || frontmost->processIdentifier != process) {
-        return false;
+        return PasteEvidence::none;
     }
     if (target) {
         const AccessibilityElementRef focused = accessibility_.focusedElement();
-        return accessibility_.processOf(*target) == process && focused && focused->isSameElement(*target);
+        if (accessibility_.processOf(*target) != process || !focused || !focused->isSameElement(*target)) {
+            return PasteEvidence::none;
+        }
     }
-    return true;
+    return PasteEvidence::likely;
 }
 
-QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replacement, CapturedSelection selection,
-                                                                  std::int64_t pasteboardChangeCount, double timeout,
-                                                                  std::stop_token token) {
-    // Where the pasteboard tells when the target fetched the pasted data, that fetch is one more
-    // sign of success, and the user's contents go back only after it (plus a moment for the
-    // target to finish inserting): restoring earlier would have the target paste the old contents.
+QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replacement,
+                                                                  CapturedSelection selection,
+                                                                  std::int64_t pasteboardChangeCount,
+                                                                  double timeout, std::stop_token token) {
+    // Where the pasteboard tells when the target fetched the pasted data, that fetch is the
+    // decisive sign: indirect signs (caret, selection, a quiet moment) count only with it, and the
+    // user's contents go back only after it plus a moment for the target to finish inserting.
+    // Restoring earlier would have a slow target paste the user's old contents instead.
     const Pasteboard& pasteboard = clipboard_.pasteboard();
     const bool awaitsFetch = pasteboard.reportsFetches();
     std::optional<double> fetchedAt;
-    bool confirmed = false;
+    bool seen = false;
 
+    // As with the copy, one last look after the time is up.
     const double start = clock_.uptimeSeconds();
-    for (double now = start; now - start < timeout; now = clock_.uptimeSeconds()) {
+    for (;;) {
         throwIfCancelled(token);
-        if (awaitsFetch && !fetchedAt && pasteboard.contentsWereFetched(pasteboardChangeCount)) {
-            fetchedAt = now;
+        const double now = clock_.uptimeSeconds();
+        if (!awaitsFetch) {
+            if (pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) !=
+                PasteEvidence::none) {
+                co_return true;
+            }
+        } else {
+            if (!fetchedAt && pasteboard.contentsWereFetched(pasteboardChangeCount)) {
+                fetchedAt = now;
+            }
+            if (fetchedAt && now - *fetchedAt >= timing_.fetchGrace) {
+                co_return true;
+            }
+            if (!seen) {
+                seen = pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) ==
+                       PasteEvidence::seen;
+            }
         }
-        const bool settled = fetchedAt && now - *fetchedAt >= timing_.fetchGrace;
-        if (!confirmed) {
-            confirmed = settled || pasteVisible(replacement, selection, pasteboardChangeCount, now - start);
-        }
-        if (confirmed && (!awaitsFetch || settled)) {
-            co_return true;
+        if (now - start >= timeout) {
+            co_return seen || fetchedAt.has_value();
         }
         co_await sleepFor(toDuration(timing_.pastePollInterval), token);
     }
-    co_return confirmed || fetchedAt.has_value();
 }
 
 } // namespace parlune

@@ -29,7 +29,7 @@ class Workspace;
 class TextSelectionReplacer final : public SelectionReplacing {
 public:
     struct Timing {
-        double copyTimeout = 0.6;             // seconds for the target to answer command-C
+        double copyTimeout = 0.6;              // seconds for the target to answer command-C
         double pasteConfirmationTimeout = 1.0; // seconds for the target to show the pasted text
         double copyPollInterval = 0.02;
         double pastePollInterval = 0.01;
@@ -40,14 +40,16 @@ public:
     };
 
     TextSelectionReplacer(AccessibilityApi& accessibility, Workspace& workspace, ClipboardManager& clipboard,
-                          KeyboardEvents& keyboard, AppCompatibilityRegistry compatibilityRegistry, const Clock& clock);
+                          KeyboardEvents& keyboard, AppCompatibilityRegistry compatibilityRegistry,
+                          const Clock& clock);
     TextSelectionReplacer(AccessibilityApi& accessibility, Workspace& workspace, ClipboardManager& clipboard,
-                          KeyboardEvents& keyboard, AppCompatibilityRegistry compatibilityRegistry, const Clock& clock,
-                          Timing timing);
+                          KeyboardEvents& keyboard, AppCompatibilityRegistry compatibilityRegistry,
+                          const Clock& clock, Timing timing);
 
     QCoro::Task<CapturedSelection> capture(std::stop_token token) override;
     QCoro::Task<void> validate(CapturedSelection selection, std::stop_token token) override;
-    QCoro::Task<void> replace(QString replacement, CapturedSelection selection, std::stop_token token) override;
+    QCoro::Task<void> replace(QString replacement, CapturedSelection selection,
+                              std::stop_token token) override;
 
     const AppCompatibilityRegistry& compatibilityRegistry() const { return compatibilityRegistry_; }
     // For tests and diagnostics: whether a pasteboard operation runs now, and how many wait.
@@ -69,24 +71,29 @@ private:
     std::optional<QString> string(TextRange range, const AccessibilityElement& element);
 
     QCoro::Task<CapturedSelection> captureOpaqueFrontmostSelection(std::stop_token token);
-    QCoro::Task<CapturedSelection> captureFocusedElementByCopy(AccessibilityElementRef element, ProcessId process,
+    QCoro::Task<CapturedSelection> captureFocusedElementByCopy(AccessibilityElementRef element,
+                                                               ProcessId process,
                                                                std::optional<TextRange> range,
                                                                std::optional<QString> bundleIdentifier,
                                                                std::stop_token token);
-    QCoro::Task<std::pair<QString, ClipboardSnapshot>> copySelectedTextRestoringClipboard(ProcessId process,
-                                                                                           std::stop_token token);
+    QCoro::Task<std::pair<QString, ClipboardSnapshot>>
+    copySelectedTextRestoringClipboard(ProcessId process, std::stop_token token);
     QCoro::Task<std::optional<CopiedText>> waitForCopiedString(std::int64_t baseline, double timeout,
                                                                std::stop_token token);
     QCoro::Task<void> verifyClipboardFallbackSelection(CapturedSelection selection, bool holdsPasteboard,
                                                        std::stop_token token);
-    QCoro::Task<void> replaceByPasting(QString replacement, CapturedSelection selection, std::stop_token token);
+    QCoro::Task<void> replaceByPasting(QString replacement, CapturedSelection selection,
+                                       std::stop_token token);
     QCoro::Task<void> paste(QString replacement, CapturedSelection selection, ClipboardSnapshot original,
                             std::stop_token token);
     QCoro::Task<bool> waitForPasteConfirmation(QString replacement, CapturedSelection selection,
                                                std::int64_t pasteboardChangeCount, double timeout,
                                                std::stop_token token);
-    bool pasteVisible(const QString& replacement, const CapturedSelection& selection,
-                      std::int64_t pasteboardChangeCount, double elapsed);
+    // How strongly the target shows the paste: its text read back (seen), or only a caret, a
+    // selection or a quiet moment consistent with it (likely).
+    enum class PasteEvidence { none, likely, seen };
+    PasteEvidence pasteEvidence(const QString& replacement, const CapturedSelection& selection,
+                                std::int64_t pasteboardChangeCount, double elapsed);
 
     AccessibilityApi& accessibility_;
     Workspace& workspace_;
