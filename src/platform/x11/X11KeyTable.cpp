@@ -1,5 +1,7 @@
 #include "platform/x11/X11KeyTable.h"
 
+#include "core/hotkeys/HotKeyShortcut.h"
+
 #include <X11/keysym.h>
 #include <xcb/xproto.h>
 
@@ -39,11 +41,6 @@ constexpr std::pair<std::uint32_t, std::uint32_t> keyTable[] = {
     {64, XK_F17},
 };
 
-constexpr std::uint32_t carbonCommand = 256;
-constexpr std::uint32_t carbonShift = 512;
-constexpr std::uint32_t carbonOption = 2048;
-constexpr std::uint32_t carbonControl = 4096;
-
 } // namespace
 
 std::optional<std::uint32_t> X11KeyTable::keysymFor(std::uint32_t macKeyCode) {
@@ -57,16 +54,16 @@ std::optional<std::uint32_t> X11KeyTable::keysymFor(std::uint32_t macKeyCode) {
 
 std::uint16_t X11KeyTable::modifierMaskFor(std::uint32_t carbonModifiers) {
     std::uint16_t mask = 0;
-    if (carbonModifiers & carbonOption) {
+    if (carbonModifiers & carbon_modifier::option) {
         mask |= XCB_MOD_MASK_1;
     }
-    if (carbonModifiers & carbonControl) {
+    if (carbonModifiers & carbon_modifier::control) {
         mask |= XCB_MOD_MASK_CONTROL;
     }
-    if (carbonModifiers & carbonShift) {
+    if (carbonModifiers & carbon_modifier::shift) {
         mask |= XCB_MOD_MASK_SHIFT;
     }
-    if (carbonModifiers & carbonCommand) {
+    if (carbonModifiers & carbon_modifier::command) {
         mask |= XCB_MOD_MASK_4;
     }
     return mask;
