@@ -156,6 +156,7 @@ int X11Pasteboard::itemCount() const {
     auto* reply = xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
     const bool hasOwner = reply && reply->owner != XCB_NONE;
     std::free(reply);
+    x_.scheduleDispatch();
     return hasOwner ? 1 : 0;
 }
 

@@ -99,6 +99,7 @@ std::optional<xcb_keycode_t> XTestKeyboardEvents::keycodeFor(std::uint32_t keysy
     }
     std::free(codes);
     xcb_key_symbols_free(symbols);
+    x_.scheduleDispatch();
     return result;
 }
 
