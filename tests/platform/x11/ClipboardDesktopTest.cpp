@@ -256,5 +256,23 @@ TEST_F(ClipboardDesktopTest, TransientTextNeverOutlivesThePasteboard) {
     EXPECT_EQ(clipboardTarget(QStringLiteral("UTF8_STRING")), QByteArrayLiteral("<unreadable>"));
 }
 
+TEST_F(ClipboardDesktopTest, UsersDataHeldAtExitIsHandedToTheClipboardManager) {
+    const pid_t manager = DesktopSession::current()->spawn({QStringLiteral(PARLUNE_CLIPBOARD_OWNER), QStringLiteral("--manager")});
+    pumpFor(300);
+    giveUserRichClipboard();
+    // A capture leaves us holding the user's restored data.
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+    ASSERT_EQ(capture().text(), QStringLiteral("beta"));
+    ASSERT_TRUE(pasteboard->ownsSelection());
+
+    replacer.reset();
+    clipboard.reset();
+    keys.reset();
+    pasteboard.reset(); // as at exit
+    expectUserClipboardRestored();
+    DesktopSession::terminate(manager);
+}
+
 } // namespace
 } // namespace parlune::test
