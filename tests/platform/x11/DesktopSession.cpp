@@ -182,7 +182,10 @@ bool DesktopSession::start(const QString& openboxConfig) {
         ::close(fd);
         display = QStringLiteral(":%1").arg(number);
         const pid_t pid = spawn({QStringLiteral("Xvfb"), display, QStringLiteral("-screen"), QStringLiteral("0"),
-                                 QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+                                 QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp"),
+                                 // Without this the server resets whenever its last client leaves, and
+                                 // a client connecting during the reset is refused.
+                                 QStringLiteral("-noreset")});
         // The socket appears before the server takes clients; wait for a real connection.
         if (waitFor([&] { return exited(pid) || acceptsClients(display); }, 8000) && !exited(pid)) {
             xvfb_ = pid;
