@@ -2,6 +2,7 @@
 #include "EditorWindow.h"
 #include "NoAccessibilityBus.h"
 #include "TaskRunner.h"
+#include "core/async/CancellationError.h"
 #include "core/async/Clock.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
@@ -10,6 +11,7 @@
 
 #include <QElapsedTimer>
 #include <QProcess>
+#include <QTimer>
 
 namespace parlune::test {
 namespace {
@@ -200,6 +202,20 @@ TEST_F(ClipboardDesktopTest, KeysReleasedDuringTheWaitAreNotPressedAgain) {
     EXPECT_EQ(selection.text(), QStringLiteral("alpha"));
     EXPECT_LT(timer.elapsed(), 1900);
     EXPECT_TRUE(keyboard->keysDown().none());
+}
+
+TEST_F(ClipboardDesktopTest, WaitingForHeldKeysEndsAtOnceWhenCancelled) {
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    xdotool({QStringLiteral("keydown"), QStringLiteral("shift")});
+    std::stop_source stop;
+    QTimer::singleShot(150, [&] { stop.request_stop(); });
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_THROW(finish(keyboard->sendCommandKey(KeyboardEvents::keyCodeC, editor->pid(), stop.get_token())),
+                 CancellationError);
+    EXPECT_LT(timer.elapsed(), 1000);
+    xdotool({QStringLiteral("keyup"), QStringLiteral("shift")});
+    EXPECT_TRUE(keyboard->heldKeys().synthetic.none());
 }
 
 TEST_F(ClipboardDesktopTest, CaretWithoutSelectionCopiesNothing) {
