@@ -68,8 +68,8 @@ TEST(CapturedSelectionTest, DigestIsSha256OfUtf8AndTheTextIsNotKept) {
 TEST(CapturedSelectionTest, CopiesShareOneElementHandle) {
     auto element = std::make_shared<FakeElement>(5);
     std::weak_ptr<FakeElement> watch = element;
-    std::optional<CapturedSelection> first = capture(QStringLiteral("x"), 1, std::nullopt, std::move(element));
-    std::optional<CapturedSelection> second = *first;
+    auto first = std::make_unique<CapturedSelection>(capture(QStringLiteral("x"), 1, std::nullopt, std::move(element)));
+    auto second = std::make_unique<CapturedSelection>(*first);
     EXPECT_EQ(first->target().get(), second->target().get());
     first.reset();
     EXPECT_FALSE(watch.expired()) << "the handle lives while any copy does";
