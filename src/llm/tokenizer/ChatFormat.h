@@ -1,0 +1,47 @@
+#pragma once
+
+#include "llm/tokenizer/ChatFormatError.h"
+
+#include <string>
+#include <string_view>
+
+namespace parlune::llm {
+
+enum class ChatFamily { chatml, llama3, gemma, phi3 };
+
+// Formats one system + user exchange the way a model's chat template renders it with a
+// generation prompt. The family is recognised from markers in the template text; the template
+// itself is never interpreted. An empty system text means no system message (the template's
+// own default, if any, applies). Prompts are meant to be tokenised with special tokens parsed.
+class ChatFormat {
+public:
+    // Throws ChatFormatError("unsupported chat format") when no known family matches.
+    static ChatFormat fromTemplate(std::string_view jinjaTemplate);
+
+    ChatFamily family() const;
+    // Whether prompts begin with the beginning-of-sequence token's text (the template renders
+    // it), so the caller must not add BOS again.
+    bool includesBos() const;
+
+    // System turn, user turn and the start of the assistant turn; thinking templates get an
+    // empty thinking block (thinking off).
+    std::string formatPrompt(std::string_view system, std::string_view user) const;
+    // The longest prefix of formatPrompt(system, u) shared by every u that ends right after a
+    // special token, so its tokens are a prefix of the whole prompt's tokens.
+    std::string formatSystemPrefix(std::string_view system) const;
+
+private:
+    enum class Variant { chatml, qwen25, qwen3, smollm3, llama3, llama3Dated, gemma, phi3 };
+    struct Parts {
+        std::string prefix;
+        std::string rest;
+    };
+
+    ChatFormat(Variant variant, bool bos) : variant_(variant), bos_(bos) {}
+    Parts render(std::string_view system, std::string_view user) const;
+
+    Variant variant_;
+    bool bos_;
+};
+
+} // namespace parlune::llm
