@@ -1,5 +1,6 @@
 #include "llm/tokenizer/Tokenizer.h"
 
+#include "llm/gguf/GgufFile.h"
 #include "llm/tokenizer/ByteLevelBpe.h"
 #include "llm/tokenizer/PreTokenizer.h"
 #include "llm/tokenizer/SentencePieceBpe.h"
@@ -24,7 +25,76 @@ std::optional<std::int32_t> checkedId(std::optional<std::int32_t> id, const Voca
                          " is outside the vocabulary of " + std::to_string(vocabulary.size()) + " tokens");
 }
 
+std::optional<std::int32_t> optionalId(const GgufFile& file, std::string_view key) {
+    if (!file.hasKey(key))
+        return std::nullopt;
+    const auto value = file.getInteger(key);
+    if (!value)
+        throw TokenizerError(std::string(key) + " is not an integer");
+    // Some converters write -1 (or its unsigned spelling) for "none".
+    if (*value < 0 || *value == 0xFFFFFFFF)
+        return std::nullopt;
+    if (*value > INT32_MAX)
+        throw TokenizerError(std::string(key) + " is out of range");
+    return static_cast<std::int32_t>(*value);
+}
+
+std::optional<bool> optionalBool(const GgufFile& file, std::string_view key) {
+    if (!file.hasKey(key))
+        return std::nullopt;
+    const auto value = file.getBool(key);
+    if (!value)
+        throw TokenizerError(std::string(key) + " is not a boolean");
+    return value;
+}
+
+std::vector<std::string> stringArray(const GgufFile& file, std::string_view key, bool required) {
+    if (!file.hasKey(key)) {
+        if (required)
+            throw TokenizerError(std::string("the model file has no ") + std::string(key));
+        return {};
+    }
+    const auto values = file.getStringArray(key);
+    if (!values)
+        throw TokenizerError(std::string(key) + " is not an array of strings");
+    return {values->begin(), values->end()};
+}
+
 } // namespace
+
+std::unique_ptr<Tokenizer> Tokenizer::fromGguf(const GgufFile& file) {
+    TokenizerConfig config;
+    const auto model = file.getString("tokenizer.ggml.model");
+    if (!model)
+        throw TokenizerError("the model file has no tokenizer.ggml.model");
+    config.model = *model;
+    config.pre = file.getString("tokenizer.ggml.pre").value_or("default");
+    config.tokens = stringArray(file, "tokenizer.ggml.tokens", true);
+    if (file.hasKey("tokenizer.ggml.token_type")) {
+        const auto types = file.getIntegerArray("tokenizer.ggml.token_type");
+        if (!types)
+            throw TokenizerError("tokenizer.ggml.token_type is not an array of integers");
+        config.tokenTypes.reserve(types->size());
+        for (const std::int64_t type : *types)
+            config.tokenTypes.push_back(static_cast<std::int32_t>(std::clamp<std::int64_t>(type, -1, 127)));
+    }
+    if (file.hasKey("tokenizer.ggml.scores")) {
+        auto scores = file.getFloatArray("tokenizer.ggml.scores");
+        if (!scores)
+            throw TokenizerError("tokenizer.ggml.scores is not an array of numbers");
+        config.scores = std::move(*scores);
+    }
+    config.merges = stringArray(file, "tokenizer.ggml.merges", config.model == "gpt2");
+    config.bos = optionalId(file, "tokenizer.ggml.bos_token_id");
+    config.eos = optionalId(file, "tokenizer.ggml.eos_token_id");
+    config.eot = optionalId(file, "tokenizer.ggml.eot_token_id");
+    config.eom = optionalId(file, "tokenizer.ggml.eom_token_id");
+    config.padding = optionalId(file, "tokenizer.ggml.padding_token_id");
+    config.unknown = optionalId(file, "tokenizer.ggml.unknown_token_id");
+    config.addBos = optionalBool(file, "tokenizer.ggml.add_bos_token");
+    config.addSpacePrefix = optionalBool(file, "tokenizer.ggml.add_space_prefix");
+    return fromConfig(std::move(config));
+}
 
 Tokenizer::Tokenizer(std::unique_ptr<Vocabulary> vocabulary, std::unique_ptr<TokenModel> model)
     : vocabulary_(std::move(vocabulary)), model_(std::move(model)) {}

@@ -37,6 +37,8 @@ public:
     std::optional<std::int32_t> eotToken() const { return eot_; }
     std::optional<std::int32_t> paddingToken() const { return padding_; }
     bool addBosByDefault() const { return addBos_; }
+    // Whether encoding puts a space before the first word (SentencePiece vocabularies).
+    bool addsSpacePrefix() const { return model_->addsSpacePrefix(); }
     // End of sequence, end of turn, end of message, and the end-of-turn tokens chat families
     // use, found by their text.
     bool isEndOfGeneration(std::int32_t token) const;
