@@ -1,4 +1,5 @@
 #include "cli/CliCommand.h"
+#include "cli/ModelCommands.h"
 
 #include <QCoreApplication>
 
@@ -12,6 +13,7 @@ using parlune::cli::CliCommand;
 
 std::vector<CliCommand> allCommands() {
     std::vector<CliCommand> commands;
+    commands.push_back(parlune::cli::modelCommand());
     return commands;
 }
 

@@ -150,14 +150,16 @@ void copyVocabulary(GgufWriter& writer, const std::filesystem::path& path, Vocab
             continue;
         }
         if (key == "tokenizer.ggml.tokens") {
-            for (const std::string_view token : *file->getStringArray(key)) {
-                vocabulary.tokens.emplace_back(token);
+            const auto tokens = file->getStringArray(key);
+            if (!tokens) {
+                throw std::invalid_argument(path.string() + ": tokenizer.ggml.tokens is not a string array");
             }
+            vocabulary.tokens.assign(tokens->begin(), tokens->end());
             continue;
         }
         if (key == "tokenizer.ggml.token_type") {
-            for (const std::int64_t type : *file->getIntegerArray(key)) {
-                vocabulary.types.push_back(static_cast<std::int32_t>(type));
+            if (const auto types = file->getIntegerArray(key)) {
+                vocabulary.types.assign(types->begin(), types->end());
             }
             continue;
         }
