@@ -6,6 +6,8 @@
 #include "llm/tensor/MatMul.h"
 
 #include <algorithm>
+#include <atomic>
+#include <functional>
 #include <cmath>
 #include <stdexcept>
 #include <string>
@@ -14,8 +16,8 @@ namespace parlune::llm {
 
 namespace {
 
-// Rows handed to a worker at a time; large enough to amortise dispatch, small enough to balance.
-constexpr std::int64_t rowsPerChunk = 16;
+// Rows a worker takes at a time: enough to keep the kernel streaming, few enough to balance.
+constexpr std::int64_t rowsPerChunk = 32;
 
 void rmsNorm(const float* x, const float* weight, float* out, std::int64_t n, double epsilon) {
     double sum = 0.0;
@@ -180,24 +182,33 @@ void Transformer::forward(std::span<const std::int32_t> tokens, KvCache& cache, 
     }
 }
 
+void Transformer::forEachChunk(std::int64_t count, const std::function<void(std::int64_t)>& body) {
+    // Workers pull chunks from a shared counter instead of taking fixed shares: on a machine
+    // shared with other work, a preempted thread then delays only the chunk it holds.
+    std::atomic<std::int64_t> next{0};
+    const int threads = static_cast<int>(std::min<std::int64_t>(pool_.threadCount(), count));
+    pool_.parallelFor(threads, [&](std::int64_t, std::int64_t) {
+        for (std::int64_t chunk = next.fetch_add(1, std::memory_order_relaxed); chunk < count;
+             chunk = next.fetch_add(1, std::memory_order_relaxed)) {
+            body(chunk);
+        }
+    });
+}
+
 void Transformer::runMatmuls(std::span<const MatmulJob> jobs) {
     std::vector<std::int64_t> firstChunk(jobs.size() + 1, 0);
     for (std::size_t j = 0; j < jobs.size(); ++j) {
         firstChunk[j + 1] = firstChunk[j] + (jobs[j].weights->rows + rowsPerChunk - 1) / rowsPerChunk;
     }
-    pool_.parallelFor(firstChunk.back(), [&](std::int64_t begin, std::int64_t end) {
+    forEachChunk(firstChunk.back(), [&](std::int64_t chunk) {
         std::size_t j = 0;
-        while (begin < end) {
-            while (firstChunk[j + 1] <= begin) {
-                ++j;
-            }
-            const MatmulJob& job = jobs[j];
-            const std::int64_t stop = std::min(end, firstChunk[j + 1]);
-            const std::int64_t rowBegin = (begin - firstChunk[j]) * rowsPerChunk;
-            const std::int64_t rowEnd = std::min(job.weights->rows, (stop - firstChunk[j]) * rowsPerChunk);
-            matmulRows(*job.weights, *job.input, rowBegin, rowEnd, job.output, job.outputStride);
-            begin = stop;
+        while (firstChunk[j + 1] <= chunk) {
+            ++j;
         }
+        const MatmulJob& job = jobs[j];
+        const std::int64_t rowBegin = (chunk - firstChunk[j]) * rowsPerChunk;
+        const std::int64_t rowEnd = std::min(job.weights->rows, rowBegin + rowsPerChunk);
+        matmulRows(*job.weights, *job.input, rowBegin, rowEnd, job.output, job.outputStride);
     });
 }
 
@@ -330,9 +341,9 @@ void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t fir
     const std::int64_t qWidth = c.queryWidth();
     const std::int64_t aWidth = c.headCount * c.valueDim;
     // One unit of work is one query head of one token; each attends to positions up to its own.
-    pool_.parallelFor(c.headCount * count, [&](std::int64_t begin, std::int64_t end) {
+    forEachChunk(c.headCount * count, [&](std::int64_t unit) {
         thread_local std::vector<float> scores;
-        for (std::int64_t unit = begin; unit < end; ++unit) {
+        {
             const std::int64_t h = unit % c.headCount;
             const std::int64_t t = unit / c.headCount;
             const std::int64_t g = h / group;

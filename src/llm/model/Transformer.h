@@ -4,6 +4,7 @@
 #include "llm/model/Rope.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <vector>
@@ -42,6 +43,7 @@ private:
     void forwardBatch(std::span<const std::int32_t> tokens, KvCache& cache, float* logits, bool allPositions);
     void attention(KvCache& cache, std::int64_t layer, std::int64_t firstPosition, std::int64_t count);
     void runMatmuls(std::span<const MatmulJob> jobs);
+    void forEachChunk(std::int64_t count, const std::function<void(std::int64_t)>& body);
 
     std::shared_ptr<const Model> model_;
     ThreadPool& pool_;
