@@ -33,7 +33,12 @@ void KvCache::reserve(std::int64_t positions) {
     const auto size = static_cast<std::size_t>(newCapacity * headDim_);
     for (std::size_t i = 0; i < keys_.size(); ++i) {
         keys_[i].resize(size);
-        values_[i].resize(size);
+        // Transposed values move to the wider row stride.
+        std::vector<float> widened(size);
+        for (std::int64_t d = 0; d < headDim_ && capacity_ > 0; ++d) {
+            std::copy_n(values_[i].data() + d * capacity_, length_, widened.data() + d * newCapacity);
+        }
+        values_[i] = std::move(widened);
     }
     capacity_ = newCapacity;
 }

@@ -30,11 +30,14 @@ public:
     void truncate(std::int64_t length);
     void clear() { truncate(0); }
 
-    // Position-major rows of headDim floats for one layer and key/value head.
+    // Keys of one layer and key/value head: a row of headDim floats per position.
     float* keys(std::int64_t layer, std::int64_t head) { return keys_[index(layer, head)].data(); }
-    float* values(std::int64_t layer, std::int64_t head) { return values_[index(layer, head)].data(); }
     const float* keys(std::int64_t layer, std::int64_t head) const { return keys_[index(layer, head)].data(); }
+    // Values transposed: a row of capacity() floats per value dimension, so attention weights
+    // times values is a product with contiguous rows, like keys times queries.
+    float* values(std::int64_t layer, std::int64_t head) { return values_[index(layer, head)].data(); }
     const float* values(std::int64_t layer, std::int64_t head) const { return values_[index(layer, head)].data(); }
+    std::int64_t valueStride() const { return capacity_; }
 
     std::size_t allocatedBytes() const;
 

@@ -18,6 +18,8 @@ namespace {
 
 // Rows a worker takes at a time: enough to keep the kernel streaming, few enough to balance.
 constexpr std::int64_t rowsPerChunk = 32;
+// Query tokens of one head handled together by attention.
+constexpr std::int64_t attentionTokenBlock = 16;
 
 void rmsNorm(const float* x, const float* weight, float* out, std::int64_t n, double epsilon) {
     double sum = 0.0;
@@ -27,31 +29,6 @@ void rmsNorm(const float* x, const float* weight, float* out, std::int64_t n, do
     const auto scale = static_cast<float>(1.0 / std::sqrt(sum / static_cast<double>(n) + epsilon));
     for (std::int64_t i = 0; i < n; ++i) {
         out[i] = x[i] * scale * weight[i];
-    }
-}
-
-float dot(const float* a, const float* b, std::int64_t n) {
-    // Independent partial sums so the loop vectorises without reassociation flags.
-    float partial[8] = {};
-    std::int64_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-        for (int j = 0; j < 8; ++j) {
-            partial[j] += a[i + j] * b[i + j];
-        }
-    }
-    float sum = 0.0f;
-    for (; i < n; ++i) {
-        sum += a[i] * b[i];
-    }
-    for (float p : partial) {
-        sum += p;
-    }
-    return sum;
-}
-
-void addScaled(float* out, const float* x, float scale, std::int64_t n) {
-    for (std::int64_t i = 0; i < n; ++i) {
-        out[i] += scale * x[i];
     }
 }
 
@@ -267,9 +244,13 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
             rope_.rotate(q, c.headCount, cosines, sines);
             rope_.rotate(k, c.kvHeadCount, cosines, sines);
             const float* v = s.value.data() + t * vWidth;
+            const std::int64_t position = start + t;
             for (std::int64_t g = 0; g < c.kvHeadCount; ++g) {
-                std::copy_n(k + g * c.headDim, c.headDim, cache.keys(l, g) + (start + t) * c.headDim);
-                std::copy_n(v + g * c.valueDim, c.valueDim, cache.values(l, g) + (start + t) * c.valueDim);
+                std::copy_n(k + g * c.headDim, c.headDim, cache.keys(l, g) + position * c.headDim);
+                float* values = cache.values(l, g);
+                for (std::int64_t d = 0; d < c.valueDim; ++d) {
+                    values[d * cache.valueStride() + position] = v[g * c.valueDim + d];
+                }
             }
         }
         attention(cache, l, start, n);
@@ -340,36 +321,54 @@ void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t fir
     const float scale = 1.0f / std::sqrt(static_cast<float>(c.headDim));
     const std::int64_t qWidth = c.queryWidth();
     const std::int64_t aWidth = c.headCount * c.valueDim;
-    // One unit of work is one query head of one token; each attends to positions up to its own.
-    forEachChunk(c.headCount * count, [&](std::int64_t unit) {
+    const std::int64_t blocks = (count + attentionTokenBlock - 1) / attentionTokenBlock;
+    // One unit is one query head over a block of tokens: scores = K q, causal softmax, then
+    // (V^T) p, both as float products with the keys and transposed values as weight rows.
+    forEachChunk(c.headCount * blocks, [&](std::int64_t unit) {
+        thread_local std::vector<float> queries;
         thread_local std::vector<float> scores;
-        {
-            const std::int64_t h = unit % c.headCount;
-            const std::int64_t t = unit / c.headCount;
-            const std::int64_t g = h / group;
-            const std::int64_t positions = firstPosition + t + 1;
-            const float* q = s.query.data() + t * qWidth + h * c.headDim;
-            const float* keys = cache.keys(layer, g);
-            const float* values = cache.values(layer, g);
-            scores.resize(static_cast<std::size_t>(positions));
+        thread_local ActivationBuffer queryInput;
+        thread_local ActivationBuffer weightInput;
+        const std::int64_t h = unit % c.headCount;
+        const std::int64_t t0 = unit / c.headCount * attentionTokenBlock;
+        const std::int64_t tokens = std::min(attentionTokenBlock, count - t0);
+        const std::int64_t g = h / group;
+        const std::int64_t positions = firstPosition + t0 + tokens; // seen by the block's last token
+
+        queries.resize(static_cast<std::size_t>(tokens * c.headDim));
+        for (std::int64_t t = 0; t < tokens; ++t) {
+            std::copy_n(s.query.data() + (t0 + t) * qWidth + h * c.headDim, c.headDim,
+                        queries.data() + t * c.headDim);
+        }
+        prepareActivations(GgmlType::F32, queries.data(), tokens, c.headDim, queryInput);
+        const WeightMatrix keys{GgmlType::F32, cache.keys(layer, g), positions, c.headDim,
+                                static_cast<std::size_t>(c.headDim) * sizeof(float)};
+        scores.resize(static_cast<std::size_t>(tokens * positions));
+        matmulRows(keys, queryInput, 0, positions, scores.data(), positions);
+
+        for (std::int64_t t = 0; t < tokens; ++t) {
+            float* row = scores.data() + t * positions;
+            const std::int64_t visible = firstPosition + t0 + t + 1;
             float highest = -INFINITY;
-            for (std::int64_t p = 0; p < positions; ++p) {
-                const float score = dot(q, keys + p * c.headDim, c.headDim) * scale;
-                scores[static_cast<std::size_t>(p)] = score;
-                highest = std::max(highest, score);
+            for (std::int64_t p = 0; p < visible; ++p) {
+                row[p] *= scale;
+                highest = std::max(highest, row[p]);
             }
             double total = 0.0;
-            for (float& score : scores) {
-                score = std::exp(score - highest);
-                total += score;
+            for (std::int64_t p = 0; p < visible; ++p) {
+                row[p] = std::exp(row[p] - highest);
+                total += row[p];
             }
             const auto normaliser = static_cast<float>(1.0 / total);
-            float* out = s.attention.data() + t * aWidth + h * c.valueDim;
-            std::fill_n(out, c.valueDim, 0.0f);
-            for (std::int64_t p = 0; p < positions; ++p) {
-                addScaled(out, values + p * c.valueDim, scores[static_cast<std::size_t>(p)] * normaliser, c.valueDim);
+            for (std::int64_t p = 0; p < visible; ++p) {
+                row[p] *= normaliser;
             }
+            std::fill(row + visible, row + positions, 0.0f); // later positions are masked
         }
+        prepareActivations(GgmlType::F32, scores.data(), tokens, positions, weightInput);
+        const WeightMatrix values{GgmlType::F32, cache.values(layer, g), c.valueDim, positions,
+                                  static_cast<std::size_t>(cache.valueStride()) * sizeof(float)};
+        matmulRows(values, weightInput, 0, c.valueDim, s.attention.data() + t0 * aWidth + h * c.valueDim, aWidth);
     });
 }
 

@@ -24,15 +24,21 @@ TEST(KvCache, GrowsInChunksUpToTheContext) {
 TEST(KvCache, KeepsContentsWhenGrowing) {
     KvCache cache(1, 2, 4, 1000);
     cache.reserve(3);
-    for (int i = 0; i < 12; ++i) {
-        cache.keys(0, 1)[i] = static_cast<float>(i);
-        cache.values(0, 0)[i] = static_cast<float>(-i);
+    const auto value = [](std::int64_t d, std::int64_t p) { return static_cast<float>(10 * d + p); };
+    for (std::int64_t p = 0; p < 3; ++p) {
+        for (std::int64_t d = 0; d < 4; ++d) {
+            cache.keys(0, 1)[p * 4 + d] = -value(d, p);
+            cache.values(0, 0)[d * cache.valueStride() + p] = value(d, p);
+        }
     }
     cache.append(3);
     cache.reserve(700);
-    for (int i = 0; i < 12; ++i) {
-        EXPECT_EQ(cache.keys(0, 1)[i], static_cast<float>(i));
-        EXPECT_EQ(cache.values(0, 0)[i], static_cast<float>(-i));
+    EXPECT_EQ(cache.valueStride(), 768);
+    for (std::int64_t p = 0; p < 3; ++p) {
+        for (std::int64_t d = 0; d < 4; ++d) {
+            EXPECT_EQ(cache.keys(0, 1)[p * 4 + d], -value(d, p));
+            EXPECT_EQ(cache.values(0, 0)[d * cache.valueStride() + p], value(d, p)); // rows moved to the new stride
+        }
     }
     EXPECT_EQ(cache.length(), 3);
 }
