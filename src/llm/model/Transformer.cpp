@@ -20,6 +20,8 @@ namespace {
 constexpr std::int64_t rowsPerChunk = 32;
 // Query tokens of one head handled together by attention.
 constexpr std::int64_t attentionTokenBlock = 16;
+// Multiply-adds of attention below which one thread does it alone (about ten microseconds).
+constexpr std::int64_t serialAttentionWork = 1 << 16;
 
 void rmsNorm(const float* x, const float* weight, float* out, std::int64_t n, double epsilon) {
     double sum = 0.0;
@@ -324,7 +326,7 @@ void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t fir
     const std::int64_t blocks = (count + attentionTokenBlock - 1) / attentionTokenBlock;
     // One unit is one query head over a block of tokens: scores = K q, causal softmax, then
     // (V^T) p, both as float products with the keys and transposed values as weight rows.
-    forEachChunk(c.headCount * blocks, [&](std::int64_t unit) {
+    const auto unitOfWork = [&](std::int64_t unit) {
         thread_local std::vector<float> queries;
         thread_local std::vector<float> scores;
         thread_local ActivationBuffer queryInput;
@@ -369,7 +371,16 @@ void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t fir
         const WeightMatrix values{GgmlType::F32, cache.values(layer, g), c.valueDim, positions,
                                   static_cast<std::size_t>(cache.valueStride()) * sizeof(float)};
         matmulRows(values, weightInput, 0, c.valueDim, s.attention.data() + t0 * aWidth + h * c.valueDim, aWidth);
-    });
+    };
+    // A short decoding step is cheaper on this thread than a hand-off to the workers and back.
+    const std::int64_t work = c.headCount * count * (firstPosition + count) * c.headDim;
+    if (work <= serialAttentionWork) {
+        for (std::int64_t unit = 0; unit < c.headCount * blocks; ++unit) {
+            unitOfWork(unit);
+        }
+    } else {
+        forEachChunk(c.headCount * blocks, unitOfWork);
+    }
 }
 
 } // namespace parlune::llm
