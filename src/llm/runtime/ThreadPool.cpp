@@ -15,6 +15,7 @@ namespace parlune::llm {
 namespace {
 // About 30-60 microseconds of polling before a thread sleeps.
 constexpr int kSpinIterations = 1500;
+constexpr int kPiecesPerThread = 4;
 thread_local const ThreadPool* tCurrentPool = nullptr;
 } // namespace
 
@@ -31,18 +32,22 @@ ThreadPool::~ThreadPool() {
     for (std::thread& worker : workers_) worker.join();
 }
 
-void ThreadPool::runShare(int index) noexcept {
-    // Share `index` of `jobShares_` nearly equal contiguous ranges.
-    const std::int64_t begin = jobCount_ * index / jobShares_;
-    const std::int64_t end = jobCount_ * (index + 1) / jobShares_;
-    if (begin >= end) return;
+void ThreadPool::runShare(int) noexcept {
+    // Pieces are claimed one at a time, so a thread the system preempted (other programs share
+    // these cores) leaves its remaining pieces to the others instead of stalling the call.
     const ThreadPool* outer = tCurrentPool;
     tCurrentPool = this;
-    try {
-        (*job_)(begin, end);
-    } catch (...) {
-        const std::lock_guard lock(errorMutex_);
-        if (!error_) error_ = std::current_exception();
+    for (;;) {
+        const std::int64_t piece = nextPiece_.fetch_add(1, std::memory_order_relaxed);
+        if (piece >= jobPieces_) break;
+        const std::int64_t begin = jobCount_ * piece / jobPieces_;
+        const std::int64_t end = jobCount_ * (piece + 1) / jobPieces_;
+        try {
+            (*job_)(begin, end);
+        } catch (...) {
+            const std::lock_guard lock(errorMutex_);
+            if (!error_) error_ = std::current_exception();
+        }
     }
     tCurrentPool = outer;
 }
@@ -64,7 +69,7 @@ void ThreadPool::workerLoop(int index) {
         }
         seen = now;
         if (stopping_.load()) return;
-        if (index < jobShares_) runShare(index);
+        runShare(index);
         if (pending_.fetch_sub(1) == 1 && callerSleeping_.load()) pending_.notify_one();
     }
 }
@@ -93,7 +98,8 @@ void ThreadPool::parallelFor(std::int64_t count, const RangeFunction& fn) {
     const std::lock_guard call(callMutex_);
     job_ = &fn;
     jobCount_ = count;
-    jobShares_ = static_cast<int>(std::min<std::int64_t>(count, threadCount()));
+    jobPieces_ = std::min<std::int64_t>(count, std::int64_t{threadCount()} * kPiecesPerThread);
+    nextPiece_.store(0, std::memory_order_relaxed);
     error_ = nullptr;
     pending_.store(static_cast<std::uint32_t>(workers_.size()));
     generation_.fetch_add(1);

@@ -10,8 +10,8 @@
 
 namespace parlune::llm {
 
-// Persistent workers for the engine's data-parallel loops. A call hands every worker a
-// contiguous share of [0, count) and the calling thread does the first share itself. Workers spin
+// Persistent workers for the engine's data-parallel loops. A call cuts [0, count) into a few
+// contiguous pieces per thread, which the workers and the calling thread claim in turn. Workers spin
 // briefly after a job (the next one usually follows within microseconds while generating) and
 // then sleep on a futex. Nothing is allocated per call.
 //
@@ -46,7 +46,8 @@ private:
     std::atomic<bool> stopping_{false};
     const RangeFunction* job_ = nullptr;
     std::int64_t jobCount_ = 0;
-    int jobShares_ = 0;
+    std::int64_t jobPieces_ = 0;
+    std::atomic<std::int64_t> nextPiece_{0};
     std::mutex errorMutex_;
     std::exception_ptr error_;
 };

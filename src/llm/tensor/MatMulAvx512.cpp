@@ -1,7 +1,11 @@
-// AVX-512 (F, BW, VL, VNNI) path. Quantised weights are decoded, a few 64-column chunks at a
-// time, into signed 8-bit codes with per-4-code float scales; activations are 8-bit codes shifted
-// to unsigned so VPDPBUSD multiplies them, and the shift is undone with a per-lane correction
-// computed at decode time. Each decoded chunk is reused across a tile of tokens from L1/L2.
+// AVX-512 (F, BW, VL, VNNI) path. (The register-tile loops carry "GCC unroll": without it GCC 12
+// at -O3 keeps the accumulators in memory.) Quantised weights are decoded, a few 64-column chunks at a
+// time, into unsigned 8-bit codes (the format's own codes, offset kept) with per-4-code float
+// scales, so VPDPBUSD multiplies them with the signed activation codes directly. A weight value
+// is ws * code + bias; the bias is either -offset * ws (symmetric formats) or the format's
+// minimum, and its product with the activations needs only the activation sums, computed once
+// per chunk and token and shared by every row. Each decoded chunk is reused across a tile of
+// tokens from L1/L2.
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
@@ -19,13 +23,15 @@ constexpr std::int64_t kChunk = 64;     // columns per decoded chunk
 constexpr int kRowTile = 4;             // weight rows per register tile
 constexpr int kTokenTile = 4;           // tokens per register tile
 constexpr std::int64_t kStreamChunks = 16; // chunks decoded at a time when streaming rows (multiple of 4)
+// Decoded rows are laid out an odd number of chunks apart: a multiple of 4 KiB would make the
+// loads of one row falsely wait on the stores of the next (4K aliasing).
+constexpr std::int64_t kStreamStride = kStreamChunks + 1;
 constexpr std::int64_t kPanelRows = 16; // rows decoded whole before being reused by many tokens
 
 struct alignas(64) Decoded {
-    std::int8_t q[64]; // signed codes with the format's offset removed
-    float ws[16];      // scale of each group of 4 codes
-    float cw[16];      // -128 * ws * (sum of those 4 codes): undoes the activation shift
-    float mw[16];      // additive offset per element (formats with a minimum)
+    std::uint8_t q[64]; // unsigned codes
+    float ws[16];       // scale of each group of 4 codes
+    float mw[16];       // additive offset per element (formats with a minimum)
 };
 
 std::uint16_t u16(const std::uint8_t* p) {
@@ -46,16 +52,17 @@ __m512 pairLanes(float a, float b) {
     return _mm512_castpd_ps(
         _mm512_insertf64x4(_mm512_castps_pd(_mm512_set1_ps(a)), _mm256_castps_pd(_mm256_set1_ps(b)), 1));
 }
+// [fp16 at p0 x8, fp16 at p1 x8] (zero for a missing p1).
 __m512 pairHalves(const std::uint8_t* p0, const std::uint8_t* p1) {
-    return pairLanes(fp16ToFloatFast(u16(p0)), p1 ? fp16ToFloatFast(u16(p1)) : 0.0f);
+    const std::uint32_t both = u16(p0) | (p1 ? static_cast<std::uint32_t>(u16(p1)) << 16 : 0u);
+    const __m512 two = _mm512_zextps128_ps512(_mm_cvtph_ps(_mm_cvtsi32_si128(static_cast<int>(both))));
+    return _mm512_permutexvar_ps(_mm512_inserti64x4(_mm512_setzero_si512(), _mm256_set1_epi32(1), 1), two);
 }
 
 template <bool Asym>
 inline void finish(Decoded& o, __m512i q, __m512 ws, __m512 mw) {
     _mm512_store_si512(o.q, q);
     _mm512_store_ps(o.ws, ws);
-    const __m512i sums = _mm512_dpbusd_epi32(_mm512_setzero_si512(), _mm512_set1_epi8(1), q);
-    _mm512_store_ps(o.cw, _mm512_mul_ps(_mm512_mul_ps(ws, _mm512_cvtepi32_ps(sums)), _mm512_set1_ps(-128.0f)));
     if constexpr (Asym) _mm512_store_ps(o.mw, mw);
 }
 
@@ -81,6 +88,7 @@ __m512i nibbleHalves(const std::uint8_t* p) {
 
 struct Q8_0 {
     static constexpr bool asym = false;
+    static constexpr float offset = 128.0f;
     static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + 34 * (2 * c);
@@ -88,8 +96,9 @@ struct Q8_0 {
             const std::uint8_t* p1 = two ? p0 + 34 : nullptr;
             const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p0 + 2));
             const __m256i b = two ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p1 + 2)) : _mm256_setzero_si256();
-            finish<false>(out[c - c0], _mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1), pairHalves(p0, p1),
-                          _mm512_setzero_ps());
+            const __m512i codes = _mm512_xor_si512(_mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1),
+                                                   _mm512_set1_epi8(static_cast<char>(0x80)));
+            finish<false>(out[c - c0], codes, pairHalves(p0, p1), _mm512_setzero_ps());
         }
     }
 };
@@ -97,6 +106,7 @@ struct Q8_0 {
 template <int Bytes, int DataOffset, bool HasMin, bool HasHigh>
 struct SmallBlock {
     static constexpr bool asym = HasMin;
+    static constexpr float offset = HasHigh ? 16.0f : 8.0f;
     static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + Bytes * (2 * c);
@@ -108,12 +118,10 @@ struct SmallBlock {
                 q = _mm512_mask_add_epi8(q, bits, q, _mm512_set1_epi8(0x10));
             }
             if constexpr (HasMin) {
-                const __m512 m = pairLanes(fp16ToFloatFast(u16(p0 + 2)), p1 ? fp16ToFloatFast(u16(p1 + 2)) : 0.0f);
+                const __m512 m = pairHalves(p0 + 2, p1 ? p1 + 2 : nullptr);
                 finish<true>(out[c - c0], q, pairHalves(p0, p1), m);
             } else {
-                const int offset = HasHigh ? 16 : 8;
-                finish<false>(out[c - c0], _mm512_sub_epi8(q, _mm512_set1_epi8(static_cast<char>(offset))),
-                              pairHalves(p0, p1), _mm512_setzero_ps());
+                finish<false>(out[c - c0], q, pairHalves(p0, p1), _mm512_setzero_ps());
             }
         }
     }
@@ -123,20 +131,19 @@ using Q4_1 = SmallBlock<20, 4, true, false>;
 using Q5_0 = SmallBlock<22, 6, false, true>;
 using Q5_1 = SmallBlock<24, 8, true, true>;
 
-void kScales(const std::uint8_t* b, float d, float dmin, float* sc, float* mn) {
-    const std::uint8_t* q = b + 4;
-    for (int j = 0; j < 8; ++j) {
-        int s, m;
-        if (j < 4) {
-            s = q[j] & 63;
-            m = q[j + 4] & 63;
-        } else {
-            s = (q[j + 4] & 0x0F) | ((q[j - 4] >> 6) << 4);
-            m = (q[j + 4] >> 4) | ((q[j] >> 6) << 4);
-        }
-        sc[j] = d * static_cast<float>(s);
-        mn[j] = -dmin * static_cast<float>(m);
-    }
+// The eight 6-bit scales and mins of a K-quant block as floats d * scale and -dmin * min, unpacked
+// four at a time in general registers.
+void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
+    const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
+    const std::uint64_t sc = (a & 0x3F3F3F3Fu) |
+                             static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4)) << 32;
+    const std::uint64_t mn = (m & 0x3F3F3F3Fu) |
+                             static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
+    const __m512i both = _mm512_cvtepu8_epi32(_mm_set_epi64x(static_cast<long long>(mn), static_cast<long long>(sc)));
+    const __m512 values = _mm512_cvtepi32_ps(both); // lanes 0-7 scales, 8-15 mins
+    const __m512 factors = pairLanes(fp16ToFloatFast(u16(b)), -fp16ToFloatFast(u16(b + 2)));
+    scales = _mm512_mul_ps(values, factors);
+    mins = scales; // same vector: callers index lanes 8-15 for the mins
 }
 __m512i pairIndex(int j) {
     return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(j)), _mm256_set1_epi32(j + 1), 1);
@@ -145,14 +152,13 @@ __m512i pairIndex(int j) {
 template <bool HighBits>
 struct KQuant {
     static constexpr bool asym = true;
+    static constexpr float offset = 0.0f;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
     static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + kBytes * s;
-            alignas(32) float sc[8], mn[8];
-            kScales(b, fp16ToFloatFast(u16(b)), fp16ToFloatFast(u16(b + 2)), sc, mn);
-            const __m512 scv = _mm512_zextps256_ps512(_mm256_load_ps(sc));
-            const __m512 mnv = _mm512_zextps256_ps512(_mm256_load_ps(mn));
+            __m512 scv, mnv;
+            kScales(b, scv, mnv);
             const std::uint8_t* qs = b + (HighBits ? 48 : 16);
             __m256i high = _mm256_setzero_si256();
             if constexpr (HighBits) high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
@@ -164,8 +170,8 @@ struct KQuant {
                         _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
                     q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
                 }
-                const __m512i idx = pairIndex(2 * c);
-                finish<true>(out[4 * s + c - c0], q, _mm512_permutexvar_ps(idx, scv), _mm512_permutexvar_ps(idx, mnv));
+                finish<true>(out[4 * s + c - c0], q, _mm512_permutexvar_ps(pairIndex(2 * c), scv),
+                             _mm512_permutexvar_ps(pairIndex(8 + 2 * c), mnv));
             }
         }
     }
@@ -175,10 +181,10 @@ using Q5_K = KQuant<true>;
 
 struct Q6_K {
     static constexpr bool asym = false;
+    static constexpr float offset = 32.0f;
     static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
         const __m512i low4 = _mm512_set1_epi8(0x0F);
         const __m512i low2 = _mm512_set1_epi8(3);
-        const __m512i bias = _mm512_set1_epi8(32);
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + 210 * s;
             const float d = fp16ToFloatFast(u16(b + 208));
@@ -200,7 +206,7 @@ struct Q6_K {
                                                          _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
                                                                                             5, 4, 3, 2, 1, 0),
                                                                            2));
-                    finish<false>(out[4 * s + chunk - c0], _mm512_sub_epi8(part ? qb : qa, bias),
+                    finish<false>(out[4 * s + chunk - c0], part ? qb : qa,
                                   _mm512_permutexvar_ps(idx, scales), _mm512_setzero_ps());
                 }
             }
@@ -215,44 +221,50 @@ struct TokenView {
     const float* scales;
 };
 
-template <bool Asym, int R, int T>
+// acc[r][t] += the dot products of chunks [c0, c0 + n) of rows[r] and tokens[t], lane-wise.
+template <class Format, int R, int T>
 inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const Decoded* const* rows,
                                                       const TokenView* tokens, std::int64_t c0, std::int64_t n) {
-    const __m512i shift = _mm512_set1_epi8(static_cast<char>(0x80));
     const __m512i ones = _mm512_set1_epi8(1);
     const __m512i pairIdx = pairIndex(0);
     for (std::int64_t k = 0; k < n; ++k) {
         const std::int64_t c = c0 + k;
-        __m512i xu[T];
+        __m512i xs[T];
         __m512 dx[T];
-        [[maybe_unused]] __m512 sv[T];
+        __m512 bias[T]; // activation sums times their scale (times -offset for symmetric formats)
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) {
-            const __m512i xs = _mm512_loadu_si512(tokens[t].codes + kChunk * c);
-            xu[t] = _mm512_xor_si512(xs, shift);
+            xs[t] = _mm512_loadu_si512(tokens[t].codes + kChunk * c);
             dx[t] = _mm512_permutexvar_ps(
                 pairIdx, _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(tokens[t].scales + 2 * c)))));
-            if constexpr (Asym) {
-                sv[t] = _mm512_mul_ps(dx[t], _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs)));
-            }
+            const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs[t]));
+            bias[t] = Format::asym ? _mm512_mul_ps(dx[t], sums)
+                                   : _mm512_mul_ps(_mm512_mul_ps(dx[t], _mm512_set1_ps(-Format::offset)), sums);
         }
+        #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
             const __m512i q = _mm512_load_si512(d.q);
             const __m512 ws = _mm512_load_ps(d.ws);
-            const __m512 cw = _mm512_load_ps(d.cw);
+            #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) {
-                const __m512i dot = _mm512_dpbusd_epi32(_mm512_setzero_si512(), xu[t], q);
-                const __m512 exact = _mm512_fmadd_ps(ws, _mm512_cvtepi32_ps(dot), cw);
-                acc[r][t] = _mm512_fmadd_ps(dx[t], exact, acc[r][t]);
-                if constexpr (Asym) acc[r][t] = _mm512_fmadd_ps(_mm512_load_ps(d.mw), sv[t], acc[r][t]);
+                const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
+                if constexpr (Format::asym) {
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(dx[t], dot), acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(_mm512_load_ps(d.mw), bias[t], acc[r][t]);
+                } else {
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(dx[t], dot, bias[t]), acc[r][t]);
+                }
             }
         }
     }
 }
 
 template <int R, int T>
-inline void storeTile(__m512 (&acc)[R][T], float* y, std::int64_t ldy, std::int64_t row, std::int64_t token) {
+inline __attribute__((always_inline)) void storeTile(__m512 (&acc)[R][T], float* y, std::int64_t ldy, std::int64_t row, std::int64_t token) {
+    #pragma GCC unroll 8
     for (int r = 0; r < R; ++r) {
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) y[(token + t) * ldy + row + r] = _mm512_reduce_add_ps(acc[r][t]);
     }
 }
@@ -266,6 +278,8 @@ struct QuantKernel {
     std::int64_t nb;      // 32-element blocks per row
     std::int64_t nChunks; // 64-column chunks per row
 
+    std::int64_t panelStride() const { return nChunks | 1; }
+
     const std::uint8_t* row(std::int64_t r) const {
         return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
     }
@@ -274,16 +288,21 @@ struct QuantKernel {
     template <int R, int T>
     void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
         __m512 acc[R][T];
+        #pragma GCC unroll 8
         for (auto& a : acc)
+            #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
         TokenView tokens[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
-        for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamChunks;
+        #pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamStride;
         for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
             const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
-            for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), nb, c0, c0 + n, scratch + r * kStreamChunks);
-            accumulate<Format::asym, R, T>(acc, rows, tokens, c0, n);
+            #pragma GCC unroll 8
+            for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), nb, c0, c0 + n, scratch + r * kStreamStride);
+            accumulate<Format, R, T>(acc, rows, tokens, c0, n);
         }
         storeTile<R, T>(acc, y, ldy, r0, t0);
     }
@@ -299,13 +318,17 @@ struct QuantKernel {
     template <int R, int T>
     void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0) const {
         __m512 acc[R][T];
+        #pragma GCC unroll 8
         for (auto& a : acc)
+            #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
         TokenView tokens[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
-        for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * nChunks;
-        accumulate<Format::asym, R, T>(acc, rows, tokens, 0, nChunks);
+        #pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
+        accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
         storeTile<R, T>(acc, y, ldy, r0 + panelRow, t0);
     }
 
@@ -320,7 +343,7 @@ struct QuantKernel {
         thread_local std::vector<Decoded> scratch;
         const std::int64_t tokens = x.tokens();
         if (tokens <= kTokenTile) {
-            scratch.resize(static_cast<std::size_t>(kRowTile * kStreamChunks));
+            scratch.resize(static_cast<std::size_t>(kRowTile * kStreamStride));
             switch (tokens) {
             case 1: streamRows<1>(rowBegin, rowEnd, 0, scratch.data()); break;
             case 2: streamRows<2>(rowBegin, rowEnd, 0, scratch.data()); break;
@@ -329,10 +352,10 @@ struct QuantKernel {
             }
             return;
         }
-        scratch.resize(static_cast<std::size_t>(kPanelRows * nChunks));
+        scratch.resize(static_cast<std::size_t>(kPanelRows * panelStride()));
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
             const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
-            for (std::int64_t r = 0; r < m; ++r) Format::decode(row(r0 + r), nb, 0, nChunks, scratch.data() + r * nChunks);
+            for (std::int64_t r = 0; r < m; ++r) Format::decode(row(r0 + r), nb, 0, nChunks, scratch.data() + r * panelStride());
             std::int64_t t0 = 0;
             for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) panelTokens<kTokenTile>(scratch.data(), r0, m, t0);
             switch (tokens - t0) {
@@ -365,61 +388,85 @@ inline __m512 loadWeights(const std::uint8_t* row, std::int64_t k, __mmask16 mas
     }
 }
 
-template <GgmlType Type>
+// Float weights: rows x tokens tiles of FMAs. With many tokens, F16/BF16 panels are widened to
+// F32 once (in L2) so the inner loop is loads and FMAs only.
 struct FloatKernel {
     const WeightMatrix& w;
     const ActivationBuffer& x;
     float* y;
     std::int64_t ldy;
 
-    const std::uint8_t* row(std::int64_t r) const {
-        return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
-    }
-
-    template <int R, int T>
-    void tile(std::int64_t r0, std::int64_t t0) const {
+    template <GgmlType Type, int R, int T>
+    void tile(const std::uint8_t* const* rows, std::int64_t r0, std::int64_t t0) const {
         __m512 acc[R][T];
+        #pragma GCC unroll 8
         for (auto& a : acc)
+            #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
-        const std::uint8_t* rows[R];
-        for (int r = 0; r < R; ++r) rows[r] = row(r0 + r);
         const float* xs[T];
+        #pragma GCC unroll 8
         for (int t = 0; t < T; ++t) xs[t] = x.values(t0 + t);
-        for (std::int64_t k = 0; k < w.cols; k += 16) {
-            const __mmask16 mask = w.cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (w.cols - k)) - 1);
+        const std::int64_t cols = w.cols; // a local, so the accumulators can stay in registers
+        for (std::int64_t k = 0; k < cols; k += 16) {
+            const __mmask16 mask = cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (cols - k)) - 1);
             __m512 xv[T];
+            #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) xv[t] = _mm512_loadu_ps(xs[t] + k); // padded with zeros
+            #pragma GCC unroll 8
             for (int r = 0; r < R; ++r) {
                 const __m512 wv = loadWeights<Type>(rows[r], k, mask);
+                #pragma GCC unroll 8
                 for (int t = 0; t < T; ++t) acc[r][t] = _mm512_fmadd_ps(wv, xv[t], acc[r][t]);
             }
         }
         storeTile<R, T>(acc, y, ldy, r0, t0);
     }
 
-    template <int T>
-    void rows(std::int64_t rowBegin, std::int64_t rowEnd, std::int64_t t0) const {
-        std::int64_t r = rowBegin;
-        for (; r + kRowTile <= rowEnd; r += kRowTile) tile<kRowTile, T>(r, t0);
-        for (; r < rowEnd; ++r) tile<1, T>(r, t0);
+    template <GgmlType Type, int T>
+    void rowsOver(const std::uint8_t* const* rows, std::int64_t count, std::int64_t r0, std::int64_t t0) const {
+        std::int64_t r = 0;
+        for (; r + kRowTile <= count; r += kRowTile) tile<Type, kRowTile, T>(rows + r, r0 + r, t0);
+        for (; r < count; ++r) tile<Type, 1, T>(rows + r, r0 + r, t0);
     }
 
-    void tokensOver(std::int64_t rowBegin, std::int64_t rowEnd, std::int64_t t0, std::int64_t count) const {
-        switch (count) {
-        case 1: rows<1>(rowBegin, rowEnd, t0); break;
-        case 2: rows<2>(rowBegin, rowEnd, t0); break;
-        case 3: rows<3>(rowBegin, rowEnd, t0); break;
-        default: rows<4>(rowBegin, rowEnd, t0); break;
+    template <GgmlType Type>
+    void panel(const std::uint8_t* const* rows, std::int64_t count, std::int64_t r0) const {
+        const std::int64_t tokens = x.tokens();
+        for (std::int64_t t0 = 0; t0 < tokens; t0 += kTokenTile) {
+            switch (std::min<std::int64_t>(kTokenTile, tokens - t0)) {
+            case 1: rowsOver<Type, 1>(rows, count, r0, t0); break;
+            case 2: rowsOver<Type, 2>(rows, count, r0, t0); break;
+            case 3: rowsOver<Type, 3>(rows, count, r0, t0); break;
+            default: rowsOver<Type, 4>(rows, count, r0, t0); break;
+            }
         }
     }
 
+    template <GgmlType Type>
     void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
-        const std::int64_t tokens = x.tokens();
-        // Panels of rows stay in L2 while every token tile passes over them.
+        thread_local std::vector<float> widened;
+        const bool widen = Type != GgmlType::F32 && x.tokens() > kTokenTile;
+        // Widened rows an odd number of 64-byte lines apart (see kStreamStride).
+        const std::int64_t stride = ((w.cols + 15) / 16) | 1;
+        if (widen) widened.resize(static_cast<std::size_t>(kPanelRows * stride * 16));
+        const auto* base = static_cast<const std::uint8_t*>(w.data);
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
-            const std::int64_t r1 = std::min(rowEnd, r0 + kPanelRows);
-            for (std::int64_t t0 = 0; t0 < tokens; t0 += kTokenTile) {
-                tokensOver(r0, r1, t0, std::min<std::int64_t>(kTokenTile, tokens - t0));
+            const std::int64_t count = std::min(kPanelRows, rowEnd - r0);
+            const std::uint8_t* rows[kPanelRows];
+            for (std::int64_t r = 0; r < count; ++r) {
+                rows[r] = base + static_cast<std::size_t>(r0 + r) * w.rowBytes;
+                if (!widen) continue;
+                float* out = widened.data() + r * stride * 16;
+                for (std::int64_t k = 0; k < w.cols; k += 16) {
+                    const __mmask16 mask = w.cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (w.cols - k)) - 1);
+                    _mm512_storeu_ps(out + k, loadWeights<Type>(rows[r], k, mask));
+                }
+                rows[r] = reinterpret_cast<const std::uint8_t*>(out);
+            }
+            if (widen) {
+                panel<GgmlType::F32>(rows, count, r0);
+            } else {
+                panel<Type>(rows, count, r0);
             }
         }
     }
@@ -428,8 +475,8 @@ struct FloatKernel {
 template <GgmlType Type>
 void runFloat(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
               std::int64_t ldy) {
-    const FloatKernel<Type> kernel{w, x, y, ldy};
-    kernel.run(rowBegin, rowEnd);
+    const FloatKernel kernel{w, x, y, ldy};
+    kernel.run<Type>(rowBegin, rowEnd);
 }
 
 } // namespace
