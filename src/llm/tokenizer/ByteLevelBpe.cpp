@@ -37,12 +37,10 @@ std::uint64_t pairKey(std::int32_t left, std::int32_t right) {
     return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(left)) << 32) | static_cast<std::uint32_t>(right);
 }
 
-std::string spellBytes(std::string_view bytes) {
-    std::string out;
-    out.reserve(bytes.size() * 2);
+void spellBytes(std::string_view bytes, std::string& out) {
+    out.clear();
     for (const char c : bytes)
         appendUtf8(out, ByteLevelBpe::byteToChar(static_cast<unsigned char>(c)));
-    return out;
 }
 
 } // namespace
@@ -88,16 +86,18 @@ ByteLevelBpe::ByteLevelBpe(const Vocabulary& vocabulary, const std::vector<std::
 void ByteLevelBpe::encodeFragment(std::string_view fragment, bool, std::vector<std::int32_t>& out) const {
     std::vector<std::string_view> words;
     preTokenizer_.split(fragment, words);
+    Scratch scratch;
     for (const std::string_view word : words)
-        encodeWord(word, out);
+        encodeWord(word, scratch, out);
 }
 
-void ByteLevelBpe::encodeWord(std::string_view word, std::vector<std::int32_t>& out) const {
+void ByteLevelBpe::encodeWord(std::string_view word, Scratch& scratch, std::vector<std::int32_t>& out) const {
     if (word.empty())
         return;
-    std::string patched;
+    std::string& patched = scratch.patched;
     const auto spellable = [this](char c) { return byteTokens_[static_cast<unsigned char>(c)] >= 0; };
     if (!std::all_of(word.begin(), word.end(), spellable)) {
+        patched.clear();
         for (const char c : word) {
             if (spellable(c))
                 patched.push_back(c);
@@ -107,33 +107,24 @@ void ByteLevelBpe::encodeWord(std::string_view word, std::vector<std::int32_t>& 
         word = patched;
     }
     if (wholeWordsFirst_) {
-        if (const auto id = vocabulary_.find(spellBytes(word))) {
+        spellBytes(word, scratch.spelled);
+        if (const auto id = vocabulary_.find(scratch.spelled)) {
             out.push_back(*id);
             return;
         }
     }
-    struct Symbol {
-        std::int32_t token; // -1 once merged into its left neighbour
-        std::int32_t prev;
-        std::int32_t next;
-    };
-    struct Candidate {
-        std::int32_t rank;
-        std::int32_t left;
-        std::int32_t leftToken;
-        std::int32_t rightToken;
-        std::int32_t result;
-    };
     // Lowest rank first; among equal ranks the leftmost pair.
     const auto worse = [](const Candidate& a, const Candidate& b) {
         return a.rank != b.rank ? a.rank > b.rank : a.left > b.left;
     };
     const auto n = static_cast<std::int32_t>(word.size());
-    std::vector<Symbol> symbols(static_cast<std::size_t>(n));
+    std::vector<Symbol>& symbols = scratch.symbols;
+    symbols.resize(static_cast<std::size_t>(n));
     for (std::int32_t i = 0; i < n; ++i)
         symbols[static_cast<std::size_t>(i)] = {byteTokens_[static_cast<unsigned char>(word[static_cast<std::size_t>(i)])],
                                                 i - 1, i + 1 < n ? i + 1 : -1};
-    std::vector<Candidate> heap;
+    std::vector<Candidate>& heap = scratch.heap;
+    heap.clear();
     const auto consider = [&](std::int32_t left) {
         if (left < 0)
             return;

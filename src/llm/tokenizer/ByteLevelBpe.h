@@ -37,8 +37,27 @@ private:
         std::int32_t rank;
         std::int32_t result;
     };
+    struct Symbol {
+        std::int32_t token; // -1 once merged into its left neighbour
+        std::int32_t prev;
+        std::int32_t next;
+    };
+    struct Candidate {
+        std::int32_t rank;
+        std::int32_t left;
+        std::int32_t leftToken;
+        std::int32_t rightToken;
+        std::int32_t result;
+    };
+    // Buffers reused across the words of one fragment.
+    struct Scratch {
+        std::vector<Symbol> symbols;
+        std::vector<Candidate> heap;
+        std::string patched; // the word with unspellable bytes replaced
+        std::string spelled; // the word in the vocabulary's spelling
+    };
 
-    void encodeWord(std::string_view word, std::vector<std::int32_t>& out) const;
+    void encodeWord(std::string_view word, Scratch& scratch, std::vector<std::int32_t>& out) const;
 
     const Vocabulary& vocabulary_;
     PreTokenizer preTokenizer_;

@@ -68,10 +68,13 @@ constexpr std::string_view kSmolThinkingSystem =
 // prompts (and their cached prefixes) the same from day to day.
 constexpr std::string_view kLlamaDefaultDate = "26 Jul 2024";
 
-std::string chatmlTurn(std::string_view role, std::string_view content) {
-    std::string turn;
-    turn.append("<|im_start|>").append(role).append("\n").append(content).append("<|im_end|>\n");
-    return turn;
+void markup(ChatPrompt& prompt, std::string_view text) { prompt.text.append(text); }
+
+void content(ChatPrompt& prompt, std::string_view text) {
+    if (text.empty())
+        return;
+    prompt.content.push_back({prompt.text.size(), prompt.text.size() + text.size()});
+    prompt.text.append(text);
 }
 
 } // namespace
@@ -117,80 +120,111 @@ ChatFamily ChatFormat::family() const {
 bool ChatFormat::includesBos() const { return bos_; }
 
 std::string ChatFormat::formatPrompt(std::string_view system, std::string_view user) const {
-    Parts parts = render(system, user);
-    return parts.prefix + parts.rest;
+    return buildPrompt(system, user).text;
 }
 
-std::string ChatFormat::formatSystemPrefix(std::string_view system) const { return render(system, {}).prefix; }
+std::string ChatFormat::formatSystemPrefix(std::string_view system) const { return render(system, {}).prefix.text; }
+
+ChatPrompt ChatFormat::buildSystemPrefix(std::string_view system) const { return render(system, {}).prefix; }
+
+ChatPrompt ChatFormat::buildPrompt(std::string_view system, std::string_view user) const {
+    Parts parts = render(system, user);
+    ChatPrompt prompt = std::move(parts.prefix);
+    const std::size_t shift = prompt.text.size();
+    prompt.text += parts.rest.text;
+    for (const TextRange range : parts.rest.content)
+        prompt.content.push_back({range.begin + shift, range.end + shift});
+    return prompt;
+}
 
 ChatFormat::Parts ChatFormat::render(std::string_view system, std::string_view user) const {
     Parts p;
+    ChatPrompt& head = p.prefix;
+    ChatPrompt& rest = p.rest;
     const bool hasSystem = !system.empty();
     switch (variant_) {
     case Variant::chatml:
     case Variant::qwen25:
     case Variant::qwen3:
-        if (hasSystem)
-            p.prefix = chatmlTurn("system", system);
-        else if (variant_ == Variant::qwen25)
-            p.prefix = chatmlTurn("system", kQwenDefaultSystem);
-        p.prefix += "<|im_start|>";
-        p.rest.append("user\n").append(user).append("<|im_end|>\n<|im_start|>assistant\n");
+        if (hasSystem || variant_ == Variant::qwen25) {
+            markup(head, "<|im_start|>system\n");
+            if (hasSystem)
+                content(head, system);
+            else
+                markup(head, kQwenDefaultSystem);
+            markup(head, "<|im_end|>\n");
+        }
+        markup(head, "<|im_start|>");
+        markup(rest, "user\n");
+        content(rest, user);
+        markup(rest, "<|im_end|>\n<|im_start|>assistant\n");
         if (variant_ == Variant::qwen3)
-            p.rest += "<think>\n\n</think>\n\n";
+            markup(rest, "<think>\n\n</think>\n\n");
         break;
     case Variant::smollm3: {
         // Thinking is off unless the system text itself asks for it; the markers are removed.
         const bool thinking = !contains(system, "/no_think") && contains(system, "/think");
         const std::string custom(rstrip(replaceAll(replaceAll(std::string(system), "/no_think"), "/think")));
-        std::string header = "## Metadata\n\nKnowledge Cutoff Date: June 2025\nReasoning Mode: ";
-        header.append(thinking ? "/think" : "/no_think").append("\n\n## Custom Instructions\n\n");
-        header.append(!custom.empty() ? std::string_view(custom) : thinking ? kSmolThinkingSystem : kSmolDefaultSystem);
-        header.append("\n\n");
-        p.prefix = chatmlTurn("system", header) + "<|im_start|>";
-        p.rest.append("user\n").append(user).append("<|im_end|>\n<|im_start|>assistant\n");
+        markup(head, "<|im_start|>system\n## Metadata\n\nKnowledge Cutoff Date: June 2025\nReasoning Mode: ");
+        markup(head, thinking ? "/think" : "/no_think");
+        markup(head, "\n\n## Custom Instructions\n\n");
+        if (!custom.empty())
+            content(head, custom);
+        else
+            markup(head, thinking ? kSmolThinkingSystem : kSmolDefaultSystem);
+        markup(head, "\n\n<|im_end|>\n<|im_start|>");
+        markup(rest, "user\n");
+        content(rest, user);
+        markup(rest, "<|im_end|>\n<|im_start|>assistant\n");
         if (!thinking)
-            p.rest += "<think>\n\n</think>\n";
+            markup(rest, "<think>\n\n</think>\n");
         break;
     }
     case Variant::llama3:
     case Variant::llama3Dated:
         if (bos_)
-            p.prefix = "<|begin_of_text|>";
-        if (variant_ == Variant::llama3Dated) {
-            p.prefix.append("<|start_header_id|>system<|end_header_id|>\n\nCutting Knowledge Date: December 2023\n"
-                            "Today Date: ")
-                .append(kLlamaDefaultDate)
-                .append("\n\n")
-                .append(strip(system))
-                .append("<|eot_id|>");
-        } else if (hasSystem) {
-            p.prefix.append("<|start_header_id|>system<|end_header_id|>\n\n").append(strip(system)).append("<|eot_id|>");
+            markup(head, "<|begin_of_text|>");
+        if (variant_ == Variant::llama3Dated || hasSystem) {
+            markup(head, "<|start_header_id|>system<|end_header_id|>\n\n");
+            if (variant_ == Variant::llama3Dated) {
+                markup(head, "Cutting Knowledge Date: December 2023\nToday Date: ");
+                markup(head, kLlamaDefaultDate);
+                markup(head, "\n\n");
+            }
+            content(head, strip(system));
+            markup(head, "<|eot_id|>");
         }
-        p.prefix += "<|start_header_id|>";
-        p.rest.append("user<|end_header_id|>\n\n")
-            .append(strip(user))
-            .append("<|eot_id|><|start_header_id|>assistant<|end_header_id|>\n\n");
+        markup(head, "<|start_header_id|>");
+        markup(rest, "user<|end_header_id|>\n\n");
+        content(rest, strip(user));
+        markup(rest, "<|eot_id|><|start_header_id|>assistant<|end_header_id|>\n\n");
         break;
     case Variant::gemma: {
         // No system role: the system text leads the first user turn.
         if (bos_)
-            p.prefix = "<bos>";
-        p.prefix += "<start_of_turn>";
-        std::string content;
+            markup(head, "<bos>");
+        markup(head, "<start_of_turn>");
+        std::string folded;
         if (hasSystem)
-            content.append(system).append("\n\n");
-        content.append(user);
-        p.rest.append("user\n").append(strip(content)).append("<end_of_turn>\n<start_of_turn>model\n");
+            folded.append(system).append("\n\n");
+        folded.append(user);
+        markup(rest, "user\n");
+        content(rest, strip(folded));
+        markup(rest, "<end_of_turn>\n<start_of_turn>model\n");
         break;
     }
     case Variant::phi3:
         if (bos_)
-            p.prefix = "<s>";
-        if (hasSystem)
-            p.prefix.append("<|system|>\n").append(system).append("<|end|>\n");
-        p.prefix += "<|user|>";
-        p.rest.append("\n").append(user).append("<|end|>\n<|assistant|>\n");
+            markup(head, "<s>");
+        if (hasSystem) {
+            markup(head, "<|system|>\n");
+            content(head, system);
+            markup(head, "<|end|>\n");
+        }
+        markup(head, "<|user|>");
+        markup(rest, "\n");
+        content(rest, user);
+        markup(rest, "<|end|>\n<|assistant|>\n");
         break;
     }
     return p;

@@ -1,18 +1,29 @@
 #pragma once
 
 #include "llm/tokenizer/ChatFormatError.h"
+#include "llm/tokenizer/TextRange.h"
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace parlune::llm {
 
 enum class ChatFamily { chatml, llama3, gemma, phi3 };
 
+// A formatted prompt and where the caller's own texts lie in it: special-token spellings
+// inside those ranges must stay plain text (see Tokenizer::encode with literal ranges), so a
+// user's text cannot end a turn or open a new one.
+struct ChatPrompt {
+    std::string text;
+    std::vector<TextRange> content; // sorted, disjoint
+};
+
 // Formats one system + user exchange the way a model's chat template renders it with a
 // generation prompt. The family is recognised from markers in the template text; the template
 // itself is never interpreted. An empty system text means no system message (the template's
-// own default, if any, applies). Prompts are meant to be tokenised with special tokens parsed.
+// own default, if any, applies). Tokenise a prompt with Tokenizer::encode(text, content) from
+// buildPrompt, so turn markers are tokens and the caller's texts stay text.
 class ChatFormat {
 public:
     // Throws ChatFormatError("unsupported chat format") when no known family matches.
@@ -30,11 +41,15 @@ public:
     // special token, so its tokens are a prefix of the whole prompt's tokens.
     std::string formatSystemPrefix(std::string_view system) const;
 
+    // The same texts with the ranges of the system and user texts in them.
+    ChatPrompt buildPrompt(std::string_view system, std::string_view user) const;
+    ChatPrompt buildSystemPrefix(std::string_view system) const;
+
 private:
     enum class Variant { chatml, qwen25, qwen3, smollm3, llama3, llama3Dated, gemma, phi3 };
     struct Parts {
-        std::string prefix;
-        std::string rest;
+        ChatPrompt prefix;
+        ChatPrompt rest;
     };
 
     ChatFormat(Variant variant, bool bos) : variant_(variant), bos_(bos) {}

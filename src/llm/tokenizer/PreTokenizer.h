@@ -18,8 +18,8 @@ class PreTokenizer {
 public:
     explicit PreTokenizer(PreTokenizerKind kind) : kind_(kind) {}
 
-    // Kind for a `tokenizer.ggml.pre` value; nullopt-free: names this engine does not know
-    // fall back to the gpt2 rules.
+    // Kind for a `tokenizer.ggml.pre` value; "default" and names this engine does not know get
+    // the gpt2 rules.
     static PreTokenizerKind kindForName(std::string_view name);
 
     PreTokenizerKind kind() const { return kind_; }

@@ -6,6 +6,7 @@
 #include "llm/tokenizer/SentencePieceBpe.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace parlune::llm {
 
@@ -150,8 +151,9 @@ void Tokenizer::indexSpecialTokens() {
         });
 }
 
-std::optional<std::int32_t> Tokenizer::matchSpecial(std::string_view text, std::size_t offset) const {
-    const std::string_view rest = text.substr(offset);
+std::optional<std::int32_t> Tokenizer::matchSpecial(std::string_view text, std::size_t offset,
+                                                    std::size_t limit) const {
+    const std::string_view rest = text.substr(offset, limit - offset);
     for (const std::int32_t id : specialByFirstByte_[static_cast<unsigned char>(text[offset])])
         if (rest.starts_with(vocabulary_->text(id)))
             return id;
@@ -159,17 +161,36 @@ std::optional<std::int32_t> Tokenizer::matchSpecial(std::string_view text, std::
 }
 
 std::vector<std::int32_t> Tokenizer::encode(std::string_view text, bool parseSpecial) const {
+    if (parseSpecial)
+        return encode(text, std::span<const TextRange>{});
     std::vector<std::int32_t> out;
     out.reserve(text.size() / 3 + 4);
-    if (!parseSpecial) {
-        if (!text.empty())
-            model_->encodeFragment(text, true, out);
-        return out;
+    if (!text.empty())
+        model_->encodeFragment(text, true, out);
+    return out;
+}
+
+std::vector<std::int32_t> Tokenizer::encode(std::string_view text, std::span<const TextRange> literal) const {
+    for (std::size_t i = 0; i < literal.size(); ++i) {
+        const bool ordered = literal[i].begin <= literal[i].end && (i == 0 || literal[i - 1].end <= literal[i].begin);
+        if (!ordered || literal[i].end > text.size())
+            throw std::invalid_argument("literal ranges must be sorted, disjoint and inside the text");
     }
+    std::vector<std::int32_t> out;
+    out.reserve(text.size() / 3 + 4);
     bool atSequenceStart = true;
     std::size_t fragmentStart = 0;
+    std::size_t range = 0;
     for (std::size_t offset = 0; offset < text.size();) {
-        const auto special = matchSpecial(text, offset);
+        while (range < literal.size() && literal[range].end <= offset)
+            ++range;
+        const bool inLiteral = range < literal.size() && literal[range].begin <= offset;
+        if (inLiteral) {
+            offset = literal[range].end;
+            continue;
+        }
+        const std::size_t limit = range < literal.size() ? literal[range].begin : text.size();
+        const auto special = matchSpecial(text, offset, limit);
         if (!special) {
             ++offset;
             continue;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "llm/tokenizer/TextRange.h"
 #include "llm/tokenizer/TokenModel.h"
 #include "llm/tokenizer/TokenizerConfig.h"
 #include "llm/tokenizer/TokenizerError.h"
@@ -31,6 +32,11 @@ public:
     // Token ids of `text`; never adds BOS. With `parseSpecial`, the texts of control and
     // user-defined tokens inside `text` become those tokens; without it they are plain text.
     std::vector<std::int32_t> encode(std::string_view text, bool parseSpecial) const;
+    // As encode(text, true), except that inside the `literal` ranges (sorted, disjoint, within
+    // the text; throws std::invalid_argument otherwise) special-token texts stay plain text.
+    // Plain text on both sides of a range edge is encoded as one piece, so the ids are those
+    // of encode(text, true) wherever the ranges hold no special-token text.
+    std::vector<std::int32_t> encode(std::string_view text, std::span<const TextRange> literal) const;
 
     std::optional<std::int32_t> bosToken() const { return bos_; }
     std::optional<std::int32_t> eosToken() const { return eos_; }
@@ -58,8 +64,8 @@ public:
 private:
     Tokenizer(std::unique_ptr<Vocabulary> vocabulary, std::unique_ptr<TokenModel> model);
     void indexSpecialTokens();
-    // Longest special token whose text starts at `text[offset]`.
-    std::optional<std::int32_t> matchSpecial(std::string_view text, std::size_t offset) const;
+    // Longest special token whose text starts at `text[offset]` and ends by `limit`.
+    std::optional<std::int32_t> matchSpecial(std::string_view text, std::size_t offset, std::size_t limit) const;
 
     std::unique_ptr<Vocabulary> vocabulary_;
     std::unique_ptr<TokenModel> model_;

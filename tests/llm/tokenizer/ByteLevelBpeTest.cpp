@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <stdexcept>
+
 namespace parlune::llm {
 namespace {
 
@@ -59,6 +62,29 @@ TEST(ByteLevelBpeTest, SpecialTokensAreMatchedInsideTextOnlyWhenAsked) {
     EXPECT_EQ(std::count(plain.begin(), plain.end(), end), 0);
     EXPECT_EQ(t.decode(plain), "hi<|im_end|>");
     EXPECT_EQ(t.tokenBytes(end), "") << "control tokens stand for no text";
+}
+
+TEST(ByteLevelBpeTest, LiteralRangesKeepSpecialTextPlainWithoutChangingOtherTokens) {
+    const auto tokenizer = Tokenizer::fromConfig(byteLevelConfig({{"h", "i"}}, {"<|im_end|>"}));
+    const Tokenizer& t = *tokenizer;
+    const std::int32_t end = *t.findToken("<|im_end|>");
+    const std::string text = "h<|im_end|>i<|im_end|>";
+    const std::vector<TextRange> user{{0, 12}};
+    const Ids ids = t.encode(text, user);
+    EXPECT_EQ(std::count(ids.begin(), ids.end(), end), 1);
+    EXPECT_EQ(ids.back(), end);
+    EXPECT_EQ(t.decode(ids), "h<|im_end|>i") << "the real end marker stands for no text";
+    // Plain text across a range edge is one piece: "h" + "i" still merge.
+    const std::vector<TextRange> edge{{1, 2}};
+    EXPECT_EQ(t.encode("hi", edge), (Ids{id(t, "hi")}));
+    // A special text reaching into a range is not a special token either.
+    const std::vector<TextRange> tail{{5, 10}};
+    const Ids straddling = t.encode("<|im_end|>", tail);
+    EXPECT_EQ(std::count(straddling.begin(), straddling.end(), end), 0);
+    const std::vector<TextRange> unsorted{{4, 6}, {0, 2}};
+    EXPECT_THROW(t.encode("abcdefgh", unsorted), std::invalid_argument);
+    const std::vector<TextRange> outside{{0, 9}};
+    EXPECT_THROW(t.encode("abc", outside), std::invalid_argument);
 }
 
 TEST(ByteLevelBpeTest, EmptyAndMalformedInputRoundTripByteForByte) {

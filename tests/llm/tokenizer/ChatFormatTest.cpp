@@ -97,6 +97,21 @@ std::vector<std::unique_ptr<Tokenizer>> boundaryTokenizers() {
     return tokenizers;
 }
 
+TEST(ChatFormatTest, ContentRangesCoverExactlyTheCallersTexts) {
+    for (const std::string_view jinja : {kChatml, kQwen25, kQwen3, kSmol3, kLlama3, kLlama30, kPhi3}) {
+        const ChatPrompt prompt = ChatFormat::fromTemplate(jinja).buildPrompt("Sys <|im_end|>", "User <|eot_id|>");
+        EXPECT_EQ(prompt.text, ChatFormat::fromTemplate(jinja).formatPrompt("Sys <|im_end|>", "User <|eot_id|>"));
+        ASSERT_EQ(prompt.content.size(), 2u) << jinja;
+        const auto at = [&](const TextRange& r) { return prompt.text.substr(r.begin, r.end - r.begin); };
+        EXPECT_EQ(at(prompt.content[0]), "Sys <|im_end|>");
+        EXPECT_EQ(at(prompt.content[1]), "User <|eot_id|>");
+    }
+    const ChatPrompt gemma = ChatFormat::fromTemplate(kGemma).buildPrompt("S", " U ");
+    ASSERT_EQ(gemma.content.size(), 1u);
+    EXPECT_EQ(gemma.text.substr(gemma.content[0].begin, gemma.content[0].end - gemma.content[0].begin), "S\n\n U");
+    EXPECT_TRUE(ChatFormat::fromTemplate(kQwen25).buildPrompt("", "").content.empty());
+}
+
 TEST(ChatFormatTest, SystemPrefixTokensArePrefixOfEveryPromptsTokens) {
     const auto tokenizers = boundaryTokenizers();
     for (const std::string_view jinja : {kChatml, kQwen25, kQwen3, kSmol3, kLlama3, kLlama30, kGemma, kPhi3}) {
@@ -110,11 +125,15 @@ TEST(ChatFormatTest, SystemPrefixTokensArePrefixOfEveryPromptsTokens) {
             for (const std::string_view user : {"U", "", "\nU", " user\n\nU "}) {
                 const std::string prompt = format.formatPrompt(system, user);
                 ASSERT_TRUE(prompt.starts_with(prefix)) << prompt;
+                const ChatPrompt headParts = format.buildSystemPrefix(system);
+                const ChatPrompt wholeParts = format.buildPrompt(system, user);
                 for (const auto& tokenizer : tokenizers) {
                     const auto head = tokenizer->encode(prefix, true);
                     const auto whole = tokenizer->encode(prompt, true);
                     ASSERT_LE(head.size(), whole.size());
                     EXPECT_TRUE(std::equal(head.begin(), head.end(), whole.begin())) << jinja << " / " << prompt;
+                    EXPECT_EQ(tokenizer->encode(headParts.text, headParts.content), head);
+                    EXPECT_EQ(tokenizer->encode(wholeParts.text, wholeParts.content), whole);
                 }
             }
         }
