@@ -1,4 +1,5 @@
 #include "cli/CliCommand.h"
+#include "cli/ModelCommands.h"
 #include "cli/SettingsCommands.h"
 
 #include <QCoreApplication>
@@ -14,6 +15,7 @@ using parlune::cli::CliCommand;
 std::vector<CliCommand> allCommands() {
     std::vector<CliCommand> commands;
     commands.push_back(parlune::cli::settingsCommand());
+    commands.push_back(parlune::cli::modelCommand());
     return commands;
 }
 

@@ -33,16 +33,23 @@ void exercise(const GgufFile& file) {
         sink = sink + static_cast<std::size_t>(file.getInteger(key).value_or(0));
         sink = sink + static_cast<std::size_t>(file.getFloat(key).value_or(0.0) != 0.0);
         sink = sink + file.getBool(key).value_or(false);
+        const auto length = file.arrayLength(key);
+        if (length.has_value() != file.arrayElementType(key).has_value()) {
+            __builtin_trap();
+        }
         if (const auto strings = file.getStringArray(key)) {
+            if (strings->size() != *length) {
+                __builtin_trap();
+            }
             for (const std::string_view s : *strings) {
                 touch(s);
             }
         }
-        if (const auto integers = file.getIntegerArray(key)) {
-            sink = sink + integers->size();
+        if (const auto integers = file.getIntegerArray(key); integers && integers->size() != *length) {
+            __builtin_trap();
         }
-        if (const auto floats = file.getFloatArray(key)) {
-            sink = sink + floats->size();
+        if (const auto floats = file.getFloatArray(key); floats && floats->size() != *length) {
+            __builtin_trap();
         }
     }
     for (const GgufTensorInfo& tensor : file.tensors()) {

@@ -107,9 +107,13 @@ public:
 private:
     void readHeader() {
         constexpr char kMagic[4] = {'G', 'G', 'U', 'F'};
-        if (cursor_.size() < sizeof kMagic ||
-            std::memcmp(file_.bytes_.data(), kMagic, sizeof kMagic) != 0) {
-            cursor_.fail("not a GGUF file (it does not start with the bytes 'GGUF')");
+        if (cursor_.size() == 0) {
+            cursor_.fail("not a GGUF file (the file is empty)");
+        }
+        if (cursor_.size() < sizeof kMagic || std::memcmp(file_.bytes_.data(), kMagic, sizeof kMagic) != 0) {
+            const std::size_t shownBytes = std::min<std::size_t>(file_.bytes_.size(), sizeof kMagic);
+            cursor_.fail("not a GGUF file (it starts with " +
+                         shown({reinterpret_cast<const char*>(file_.bytes_.data()), shownBytes}) + ", not 'GGUF')");
         }
         cursor_.readBytes(sizeof kMagic, "magic");
         const std::uint32_t version = cursor_.readU32("version");
@@ -192,10 +196,11 @@ private:
     }
 
     void checkBools(std::span<const std::byte> values) const {
-        for (const std::byte b : values) {
-            if (std::to_integer<unsigned>(b) > 1) {
-                cursor_.fail("invalid bool value " + std::to_string(std::to_integer<unsigned>(b)) +
-                             " (must be 0 or 1)");
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            const auto value = std::to_integer<unsigned>(values[i]);
+            if (value > 1) {
+                const std::string where = values.size() > 1 ? " in element " + std::to_string(i) : std::string();
+                cursor_.fail("invalid bool value " + std::to_string(value) + where + " (must be 0 or 1)");
             }
         }
     }
@@ -397,7 +402,8 @@ std::shared_ptr<const GgufFile> GgufFile::parse(std::shared_ptr<const void> stor
     std::shared_ptr<GgufFile> file(new GgufFile());
     file->storage_ = std::move(storage);
     file->bytes_ = bytes;
-    Parser(*file, std::move(source)).run();
+    file->source_ = std::move(source);
+    Parser(*file, file->source_).run();
     return file;
 }
 

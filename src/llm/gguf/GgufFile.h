@@ -35,10 +35,11 @@ public:
     static std::shared_ptr<const GgufFile> open(const std::filesystem::path& path); // throws GgufError
 
     // Parses a file image held in memory (tests, fuzzing). `sourceName` stands for the path in
-    // error messages.
+    // error messages. Unlike a mapping, the buffer only guarantees 16-byte alignment of tensor data.
     static std::shared_ptr<const GgufFile> fromBuffer(std::vector<std::byte> bytes,
                                                       std::string sourceName = "<memory>");
 
+    const std::string& source() const { return source_; } // the path (or buffer name) it was read from
     std::uint32_t version() const { return version_; }
     std::size_t alignment() const { return alignment_; }
     std::uint64_t dataOffset() const { return dataOffset_; } // data section start in the file
@@ -57,7 +58,7 @@ public:
     std::optional<double> getFloat(std::string_view key) const; // float32 or float64
     std::optional<bool> getBool(std::string_view key) const;
     std::optional<std::vector<std::string_view>> getStringArray(std::string_view key) const;
-    std::optional<std::vector<std::int64_t>> getIntegerArray(std::string_view key) const;
+    std::optional<std::vector<std::int64_t>> getIntegerArray(std::string_view key) const; // as getInteger
     std::optional<std::vector<float>> getFloatArray(std::string_view key) const; // float32 or float64
 
     const std::vector<GgufTensorInfo>& tensors() const { return tensors_; }
@@ -85,6 +86,7 @@ private:
 
     std::shared_ptr<const void> storage_; // keeps the mapping (or buffer) alive
     std::span<const std::byte> bytes_;
+    std::string source_;
     std::uint32_t version_ = 0;
     std::size_t alignment_ = 32;
     std::uint64_t dataOffset_ = 0;

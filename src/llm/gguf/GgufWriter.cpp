@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::uint32_t kVersion = 3;
 constexpr std::size_t kDefaultAlignment = 32;
+constexpr std::uint32_t kMaxAlignment = std::uint32_t{1} << 30; // the most the reader accepts
 
 template <typename T>
 void append(std::vector<std::byte>& out, T value) {
@@ -163,8 +164,8 @@ std::size_t GgufWriter::alignment() const {
         if (typeId == static_cast<std::uint32_t>(GgufValueType::UInt32)) {
             std::memcpy(&value, entry.encoded.data() + sizeof typeId, sizeof value);
         }
-        if (value == 0 || (value & (value - 1)) != 0) {
-            throw std::invalid_argument("general.alignment must be a uint32 power of two");
+        if (value == 0 || (value & (value - 1)) != 0 || value > kMaxAlignment) {
+            throw std::invalid_argument("general.alignment must be a uint32 power of two up to 2^30");
         }
         return value;
     }

@@ -7,7 +7,8 @@
 namespace parlune::llm {
 
 // A whole file mapped read-only into memory for the object's life. Pages are shared with the
-// page cache, so mapping a model costs no copy and no anonymous memory.
+// page cache, so mapping a model costs no copy and no anonymous memory. Like any mapping, it
+// assumes nobody truncates the file meanwhile (the kernel would fault reads past the new end).
 class MappedFile {
 public:
     // Throws GgufError (naming the path and the system's reason) when the file cannot be

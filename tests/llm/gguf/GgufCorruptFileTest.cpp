@@ -44,9 +44,10 @@ std::vector<std::byte> oneTensor(std::initializer_list<std::uint64_t> dims, std:
 }
 
 TEST(GgufCorruptFileTest, HeaderProblemsAreNamed) {
-    expectRejected({}, {"not a GGUF file"});
-    expectRejected(GgufTestBytes().text("GGML").u32(3).u64(0).u64(0).bytes, {"not a GGUF file"});
-    expectRejected(GgufTestBytes().text("GGU").bytes, {"not a GGUF file"});
+    expectRejected({}, {"not a GGUF file (the file is empty)"});
+    expectRejected(GgufTestBytes().text("\x7f" "ELF").u32(3).u64(0).u64(0).bytes,
+                   {"not a GGUF file (it starts with '\\x7fELF', not 'GGUF')"});
+    expectRejected(GgufTestBytes().text("GGU").bytes, {"not a GGUF file (it starts with 'GGU'"});
     expectRejected(GgufTestBytes().header(0, 0, 1).bytes, {"version 1 is not supported"});
     expectRejected(GgufTestBytes().header(0, 0, 4).bytes, {"unsupported GGUF version 4"});
     expectRejected(GgufTestBytes().header(0, 0, 0x03000000).bytes, {"big-endian"});
@@ -96,7 +97,7 @@ TEST(GgufCorruptFileTest, MalformedValuesAndArraysAreRefused) {
                    {"unknown array element type id 42"});
     expectRejected(GgufTestBytes().header(0, 1).str("a").u32(kTypeArray).u32(kTypeBool).u64(3).u8(1).u8(0).u8(7)
                        .zeros(8).bytes,
-                   {"invalid bool value 7"});
+                   {"invalid bool value 7 in element 2 (must be 0 or 1)"});
 }
 
 TEST(GgufCorruptFileTest, NestedArraysAreWalkedAndTooDeepNestingIsRefused) {

@@ -258,6 +258,7 @@ TEST(GgufRoundTripTest, FilesOnDiskAreMappedAndTensorsAlignedInMemory) {
 
     const auto file = GgufFile::open(path);
     EXPECT_EQ(file->fileSize(), inMemory.size());
+    EXPECT_EQ(file->source(), path.string());
     EXPECT_EQ(file->getString("general.architecture"), "qwen2");
     const GgufTensorInfo* w = file->findTensor("w");
     ASSERT_NE(w, nullptr);

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace parlune::llm {
+
+// Persistent workers for the engine's data-parallel loops. A call cuts [0, count) into a few
+// contiguous pieces per thread, which the workers and the calling thread claim in turn. Workers spin
+// briefly after a job (the next one usually follows within microseconds while generating) and
+// then sleep on a futex. Nothing is allocated per call.
+//
+// A parallelFor issued from inside a running job runs inline on the calling thread; calls from
+// several outside threads are served one after another. An exception thrown by `fn` in any share
+// is rethrown to the caller once every share has finished.
+class ThreadPool {
+public:
+    using RangeFunction = std::function<void(std::int64_t begin, std::int64_t end)>;
+
+    // threadCount includes the calling thread; values below 1 mean 1.
+    explicit ThreadPool(int threadCount);
+    ~ThreadPool();
+    ThreadPool(const ThreadPool&) = delete;
+    ThreadPool& operator=(const ThreadPool&) = delete;
+
+    int threadCount() const { return static_cast<int>(workers_.size()) + 1; }
+
+    void parallelFor(std::int64_t count, const RangeFunction& fn);
+
+private:
+    void workerLoop(int index);
+    void runShare(int index) noexcept;
+    void waitForWorkers();
+
+    std::vector<std::thread> workers_;
+    std::mutex callMutex_;
+    std::atomic<std::uint32_t> generation_{0};
+    std::atomic<std::uint32_t> pending_{0};
+    std::atomic<int> sleepingWorkers_{0};
+    std::atomic<bool> callerSleeping_{false};
+    std::atomic<bool> stopping_{false};
+    const RangeFunction* job_ = nullptr;
+    std::int64_t jobCount_ = 0;
+    std::int64_t jobPieces_ = 0;
+    std::atomic<std::int64_t> nextPiece_{0};
+    std::mutex errorMutex_;
+    std::exception_ptr error_;
+};
+
+} // namespace parlune::llm

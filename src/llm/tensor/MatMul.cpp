@@ -1,0 +1,141 @@
+#include "llm/tensor/MatMul.h"
+
+#include "llm/tensor/CpuFeatures.h"
+#include "llm/tensor/MatMulKernels.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace parlune::llm {
+
+namespace {
+
+bool isFloatType(GgmlType type) { return type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16; }
+
+std::string typeName(GgmlType type) { return std::string(ggmlTypeTraits(type).name); }
+
+bool avx512Usable(const CpuFeatures& f) { return f.avx512f && f.avx512bw && f.avx512vl && f.avx512vnni && f.f16c; }
+bool avx2Usable(const CpuFeatures& f) { return f.avx2 && f.fma && f.f16c; }
+
+void checkProduct(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+                  const float* y, std::int64_t ldy) {
+    if (!isSupportedWeightType(w.type)) throw std::invalid_argument("matmul: unsupported weight type " + typeName(w.type));
+    if (x.weightType() != w.type) {
+        throw std::invalid_argument("matmul: activations prepared for " + typeName(x.weightType()) + ", weights are " +
+                                    typeName(w.type));
+    }
+    if (x.cols() != w.cols) {
+        throw std::invalid_argument("matmul: activations have " + std::to_string(x.cols()) + " columns, weights " +
+                                    std::to_string(w.cols));
+    }
+    const auto rowBytes = ggmlRowBytes(w.type, w.cols);
+    if (!rowBytes || w.rowBytes < *rowBytes) throw std::invalid_argument("matmul: weight row stride too small");
+    if (rowBegin < 0 || rowEnd > w.rows || rowBegin > rowEnd) throw std::invalid_argument("matmul: row range out of bounds");
+    if (x.tokens() > 1 && ldy < w.rows) throw std::invalid_argument("matmul: output stride smaller than the row count");
+    if ((w.data == nullptr || y == nullptr) && rowEnd > rowBegin && x.tokens() > 0) {
+        throw std::invalid_argument("matmul: null weights or output");
+    }
+}
+
+} // namespace
+
+void prepareActivations(GgmlType weightType, const float* x, std::int64_t nTokens, std::int64_t cols,
+                        ActivationBuffer& out) {
+    if (!isSupportedWeightType(weightType)) {
+        throw std::invalid_argument("activations: unsupported weight type " + typeName(weightType));
+    }
+    const std::int64_t block = ggmlTypeTraits(weightType).blockElements;
+    if (nTokens < 0 || cols <= 0 || cols % block != 0) {
+        throw std::invalid_argument("activations: " + std::to_string(cols) + " columns do not fit " +
+                                    typeName(weightType) + " blocks");
+    }
+    constexpr std::int64_t pad = ActivationBuffer::kColumnPadding;
+    out.weightType_ = weightType;
+    out.tokens_ = nTokens;
+    out.cols_ = cols;
+    out.paddedCols_ = (cols + pad - 1) / pad * pad;
+    out.quantized_ = !isFloatType(weightType);
+    const auto total = static_cast<std::size_t>(nTokens * out.paddedCols_);
+    if (!out.quantized_) {
+        out.values_.assign(total, 0.0f);
+        for (std::int64_t t = 0; t < nTokens; ++t) {
+            std::memcpy(out.values_.data() + t * out.paddedCols_, x + t * cols, static_cast<std::size_t>(cols) * 4);
+        }
+        return;
+    }
+    out.codes_.resize(total);
+    out.scales_.resize(total / 32);
+    const bool simd = avx512Usable(cpuFeatures());
+    for (std::int64_t t = 0; t < nTokens; ++t) {
+        std::int8_t* codes = out.codes_.data() + t * out.paddedCols_;
+        float* scales = out.scales_.data() + t * (out.paddedCols_ / 32);
+        if (simd) {
+            detail::quantizeActivationsAvx512(x + t * cols, cols, out.paddedCols_, codes, scales);
+        } else {
+            detail::quantizeActivationsScalar(x + t * cols, cols, out.paddedCols_, codes, scales);
+        }
+    }
+}
+
+KernelPath bestKernelPath() {
+    const CpuFeatures& f = cpuFeatures();
+    if (avx512Usable(f)) return KernelPath::avx512;
+    if (avx2Usable(f)) return KernelPath::avx2;
+    return KernelPath::scalar;
+}
+
+bool kernelPathAvailable(KernelPath path) {
+    const CpuFeatures& f = detectedCpuFeatures();
+    switch (path) {
+    case KernelPath::scalar:
+        return true;
+    case KernelPath::avx2:
+        return avx2Usable(f);
+    case KernelPath::avx512:
+        return avx512Usable(f);
+    }
+    return false;
+}
+
+const char* kernelPathName(KernelPath path) {
+    switch (path) {
+    case KernelPath::scalar:
+        return "scalar";
+    case KernelPath::avx2:
+        return "avx2";
+    case KernelPath::avx512:
+        return "avx512";
+    }
+    return "?";
+}
+
+void matmulRowsOn(KernelPath path, const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                  std::int64_t rowEnd, float* y, std::int64_t ldy) {
+    checkProduct(w, x, rowBegin, rowEnd, y, ldy);
+    if (!kernelPathAvailable(path)) {
+        throw std::invalid_argument(std::string("matmul: this processor cannot run the ") + kernelPathName(path) +
+                                    " path");
+    }
+    if (rowEnd == rowBegin || x.tokens() == 0) return;
+    switch (path) {
+    case KernelPath::scalar:
+        detail::matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
+        return;
+    case KernelPath::avx2:
+        detail::matmulAvx2(w, x, rowBegin, rowEnd, y, ldy);
+        return;
+    case KernelPath::avx512:
+        detail::matmulAvx512(w, x, rowBegin, rowEnd, y, ldy);
+        return;
+    }
+}
+
+void matmulRows(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+                float* y, std::int64_t ldy) {
+    static const KernelPath path = bestKernelPath();
+    matmulRowsOn(path, w, x, rowBegin, rowEnd, y, ldy);
+}
+
+} // namespace parlune::llm

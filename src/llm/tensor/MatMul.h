@@ -1,0 +1,70 @@
+#pragma once
+
+#include "llm/tensor/GgmlType.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace parlune::llm {
+
+// rows x cols weights, each row `rowBytes` of `type` blocks.
+struct WeightMatrix {
+    GgmlType type;
+    const void* data;
+    std::int64_t rows;
+    std::int64_t cols;
+    std::size_t rowBytes;
+};
+
+// x (nTokens x cols, f32) in the form a weight type multiplies with, converted once and shared by
+// every row (and thread) of a product. Quantised weights take 8-bit codes with one scale per 32
+// values; float weights take the floats as they are.
+class ActivationBuffer {
+public:
+    // Codes and values are stored per token with this many columns (zero padded).
+    static constexpr std::int64_t kColumnPadding = 64;
+
+    GgmlType weightType() const { return weightType_; }
+    std::int64_t tokens() const { return tokens_; }
+    std::int64_t cols() const { return cols_; }
+    std::int64_t paddedCols() const { return paddedCols_; }
+    bool isQuantized() const { return quantized_; }
+
+    const std::int8_t* codes(std::int64_t token) const { return codes_.data() + token * paddedCols_; }
+    const float* blockScales(std::int64_t token) const { return scales_.data() + token * (paddedCols_ / 32); }
+    const float* values(std::int64_t token) const { return values_.data() + token * paddedCols_; }
+
+private:
+    friend void prepareActivations(GgmlType, const float*, std::int64_t, std::int64_t, ActivationBuffer&);
+
+    GgmlType weightType_ = GgmlType::F32;
+    std::int64_t tokens_ = 0;
+    std::int64_t cols_ = 0;
+    std::int64_t paddedCols_ = 0;
+    bool quantized_ = false;
+    std::vector<std::int8_t> codes_;
+    std::vector<float> scales_;
+    std::vector<float> values_;
+};
+
+// Converts x for products with `weightType` weights. Reuses `out`'s storage.
+// Throws std::invalid_argument for an unsupported type or a bad shape.
+void prepareActivations(GgmlType weightType, const float* x, std::int64_t nTokens, std::int64_t cols,
+                        ActivationBuffer& out);
+
+// y[t * ldy + r] = dot(W row r, x row t) for r in [rowBegin, rowEnd), t in [0, x.tokens()).
+// Throws std::invalid_argument when w and x do not fit together.
+void matmulRows(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+                float* y, std::int64_t ldy);
+
+// The instruction-set paths, for tests and benchmarks. matmulRows uses the best one cpuFeatures()
+// allows.
+enum class KernelPath { scalar, avx2, avx512 };
+KernelPath bestKernelPath();
+bool kernelPathAvailable(KernelPath path);
+const char* kernelPathName(KernelPath path);
+void matmulRowsOn(KernelPath path, const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                  std::int64_t rowEnd, float* y, std::int64_t ldy);
+
+} // namespace parlune::llm

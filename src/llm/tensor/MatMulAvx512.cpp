@@ -1,0 +1,524 @@
+// AVX-512 (F, BW, VL, VNNI) path. (The register-tile loops carry "GCC unroll": without it GCC 12
+// at -O3 keeps the accumulators in memory.) Quantised weights are decoded, a few 64-column chunks at a
+// time, into unsigned 8-bit codes (the format's own codes, offset kept) with per-4-code float
+// scales, so VPDPBUSD multiplies them with the signed activation codes directly. A weight value
+// is ws * code + bias; the bias is either -offset * ws (symmetric formats) or the format's
+// minimum, and its product with the activations needs only the activation sums, computed once
+// per chunk and token and shared by every row. Each decoded chunk is reused across a tile of
+// tokens from L1/L2.
+#include "llm/tensor/MatMulKernels.h"
+#include "llm/tensor/Quantization.h"
+
+#include <immintrin.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace parlune::llm::detail {
+
+namespace {
+
+constexpr std::int64_t kChunk = 64;     // columns per decoded chunk
+constexpr int kRowTile = 4;             // weight rows per register tile
+constexpr int kTokenTile = 4;           // tokens per register tile
+constexpr std::int64_t kStreamChunks = 16; // chunks decoded at a time when streaming rows (multiple of 4)
+// Decoded rows are laid out an odd number of chunks apart: a multiple of 4 KiB would make the
+// loads of one row falsely wait on the stores of the next (4K aliasing).
+constexpr std::int64_t kStreamStride = kStreamChunks + 1;
+constexpr std::int64_t kPanelRows = 16; // rows decoded whole before being reused by many tokens
+
+struct alignas(64) Decoded {
+    std::uint8_t q[64]; // unsigned codes
+    float ws[16];       // scale of each group of 4 codes
+    float mw[16];       // additive offset per element (formats with a minimum)
+};
+
+std::uint16_t u16(const std::uint8_t* p) {
+    std::uint16_t v;
+    std::memcpy(&v, p, 2);
+    return v;
+}
+std::uint32_t u32(const std::uint8_t* p) {
+    std::uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+inline float fp16ToFloatFast(std::uint16_t h) { return _cvtsh_ss(h); }
+
+// [a x8, b x8]
+__m512 pairLanes(float a, float b) {
+    return _mm512_castpd_ps(
+        _mm512_insertf64x4(_mm512_castps_pd(_mm512_set1_ps(a)), _mm256_castps_pd(_mm256_set1_ps(b)), 1));
+}
+// [fp16 at p0 x8, fp16 at p1 x8] (zero for a missing p1).
+__m512 pairHalves(const std::uint8_t* p0, const std::uint8_t* p1) {
+    const std::uint32_t both = u16(p0) | (p1 ? static_cast<std::uint32_t>(u16(p1)) << 16 : 0u);
+    const __m512 two = _mm512_zextps128_ps512(_mm_cvtph_ps(_mm_cvtsi32_si128(static_cast<int>(both))));
+    return _mm512_permutexvar_ps(_mm512_inserti64x4(_mm512_setzero_si512(), _mm256_set1_epi32(1), 1), two);
+}
+
+template <bool Asym>
+inline void finish(Decoded& o, __m512i q, __m512 ws, __m512 mw) {
+    _mm512_store_si512(o.q, q);
+    _mm512_store_ps(o.ws, ws);
+    if constexpr (Asym) _mm512_store_ps(o.mw, mw);
+}
+
+// 32 nibbles of each of two 16-byte groups, in element order: [p0 low, p0 high, p1 low, p1 high].
+__m512i nibblePairs(const std::uint8_t* p0, const std::uint8_t* p1) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p0));
+    const __m128i b = p1 ? _mm_loadu_si128(reinterpret_cast<const __m128i*>(p1)) : _mm_setzero_si128();
+    const __m256i v = _mm256_inserti128_si256(_mm256_zextsi128_si256(a), b, 1);
+    const __m256i mask = _mm256_set1_epi8(0x0F);
+    const __m512i z = _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_and_si256(v, mask)),
+                                         _mm256_and_si256(_mm256_srli_epi16(v, 4), mask), 1);
+    return _mm512_shuffle_i64x2(z, z, _MM_SHUFFLE(3, 1, 2, 0));
+}
+// 32 nibbles of one 32-byte group: [low nibbles, high nibbles].
+__m512i nibbleHalves(const std::uint8_t* p) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+    const __m256i mask = _mm256_set1_epi8(0x0F);
+    return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_and_si256(v, mask)),
+                              _mm256_and_si256(_mm256_srli_epi16(v, 4), mask), 1);
+}
+
+// ---- decoders: chunks [c0, c1) of one row -------------------------------------------------
+
+struct Q8_0 {
+    static constexpr bool asym = false;
+    static constexpr float offset = 128.0f;
+    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out) {
+        for (std::int64_t c = c0; c < c1; ++c) {
+            const std::uint8_t* p0 = row + 34 * (2 * c);
+            const bool two = 2 * c + 1 < nb;
+            const std::uint8_t* p1 = two ? p0 + 34 : nullptr;
+            const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p0 + 2));
+            const __m256i b = two ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p1 + 2)) : _mm256_setzero_si256();
+            const __m512i codes = _mm512_xor_si512(_mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1),
+                                                   _mm512_set1_epi8(static_cast<char>(0x80)));
+            finish<false>(out[c - c0], codes, pairHalves(p0, p1), _mm512_setzero_ps());
+        }
+    }
+};
+
+template <int Bytes, int DataOffset, bool HasMin, bool HasHigh>
+struct SmallBlock {
+    static constexpr bool asym = HasMin;
+    static constexpr float offset = HasHigh ? 16.0f : 8.0f;
+    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out) {
+        for (std::int64_t c = c0; c < c1; ++c) {
+            const std::uint8_t* p0 = row + Bytes * (2 * c);
+            const std::uint8_t* p1 = 2 * c + 1 < nb ? p0 + Bytes : nullptr;
+            __m512i q = nibblePairs(p0 + DataOffset, p1 ? p1 + DataOffset : nullptr);
+            if constexpr (HasHigh) {
+                constexpr int hOff = HasMin ? 4 : 2;
+                const std::uint64_t bits = u32(p0 + hOff) | (p1 ? static_cast<std::uint64_t>(u32(p1 + hOff)) << 32 : 0);
+                q = _mm512_mask_add_epi8(q, bits, q, _mm512_set1_epi8(0x10));
+            }
+            if constexpr (HasMin) {
+                const __m512 m = pairHalves(p0 + 2, p1 ? p1 + 2 : nullptr);
+                finish<true>(out[c - c0], q, pairHalves(p0, p1), m);
+            } else {
+                finish<false>(out[c - c0], q, pairHalves(p0, p1), _mm512_setzero_ps());
+            }
+        }
+    }
+};
+using Q4_0 = SmallBlock<18, 2, false, false>;
+using Q4_1 = SmallBlock<20, 4, true, false>;
+using Q5_0 = SmallBlock<22, 6, false, true>;
+using Q5_1 = SmallBlock<24, 8, true, true>;
+
+// The eight 6-bit scales and mins of a K-quant block as floats d * scale and -dmin * min, unpacked
+// four at a time in general registers.
+void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
+    const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
+    const std::uint64_t sc = (a & 0x3F3F3F3Fu) |
+                             static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4)) << 32;
+    const std::uint64_t mn = (m & 0x3F3F3F3Fu) |
+                             static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
+    const __m512i both = _mm512_cvtepu8_epi32(_mm_set_epi64x(static_cast<long long>(mn), static_cast<long long>(sc)));
+    const __m512 values = _mm512_cvtepi32_ps(both); // lanes 0-7 scales, 8-15 mins
+    const __m512 factors = pairLanes(fp16ToFloatFast(u16(b)), -fp16ToFloatFast(u16(b + 2)));
+    scales = _mm512_mul_ps(values, factors);
+    mins = scales; // same vector: callers index lanes 8-15 for the mins
+}
+__m512i pairIndex(int j) {
+    return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(j)), _mm256_set1_epi32(j + 1), 1);
+}
+
+template <bool HighBits>
+struct KQuant {
+    static constexpr bool asym = true;
+    static constexpr float offset = 0.0f;
+    static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
+        for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
+            const std::uint8_t* b = row + kBytes * s;
+            __m512 scv, mnv;
+            kScales(b, scv, mnv);
+            const std::uint8_t* qs = b + (HighBits ? 48 : 16);
+            __m256i high = _mm256_setzero_si256();
+            if constexpr (HighBits) high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
+            for (int c = 0; c < 4; ++c) {
+                __m512i q = nibbleHalves(qs + 32 * c);
+                if constexpr (HighBits) {
+                    const std::uint64_t lo = _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c))));
+                    const std::uint64_t hi =
+                        _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
+                    q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
+                }
+                finish<true>(out[4 * s + c - c0], q, _mm512_permutexvar_ps(pairIndex(2 * c), scv),
+                             _mm512_permutexvar_ps(pairIndex(8 + 2 * c), mnv));
+            }
+        }
+    }
+};
+using Q4_K = KQuant<false>;
+using Q5_K = KQuant<true>;
+
+struct Q6_K {
+    static constexpr bool asym = false;
+    static constexpr float offset = 32.0f;
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
+        const __m512i low4 = _mm512_set1_epi8(0x0F);
+        const __m512i low2 = _mm512_set1_epi8(3);
+        for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
+            const std::uint8_t* b = row + 210 * s;
+            const float d = fp16ToFloatFast(u16(b + 208));
+            const __m512 scales = _mm512_mul_ps(
+                _mm512_set1_ps(d),
+                _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192)))));
+            for (int h = 0; h < 2; ++h) {
+                const __m512i ql = _mm512_loadu_si512(b + 64 * h);
+                const __m256i qh = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 128 + 32 * h));
+                const __m512i hA = _mm512_inserti64x4(_mm512_zextsi256_si512(qh), _mm256_srli_epi16(qh, 2), 1);
+                const __m512i hB = _mm512_srli_epi16(hA, 4);
+                const __m512i qa = _mm512_or_si512(_mm512_and_si512(ql, low4),
+                                                   _mm512_slli_epi16(_mm512_and_si512(hA, low2), 4));
+                const __m512i qb = _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(ql, 4), low4),
+                                                   _mm512_slli_epi16(_mm512_and_si512(hB, low2), 4));
+                for (int part = 0; part < 2; ++part) {
+                    const int chunk = 2 * h + part; // 16-element scale groups 4*chunk .. 4*chunk+3
+                    const __m512i idx = _mm512_add_epi32(_mm512_set1_epi32(4 * chunk),
+                                                         _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
+                                                                                            5, 4, 3, 2, 1, 0),
+                                                                           2));
+                    finish<false>(out[4 * s + chunk - c0], part ? qb : qa,
+                                  _mm512_permutexvar_ps(idx, scales), _mm512_setzero_ps());
+                }
+            }
+        }
+    }
+};
+
+// ---- tiles -----------------------------------------------------------------------------------
+
+struct TokenView {
+    const std::int8_t* codes;
+    const float* scales;
+};
+
+// acc[r][t] += the dot products of chunks [c0, c0 + n) of rows[r] and tokens[t], lane-wise.
+template <class Format, int R, int T>
+inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const Decoded* const* rows,
+                                                      const TokenView* tokens, std::int64_t c0, std::int64_t n) {
+    const __m512i ones = _mm512_set1_epi8(1);
+    const __m512i pairIdx = pairIndex(0);
+    for (std::int64_t k = 0; k < n; ++k) {
+        const std::int64_t c = c0 + k;
+        __m512i xs[T];
+        __m512 dx[T];
+        __m512 bias[T]; // activation sums times their scale (times -offset for symmetric formats)
+        #pragma GCC unroll 8
+        for (int t = 0; t < T; ++t) {
+            xs[t] = _mm512_loadu_si512(tokens[t].codes + kChunk * c);
+            dx[t] = _mm512_permutexvar_ps(
+                pairIdx, _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(tokens[t].scales + 2 * c)))));
+            const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs[t]));
+            bias[t] = Format::asym ? _mm512_mul_ps(dx[t], sums)
+                                   : _mm512_mul_ps(_mm512_mul_ps(dx[t], _mm512_set1_ps(-Format::offset)), sums);
+        }
+        #pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) {
+            const Decoded& d = rows[r][k];
+            const __m512i q = _mm512_load_si512(d.q);
+            const __m512 ws = _mm512_load_ps(d.ws);
+            #pragma GCC unroll 8
+            for (int t = 0; t < T; ++t) {
+                const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
+                if constexpr (Format::asym) {
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(dx[t], dot), acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(_mm512_load_ps(d.mw), bias[t], acc[r][t]);
+                } else {
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(dx[t], dot, bias[t]), acc[r][t]);
+                }
+            }
+        }
+    }
+}
+
+template <int R, int T>
+inline __attribute__((always_inline)) void storeTile(__m512 (&acc)[R][T], float* y, std::int64_t ldy, std::int64_t row, std::int64_t token) {
+    #pragma GCC unroll 8
+    for (int r = 0; r < R; ++r) {
+        #pragma GCC unroll 8
+        for (int t = 0; t < T; ++t) y[(token + t) * ldy + row + r] = _mm512_reduce_add_ps(acc[r][t]);
+    }
+}
+
+template <class Format>
+struct QuantKernel {
+    const WeightMatrix& w;
+    const ActivationBuffer& x;
+    float* y;
+    std::int64_t ldy;
+    std::int64_t nb;      // 32-element blocks per row
+    std::int64_t nChunks; // 64-column chunks per row
+
+    std::int64_t panelStride() const { return nChunks | 1; }
+
+    const std::uint8_t* row(std::int64_t r) const {
+        return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
+    }
+
+    // Few tokens: stream each row once, decoding a few chunks at a time into L1.
+    template <int R, int T>
+    void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
+        __m512 acc[R][T];
+        #pragma GCC unroll 8
+        for (auto& a : acc)
+            #pragma GCC unroll 8
+            for (auto& v : a) v = _mm512_setzero_ps();
+        TokenView tokens[T];
+        #pragma GCC unroll 8
+        for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
+        const Decoded* rows[R];
+        #pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamStride;
+        for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
+            const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
+            #pragma GCC unroll 8
+            for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), nb, c0, c0 + n, scratch + r * kStreamStride);
+            accumulate<Format, R, T>(acc, rows, tokens, c0, n);
+        }
+        storeTile<R, T>(acc, y, ldy, r0, t0);
+    }
+
+    template <int T>
+    void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, std::int64_t t0, Decoded* scratch) const {
+        std::int64_t r = rowBegin;
+        for (; r + kRowTile <= rowEnd; r += kRowTile) streamTile<kRowTile, T>(r, t0, scratch);
+        for (; r < rowEnd; ++r) streamTile<1, T>(r, t0, scratch);
+    }
+
+    // Many tokens: decode a panel of rows whole, then sweep token tiles over it.
+    template <int R, int T>
+    void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0) const {
+        __m512 acc[R][T];
+        #pragma GCC unroll 8
+        for (auto& a : acc)
+            #pragma GCC unroll 8
+            for (auto& v : a) v = _mm512_setzero_ps();
+        TokenView tokens[T];
+        #pragma GCC unroll 8
+        for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
+        const Decoded* rows[R];
+        #pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
+        accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
+        storeTile<R, T>(acc, y, ldy, r0 + panelRow, t0);
+    }
+
+    template <int T>
+    void panelTokens(const Decoded* panel, std::int64_t r0, std::int64_t m, std::int64_t t0) const {
+        std::int64_t r = 0;
+        for (; r + kRowTile <= m; r += kRowTile) panelTile<kRowTile, T>(panel, r0, r, t0);
+        for (; r < m; ++r) panelTile<1, T>(panel, r0, r, t0);
+    }
+
+    void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
+        thread_local std::vector<Decoded> scratch;
+        const std::int64_t tokens = x.tokens();
+        if (tokens <= kTokenTile) {
+            scratch.resize(static_cast<std::size_t>(kRowTile * kStreamStride));
+            switch (tokens) {
+            case 1: streamRows<1>(rowBegin, rowEnd, 0, scratch.data()); break;
+            case 2: streamRows<2>(rowBegin, rowEnd, 0, scratch.data()); break;
+            case 3: streamRows<3>(rowBegin, rowEnd, 0, scratch.data()); break;
+            default: streamRows<4>(rowBegin, rowEnd, 0, scratch.data()); break;
+            }
+            return;
+        }
+        scratch.resize(static_cast<std::size_t>(kPanelRows * panelStride()));
+        for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
+            const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
+            for (std::int64_t r = 0; r < m; ++r) Format::decode(row(r0 + r), nb, 0, nChunks, scratch.data() + r * panelStride());
+            std::int64_t t0 = 0;
+            for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) panelTokens<kTokenTile>(scratch.data(), r0, m, t0);
+            switch (tokens - t0) {
+            case 1: panelTokens<1>(scratch.data(), r0, m, t0); break;
+            case 2: panelTokens<2>(scratch.data(), r0, m, t0); break;
+            case 3: panelTokens<3>(scratch.data(), r0, m, t0); break;
+            default: break;
+            }
+        }
+    }
+};
+
+template <class Format>
+void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
+              std::int64_t ldy) {
+    const QuantKernel<Format> kernel{w, x, y, ldy, w.cols / 32, x.paddedCols() / kChunk};
+    kernel.run(rowBegin, rowEnd);
+}
+
+// ---- float weights ---------------------------------------------------------------------------
+
+template <GgmlType Type>
+inline __m512 loadWeights(const std::uint8_t* row, std::int64_t k, __mmask16 mask) {
+    if constexpr (Type == GgmlType::F32) {
+        return _mm512_maskz_loadu_ps(mask, reinterpret_cast<const float*>(row) + k);
+    } else if constexpr (Type == GgmlType::F16) {
+        return _mm512_cvtph_ps(_mm256_maskz_loadu_epi16(mask, row + 2 * k));
+    } else {
+        return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(_mm256_maskz_loadu_epi16(mask, row + 2 * k)), 16));
+    }
+}
+
+// Float weights: rows x tokens tiles of FMAs. With many tokens, F16/BF16 panels are widened to
+// F32 once (in L2) so the inner loop is loads and FMAs only.
+struct FloatKernel {
+    const WeightMatrix& w;
+    const ActivationBuffer& x;
+    float* y;
+    std::int64_t ldy;
+
+    template <GgmlType Type, int R, int T>
+    void tile(const std::uint8_t* const* rows, std::int64_t r0, std::int64_t t0) const {
+        __m512 acc[R][T];
+        #pragma GCC unroll 8
+        for (auto& a : acc)
+            #pragma GCC unroll 8
+            for (auto& v : a) v = _mm512_setzero_ps();
+        const float* xs[T];
+        #pragma GCC unroll 8
+        for (int t = 0; t < T; ++t) xs[t] = x.values(t0 + t);
+        const std::int64_t cols = w.cols; // a local, so the accumulators can stay in registers
+        for (std::int64_t k = 0; k < cols; k += 16) {
+            const __mmask16 mask = cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (cols - k)) - 1);
+            __m512 xv[T];
+            #pragma GCC unroll 8
+            for (int t = 0; t < T; ++t) xv[t] = _mm512_loadu_ps(xs[t] + k); // padded with zeros
+            #pragma GCC unroll 8
+            for (int r = 0; r < R; ++r) {
+                const __m512 wv = loadWeights<Type>(rows[r], k, mask);
+                #pragma GCC unroll 8
+                for (int t = 0; t < T; ++t) acc[r][t] = _mm512_fmadd_ps(wv, xv[t], acc[r][t]);
+            }
+        }
+        storeTile<R, T>(acc, y, ldy, r0, t0);
+    }
+
+    template <GgmlType Type, int T>
+    void rowsOver(const std::uint8_t* const* rows, std::int64_t count, std::int64_t r0, std::int64_t t0) const {
+        std::int64_t r = 0;
+        for (; r + kRowTile <= count; r += kRowTile) tile<Type, kRowTile, T>(rows + r, r0 + r, t0);
+        for (; r < count; ++r) tile<Type, 1, T>(rows + r, r0 + r, t0);
+    }
+
+    template <GgmlType Type>
+    void panel(const std::uint8_t* const* rows, std::int64_t count, std::int64_t r0) const {
+        const std::int64_t tokens = x.tokens();
+        for (std::int64_t t0 = 0; t0 < tokens; t0 += kTokenTile) {
+            switch (std::min<std::int64_t>(kTokenTile, tokens - t0)) {
+            case 1: rowsOver<Type, 1>(rows, count, r0, t0); break;
+            case 2: rowsOver<Type, 2>(rows, count, r0, t0); break;
+            case 3: rowsOver<Type, 3>(rows, count, r0, t0); break;
+            default: rowsOver<Type, 4>(rows, count, r0, t0); break;
+            }
+        }
+    }
+
+    template <GgmlType Type>
+    void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
+        thread_local std::vector<float> widened;
+        const bool widen = Type != GgmlType::F32 && x.tokens() > kTokenTile;
+        // Widened rows an odd number of 64-byte lines apart (see kStreamStride).
+        const std::int64_t stride = ((w.cols + 15) / 16) | 1;
+        if (widen) widened.resize(static_cast<std::size_t>(kPanelRows * stride * 16));
+        const auto* base = static_cast<const std::uint8_t*>(w.data);
+        for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
+            const std::int64_t count = std::min(kPanelRows, rowEnd - r0);
+            const std::uint8_t* rows[kPanelRows];
+            for (std::int64_t r = 0; r < count; ++r) {
+                rows[r] = base + static_cast<std::size_t>(r0 + r) * w.rowBytes;
+                if (!widen) continue;
+                float* out = widened.data() + r * stride * 16;
+                for (std::int64_t k = 0; k < w.cols; k += 16) {
+                    const __mmask16 mask = w.cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (w.cols - k)) - 1);
+                    _mm512_storeu_ps(out + k, loadWeights<Type>(rows[r], k, mask));
+                }
+                rows[r] = reinterpret_cast<const std::uint8_t*>(out);
+            }
+            if (widen) {
+                panel<GgmlType::F32>(rows, count, r0);
+            } else {
+                panel<Type>(rows, count, r0);
+            }
+        }
+    }
+};
+
+template <GgmlType Type>
+void runFloat(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
+              std::int64_t ldy) {
+    const FloatKernel kernel{w, x, y, ldy};
+    kernel.run<Type>(rowBegin, rowEnd);
+}
+
+} // namespace
+
+void quantizeActivationsAvx512(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
+                               float* scales) {
+    for (std::int64_t b = 0; b < paddedCols / 32; ++b) {
+        if (32 * b >= cols) {
+            scales[b] = 0.0f;
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(codes + 32 * b), _mm256_setzero_si256());
+            continue;
+        }
+        const __m512 a = _mm512_loadu_ps(x + 32 * b);
+        const __m512 c = _mm512_loadu_ps(x + 32 * b + 16);
+        const float amax = _mm512_reduce_max_ps(_mm512_max_ps(_mm512_abs_ps(a), _mm512_abs_ps(c)));
+        const float d = amax / 127.0f;
+        const float id = d != 0.0f ? 1.0f / d : 0.0f;
+        scales[b] = d;
+        const __m512 idv = _mm512_set1_ps(id);
+        const __m128i qa = _mm512_cvtsepi32_epi8(_mm512_cvtps_epi32(_mm512_mul_ps(a, idv)));
+        const __m128i qc = _mm512_cvtsepi32_epi8(_mm512_cvtps_epi32(_mm512_mul_ps(c, idv)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + 32 * b), qa);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + 32 * b + 16), qc);
+    }
+}
+
+void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+                  float* y, std::int64_t ldy) {
+    switch (w.type) {
+    case GgmlType::F32: return runFloat<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::F16: return runFloat<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::BF16: return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q8_0: return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_0: return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_1: return runQuant<Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_0: return runQuant<Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_1: return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_K: return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_K: return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q6_K: return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
+    default: return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
+    }
+}
+
+} // namespace parlune::llm::detail

@@ -1,0 +1,55 @@
+// Reference path: decodes each weight row to floats with the row codec and takes plain dot
+// products with the (dequantised) activations. Slow but obviously right; the SIMD paths are
+// tested against it.
+#include "llm/tensor/MatMulKernels.h"
+#include "llm/tensor/Quantization.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace parlune::llm::detail {
+
+void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
+                               float* scales) {
+    for (std::int64_t b = 0; b < paddedCols / 32; ++b) {
+        const std::int64_t begin = b * 32;
+        const std::int64_t end = std::min(begin + 32, cols);
+        float amax = 0.0f;
+        for (std::int64_t i = begin; i < end; ++i) amax = std::max(amax, std::fabs(x[i]));
+        const float d = amax / 127.0f;
+        const float id = d != 0.0f ? 1.0f / d : 0.0f;
+        scales[b] = d;
+        for (std::int64_t i = begin; i < begin + 32; ++i) {
+            codes[i] = i < end ? static_cast<std::int8_t>(std::nearbyint(x[i] * id)) : 0;
+        }
+    }
+}
+
+void matmulScalar(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+                  float* y, std::int64_t ldy) {
+    thread_local std::vector<float> row;
+    row.resize(static_cast<std::size_t>(w.cols));
+    const auto* base = static_cast<const std::uint8_t*>(w.data);
+    for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
+        dequantizeRow(w.type, base + static_cast<std::size_t>(r) * w.rowBytes, row.data(), w.cols);
+        for (std::int64_t t = 0; t < x.tokens(); ++t) {
+            double sum = 0.0;
+            if (x.isQuantized()) {
+                const std::int8_t* q = x.codes(t);
+                const float* d = x.blockScales(t);
+                for (std::int64_t b = 0; b < w.cols / 32; ++b) {
+                    float block = 0.0f;
+                    for (std::int64_t i = 32 * b; i < 32 * b + 32; ++i) block += row[i] * static_cast<float>(q[i]);
+                    sum += static_cast<double>(block) * d[b];
+                }
+            } else {
+                const float* v = x.values(t);
+                for (std::int64_t i = 0; i < w.cols; ++i) sum += static_cast<double>(row[i]) * v[i];
+            }
+            y[t * ldy + r] = static_cast<float>(sum);
+        }
+    }
+}
+
+} // namespace parlune::llm::detail

@@ -1,0 +1,207 @@
+#include "llm/tensor/MatMul.h"
+
+#include "KernelTestData.h"
+#include "llm/tensor/CpuFeatures.h"
+#include "llm/tensor/Quantization.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace parlune::llm {
+namespace {
+
+using testing::EncodedMatrix;
+using testing::gaussian;
+using testing::nmse;
+
+constexpr GgmlType kAllTypes[] = {GgmlType::F32,  GgmlType::F16,  GgmlType::BF16, GgmlType::Q8_0,
+                                  GgmlType::Q4_0, GgmlType::Q4_1, GgmlType::Q5_0, GgmlType::Q5_1,
+                                  GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K};
+
+WeightMatrix view(const EncodedMatrix& m) { return {m.type, m.bytes.data(), m.rows, m.cols, m.rowBytes}; }
+
+std::vector<float> product(KernelPath path, const EncodedMatrix& m, const ActivationBuffer& x) {
+    std::vector<float> y(static_cast<std::size_t>(m.rows * x.tokens()), -1.0f);
+    matmulRowsOn(path, view(m), x, 0, m.rows, y.data(), m.rows);
+    return y;
+}
+
+// Columns that leave an odd number of 32-blocks (and, for floats, a partial 16-lane step).
+std::int64_t oddColumns(GgmlType type) {
+    const std::int64_t block = ggmlTypeTraits(type).blockElements;
+    return block == 256 ? 768 : block == 32 ? 224 : 200;
+}
+
+// Activations with the shapes real models produce: a few large outliers and some all-zero rows.
+std::vector<float> activations(std::int64_t tokens, std::int64_t cols, std::uint32_t seed) {
+    std::vector<float> x = gaussian(static_cast<std::size_t>(tokens * cols), seed);
+    for (std::size_t i = 0; i < x.size(); i += 97) x[i] *= 40.0f;
+    if (tokens > 2) {
+        for (std::int64_t c = 0; c < cols; ++c) x[static_cast<std::size_t>(cols + c)] = 0.0f;
+    }
+    return x;
+}
+
+class EveryPath : public ::testing::TestWithParam<GgmlType> {};
+
+TEST_P(EveryPath, SimdPathsMatchTheScalarReference) {
+    const GgmlType type = GetParam();
+    const std::int64_t cols = oddColumns(type);
+    for (const std::int64_t rows : {1, 7, 13}) {
+        const EncodedMatrix m = testing::randomBlocks(type, rows, cols, 100 + static_cast<std::uint32_t>(rows));
+        for (const std::int64_t tokens : {1, 3, 17, 64}) {
+            const std::vector<float> xs = activations(tokens, cols, static_cast<std::uint32_t>(tokens));
+            ActivationBuffer x;
+            prepareActivations(type, xs.data(), tokens, cols, x);
+            const std::vector<float> want = product(KernelPath::scalar, m, x);
+            for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
+                if (!kernelPathAvailable(path)) continue;
+                const std::vector<float> got = product(path, m, x);
+                EXPECT_LT(nmse(want.data(), got.data(), want.size()), 1e-10)
+                    << kernelPathName(path) << " rows " << rows << " tokens " << tokens;
+            }
+        }
+    }
+}
+
+TEST_P(EveryPath, ProductIsCloseToTheExactOne) {
+    // Quantised weights against exact activations: only the activation rounding remains.
+    const GgmlType type = GetParam();
+    constexpr std::int64_t rows = 9, cols = 512, tokens = 5;
+    const std::vector<float> w = gaussian(rows * cols, 5, 0.02f);
+    const EncodedMatrix m = testing::encode(type, w, rows, cols);
+    std::vector<float> dequantized(static_cast<std::size_t>(rows * cols));
+    for (std::int64_t r = 0; r < rows; ++r) {
+        dequantizeRow(type, m.bytes.data() + r * m.rowBytes, dequantized.data() + r * cols, cols);
+    }
+    const std::vector<float> xs = gaussian(tokens * cols, 6);
+    std::vector<float> exact(rows * tokens);
+    for (std::int64_t t = 0; t < tokens; ++t) {
+        for (std::int64_t r = 0; r < rows; ++r) {
+            double sum = 0;
+            for (std::int64_t c = 0; c < cols; ++c) sum += double(dequantized[r * cols + c]) * xs[t * cols + c];
+            exact[t * rows + r] = static_cast<float>(sum);
+        }
+    }
+    ActivationBuffer x;
+    prepareActivations(type, xs.data(), tokens, cols, x);
+    const bool floatWeights = type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16;
+    std::vector<float> got(rows * tokens);
+    matmulRows(view(m), x, 0, rows, got.data(), rows);
+    EXPECT_LT(nmse(exact.data(), got.data(), got.size()), floatWeights ? 1e-11 : 1e-4);
+}
+
+TEST_P(EveryPath, ExtremeScalesAndZeroBlocksMatchTheScalarReference) {
+    const GgmlType type = GetParam();
+    const std::int64_t cols = oddColumns(type);
+    const EncodedMatrix m = testing::randomBlocks(type, 11, cols, 77, true);
+    for (const std::int64_t tokens : {1, 5}) {
+        std::vector<float> xs = activations(tokens, cols, 3);
+        for (std::size_t i = 0; i < xs.size(); i += 7) xs[i] *= 1e4f; // large activations beside small ones
+        ActivationBuffer x;
+        prepareActivations(type, xs.data(), tokens, cols, x);
+        const std::vector<float> want = product(KernelPath::scalar, m, x);
+        for (float v : want) ASSERT_TRUE(std::isfinite(v));
+        for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
+            if (!kernelPathAvailable(path)) continue;
+            EXPECT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-10)
+                << kernelPathName(path) << " tokens " << tokens;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllWeightTypes, EveryPath, ::testing::ValuesIn(kAllTypes),
+                         [](const auto& tp) { return std::string(ggmlTypeTraits(tp.param).name); });
+
+TEST(MatMul, WritesOnlyTheRequestedRowsWithTheOutputStride) {
+    constexpr std::int64_t rows = 10, cols = 256, tokens = 6, ldy = 16;
+    const EncodedMatrix m = testing::encode(GgmlType::Q8_0, gaussian(rows * cols, 1), rows, cols);
+    const std::vector<float> xs = gaussian(tokens * cols, 2);
+    ActivationBuffer x;
+    prepareActivations(GgmlType::Q8_0, xs.data(), tokens, cols, x);
+    std::vector<float> whole(tokens * rows);
+    matmulRowsOn(KernelPath::scalar, view(m), x, 0, rows, whole.data(), rows);
+    for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
+        if (!kernelPathAvailable(path)) continue;
+        std::vector<float> y(tokens * ldy, 123.0f);
+        matmulRowsOn(path, view(m), x, 3, 8, y.data(), ldy);
+        for (std::int64_t t = 0; t < tokens; ++t) {
+            for (std::int64_t r = 0; r < ldy; ++r) {
+                if (r >= 3 && r < 8) {
+                    EXPECT_NEAR(y[t * ldy + r], whole[t * rows + r], 1e-4f * (1 + std::fabs(whole[t * rows + r])));
+                } else {
+                    EXPECT_EQ(y[t * ldy + r], 123.0f) << kernelPathName(path) << " wrote outside at " << t << "," << r;
+                }
+            }
+        }
+    }
+}
+
+TEST(MatMul, ZeroWeightsAndZeroActivationsGiveExactZeros) {
+    constexpr std::int64_t rows = 5, cols = 512;
+    for (GgmlType type : kAllTypes) {
+        const EncodedMatrix m = testing::encode(type, std::vector<float>(rows * cols, 0.0f), rows, cols);
+        const std::vector<float> xs = gaussian(2 * cols, 4);
+        ActivationBuffer x;
+        prepareActivations(type, xs.data(), 2, cols, x);
+        for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
+            if (!kernelPathAvailable(path)) continue;
+            for (float v : product(path, m, x)) EXPECT_EQ(v, 0.0f) << ggmlTypeTraits(type).name;
+        }
+    }
+}
+
+TEST(MatMul, LargestCodesDoNotOverflowTheIntegerSums) {
+    // Every weight and activation code at its extreme: the 8-bit products summed over a row must
+    // stay exact in 32 bits on every path.
+    constexpr std::int64_t rows = 4, cols = 4096;
+    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q6_K, GgmlType::Q5_1}) {
+        std::vector<float> w(rows * cols);
+        for (std::size_t i = 0; i < w.size(); ++i) w[i] = (i % 2 ? -1.0f : 1.0f) * 1000.0f;
+        for (std::size_t i = 0; i < w.size() / 2; ++i) w[i] = -1000.0f; // rows 0-1 all negative
+        const EncodedMatrix m = testing::encode(type, w, rows, cols);
+        std::vector<float> xs(cols, -1000.0f);
+        ActivationBuffer x;
+        prepareActivations(type, xs.data(), 1, cols, x);
+        const std::vector<float> want = product(KernelPath::scalar, m, x);
+        for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
+            if (!kernelPathAvailable(path)) continue;
+            EXPECT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-10) << ggmlTypeTraits(type).name;
+        }
+        EXPECT_NEAR(want[0], 4096.0 * 1e6, 4096.0 * 1e6 * 1e-2) << ggmlTypeTraits(type).name;
+    }
+}
+
+TEST(CpuFeatures, TheOverrideOnlyLowersWhatWasDetected) {
+    const CpuFeatures& used = cpuFeatures();
+    const CpuFeatures& found = detectedCpuFeatures();
+    const bool pairs[][2] = {{used.avx2, found.avx2},         {used.fma, found.fma},
+                             {used.f16c, found.f16c},         {used.avx512f, found.avx512f},
+                             {used.avx512bw, found.avx512bw}, {used.avx512vnni, found.avx512vnni}};
+    for (const auto& [u, f] : pairs) EXPECT_TRUE(!u || f);
+    EXPECT_TRUE(kernelPathAvailable(bestKernelPath()));
+    EXPECT_TRUE(!found.avx512f || found.avx2) << "AVX-512 without AVX2 would mean a detection fault";
+}
+
+TEST(MatMul, RejectsMismatchedOperands) {
+    const EncodedMatrix m = testing::encode(GgmlType::Q8_0, gaussian(4 * 64, 1), 4, 64);
+    const std::vector<float> xs = gaussian(128, 2);
+    std::vector<float> y(8);
+    ActivationBuffer x;
+    prepareActivations(GgmlType::Q4_0, xs.data(), 2, 64, x);
+    EXPECT_THROW(matmulRows(view(m), x, 0, 4, y.data(), 4), std::invalid_argument); // prepared for another type
+    prepareActivations(GgmlType::Q8_0, xs.data(), 1, 128, x);
+    EXPECT_THROW(matmulRows(view(m), x, 0, 4, y.data(), 4), std::invalid_argument); // column count
+    prepareActivations(GgmlType::Q8_0, xs.data(), 2, 64, x);
+    EXPECT_THROW(matmulRows(view(m), x, 2, 5, y.data(), 4), std::invalid_argument); // rows out of range
+    EXPECT_THROW(matmulRows(view(m), x, 0, 4, y.data(), 3), std::invalid_argument); // stride too small
+    EXPECT_THROW(prepareActivations(GgmlType::Q4_K, xs.data(), 1, 64, x), std::invalid_argument);
+    EXPECT_THROW(prepareActivations(GgmlType::Q2_K, xs.data(), 1, 256, x), std::invalid_argument);
+}
+
+} // namespace
+} // namespace parlune::llm
