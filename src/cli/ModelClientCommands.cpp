@@ -11,6 +11,7 @@
 #include <QCoreApplication>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <iostream>
 #include <iterator>
@@ -21,7 +22,8 @@ namespace parlune::cli {
 
 namespace {
 
-constexpr const char* rewriteUsage = "rewrite --mode MODE [--preferences TEXT] [--model FILE] [--stats]";
+constexpr const char* rewriteUsage =
+    "rewrite --mode MODE [--preferences TEXT] [--model FILE] [--stats] [--bench-response-tokens N]";
 
 std::string settingModelPath() {
     QSettingsUserDefaults defaults;
@@ -71,6 +73,7 @@ struct RewriteArguments {
     QString preferences;
     std::string model;
     bool stats = false;
+    std::optional<std::int64_t> benchResponseTokens;
 };
 
 std::optional<RewriteArguments> parseRewriteArguments(const std::vector<std::string>& arguments) {
@@ -98,6 +101,12 @@ std::optional<RewriteArguments> parseRewriteArguments(const std::vector<std::str
             parsed.preferences = QString::fromStdString(value);
         } else if (name == "--model") {
             parsed.model = value;
+        } else if (name == "--bench-response-tokens") {
+            const long long count = std::atoll(value.c_str());
+            if (count <= 0) {
+                return std::nullopt;
+            }
+            parsed.benchResponseTokens = count;
         } else {
             return std::nullopt;
         }
@@ -122,6 +131,7 @@ int runRewrite(const std::vector<std::string>& arguments) {
         }
         return ModelLocator::choose(ModelLocator::placesFromEnvironment(settingModelPath()));
     };
+    options.forcedResponseTokens = parsed->benchResponseTokens;
     LlmLanguageModelFramework framework(std::move(options));
     OnDeviceModelClient client(framework, nullptr);
 

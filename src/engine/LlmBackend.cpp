@@ -164,14 +164,18 @@ LlmResponse LlmBackend::generate(const LlmRequest& request, const std::atomic<bo
 
         std::vector<std::int32_t> sequence = tokens;
         std::vector<std::int32_t> generated;
-        for (std::int64_t produced = 0; produced < request.maximumTokens; ++produced) {
+        // Only answers allowed at least the forced length are forced (not the one-token warm-up).
+        const bool forced =
+            forcedResponseTokens_ && !constraint && request.maximumTokens >= *forcedResponseTokens_;
+        const std::int64_t maximumTokens = forced ? *forcedResponseTokens_ : request.maximumTokens;
+        for (std::int64_t produced = 0; produced < maximumTokens; ++produced) {
             throwIfStopped(stop);
             std::int32_t next = 0;
             if (constraint) {
                 if (constraint->isComplete()) {
                     break;
                 }
-                next = constraint->bestToken(session.logits(), request.maximumTokens - produced);
+                next = constraint->bestToken(session.logits(), maximumTokens - produced);
                 if (next < 0) {
                     throw LanguageModelGenerationError(Kind::decodingFailure);
                 }
@@ -181,14 +185,14 @@ LlmResponse LlmBackend::generate(const LlmRequest& request, const std::atomic<bo
             if (produced == 0) {
                 response.secondsToFirstToken = secondsSince(started);
             }
-            if (tokenizer_->isEndOfGeneration(next)) {
+            if (tokenizer_->isEndOfGeneration(next) && !forced) {
                 break;
             }
             if (constraint) {
                 constraint->accept(next);
             }
             generated.push_back(next);
-            if (produced + 1 == request.maximumTokens || (constraint && constraint->isComplete())) {
+            if (produced + 1 == maximumTokens || (constraint && constraint->isComplete())) {
                 break; // the logits after the last token are never needed
             }
             sequence.push_back(next);

@@ -64,6 +64,8 @@ public:
     LlmResponse generate(const LlmRequest& request, const std::atomic<bool>& stop);
 
     InstructionPrefixCache& prefixCache() { return *prefixCache_; }
+    // Benchmarks: free-text responses run to exactly this many tokens.
+    void forceResponseTokens(std::optional<std::int64_t> count) { forcedResponseTokens_ = count; }
 
 private:
     std::vector<std::int32_t> encode(const std::string& text, const std::vector<llm::TextRange>& literal) const;
@@ -82,6 +84,7 @@ private:
     std::unique_ptr<llm::ThreadPool> pool_;
     std::shared_ptr<const llm::TokenByteTable> tokenBytes_; // built on the first constrained request
     std::optional<std::int64_t> promptOverhead_;
+    std::optional<std::int64_t> forcedResponseTokens_;
 };
 
 } // namespace parlune

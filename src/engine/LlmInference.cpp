@@ -38,6 +38,7 @@ std::shared_ptr<LlmBackend> LlmInference::currentBackend() {
         // A different model: states computed by the old one mean nothing to it.
         prefixCache_->clear();
         backend_ = std::make_shared<LlmBackend>(chosen->path, options_.threadCount, prefixCache_);
+        backend_->forceResponseTokens(options_.forcedResponseTokens);
     }
     return backend_;
 }

@@ -31,6 +31,9 @@ public:
         int threadCount = 0;                                  // 0: one per processor
         std::size_t prefixCacheEntries = 4;
         std::size_t prefixCacheBytes = std::size_t(256) << 20;
+        // Benchmarks only: free-text responses allowed at least this many tokens are exactly this
+        // long, end tokens ignored.
+        std::optional<std::int64_t> forcedResponseTokens;
     };
 
     explicit LlmInference(Options options);
