@@ -46,7 +46,8 @@ public:
         co_return;
     }
 
-    QCoro::Task<QString> rewrite(QString text, RewriteMode mode, QString preferences, std::stop_token token) override {
+    QCoro::Task<QString> rewrite(QString text, RewriteMode mode, QString preferences,
+                                 std::stop_token token) override {
         calls.push_back(Call{text, mode, preferences});
         if (duringRewrite) {
             duringRewrite();

@@ -25,8 +25,8 @@ public:
     static CapturedSelection selection(const QString& text, std::int64_t location = 0,
                                        QString bundleIdentifier = QStringLiteral("org.example.Editor")) {
         return CapturedSelection(QUuid::createUuid(), text, std::move(bundleIdentifier), ProcessId{4242},
-                                 TextRange{location, text.size()}, SelectionReplacementStrategy::clipboardFallback,
-                                 nullptr);
+                                 TextRange{location, text.size()},
+                                 SelectionReplacementStrategy::clipboardFallback, nullptr);
     }
 
     // When false, capture() answers at once from `captures`; when true it waits for finishCapture().
@@ -78,7 +78,9 @@ public:
     }
 
     // Finishes the held capture of the `index`-th capture() call (0-based).
-    void finishCapture(std::size_t index, CaptureOutcome outcome) { heldCaptures_.at(index).resume(std::move(outcome)); }
+    void finishCapture(std::size_t index, CaptureOutcome outcome) {
+        heldCaptures_.at(index).resume(std::move(outcome));
+    }
     std::size_t heldCaptureCount() const { return heldCaptures_.size(); }
 
 private:

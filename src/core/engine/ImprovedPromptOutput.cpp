@@ -10,18 +10,21 @@ const QString& ImprovedPromptOutput::propertyName() {
 const GenerationSchema& ImprovedPromptOutput::schema() {
     static const GenerationSchema schema{
         .typeName = QStringLiteral("ImprovedPromptOutput"),
-        .typeDescription = QStringLiteral("A concise, actionable rewritten prompt with no preamble or wrapper."),
+        .typeDescription =
+            QStringLiteral("A concise, actionable rewritten prompt with no preamble or wrapper."),
         .properties = {{
             .name = propertyName(),
-            .description = QStringLiteral("Exactly four concise lines: Task:, Audience and focus:, Requirements:, "
-                                          "Output format:. Preserve supplied facts; never answer the task or invent "
-                                          "content."),
+            .description =
+                QStringLiteral("Exactly four concise lines: Task:, Audience and focus:, Requirements:, "
+                               "Output format:. Preserve supplied facts; never answer the task or invent "
+                               "content."),
         }},
     };
     return schema;
 }
 
-std::optional<ImprovedPromptOutput> ImprovedPromptOutput::fromGeneratedContent(const GeneratedContent& content) {
+std::optional<ImprovedPromptOutput>
+ImprovedPromptOutput::fromGeneratedContent(const GeneratedContent& content) {
     const auto found = content.find(propertyName());
     if (found == content.end()) {
         return std::nullopt;
@@ -29,6 +32,8 @@ std::optional<ImprovedPromptOutput> ImprovedPromptOutput::fromGeneratedContent(c
     return ImprovedPromptOutput{found->second};
 }
 
-GeneratedContent ImprovedPromptOutput::generatedContent() const { return {{propertyName(), rewrittenPrompt}}; }
+GeneratedContent ImprovedPromptOutput::generatedContent() const {
+    return {{propertyName(), rewrittenPrompt}};
+}
 
 } // namespace parlune

@@ -40,9 +40,10 @@ const QRegularExpression& RewriteOutputValidator::improvedPromptLabelPattern() {
     // (*ANY) makes every Unicode line break start a line for ^, not just the line feed.
     static const QRegularExpression pattern = [] {
         QRegularExpression compiled(
-            QStringLiteral("(*ANY)(?:^[\\t ]*(?:>\\s*)?(?:(?:[-+*]|\\d+[.)])[\\t ]+)?(?:#{1,6}[\\t ]+)?|[\\t \\r\\n]+)"
-                           "(?:\\*\\*|__)?(Task|Audience\\s+and\\s+focus|Requirements|Output\\s+format)"
-                           "\\s*(?:(?:\\*\\*|__)\\s*:|:\\s*(?:\\*\\*|__)?)"),
+            QStringLiteral(
+                "(*ANY)(?:^[\\t ]*(?:>\\s*)?(?:(?:[-+*]|\\d+[.)])[\\t ]+)?(?:#{1,6}[\\t ]+)?|[\\t \\r\\n]+)"
+                "(?:\\*\\*|__)?(Task|Audience\\s+and\\s+focus|Requirements|Output\\s+format)"
+                "\\s*(?:(?:\\*\\*|__)\\s*:|:\\s*(?:\\*\\*|__)?)"),
             QRegularExpression::CaseInsensitiveOption | QRegularExpression::MultilineOption |
                 QRegularExpression::UseUnicodePropertiesOption);
         if (!compiled.isValid()) {

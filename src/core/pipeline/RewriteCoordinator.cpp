@@ -134,14 +134,17 @@ RewriteCoordinator::~RewriteCoordinator() {
     }
 }
 
-QString RewriteCoordinator::busyMessage() { return QStringLiteral("Parlune is busy. Try again in a moment."); }
+QString RewriteCoordinator::busyMessage() {
+    return QStringLiteral("Parlune is busy. Try again in a moment.");
+}
 
 QCoro::Task<void> RewriteCoordinator::prepare(std::stop_token token) {
     return prepareEngine(lifetime_.weak(this), engine_, std::move(token));
 }
 
 QCoro::Task<void> RewriteCoordinator::prepareEngine(WeakRef<RewriteCoordinator> weakSelf,
-                                                    std::shared_ptr<LocalRewriteEngine> engine, std::stop_token token) {
+                                                    std::shared_ptr<LocalRewriteEngine> engine,
+                                                    std::stop_token token) {
     std::exception_ptr error;
     try {
         co_await engine->prepare(token);
@@ -162,7 +165,8 @@ QCoro::Task<void> RewriteCoordinator::prepareEngine(WeakRef<RewriteCoordinator> 
 
 void RewriteCoordinator::submitRewriteSelection() {
     if (outstandingShortcutRequests_ > maximumOutstandingShortcutRequests - 1) {
-        diagnostics_.logRewrite(RewriteDiagnosticStage::queued, std::nullopt, 0, std::nullopt, queueFullCategory);
+        diagnostics_.logRewrite(RewriteDiagnosticStage::queued, std::nullopt, 0, std::nullopt,
+                                queueFullCategory);
         report(busyMessage());
         return;
     }
@@ -184,8 +188,8 @@ void RewriteCoordinator::submitRewriteSelection() {
     ++outstandingShortcutRequests_;
 
     std::erase_if(captureTasks_, [](const TaskHandle& task) { return task.isFinished(); });
-    captureTasks_.push_back(spawnTask([weakSelf = lifetime_.weak(this), replacer = selectionReplacer_, sequence,
-                                       press = std::move(press)](std::stop_token token) {
+    captureTasks_.push_back(spawnTask([weakSelf = lifetime_.weak(this), replacer = selectionReplacer_,
+                                       sequence, press = std::move(press)](std::stop_token token) {
         return captureShortcutPress(weakSelf, replacer, sequence, press, std::move(token));
     }));
 }
@@ -243,13 +247,12 @@ void RewriteCoordinator::enqueueCompletedShortcutCapturesInOrder() {
             .preferences = capture.preferences,
             .submittedAt = capture.startedAt,
         };
-        const RewriteJobEnqueueResult result =
-            jobQueue_->enqueue(std::move(job), capture.submittedAtUptime, jobOperation(),
-                               [weakSelf = lifetime_.weak(this)] {
-                                   if (RewriteCoordinator* self = weakSelf.lock()) {
-                                       self->finishShortcutRequest();
-                                   }
-                               });
+        const RewriteJobEnqueueResult result = jobQueue_->enqueue(
+            std::move(job), capture.submittedAtUptime, jobOperation(), [weakSelf = lifetime_.weak(this)] {
+                if (RewriteCoordinator* self = weakSelf.lock()) {
+                    self->finishShortcutRequest();
+                }
+            });
         switch (result) {
         case RewriteJobEnqueueResult::accepted:
             break; // the request finishes with the job's completion
@@ -268,8 +271,8 @@ void RewriteCoordinator::enqueueCompletedShortcutCapturesInOrder() {
 }
 
 RewriteJobQueue::Operation RewriteCoordinator::jobOperation() {
-    return [weakSelf = lifetime_.weak(this), engine = engine_, replacer = selectionReplacer_](
-               RewriteJob job, std::stop_token token) {
+    return [weakSelf = lifetime_.weak(this), engine = engine_,
+            replacer = selectionReplacer_](RewriteJob job, std::stop_token token) {
         return executeJob(weakSelf, engine, replacer, std::move(job), std::move(token));
     };
 }
@@ -314,8 +317,9 @@ QCoro::Task<void> RewriteCoordinator::executeJob(WeakRef<RewriteCoordinator> wea
     }
 
     // The engine answers trivial "Improve clarity" fixes itself; name the stage after whoever did.
-    const bool deterministic = job.mode == RewriteMode::improveClarity &&
-                               DeterministicTextNormalizer::rewriteIfTriviallySafe(job.selection.text()) == result;
+    const bool deterministic =
+        job.mode == RewriteMode::improveClarity &&
+        DeterministicTextNormalizer::rewriteIfTriviallySafe(job.selection.text()) == result;
     self->log(deterministic ? deterministicStage : modelStage, &job.selection, modelStartedAt);
 
     if (result == job.selection.text()) {
@@ -401,7 +405,8 @@ QCoro::Task<void> RewriteCoordinator::runRewriteSelection(WeakRef<RewriteCoordin
     }
 }
 
-void RewriteCoordinator::failJob(const QString& stage, const RewriteJob& job, const std::exception_ptr& error) {
+void RewriteCoordinator::failJob(const QString& stage, const RewriteJob& job,
+                                 const std::exception_ptr& error) {
     log(stage, &job.selection, job.submittedAt, errorCategory(error));
     if (shouldReport(error)) {
         report(UserFacingErrorMessage::message(error));
@@ -412,7 +417,15 @@ void RewriteCoordinator::log(const QString& stage, const CapturedSelection* sele
                              std::optional<WallTime> startedAt, const std::optional<QString>& category) {
     std::optional<qint64> elapsed;
     if (startedAt) {
-        elapsed = elapsedMilliseconds(*startedAt, clock_.now());
+        const WallTime now = clock_.now();
+        std::int64_t ticks = 0;
+        // Times a lifetime apart mean a corrupt clock; a wrapped difference would log nonsense.
+        if (__builtin_sub_overflow(now.time_since_epoch().count(), startedAt->time_since_epoch().count(),
+                                   &ticks)) {
+            std::fputs("parlune: elapsed time does not fit a 64-bit integer\n", stderr);
+            std::abort();
+        }
+        elapsed = elapsedMilliseconds(*startedAt, now);
     }
     // Only the length of the selection is logged, never its text.
     diagnostics_.logRewrite(diagnosticStage(stage),

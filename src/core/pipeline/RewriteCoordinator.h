@@ -83,7 +83,8 @@ private:
                                                   std::stop_token token);
     void enqueueCompletedShortcutCapturesInOrder();
     RewriteJobQueue::Operation jobOperation();
-    static QCoro::Task<void> executeJob(WeakRef<RewriteCoordinator> weakSelf, std::shared_ptr<LocalRewriteEngine> engine,
+    static QCoro::Task<void> executeJob(WeakRef<RewriteCoordinator> weakSelf,
+                                        std::shared_ptr<LocalRewriteEngine> engine,
                                         std::shared_ptr<SelectionReplacing> replacer, RewriteJob job,
                                         std::stop_token token);
     static QCoro::Task<void> prepareEngine(WeakRef<RewriteCoordinator> weakSelf,

@@ -27,7 +27,9 @@ struct LanguageModelAvailabilityStatus {
 
     bool isAvailable() const { return !unavailableReason.has_value(); }
     static LanguageModelAvailabilityStatus available() { return {}; }
-    static LanguageModelAvailabilityStatus unavailable(LanguageModelUnavailableReason reason) { return {reason}; }
+    static LanguageModelAvailabilityStatus unavailable(LanguageModelUnavailableReason reason) {
+        return {reason};
+    }
 };
 
 // How a response is sampled. Rewrites always decode greedily at temperature 0.
@@ -90,12 +92,14 @@ public:
     virtual void prewarm(const QString& promptPrefix) = 0;
 
     // The answer text to `prompt`.
-    virtual QCoro::Task<QString> respond(QString prompt, GenerationOptions options, std::stop_token token) = 0;
+    virtual QCoro::Task<QString> respond(QString prompt, GenerationOptions options,
+                                         std::stop_token token) = 0;
 
     // An answer constrained to `schema`; with `includeSchemaInPrompt` the schema is also described
     // to the model in the prompt. Every property of the schema is present in the result.
-    virtual QCoro::Task<GeneratedContent> respond(QString prompt, GenerationSchema schema, bool includeSchemaInPrompt,
-                                                  GenerationOptions options, std::stop_token token) = 0;
+    virtual QCoro::Task<GeneratedContent> respond(QString prompt, GenerationSchema schema,
+                                                  bool includeSchemaInPrompt, GenerationOptions options,
+                                                  std::stop_token token) = 0;
 };
 
 // The on-device language model: one shared default model.
@@ -110,7 +114,8 @@ public:
     // The context window in tokens. A framework reports it only when it also counts tokens exactly
     // (the three operations below); without it callers fall back to estimates.
     virtual std::optional<std::int64_t> contextSize() const = 0;
-    virtual QCoro::Task<std::int64_t> tokenCountOfInstructions(QString instructions, std::stop_token token) = 0;
+    virtual QCoro::Task<std::int64_t> tokenCountOfInstructions(QString instructions,
+                                                               std::stop_token token) = 0;
     virtual QCoro::Task<std::int64_t> tokenCountOfPrompt(QString prompt, std::stop_token token) = 0;
     virtual QCoro::Task<std::int64_t> tokenCountOfSchema(GenerationSchema schema, std::stop_token token) = 0;
 

@@ -5,9 +5,13 @@
 namespace parlune {
 namespace {
 
-QString utf8(const char* text) { return QString::fromUtf8(text); }
+QString utf8(const char* text) {
+    return QString::fromUtf8(text);
+}
 
-std::optional<QString> needed(const char* text) { return DeterministicTextNormalizer::rewriteIfNeeded(utf8(text)); }
+std::optional<QString> needed(const char* text) {
+    return DeterministicTextNormalizer::rewriteIfNeeded(utf8(text));
+}
 std::optional<QString> trivial(const char* text) {
     return DeterministicTextNormalizer::rewriteIfTriviallySafe(utf8(text));
 }
@@ -15,7 +19,7 @@ std::optional<QString> trivial(const char* text) {
 TEST(RewriteIfNeededTest, CollapsesInnerSpaceRunsOnly) {
     EXPECT_EQ(needed("Hello  world"), utf8("Hello world"));
     EXPECT_EQ(needed("a \t \tb\tc"), utf8("a b\tc"));
-    EXPECT_EQ(needed("  indented  text"), utf8("  indented text")); // indentation kept
+    EXPECT_EQ(needed("  indented  text"), utf8("  indented text"));     // indentation kept
     EXPECT_EQ(needed("line  one   \nnext"), utf8("line one   \nnext")); // trailing spaces kept
     EXPECT_EQ(needed("a\n\nb"), std::nullopt); // line breaks are not spaces to collapse
 }
@@ -63,9 +67,11 @@ TEST(RewriteIfTriviallySafeTest, DecomposedTextIsAnsweredByItsComposedForm) {
 
 TEST(RewriteIfTriviallySafeTest, CountsGraphemeClustersAgainstTheLimit) {
     // 64 characters once the double space is collapsed is still trivial; 65 is not.
-    const QString sixtyFour = QString(31, QLatin1Char('a')) + QStringLiteral("  ") + QString(32, QLatin1Char('b'));
+    const QString sixtyFour =
+        QString(31, QLatin1Char('a')) + QStringLiteral("  ") + QString(32, QLatin1Char('b'));
     EXPECT_EQ(DeterministicTextNormalizer::rewriteIfTriviallySafe(sixtyFour)->size(), 64);
-    const QString sixtyFive = QString(32, QLatin1Char('a')) + QStringLiteral("  ") + QString(32, QLatin1Char('b'));
+    const QString sixtyFive =
+        QString(32, QLatin1Char('a')) + QStringLiteral("  ") + QString(32, QLatin1Char('b'));
     EXPECT_EQ(DeterministicTextNormalizer::rewriteIfTriviallySafe(sixtyFive), std::nullopt);
 
     // 64 decomposed letters are 128 UTF-16 units but 64 characters.

@@ -18,13 +18,59 @@ namespace {
 const std::vector<QString>& pieces() {
     static const std::vector<QString> all = [] {
         std::vector<QString> list;
-        for (const char* piece :
-             {"a", "Zq", "word", "7", "42", " ", " ", "  ", "\t", "\n", "\r\n", "\r", ".", ",", " .", "\t,", "é",
-              "e\u0301", "\u1100\u1161", "\u0301", "日本", "😀", "\U0001F1EB\U0001F1F7", "\u00a0", "\u2028", "\u2029",
-              "\u3000", "\u0085", "\f", "\v", "*", "**", "__", "#", "## ", "> ", "- ", "1. ", "2) ", ":", "Task:",
-              "task", "Audience and focus:", "AUDIENCE\nAND  focus", "Requirements", "**Requirements**:",
-              "Output format:", "Output\tformat", "<rewritten_text>", "</rewritten_text>", "<reworded_text>",
-              "</reworded_text>", "\xef\xbf\xbd"}) {
+        for (const char* piece : {"a",
+                                  "Zq",
+                                  "word",
+                                  "7",
+                                  "42",
+                                  " ",
+                                  " ",
+                                  "  ",
+                                  "\t",
+                                  "\n",
+                                  "\r\n",
+                                  "\r",
+                                  ".",
+                                  ",",
+                                  " .",
+                                  "\t,",
+                                  "é",
+                                  "e\u0301",
+                                  "\u1100\u1161",
+                                  "\u0301",
+                                  "日本",
+                                  "😀",
+                                  "\U0001F1EB\U0001F1F7",
+                                  "\u00a0",
+                                  "\u2028",
+                                  "\u2029",
+                                  "\u3000",
+                                  "\u0085",
+                                  "\f",
+                                  "\v",
+                                  "*",
+                                  "**",
+                                  "__",
+                                  "#",
+                                  "## ",
+                                  "> ",
+                                  "- ",
+                                  "1. ",
+                                  "2) ",
+                                  ":",
+                                  "Task:",
+                                  "task",
+                                  "Audience and focus:",
+                                  "AUDIENCE\nAND  focus",
+                                  "Requirements",
+                                  "**Requirements**:",
+                                  "Output format:",
+                                  "Output\tformat",
+                                  "<rewritten_text>",
+                                  "</rewritten_text>",
+                                  "<reworded_text>",
+                                  "</reworded_text>",
+                                  "\xef\xbf\xbd"}) {
             list.push_back(QString::fromUtf8(piece));
         }
         list.push_back(QString(QChar(0xd800))); // a lone surrogate, as broken input may carry
@@ -61,8 +107,8 @@ QString randomImprovedPromptAnswer(std::mt19937& random) {
 
 bool hasSpaceOutsideTabLineFeedReturn(const QString& text) {
     for (QChar unit : text) {
-        if (unit.isSpace() && unit != QLatin1Char(' ') && unit != QLatin1Char('\t') && unit != QLatin1Char('\n') &&
-            unit != QLatin1Char('\r')) {
+        if (unit.isSpace() && unit != QLatin1Char(' ') && unit != QLatin1Char('\t') &&
+            unit != QLatin1Char('\n') && unit != QLatin1Char('\r')) {
             return true;
         }
     }
@@ -71,7 +117,8 @@ bool hasSpaceOutsideTabLineFeedReturn(const QString& text) {
 
 TEST(NormalizationFuzzTest, NormalizerResultsAreStable) {
     std::mt19937 random(20240611);
-    const QRegularExpression wordRun(QStringLiteral("[\\p{L}\\p{N}]+"), QRegularExpression::UseUnicodePropertiesOption);
+    const QRegularExpression wordRun(QStringLiteral("[\\p{L}\\p{N}]+"),
+                                     QRegularExpression::UseUnicodePropertiesOption);
     int rewritten = 0;
     int trivial = 0;
     for (int i = 0; i < 4000; ++i) {
@@ -137,7 +184,8 @@ TEST(NormalizationFuzzTest, OutputValidationNeverCrashesAndRebuildsStably) {
         bool sectionOpensWithEmphasis = false;
         for (const QString& line : lines) {
             const QString content = line.sliced(line.indexOf(QLatin1Char(':')) + 2);
-            sectionOpensWithEmphasis |= content.startsWith(QStringLiteral("**")) || content.startsWith(QStringLiteral("__"));
+            sectionOpensWithEmphasis |=
+                content.startsWith(QStringLiteral("**")) || content.startsWith(QStringLiteral("__"));
         }
         if (!hasSpaceOutsideTabLineFeedReturn(output) && !sectionOpensWithEmphasis) {
             EXPECT_EQ(RewriteOutputValidator::validatedImprovedPrompt(rebuilt, source), rebuilt) << i;

@@ -1,5 +1,5 @@
-#include "core/async/CancellationError.h"
 #include "core/engine/RewriteGenerationGate.h"
+#include "core/async/CancellationError.h"
 
 #include "support/RunTask.h"
 
@@ -21,8 +21,8 @@ struct Contender {
 
 class RewriteGenerationGateTest : public ::testing::Test {
 protected:
-    static QCoro::Task<void> contend(RewriteGenerationGate& gate, std::stop_token token, std::vector<std::string>& log,
-                                     std::string name) {
+    static QCoro::Task<void> contend(RewriteGenerationGate& gate, std::stop_token token,
+                                     std::vector<std::string>& log, std::string name) {
         try {
             co_await gate.acquire(token);
             log.push_back(name + " holds");

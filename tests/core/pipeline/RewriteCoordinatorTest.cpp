@@ -1,8 +1,8 @@
+#include "core/pipeline/RewriteCoordinator.h"
 #include "core/async/CancellationError.h"
 #include "core/diagnostics/DiagnosticsLogger.h"
 #include "core/diagnostics/UserFacingErrorMessage.h"
 #include "core/engine/LocalRewriteEngineError.h"
-#include "core/pipeline/RewriteCoordinator.h"
 #include "core/selection/TextReplacementError.h"
 #include "core/settings/SettingsStore.h"
 
@@ -43,8 +43,7 @@ public:
     std::vector<QString> messages;
 };
 
-template <typename Error>
-std::exception_ptr errorOf(Error error) {
+template <typename Error> std::exception_ptr errorOf(Error error) {
     return std::make_exception_ptr(error);
 }
 
@@ -109,7 +108,8 @@ TEST_F(RewriteCoordinatorTest, ReplacesTheSelectionAndTimesEveryStage) {
 }
 
 TEST_F(RewriteCoordinatorTest, LengthCountsCharactersAndTimeNeverRunsBackwards) {
-    replacer->captures.push_back(ScriptedSelectionReplacer::selection(QString::fromUtf8("cafe\u0301 \U0001F1EB\U0001F1F7")));
+    replacer->captures.push_back(
+        ScriptedSelectionReplacer::selection(QString::fromUtf8("cafe\u0301 \U0001F1EB\U0001F1F7")));
     engine->answers.push_back(QStringLiteral("changed"));
     engine->duringRewrite = [&] { clock.time -= std::chrono::seconds(5); }; // the wall clock was set back
 
@@ -117,6 +117,15 @@ TEST_F(RewriteCoordinatorTest, LengthCountsCharactersAndTimeNeverRunsBackwards) 
 
     EXPECT_EQ(lines()[1], line("stage=modelRewrite app=org.example.Editor length=6 elapsed_ms=0"));
     EXPECT_EQ(lines()[3], line("stage=completed app=org.example.Editor length=6 elapsed_ms=0"));
+}
+
+using RewriteCoordinatorDeathTest = RewriteCoordinatorTest;
+
+TEST_F(RewriteCoordinatorDeathTest, ElapsedTimeBeyondSixtyFourBitsStopsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    replacer->captures.push_back(ScriptedSelectionReplacer::selection(QStringLiteral("text")));
+    engine->duringRewrite = [&] { clock.time = WallTime::min(); };
+    EXPECT_DEATH(pressAndFinish(), "does not fit");
 }
 
 TEST_F(RewriteCoordinatorTest, ModeAndPreferencesAreThoseOfThePress) {
@@ -182,7 +191,8 @@ TEST_F(RewriteCoordinatorTest, CapturesFinishingOutOfOrderAreEnqueuedInPressOrde
     test::pumpFor(50);
     // Later presses wait for the first: nothing reached the queue, and the failure is not yet logged.
     EXPECT_TRUE(engine->calls.empty());
-    EXPECT_EQ(lines(), std::vector<QString>{line("stage=capture app=org.example.Editor length=5 elapsed_ms=0")});
+    EXPECT_EQ(lines(),
+              std::vector<QString>{line("stage=capture app=org.example.Editor length=5 elapsed_ms=0")});
     EXPECT_TRUE(reporter->messages.empty());
     EXPECT_EQ(coordinator->outstandingShortcutRequests(), 3);
 
@@ -208,7 +218,8 @@ TEST_F(RewriteCoordinatorTest, FourthOutstandingPressIsRefusedWithoutCapturing) 
     test::pumpFor(30);
     EXPECT_EQ(replacer->captureCalls, 3);
     EXPECT_EQ(lines(), std::vector<QString>{line("stage=queued app=unknown length=0 error=queue_full")});
-    EXPECT_EQ(reporter->messages, std::vector<QString>{QStringLiteral("Parlune is busy. Try again in a moment.")});
+    EXPECT_EQ(reporter->messages,
+              std::vector<QString>{QStringLiteral("Parlune is busy. Try again in a moment.")});
 
     // Jobs count until they finish: with one capture done and its rewrite running, still full.
     engine->holdRewrites = true;
@@ -241,7 +252,8 @@ TEST_F(RewriteCoordinatorTest, RepeatedPressOnTheSameSelectionIsDeduplicatedSile
     coordinator->submitRewriteSelection();
     ASSERT_TRUE(test::pumpUntil([&] { return coordinator->outstandingShortcutRequests() == 1; }));
 
-    EXPECT_EQ(lines().back(), line("stage=queued app=org.example.Editor length=9 elapsed_ms=0 error=deduplicated"));
+    EXPECT_EQ(lines().back(),
+              line("stage=queued app=org.example.Editor length=9 elapsed_ms=0 error=deduplicated"));
     engine->releaseOne();
     finish();
     EXPECT_EQ(engine->calls.size(), 1u);
@@ -255,7 +267,8 @@ TEST_F(RewriteCoordinatorTest, StaleSelectionIsLoggedAndNotShown) {
     pressAndFinish();
 
     EXPECT_TRUE(engine->calls.empty());
-    EXPECT_EQ(lines().back(), line("stage=staleTarget app=org.example.Editor length=8 elapsed_ms=0 error=stale_selection"));
+    EXPECT_EQ(lines().back(),
+              line("stage=staleTarget app=org.example.Editor length=8 elapsed_ms=0 error=stale_selection"));
     EXPECT_TRUE(reporter->messages.empty());
 }
 
@@ -267,20 +280,25 @@ struct ErrorCase {
 
 std::vector<ErrorCase> replacementErrorCases() {
     return {
-        {errorOf(TextReplacementError(ReplacementKind::accessibilityPermissionMissing)), "accessibility_missing", true},
+        {errorOf(TextReplacementError(ReplacementKind::accessibilityPermissionMissing)),
+         "accessibility_missing", true},
         {errorOf(TextReplacementError(ReplacementKind::noSelectedText)), "no_selection", true},
-        {errorOf(TextReplacementError(ReplacementKind::unableToReadFocusedElement)), "focused_element_unreadable", true},
-        {errorOf(TextReplacementError(ReplacementKind::unableToCreateKeyboardEvent)), "keyboard_event_failed", true},
+        {errorOf(TextReplacementError(ReplacementKind::unableToReadFocusedElement)),
+         "focused_element_unreadable", true},
+        {errorOf(TextReplacementError(ReplacementKind::unableToCreateKeyboardEvent)), "keyboard_event_failed",
+         true},
         {errorOf(TextReplacementError(ReplacementKind::selectionChanged)), "stale_selection", false},
         {errorOf(TextReplacementError(ReplacementKind::unsupportedTarget)), "unsupported_target", true},
-        {errorOf(TextReplacementError(ReplacementKind::replacementNotConfirmed)), "replacement_not_confirmed", true},
+        {errorOf(TextReplacementError(ReplacementKind::replacementNotConfirmed)), "replacement_not_confirmed",
+         true},
     };
 }
 
 std::vector<ErrorCase> engineErrorCases() {
     return {
         {errorOf(LocalRewriteEngineError(EngineKind::deviceNotEligible)), "device_not_eligible", true},
-        {errorOf(LocalRewriteEngineError(EngineKind::appleIntelligenceNotEnabled)), "local_model_disabled", true},
+        {errorOf(LocalRewriteEngineError(EngineKind::appleIntelligenceNotEnabled)), "local_model_disabled",
+         true},
         {errorOf(LocalRewriteEngineError(EngineKind::modelNotReady)), "model_not_ready", true},
         {errorOf(LocalRewriteEngineError(EngineKind::unsupportedLocale)), "unsupported_locale", true},
         {errorOf(LocalRewriteEngineError(EngineKind::selectionTooLong)), "selection_too_long", true},
@@ -300,8 +318,8 @@ TEST_F(RewriteCoordinatorTest, CaptureFailuresAreLoggedWithTheirCategory) {
         reporter->messages.clear();
         replacer->captures.push_back(c.error);
         pressAndFinish();
-        EXPECT_EQ(lines().back(),
-                  QStringLiteral("stage=capture app=unknown length=0 elapsed_ms=0 error=") + QString::fromUtf8(c.category));
+        EXPECT_EQ(lines().back(), QStringLiteral("stage=capture app=unknown length=0 elapsed_ms=0 error=") +
+                                      QString::fromUtf8(c.category));
         EXPECT_EQ(reporter->messages.size(), c.shown ? 1u : 0u) << c.category;
         if (c.shown && !reporter->messages.empty()) {
             EXPECT_EQ(reporter->messages[0], UserFacingErrorMessage::message(c.error));
@@ -314,11 +332,13 @@ TEST_F(RewriteCoordinatorTest, ModelFailuresAreLoggedUnderTheModelStage) {
     int position = 0;
     for (const ErrorCase& c : engineErrorCases()) {
         reporter->messages.clear();
-        replacer->captures.push_back(ScriptedSelectionReplacer::selection(QStringLiteral("draft"), position++));
+        replacer->captures.push_back(
+            ScriptedSelectionReplacer::selection(QStringLiteral("draft"), position++));
         engine->answers.push_back(c.error);
         pressAndFinish();
-        EXPECT_EQ(lines().back(), QStringLiteral("stage=modelRewrite app=org.example.Editor length=5 elapsed_ms=0 error=") +
-                                      QString::fromUtf8(c.category));
+        EXPECT_EQ(lines().back(),
+                  QStringLiteral("stage=modelRewrite app=org.example.Editor length=5 elapsed_ms=0 error=") +
+                      QString::fromUtf8(c.category));
         EXPECT_EQ(reporter->messages.size(), c.shown ? 1u : 0u) << c.category;
         if (c.shown && !reporter->messages.empty()) {
             EXPECT_EQ(reporter->messages[0], UserFacingErrorMessage::message(c.error));
@@ -334,31 +354,37 @@ TEST_F(RewriteCoordinatorTest, ShownMessagesAreTheUserFacingSentences) {
     replacer->captures.push_back(ScriptedSelectionReplacer::selection(QStringLiteral("text"), 2));
     replacer->replaceError = errorOf(TextReplacementError(ReplacementKind::replacementNotConfirmed));
     pressAndFinish();
-    EXPECT_EQ(reporter->messages,
-              (std::vector<QString>{
-                  QStringLiteral("That selection is too long for the on-device model. Select a shorter passage."),
-                  QStringLiteral("Parlune could not confirm the replacement. Check the text field before trying again."),
-              }));
+    EXPECT_EQ(
+        reporter->messages,
+        (std::vector<QString>{
+            QStringLiteral("That selection is too long for the on-device model. Select a shorter passage."),
+            QStringLiteral(
+                "Parlune could not confirm the replacement. Check the text field before trying again."),
+        }));
 }
 
 TEST_F(RewriteCoordinatorTest, ReplacementAndValidationFailuresUseTheReplacementStage) {
     replacer->captures.push_back(ScriptedSelectionReplacer::selection(QStringLiteral("abc"), 1));
     replacer->validationErrors.push_back(errorOf(TextReplacementError(ReplacementKind::unsupportedTarget)));
     pressAndFinish();
-    EXPECT_EQ(lines().back(), line("stage=replacement app=org.example.Editor length=3 elapsed_ms=0 error=unsupported_target"));
+    EXPECT_EQ(
+        lines().back(),
+        line("stage=replacement app=org.example.Editor length=3 elapsed_ms=0 error=unsupported_target"));
     EXPECT_TRUE(engine->calls.empty());
 
     // A validation failure that is not a selection error counts as a generation failure.
     replacer->captures.push_back(ScriptedSelectionReplacer::selection(QStringLiteral("abc"), 2));
     replacer->validationErrors.push_back(errorOf(CancellationError{}));
     pressAndFinish();
-    EXPECT_EQ(lines().back(), line("stage=modelRewrite app=org.example.Editor length=3 elapsed_ms=0 error=cancelled"));
+    EXPECT_EQ(lines().back(),
+              line("stage=modelRewrite app=org.example.Editor length=3 elapsed_ms=0 error=cancelled"));
 
     replacer->captures.push_back(ScriptedSelectionReplacer::selection(QStringLiteral("abc"), 3));
     replacer->replaceError = errorOf(TextReplacementError(ReplacementKind::unableToCreateKeyboardEvent));
     pressAndFinish();
-    EXPECT_EQ(lines().back(),
-              line("stage=replacement app=org.example.Editor length=3 elapsed_ms=0 error=keyboard_event_failed"));
+    EXPECT_EQ(
+        lines().back(),
+        line("stage=replacement app=org.example.Editor length=3 elapsed_ms=0 error=keyboard_event_failed"));
     EXPECT_EQ(reporter->messages.size(), 2u);
 }
 
@@ -372,14 +398,17 @@ TEST_F(RewriteCoordinatorTest, AwaitableRewriteRunsThePipelineOutsideThePressCou
     // The same selection again at the same moment is a repeat.
     replacer->captures.push_back(ScriptedSelectionReplacer::selection(QStringLiteral("sample")));
     test::runTask(coordinator->rewriteSelection());
-    EXPECT_EQ(lines().back(), line("stage=queued app=org.example.Editor length=6 elapsed_ms=0 error=deduplicated"));
+    EXPECT_EQ(lines().back(),
+              line("stage=queued app=org.example.Editor length=6 elapsed_ms=0 error=deduplicated"));
     EXPECT_EQ(engine->calls.size(), 1u);
 
-    replacer->captures.push_back(errorOf(TextReplacementError(ReplacementKind::accessibilityPermissionMissing)));
+    replacer->captures.push_back(
+        errorOf(TextReplacementError(ReplacementKind::accessibilityPermissionMissing)));
     test::runTask(coordinator->rewriteSelection());
-    EXPECT_EQ(lines().back(), line("stage=capture app=unknown length=0 elapsed_ms=0 error=accessibility_missing"));
-    EXPECT_EQ(reporter->messages,
-              std::vector<QString>{QStringLiteral("Enable Accessibility so Parlune can copy and paste selected text.")});
+    EXPECT_EQ(lines().back(),
+              line("stage=capture app=unknown length=0 elapsed_ms=0 error=accessibility_missing"));
+    EXPECT_EQ(reporter->messages, std::vector<QString>{QStringLiteral(
+                                      "Enable Accessibility so Parlune can copy and paste selected text.")});
 }
 
 TEST_F(RewriteCoordinatorTest, AwaitableRewriteReportsAFullQueue) {
@@ -393,8 +422,10 @@ TEST_F(RewriteCoordinatorTest, AwaitableRewriteReportsAFullQueue) {
     ASSERT_TRUE(test::pumpUntil([&] { return engine->heldCount() == 1; }));
 
     test::runTask(coordinator->rewriteSelection());
-    EXPECT_EQ(lines().back(), line("stage=queued app=org.example.Editor length=6 elapsed_ms=0 error=queue_full"));
-    EXPECT_EQ(reporter->messages, std::vector<QString>{QStringLiteral("Parlune is busy. Try again in a moment.")});
+    EXPECT_EQ(lines().back(),
+              line("stage=queued app=org.example.Editor length=6 elapsed_ms=0 error=queue_full"));
+    EXPECT_EQ(reporter->messages,
+              std::vector<QString>{QStringLiteral("Parlune is busy. Try again in a moment.")});
     engine->releaseOne();
     finish();
 }
