@@ -2,6 +2,7 @@
 
 #include "llm/model/KvCache.h"
 #include "llm/model/ModelError.h"
+#include "llm/model/SwiGlu.h"
 #include "llm/runtime/ThreadPool.h"
 #include "llm/tensor/MatMul.h"
 
@@ -278,10 +279,7 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
         };
         runMatmuls(gateUp);
         const auto activate = [&](std::int64_t begin, std::int64_t end) {
-            for (std::int64_t i = begin * ffn; i < end * ffn; ++i) {
-                const float g = s.gate[static_cast<std::size_t>(i)];
-                s.gate[static_cast<std::size_t>(i)] = g / (1.0f + std::exp(-g)) * s.up[static_cast<std::size_t>(i)];
-            }
+            swiGlu(s.gate.data() + begin * ffn, s.up.data() + begin * ffn, (end - begin) * ffn);
         };
         if (n > 1) {
             pool_.parallelFor(n, activate);
