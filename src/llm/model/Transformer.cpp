@@ -7,6 +7,7 @@
 #include "llm/tensor/MatMul.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <functional>
 #include <cmath>
@@ -176,11 +177,14 @@ void Transformer::forEachChunk(std::int64_t count, const std::function<void(std:
 }
 
 void Transformer::runMatmuls(std::span<const MatmulJob> jobs) {
-    std::vector<std::int64_t> firstChunk(jobs.size() + 1, 0);
+    std::array<std::int64_t, 4> firstChunk{}; // at most three matrices share an input
+    if (jobs.size() >= firstChunk.size()) {
+        throw std::logic_error("Transformer::runMatmuls: too many matrices in one group");
+    }
     for (std::size_t j = 0; j < jobs.size(); ++j) {
         firstChunk[j + 1] = firstChunk[j] + (jobs[j].weights->rows + rowsPerChunk - 1) / rowsPerChunk;
     }
-    forEachChunk(firstChunk.back(), [&](std::int64_t chunk) {
+    forEachChunk(firstChunk[jobs.size()], [&](std::int64_t chunk) {
         std::size_t j = 0;
         while (firstChunk[j + 1] <= chunk) {
             ++j;
