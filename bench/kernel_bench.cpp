@@ -12,12 +12,14 @@
 #include "llm/tensor/Quantization.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
+#include <time.h>
 #include <vector>
 
 using namespace parlune::llm;
@@ -143,13 +145,80 @@ double step(ThreadPool& pool, const Model& model, std::int64_t tokens, const Sha
     return seconds() - t0;
 }
 
+// Plain read bandwidth at the same moment (the machine is shared): sums a buffer larger than any
+// cache, split over the pool like the products are.
+double readBandwidth(ThreadPool& pool, const std::vector<std::uint64_t>& buffer, int runs) {
+    std::vector<double> times;
+    std::atomic<std::uint64_t> sink{0};
+    const auto words = static_cast<std::int64_t>(buffer.size());
+    for (int r = 0; r < runs; ++r) {
+        const double t0 = seconds();
+        pool.parallelFor(words / 4096, [&](std::int64_t begin, std::int64_t end) {
+            std::uint64_t a = 0, b = 0, c = 0, d = 0;
+            for (std::int64_t i = begin * 4096; i < end * 4096; i += 4) {
+                a += buffer[i];
+                b += buffer[i + 1];
+                c += buffer[i + 2];
+                d += buffer[i + 3];
+            }
+            sink += a + b + c + d;
+        });
+        times.push_back(seconds() - t0);
+    }
+    return double(words) * 8 / median(times) / 1e9;
+}
+
+double threadSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
+}
+
+// One thread, one 256 x 1024 matrix that stays in L2, timed by the thread's own CPU clock: what
+// the kernels can do per core regardless of memory bandwidth and of other programs' load.
+void inCacheThroughput(int runs) {
+    std::printf("\nper-thread kernel throughput, matrix in L2, thread CPU time (median of %d):\n", runs);
+    std::printf("%-5s | %10s | %14s\n", "type", "1 tok GB/s", "64 tok GFLOP/s");
+    constexpr std::int64_t rows = 256, cols = 1024;
+    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q4_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K,
+                          GgmlType::F16, GgmlType::BF16, GgmlType::F32}) {
+        const Matrix m = randomMatrix(type, rows, cols, 7);
+        std::vector<float> input(static_cast<std::size_t>(64 * cols), 0.5f), y(static_cast<std::size_t>(64 * rows));
+        double figures[2] = {};
+        for (int pass = 0; pass < 2; ++pass) {
+            const std::int64_t tokens = pass == 0 ? 1 : 64;
+            const int reps = pass == 0 ? 200 : 4;
+            ActivationBuffer x;
+            prepareActivations(type, input.data(), tokens, cols, x);
+            std::vector<double> times;
+            for (int r = 0; r < runs; ++r) {
+                const double t0 = threadSeconds();
+                for (int i = 0; i < reps; ++i) matmulRows(m.view(), x, 0, rows, y.data(), rows);
+                times.push_back((threadSeconds() - t0) / reps);
+            }
+            const double t = median(times);
+            figures[pass] = pass == 0 ? double(m.bytes.size()) / t / 1e9 : 2.0 * rows * cols * tokens / t / 1e9;
+        }
+        std::printf("%-5s | %10.1f | %14.1f\n", std::string(ggmlTypeTraits(type).name).c_str(), figures[0], figures[1]);
+    }
+    std::printf("\n");
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
     const std::string filter = argc > 2 ? argv[2] : "";
+    {
+        std::vector<std::uint64_t> buffer(std::size_t{64} << 20, 1); // 512 MiB
+        for (int threads : {1, 2}) {
+            ThreadPool pool(threads);
+            std::printf("plain read bandwidth now, %d thread(s): %.2f GB/s\n", threads, readBandwidth(pool, buffer, runs));
+        }
+    }
     const Shape shapes[] = {{"qwen2.5-0.5b", 896, 4864, 151936, 128, 24}, {"smollm2-135m", 576, 1536, 49152, 192, 30}};
     std::printf("kernel path: %s, medians of %d runs\n", kernelPathName(bestKernelPath()), runs);
+    inCacheThroughput(runs);
     std::printf("%-14s %-7s %5s %3s | %8s %8s %7s %9s | %10s %10s %8s\n", "shape", "mix", "MB", "thr", "gen GB/s",
                 "(best)", "gen ms", "gen tok/s", "pp GFLOP/s", "(best)", "pp tok/s");
     for (const Shape& s : shapes) {

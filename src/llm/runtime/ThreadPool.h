@@ -11,13 +11,15 @@
 namespace parlune::llm {
 
 // Persistent workers for the engine's data-parallel loops. A call cuts [0, count) into a few
-// contiguous pieces per thread, which the workers and the calling thread claim in turn. Workers spin
-// briefly after a job (the next one usually follows within microseconds while generating) and
-// then sleep on a futex. Nothing is allocated per call.
+// contiguous pieces per thread, which the workers and the calling thread claim in turn; the call
+// returns as soon as every piece is done, without waiting for workers that found nothing left
+// (on a busy machine a worker may be woken late). Workers spin briefly after a job (the next one
+// usually follows within microseconds while generating) and then sleep on a futex. Nothing is
+// allocated per call.
 //
 // A parallelFor issued from inside a running job runs inline on the calling thread; calls from
-// several outside threads are served one after another. An exception thrown by `fn` in any share
-// is rethrown to the caller once every share has finished.
+// several outside threads are served one after another. An exception thrown by `fn` in any piece
+// is rethrown to the caller once every piece has finished.
 class ThreadPool {
 public:
     using RangeFunction = std::function<void(std::int64_t begin, std::int64_t end)>;
@@ -33,21 +35,23 @@ public:
     void parallelFor(std::int64_t count, const RangeFunction& fn);
 
 private:
-    void workerLoop(int index);
-    void runShare(int index) noexcept;
-    void waitForWorkers();
+    void workerLoop();
+    void runPieces(std::uint32_t generation) noexcept;
+    void waitForPieces(std::uint32_t pieces);
 
     std::vector<std::thread> workers_;
     std::mutex callMutex_;
+    std::uint32_t lastGeneration_ = 0; // guarded by callMutex_
+    // Wakes workers: the generation of the latest job.
     std::atomic<std::uint32_t> generation_{0};
-    std::atomic<std::uint32_t> pending_{0};
+    // Claims: generation (high 32 bits), next piece (bits 16-31), piece count (low 16 bits).
+    std::atomic<std::uint64_t> claims_{0};
+    std::atomic<std::uint32_t> donePieces_{0};
+    std::atomic<const RangeFunction*> job_{nullptr};
+    std::atomic<std::int64_t> jobCount_{0};
     std::atomic<int> sleepingWorkers_{0};
     std::atomic<bool> callerSleeping_{false};
     std::atomic<bool> stopping_{false};
-    const RangeFunction* job_ = nullptr;
-    std::int64_t jobCount_ = 0;
-    std::int64_t jobPieces_ = 0;
-    std::atomic<std::int64_t> nextPiece_{0};
     std::mutex errorMutex_;
     std::exception_ptr error_;
 };

@@ -56,6 +56,9 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
     out.tokens_ = nTokens;
     out.cols_ = cols;
     out.paddedCols_ = (cols + pad - 1) / pad * pad;
+    // Token rows a multiple of 4 KiB apart would share L1 sets with each other and with the weight
+    // rows the tiles read beside them.
+    if (out.paddedCols_ % 1024 == 0) out.paddedCols_ += pad;
     out.quantized_ = !isFloatType(weightType);
     const auto total = static_cast<std::size_t>(nTokens * out.paddedCols_);
     if (!out.quantized_) {

@@ -22,7 +22,8 @@ struct WeightMatrix {
 // values; float weights take the floats as they are.
 class ActivationBuffer {
 public:
-    // Codes and values are stored per token with this many columns (zero padded).
+    // Codes and values are stored per token in rows of paddedCols() (a multiple of this, zero
+    // padded beyond cols()).
     static constexpr std::int64_t kColumnPadding = 64;
 
     GgmlType weightType() const { return weightType_; }

@@ -1,11 +1,12 @@
-// AVX-512 (F, BW, VL, VNNI) path. (The register-tile loops carry "GCC unroll": without it GCC 12
-// at -O3 keeps the accumulators in memory.) Quantised weights are decoded, a few 64-column chunks at a
+// AVX-512 (F, BW, VL, VNNI) path. Quantised weights are decoded, a few 64-column chunks at a
 // time, into unsigned 8-bit codes (the format's own codes, offset kept) with per-4-code float
 // scales, so VPDPBUSD multiplies them with the signed activation codes directly. A weight value
 // is ws * code + bias; the bias is either -offset * ws (symmetric formats) or the format's
 // minimum, and its product with the activations needs only the activation sums, computed once
 // per chunk and token and shared by every row. Each decoded chunk is reused across a tile of
 // tokens from L1/L2.
+// The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
+// in memory.
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
@@ -31,8 +32,10 @@ constexpr std::int64_t kPanelRows = 16; // rows decoded whole before being reuse
 struct alignas(64) Decoded {
     std::uint8_t q[64]; // unsigned codes
     float ws[16];       // scale of each group of 4 codes
-    float mw[16];       // additive offset per element (formats with a minimum)
 };
+// Formats with a minimum also write one float per 32 columns (the minimum of that block or
+// sub-block) to a separate, contiguous array: their product with the activation block sums is a
+// short dot product per row and token, far cheaper than one more FMA per chunk.
 
 std::uint16_t u16(const std::uint8_t* p) {
     std::uint16_t v;
@@ -59,11 +62,9 @@ __m512 pairHalves(const std::uint8_t* p0, const std::uint8_t* p1) {
     return _mm512_permutexvar_ps(_mm512_inserti64x4(_mm512_setzero_si512(), _mm256_set1_epi32(1), 1), two);
 }
 
-template <bool Asym>
-inline void finish(Decoded& o, __m512i q, __m512 ws, __m512 mw) {
+inline void finish(Decoded& o, __m512i q, __m512 ws) {
     _mm512_store_si512(o.q, q);
     _mm512_store_ps(o.ws, ws);
-    if constexpr (Asym) _mm512_store_ps(o.mw, mw);
 }
 
 // 32 nibbles of each of two 16-byte groups, in element order: [p0 low, p0 high, p1 low, p1 high].
@@ -89,7 +90,7 @@ __m512i nibbleHalves(const std::uint8_t* p) {
 struct Q8_0 {
     static constexpr bool asym = false;
     static constexpr float offset = 128.0f;
-    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out, float*) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + 34 * (2 * c);
             const bool two = 2 * c + 1 < nb;
@@ -98,7 +99,7 @@ struct Q8_0 {
             const __m256i b = two ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p1 + 2)) : _mm256_setzero_si256();
             const __m512i codes = _mm512_xor_si512(_mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1),
                                                    _mm512_set1_epi8(static_cast<char>(0x80)));
-            finish<false>(out[c - c0], codes, pairHalves(p0, p1), _mm512_setzero_ps());
+            finish(out[c - c0], codes, pairHalves(p0, p1));
         }
     }
 };
@@ -107,7 +108,7 @@ template <int Bytes, int DataOffset, bool HasMin, bool HasHigh>
 struct SmallBlock {
     static constexpr bool asym = HasMin;
     static constexpr float offset = HasHigh ? 16.0f : 8.0f;
-    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out, float* mins) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + Bytes * (2 * c);
             const std::uint8_t* p1 = 2 * c + 1 < nb ? p0 + Bytes : nullptr;
@@ -118,11 +119,10 @@ struct SmallBlock {
                 q = _mm512_mask_add_epi8(q, bits, q, _mm512_set1_epi8(0x10));
             }
             if constexpr (HasMin) {
-                const __m512 m = pairHalves(p0 + 2, p1 ? p1 + 2 : nullptr);
-                finish<true>(out[c - c0], q, pairHalves(p0, p1), m);
-            } else {
-                finish<false>(out[c - c0], q, pairHalves(p0, p1), _mm512_setzero_ps());
+                mins[2 * (c - c0)] = fp16ToFloatFast(u16(p0 + 2));
+                mins[2 * (c - c0) + 1] = p1 ? fp16ToFloatFast(u16(p1 + 2)) : 0.0f;
             }
+            finish(out[c - c0], q, pairHalves(p0, p1));
         }
     }
 };
@@ -154,11 +154,14 @@ struct KQuant {
     static constexpr bool asym = true;
     static constexpr float offset = 0.0f;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out, float* mins) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + kBytes * s;
             __m512 scv, mnv;
             kScales(b, scv, mnv);
+            // Lanes 8-15 hold the eight sub-block minima (already times -dmin).
+            _mm256_storeu_ps(mins + 2 * (4 * s - c0),
+                             _mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(mnv), 1)));
             const std::uint8_t* qs = b + (HighBits ? 48 : 16);
             __m256i high = _mm256_setzero_si256();
             if constexpr (HighBits) high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
@@ -170,8 +173,7 @@ struct KQuant {
                         _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
                     q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
                 }
-                finish<true>(out[4 * s + c - c0], q, _mm512_permutexvar_ps(pairIndex(2 * c), scv),
-                             _mm512_permutexvar_ps(pairIndex(8 + 2 * c), mnv));
+                finish(out[4 * s + c - c0], q, _mm512_permutexvar_ps(pairIndex(2 * c), scv));
             }
         }
     }
@@ -182,7 +184,7 @@ using Q5_K = KQuant<true>;
 struct Q6_K {
     static constexpr bool asym = false;
     static constexpr float offset = 32.0f;
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out, float*) {
         const __m512i low4 = _mm512_set1_epi8(0x0F);
         const __m512i low2 = _mm512_set1_epi8(3);
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
@@ -206,8 +208,7 @@ struct Q6_K {
                                                          _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
                                                                                             5, 4, 3, 2, 1, 0),
                                                                            2));
-                    finish<false>(out[4 * s + chunk - c0], part ? qb : qa,
-                                  _mm512_permutexvar_ps(idx, scales), _mm512_setzero_ps());
+                    finish(out[4 * s + chunk - c0], part ? qb : qa, _mm512_permutexvar_ps(idx, scales));
                 }
             }
         }
@@ -216,31 +217,56 @@ struct Q6_K {
 
 // ---- tiles -----------------------------------------------------------------------------------
 
-struct TokenView {
-    const std::int8_t* codes;
-    const float* scales;
+// One 64-column chunk of one token's activations with everything the tiles need from it:
+// computed once per token (tile) and reused by every row tile.
+struct alignas(64) TokenChunk {
+    std::int8_t x[64]; // signed codes
+    float dx[16];      // code scale per lane
+    float bias[16];    // -offset * dx * (sum of the lane's 4 codes) (symmetric formats)
 };
+
+// Padded length of the per-32-column arrays (minima, activation block sums) of a row.
+std::int64_t blockArrayLength(std::int64_t nChunks) { return (2 * nChunks + 15) / 16 * 16; }
+
+// Also writes, for formats with a minimum, dx * (sum of the block's codes) per 32 columns to
+// `blockSums` (zero padded to blockArrayLength).
+template <class Format>
+void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int64_t nChunks, TokenChunk* out,
+                        float* blockSums) {
+    const __m512i ones = _mm512_set1_epi8(1);
+    const __m512i pairIdx = pairIndex(0);
+    const std::int8_t* codes = x.codes(token);
+    const float* scales = x.blockScales(token);
+    for (std::int64_t c = 0; c < nChunks; ++c) {
+        const __m512i xs = _mm512_loadu_si512(codes + kChunk * c);
+        const __m512 dx = _mm512_permutexvar_ps(
+            pairIdx, _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(scales + 2 * c)))));
+        const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs));
+        _mm512_store_si512(out[c].x, xs);
+        _mm512_store_ps(out[c].dx, dx);
+        if constexpr (Format::asym) {
+            const __m512 scaled = _mm512_mul_ps(dx, sums);
+            blockSums[2 * c] = _mm512_mask_reduce_add_ps(0x00FF, scaled);
+            blockSums[2 * c + 1] = _mm512_mask_reduce_add_ps(0xFF00, scaled);
+        } else {
+            _mm512_store_ps(out[c].bias, _mm512_mul_ps(_mm512_mul_ps(dx, _mm512_set1_ps(-Format::offset)), sums));
+        }
+    }
+    if constexpr (Format::asym) {
+        for (std::int64_t i = 2 * nChunks; i < blockArrayLength(nChunks); ++i) blockSums[i] = 0.0f;
+    }
+}
 
 // acc[r][t] += the dot products of chunks [c0, c0 + n) of rows[r] and tokens[t], lane-wise.
 template <class Format, int R, int T>
 inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const Decoded* const* rows,
-                                                      const TokenView* tokens, std::int64_t c0, std::int64_t n) {
-    const __m512i ones = _mm512_set1_epi8(1);
-    const __m512i pairIdx = pairIndex(0);
+                                                      const TokenChunk* const* tokens, std::int64_t c0,
+                                                      std::int64_t n) {
     for (std::int64_t k = 0; k < n; ++k) {
         const std::int64_t c = c0 + k;
         __m512i xs[T];
-        __m512 dx[T];
-        __m512 bias[T]; // activation sums times their scale (times -offset for symmetric formats)
         #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) {
-            xs[t] = _mm512_loadu_si512(tokens[t].codes + kChunk * c);
-            dx[t] = _mm512_permutexvar_ps(
-                pairIdx, _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(tokens[t].scales + 2 * c)))));
-            const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs[t]));
-            bias[t] = Format::asym ? _mm512_mul_ps(dx[t], sums)
-                                   : _mm512_mul_ps(_mm512_mul_ps(dx[t], _mm512_set1_ps(-Format::offset)), sums);
-        }
+        for (int t = 0; t < T; ++t) xs[t] = _mm512_load_si512(tokens[t][c].x);
         #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
@@ -248,14 +274,29 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
             const __m512 ws = _mm512_load_ps(d.ws);
             #pragma GCC unroll 8
             for (int t = 0; t < T; ++t) {
+                const TokenChunk& tc = tokens[t][c];
                 const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
                 if constexpr (Format::asym) {
-                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(dx[t], dot), acc[r][t]);
-                    acc[r][t] = _mm512_fmadd_ps(_mm512_load_ps(d.mw), bias[t], acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(_mm512_load_ps(tc.dx), dot), acc[r][t]);
                 } else {
-                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(dx[t], dot, bias[t]), acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)),
+                                                acc[r][t]);
                 }
             }
+        }
+    }
+}
+
+// acc[r][t] += minima of rows[r] . block sums of tokens[t] over `n` floats (a multiple of 16).
+template <int R, int T>
+inline __attribute__((always_inline)) void addMinima(__m512 (&acc)[R][T], const float* const* mins,
+                                                     const float* const* sums, std::int64_t n) {
+    for (std::int64_t k = 0; k < n; k += 16) {
+        #pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) {
+            const __m512 m = _mm512_loadu_ps(mins[r] + k);
+            #pragma GCC unroll 8
+            for (int t = 0; t < T; ++t) acc[r][t] = _mm512_fmadd_ps(m, _mm512_loadu_ps(sums[t] + k), acc[r][t]);
         }
     }
 }
@@ -269,6 +310,14 @@ inline __attribute__((always_inline)) void storeTile(__m512 (&acc)[R][T], float*
     }
 }
 
+// Per-thread working memory of one product.
+struct Buffers {
+    Decoded* decoded;   // decoded rows, rowStride chunks apart
+    float* mins;        // minima of those rows, minsStride floats apart
+    TokenChunk* tokens; // activation chunks of the current token tile, nChunks apart
+    float* sums;        // activation block sums of the tile, blockArrayLength(nChunks) apart
+};
+
 template <class Format>
 struct QuantKernel {
     const WeightMatrix& w;
@@ -279,89 +328,143 @@ struct QuantKernel {
     std::int64_t nChunks; // 64-column chunks per row
 
     std::int64_t panelStride() const { return nChunks | 1; }
+    std::int64_t sumsStride() const { return blockArrayLength(nChunks); }
+    static constexpr std::int64_t kStreamMins = 2 * kStreamChunks; // a multiple of 16
 
     const std::uint8_t* row(std::int64_t r) const {
         return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
     }
 
+    // Decodes chunks [c0, c1) of a row; minima beyond them, up to `minsLength`, are zeroed.
+    void decode(std::int64_t r, std::int64_t c0, std::int64_t c1, Decoded* out, float* mins,
+                std::int64_t minsLength) const {
+        Format::decode(row(r), nb, c0, c1, out, mins);
+        if constexpr (Format::asym) {
+            for (std::int64_t i = 2 * (c1 - c0); i < minsLength; ++i) mins[i] = 0.0f;
+        }
+    }
+
+    template <int T>
+    void prepareTokens(std::int64_t t0, const Buffers& b) const {
+        #pragma GCC unroll 8
+        for (int t = 0; t < T; ++t) {
+            prepareTokenChunks<Format>(x, t0 + t, nChunks, b.tokens + t * nChunks, b.sums + t * sumsStride());
+        }
+    }
+
     // Few tokens: stream each row once, decoding a few chunks at a time into L1.
     template <int R, int T>
-    void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
+    void streamTile(std::int64_t r0, const Buffers& b) const {
         __m512 acc[R][T];
         #pragma GCC unroll 8
         for (auto& a : acc)
             #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
-        TokenView tokens[T];
+        const TokenChunk* tokens[T];
+        const float* sums[T];
         #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
+        for (int t = 0; t < T; ++t) tokens[t] = b.tokens + t * nChunks;
         const Decoded* rows[R];
+        const float* mins[R];
         #pragma GCC unroll 8
-        for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamStride;
+        for (int r = 0; r < R; ++r) {
+            rows[r] = b.decoded + r * kStreamStride;
+            mins[r] = b.mins + r * kStreamMins;
+        }
         for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
             const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
             #pragma GCC unroll 8
-            for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), nb, c0, c0 + n, scratch + r * kStreamStride);
+            for (int r = 0; r < R; ++r) {
+                decode(r0 + r, c0, c0 + n, b.decoded + r * kStreamStride, b.mins + r * kStreamMins, kStreamMins);
+            }
             accumulate<Format, R, T>(acc, rows, tokens, c0, n);
+            if constexpr (Format::asym) {
+                #pragma GCC unroll 8
+                for (int t = 0; t < T; ++t) sums[t] = b.sums + t * sumsStride() + 2 * c0;
+                addMinima<R, T>(acc, mins, sums, (2 * n + 15) / 16 * 16);
+            }
         }
-        storeTile<R, T>(acc, y, ldy, r0, t0);
+        storeTile<R, T>(acc, y, ldy, r0, 0);
     }
 
     template <int T>
-    void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, std::int64_t t0, Decoded* scratch) const {
+    void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, const Buffers& b) const {
+        prepareTokens<T>(0, b);
         std::int64_t r = rowBegin;
-        for (; r + kRowTile <= rowEnd; r += kRowTile) streamTile<kRowTile, T>(r, t0, scratch);
-        for (; r < rowEnd; ++r) streamTile<1, T>(r, t0, scratch);
+        for (; r + kRowTile <= rowEnd; r += kRowTile) streamTile<kRowTile, T>(r, b);
+        for (; r < rowEnd; ++r) streamTile<1, T>(r, b);
     }
 
     // Many tokens: decode a panel of rows whole, then sweep token tiles over it.
     template <int R, int T>
-    void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0) const {
+    void panelTile(std::int64_t r0, std::int64_t panelRow, std::int64_t t0, const Buffers& b) const {
         __m512 acc[R][T];
         #pragma GCC unroll 8
         for (auto& a : acc)
             #pragma GCC unroll 8
             for (auto& v : a) v = _mm512_setzero_ps();
-        TokenView tokens[T];
+        const TokenChunk* tokens[T];
+        const float* sums[T];
         #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
+        for (int t = 0; t < T; ++t) {
+            tokens[t] = b.tokens + t * nChunks;
+            sums[t] = b.sums + t * sumsStride();
+        }
         const Decoded* rows[R];
+        const float* mins[R];
         #pragma GCC unroll 8
-        for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
+        for (int r = 0; r < R; ++r) {
+            rows[r] = b.decoded + (panelRow + r) * panelStride();
+            mins[r] = b.mins + (panelRow + r) * sumsStride();
+        }
         accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
+        if constexpr (Format::asym) addMinima<R, T>(acc, mins, sums, sumsStride());
         storeTile<R, T>(acc, y, ldy, r0 + panelRow, t0);
     }
 
     template <int T>
-    void panelTokens(const Decoded* panel, std::int64_t r0, std::int64_t m, std::int64_t t0) const {
+    void panelTokens(std::int64_t r0, std::int64_t m, std::int64_t t0, const Buffers& b) const {
+        prepareTokens<T>(t0, b);
         std::int64_t r = 0;
-        for (; r + kRowTile <= m; r += kRowTile) panelTile<kRowTile, T>(panel, r0, r, t0);
-        for (; r < m; ++r) panelTile<1, T>(panel, r0, r, t0);
+        for (; r + kRowTile <= m; r += kRowTile) panelTile<kRowTile, T>(r0, r, t0, b);
+        for (; r < m; ++r) panelTile<1, T>(r0, r, t0, b);
     }
 
     void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
-        thread_local std::vector<Decoded> scratch;
+        thread_local std::vector<Decoded> decoded;
+        thread_local std::vector<float> mins;
+        thread_local std::vector<TokenChunk> tokenChunks;
+        thread_local std::vector<float> sums;
         const std::int64_t tokens = x.tokens();
+        const std::int64_t tileTokens = std::min<std::int64_t>(tokens, kTokenTile);
+        tokenChunks.resize(static_cast<std::size_t>(tileTokens * nChunks));
+        sums.resize(static_cast<std::size_t>(tileTokens * sumsStride()));
         if (tokens <= kTokenTile) {
-            scratch.resize(static_cast<std::size_t>(kRowTile * kStreamStride));
+            decoded.resize(static_cast<std::size_t>(kRowTile * kStreamStride));
+            mins.resize(static_cast<std::size_t>(kRowTile * kStreamMins));
+            const Buffers b{decoded.data(), mins.data(), tokenChunks.data(), sums.data()};
             switch (tokens) {
-            case 1: streamRows<1>(rowBegin, rowEnd, 0, scratch.data()); break;
-            case 2: streamRows<2>(rowBegin, rowEnd, 0, scratch.data()); break;
-            case 3: streamRows<3>(rowBegin, rowEnd, 0, scratch.data()); break;
-            default: streamRows<4>(rowBegin, rowEnd, 0, scratch.data()); break;
+            case 1: streamRows<1>(rowBegin, rowEnd, b); break;
+            case 2: streamRows<2>(rowBegin, rowEnd, b); break;
+            case 3: streamRows<3>(rowBegin, rowEnd, b); break;
+            default: streamRows<4>(rowBegin, rowEnd, b); break;
             }
             return;
         }
-        scratch.resize(static_cast<std::size_t>(kPanelRows * panelStride()));
+        decoded.resize(static_cast<std::size_t>(kPanelRows * panelStride()));
+        mins.resize(static_cast<std::size_t>(kPanelRows * sumsStride()));
+        const Buffers b{decoded.data(), mins.data(), tokenChunks.data(), sums.data()};
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
             const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
-            for (std::int64_t r = 0; r < m; ++r) Format::decode(row(r0 + r), nb, 0, nChunks, scratch.data() + r * panelStride());
+            for (std::int64_t r = 0; r < m; ++r) {
+                decode(r0 + r, 0, nChunks, b.decoded + r * panelStride(), b.mins + r * sumsStride(), sumsStride());
+            }
             std::int64_t t0 = 0;
-            for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) panelTokens<kTokenTile>(scratch.data(), r0, m, t0);
+            for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) panelTokens<kTokenTile>(r0, m, t0, b);
             switch (tokens - t0) {
-            case 1: panelTokens<1>(scratch.data(), r0, m, t0); break;
-            case 2: panelTokens<2>(scratch.data(), r0, m, t0); break;
-            case 3: panelTokens<3>(scratch.data(), r0, m, t0); break;
+            case 1: panelTokens<1>(r0, m, t0, b); break;
+            case 2: panelTokens<2>(r0, m, t0, b); break;
+            case 3: panelTokens<3>(r0, m, t0, b); break;
             default: break;
             }
         }
@@ -371,7 +474,7 @@ struct QuantKernel {
 template <class Format>
 void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
               std::int64_t ldy) {
-    const QuantKernel<Format> kernel{w, x, y, ldy, w.cols / 32, x.paddedCols() / kChunk};
+    const QuantKernel<Format> kernel{w, x, y, ldy, w.cols / 32, (w.cols + kChunk - 1) / kChunk};
     kernel.run(rowBegin, rowEnd);
 }
 
@@ -388,8 +491,9 @@ inline __m512 loadWeights(const std::uint8_t* row, std::int64_t k, __mmask16 mas
     }
 }
 
-// Float weights: rows x tokens tiles of FMAs. With many tokens, F16/BF16 panels are widened to
-// F32 once (in L2) so the inner loop is loads and FMAs only.
+// Float weights: rows x tokens tiles of FMAs. With many tokens, each panel of rows is first
+// widened to F32 (copied, for F32) into L2 at an odd line stride, so the inner loop is loads and
+// FMAs only and rows never share L1 sets the way rows a multiple of 4 KiB apart do.
 struct FloatKernel {
     const WeightMatrix& w;
     const ActivationBuffer& x;
@@ -445,7 +549,7 @@ struct FloatKernel {
     template <GgmlType Type>
     void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
         thread_local std::vector<float> widened;
-        const bool widen = Type != GgmlType::F32 && x.tokens() > kTokenTile;
+        const bool widen = x.tokens() > kTokenTile;
         // Widened rows an odd number of 64-byte lines apart (see kStreamStride).
         const std::int64_t stride = ((w.cols + 15) / 16) | 1;
         if (widen) widened.resize(static_cast<std::size_t>(kPanelRows * stride * 16));

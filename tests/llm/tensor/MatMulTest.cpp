@@ -114,6 +114,32 @@ TEST_P(EveryPath, ExtremeScalesAndZeroBlocksMatchTheScalarReference) {
     }
 }
 
+TEST_P(EveryPath, EveryTailOfRowsColumnsAndTokens) {
+    // Small shapes walk every remainder: single blocks, odd block counts, rows and tokens that
+    // leave partial register tiles.
+    const GgmlType type = GetParam();
+    const std::int64_t block = ggmlTypeTraits(type).blockElements == 1 ? 8 : ggmlTypeTraits(type).blockElements;
+    for (std::int64_t blocks = 1; blocks <= 5; ++blocks) {
+        const std::int64_t cols = block * blocks;
+        for (std::int64_t rows = 1; rows <= 6; ++rows) {
+            const EncodedMatrix m = testing::randomBlocks(type, rows, cols, static_cast<std::uint32_t>(rows * 31 + blocks));
+            for (std::int64_t tokens = 1; tokens <= 9; tokens += 2) {
+                const std::vector<float> xs = gaussian(static_cast<std::size_t>(tokens * cols), 8);
+                ActivationBuffer x;
+                prepareActivations(type, xs.data(), tokens, cols, x);
+                const std::vector<float> want = product(KernelPath::scalar, m, x);
+                for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
+                    if (!kernelPathAvailable(path)) continue;
+                    // Few outputs of random signs can nearly cancel, so rounding alone reaches ~1e-10
+                    // here; a mishandled tail is off by far more.
+                    ASSERT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-7)
+                        << kernelPathName(path) << " cols " << cols << " rows " << rows << " tokens " << tokens;
+                }
+            }
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(AllWeightTypes, EveryPath, ::testing::ValuesIn(kAllTypes),
                          [](const auto& tp) { return std::string(ggmlTypeTraits(tp.param).name); });
 
