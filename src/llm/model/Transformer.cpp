@@ -2,10 +2,12 @@
 
 #include "llm/model/KvCache.h"
 #include "llm/model/ModelError.h"
+#include "llm/model/SwiGlu.h"
 #include "llm/runtime/ThreadPool.h"
 #include "llm/tensor/MatMul.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <functional>
 #include <cmath>
@@ -175,11 +177,14 @@ void Transformer::forEachChunk(std::int64_t count, const std::function<void(std:
 }
 
 void Transformer::runMatmuls(std::span<const MatmulJob> jobs) {
-    std::vector<std::int64_t> firstChunk(jobs.size() + 1, 0);
+    std::array<std::int64_t, 4> firstChunk{}; // at most three matrices share an input
+    if (jobs.size() >= firstChunk.size()) {
+        throw std::logic_error("Transformer::runMatmuls: too many matrices in one group");
+    }
     for (std::size_t j = 0; j < jobs.size(); ++j) {
         firstChunk[j + 1] = firstChunk[j] + (jobs[j].weights->rows + rowsPerChunk - 1) / rowsPerChunk;
     }
-    forEachChunk(firstChunk.back(), [&](std::int64_t chunk) {
+    forEachChunk(firstChunk[jobs.size()], [&](std::int64_t chunk) {
         std::size_t j = 0;
         while (firstChunk[j + 1] <= chunk) {
             ++j;
@@ -278,10 +283,7 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
         };
         runMatmuls(gateUp);
         const auto activate = [&](std::int64_t begin, std::int64_t end) {
-            for (std::int64_t i = begin * ffn; i < end * ffn; ++i) {
-                const float g = s.gate[static_cast<std::size_t>(i)];
-                s.gate[static_cast<std::size_t>(i)] = g / (1.0f + std::exp(-g)) * s.up[static_cast<std::size_t>(i)];
-            }
+            swiGlu(s.gate.data() + begin * ffn, s.up.data() + begin * ffn, (end - begin) * ffn);
         };
         if (n > 1) {
             pool_.parallelFor(n, activate);
