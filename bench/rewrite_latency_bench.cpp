@@ -19,13 +19,14 @@ namespace {
 using namespace parlune;
 
 // A 60-word paragraph, the size of a typical selection.
-const char* const sampleText =
-    "I wanted to reach out to let you know that the quarterly report that we talked about in the meeting last "
-    "week is going to be a little bit late, because the data from the regional offices has not all arrived yet, "
-    "and I think it would be better to wait for everything rather than send something incomplete to the board.";
+const char* const sampleText = "I wanted to reach out to let you know that the quarterly report that we "
+                               "talked about in the meeting last "
+                               "week is going to be a little bit late, because the data from the regional "
+                               "offices has not all arrived yet, "
+                               "and I think it would be better to wait for everything rather than send "
+                               "something incomplete to the board.";
 
-template <typename T>
-T await(QCoro::Task<T>&& task) {
+template <typename T> T await(QCoro::Task<T>&& task) {
     std::optional<T> result;
     std::exception_ptr error;
     auto body = [&]() -> QCoro::Task<void> {
@@ -71,7 +72,9 @@ int main(int argc, char** argv) {
     }
 
     LlmInference::Options options;
-    options.locate = [path] { return std::optional(ModelLocator::inspect(path, ModelFileReport::Source::setting)); };
+    options.locate = [path] {
+        return std::optional(ModelLocator::inspect(path, ModelFileReport::Source::setting));
+    };
     options.threadCount = threads;
     LlmLanguageModelFramework framework(std::move(options));
 

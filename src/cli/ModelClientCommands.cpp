@@ -11,8 +11,8 @@
 #include <QCoreApplication>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <optional>
@@ -37,8 +37,9 @@ void printReport(const ModelFileReport& report, bool chosen) {
     std::printf("%s %s  (%s)\n", chosen ? "*" : " ", report.path.string().c_str(),
                 ModelLocator::sourceName(report.source));
     if (report.usable()) {
-        std::printf("    usable: %s, %s, context %lld tokens%s\n", report.name.c_str(), report.architecture.c_str(),
-                    static_cast<long long>(report.contextLength), report.languages.empty() ? "" : ", languages stated");
+        std::printf("    usable: %s, %s, context %lld tokens%s\n", report.name.c_str(),
+                    report.architecture.c_str(), static_cast<long long>(report.contextLength),
+                    report.languages.empty() ? "" : ", languages stated");
     } else {
         std::printf("    unusable: %s\n", report.problem.c_str());
     }
@@ -158,15 +159,18 @@ int runRewrite(const std::vector<std::string>& arguments) {
         // Counts and times only; the texts stay out of the report.
         std::fprintf(stderr, "total %.3f s", seconds);
         if (const std::optional<LlmResponse>& last = framework.lastResponse()) {
-            std::fprintf(stderr, "; last response: prompt %lld tokens (%lld from the instruction cache), %lld tokens "
-                                 "generated, first token after %.3f s, %.3f s in all",
-                         static_cast<long long>(last->promptTokens), static_cast<long long>(last->promptTokensReused),
+            std::fprintf(stderr,
+                         "; last response: prompt %lld tokens (%lld from the instruction cache), %lld tokens "
+                         "generated, first token after %.3f s, %.3f s in all",
+                         static_cast<long long>(last->promptTokens),
+                         static_cast<long long>(last->promptTokensReused),
                          static_cast<long long>(last->tokens), last->secondsToFirstToken, last->totalSeconds);
         }
         std::fprintf(stderr, "\n");
     }
     if (error) {
-        std::fprintf(stderr, "parlune-cli rewrite: %s\n", UserFacingErrorMessage::message(error).toStdString().c_str());
+        std::fprintf(stderr, "parlune-cli rewrite: %s\n",
+                     UserFacingErrorMessage::message(error).toStdString().c_str());
         return 1;
     }
     const std::string output = result->toStdString();
@@ -182,7 +186,8 @@ CliCommand modelsCommand() {
 }
 
 CliCommand rewriteCommand() {
-    return CliCommand{"rewrite", rewriteUsage, "rewrite standard input with the on-device model", &runRewrite};
+    return CliCommand{"rewrite", rewriteUsage, "rewrite standard input with the on-device model",
+                      &runRewrite};
 }
 
 } // namespace parlune::cli

@@ -15,8 +15,8 @@ std::size_t InstructionPrefixCache::bytesOf(const State& state) {
 std::shared_ptr<const InstructionPrefixCache::State>
 InstructionPrefixCache::find(const std::vector<std::int32_t>& tokens) {
     std::lock_guard lock(mutex_);
-    const auto found =
-        std::find_if(entries_.begin(), entries_.end(), [&](const auto& entry) { return entry->tokens == tokens; });
+    const auto found = std::find_if(entries_.begin(), entries_.end(),
+                                    [&](const auto& entry) { return entry->tokens == tokens; });
     if (found == entries_.end()) {
         return nullptr;
     }

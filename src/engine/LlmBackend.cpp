@@ -39,7 +39,8 @@ void throwIfStopped(const std::atomic<bool>& stop) {
 
 } // namespace
 
-LlmBackend::LlmBackend(std::filesystem::path path, int threadCount, std::shared_ptr<InstructionPrefixCache> prefixCache)
+LlmBackend::LlmBackend(std::filesystem::path path, int threadCount,
+                       std::shared_ptr<InstructionPrefixCache> prefixCache)
     : path_(std::move(path)), threadCount_(std::max(1, threadCount)), prefixCache_(std::move(prefixCache)) {}
 
 LlmBackend::~LlmBackend() = default;
@@ -103,8 +104,8 @@ std::int64_t LlmBackend::promptTokenCount(const std::string& prompt) {
 std::int64_t LlmBackend::prefill(llm::GenerationSession& session, const std::vector<std::int32_t>& prefix,
                                  const std::vector<std::int32_t>& tokens, const std::atomic<bool>& stop) {
     std::int64_t reused = 0;
-    const bool prefixFits =
-        !prefix.empty() && prefix.size() <= tokens.size() && std::equal(prefix.begin(), prefix.end(), tokens.begin());
+    const bool prefixFits = !prefix.empty() && prefix.size() <= tokens.size() &&
+                            std::equal(prefix.begin(), prefix.end(), tokens.begin());
     if (prefixFits) {
         if (auto cached = prefixCache_->find(prefix)) {
             session.restoreState(*cached);

@@ -45,7 +45,8 @@ struct LlmResponse {
 // Failures are LanguageModelGenerationError; a raised stop flag gives CancellationError.
 class LlmBackend {
 public:
-    LlmBackend(std::filesystem::path path, int threadCount, std::shared_ptr<InstructionPrefixCache> prefixCache);
+    LlmBackend(std::filesystem::path path, int threadCount,
+               std::shared_ptr<InstructionPrefixCache> prefixCache);
     ~LlmBackend();
     LlmBackend(const LlmBackend&) = delete;
     LlmBackend& operator=(const LlmBackend&) = delete;
@@ -68,7 +69,8 @@ public:
     void forceResponseTokens(std::optional<std::int64_t> count) { forcedResponseTokens_ = count; }
 
 private:
-    std::vector<std::int32_t> encode(const std::string& text, const std::vector<llm::TextRange>& literal) const;
+    std::vector<std::int32_t> encode(const std::string& text,
+                                     const std::vector<llm::TextRange>& literal) const;
     std::vector<std::int32_t> systemPrefixTokens(const std::string& instructions) const;
     // Leaves `session` holding exactly `tokens`, computed in slices so a stop request is
     // noticed during a long prompt. Returns how many came from the instruction cache.

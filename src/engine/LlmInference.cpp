@@ -12,8 +12,8 @@ constexpr std::chrono::seconds chosenModelLifetime{5};
 } // namespace
 
 LlmInference::LlmInference(Options options)
-    : options_(std::move(options)),
-      prefixCache_(std::make_shared<InstructionPrefixCache>(options_.prefixCacheEntries, options_.prefixCacheBytes)),
+    : options_(std::move(options)), prefixCache_(std::make_shared<InstructionPrefixCache>(
+                                        options_.prefixCacheEntries, options_.prefixCacheBytes)),
       worker_(std::make_unique<LlmWorker>()) {
     if (options_.threadCount <= 0) {
         options_.threadCount = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));

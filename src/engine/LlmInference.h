@@ -28,7 +28,7 @@ public:
 
     struct Options {
         Locate locate;
-        int threadCount = 0;                                  // 0: one per processor
+        int threadCount = 0; // 0: one per processor
         std::size_t prefixCacheEntries = 4;
         std::size_t prefixCacheBytes = std::size_t(256) << 20;
         // Benchmarks only: free-text responses allowed at least this many tokens are exactly this
@@ -46,14 +46,12 @@ public:
     void releaseCaches() { prefixCache_->clear(); }
     InstructionPrefixCache& prefixCache() { return *prefixCache_; }
 
-    template <typename T>
-    using Work = std::function<T(LlmBackend&, const std::atomic<bool>& stop)>;
+    template <typename T> using Work = std::function<T(LlmBackend&, const std::atomic<bool>& stop)>;
 
     // Runs `work` on the worker with the current backend and resumes on the main thread with
     // its result or error. A stop request on `token` raises the flag the work checks between
     // tokens and ends the wait at once with CancellationError.
-    template <typename T>
-    QCoro::Task<T> run(Work<T> work, std::stop_token token) {
+    template <typename T> QCoro::Task<T> run(Work<T> work, std::stop_token token) {
         Continuation<T> done;
         auto stop = std::make_shared<std::atomic<bool>>(token.stop_requested());
         dispatch<T>(std::move(work), stop, done);
@@ -82,9 +80,11 @@ private:
         worker_->post([backend, stop, done, work = std::move(work)]() mutable {
             try {
                 T value = work(*backend, *stop);
-                postToMainThread([done, value = std::move(value)]() mutable { done.resume(std::move(value)); });
+                postToMainThread(
+                    [done, value = std::move(value)]() mutable { done.resume(std::move(value)); });
             } catch (...) {
-                postToMainThread([done, error = std::current_exception()]() mutable { done.resumeThrowing(error); });
+                postToMainThread(
+                    [done, error = std::current_exception()]() mutable { done.resumeThrowing(error); });
             }
         });
     }

@@ -39,13 +39,15 @@ bool LlmLanguageModelFramework::processorIsEligible() {
     return features.avx2 && features.fma;
 }
 
-bool LlmLanguageModelFramework::coversLanguage(const std::vector<std::string>& languages, const QString& localeName) {
+bool LlmLanguageModelFramework::coversLanguage(const std::vector<std::string>& languages,
+                                               const QString& localeName) {
     if (languages.empty()) {
         return true;
     }
     const QString language = localeName.section(QLatin1Char('_'), 0, 0).section(QLatin1Char('-'), 0, 0);
     for (const std::string& entry : languages) {
-        const QString stated = QString::fromStdString(entry).section(QLatin1Char('_'), 0, 0).section(QLatin1Char('-'), 0, 0);
+        const QString stated =
+            QString::fromStdString(entry).section(QLatin1Char('_'), 0, 0).section(QLatin1Char('-'), 0, 0);
         if (stated.compare(language, Qt::CaseInsensitive) == 0) {
             return true;
         }
@@ -83,7 +85,8 @@ QCoro::Task<std::int64_t> LlmLanguageModelFramework::tokenCountOfInstructions(QS
     co_return co_await inference_->run<std::int64_t>(std::move(work), token);
 }
 
-QCoro::Task<std::int64_t> LlmLanguageModelFramework::tokenCountOfPrompt(QString prompt, std::stop_token token) {
+QCoro::Task<std::int64_t> LlmLanguageModelFramework::tokenCountOfPrompt(QString prompt,
+                                                                        std::stop_token token) {
     LlmInference::Work<std::int64_t> work = countWork(prompt.toStdString(), Counted::prompt);
     co_return co_await inference_->run<std::int64_t>(std::move(work), token);
 }

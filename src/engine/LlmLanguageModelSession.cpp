@@ -25,7 +25,8 @@ LlmInference::Work<LlmResponse> generateWork(LlmRequest request) {
 
 } // namespace
 
-LlmLanguageModelSession::LlmLanguageModelSession(std::shared_ptr<LlmInference> inference, QString instructions)
+LlmLanguageModelSession::LlmLanguageModelSession(std::shared_ptr<LlmInference> inference,
+                                                 QString instructions)
     : inference_(std::move(inference)), instructions_(std::move(instructions)) {}
 
 void LlmLanguageModelSession::prewarm(const QString&) {
@@ -54,20 +55,25 @@ QCoro::Task<LlmResponse> LlmLanguageModelSession::run(LlmRequest request, std::s
 
 QCoro::Task<QString> LlmLanguageModelSession::respond(QString prompt, GenerationOptions options,
                                                       std::stop_token token) {
-    LlmRequest request{instructions_.toStdString(), prompt.toStdString(),
-                       options.maximumResponseTokens.value_or(defaultMaximumTokens), {}};
+    LlmRequest request{instructions_.toStdString(),
+                       prompt.toStdString(),
+                       options.maximumResponseTokens.value_or(defaultMaximumTokens),
+                       {}};
     const LlmResponse response = co_await run(std::move(request), token);
     co_return QString::fromStdString(response.text);
 }
 
 QCoro::Task<GeneratedContent> LlmLanguageModelSession::respond(QString prompt, GenerationSchema schema,
-                                                               bool includeSchemaInPrompt, GenerationOptions options,
+                                                               bool includeSchemaInPrompt,
+                                                               GenerationOptions options,
                                                                std::stop_token token) {
     if (includeSchemaInPrompt) {
         prompt += schemaDescription(schema);
     }
-    LlmRequest request{instructions_.toStdString(), prompt.toStdString(),
-                       options.maximumResponseTokens.value_or(defaultMaximumTokens), {}};
+    LlmRequest request{instructions_.toStdString(),
+                       prompt.toStdString(),
+                       options.maximumResponseTokens.value_or(defaultMaximumTokens),
+                       {}};
     for (const GenerationSchema::Property& property : schema.properties) {
         request.schemaProperties.push_back(property.name.toStdString());
     }
@@ -79,9 +85,10 @@ QCoro::Task<GeneratedContent> LlmLanguageModelSession::respond(QString prompt, G
 }
 
 QString LlmLanguageModelSession::schemaDescription(const GenerationSchema& schema) {
-    QString text = QStringLiteral("\n\nRespond with one JSON object (%1: %2) with these string properties, in this "
-                                  "order:")
-                       .arg(schema.typeName, schema.typeDescription);
+    QString text =
+        QStringLiteral("\n\nRespond with one JSON object (%1: %2) with these string properties, in this "
+                       "order:")
+            .arg(schema.typeName, schema.typeDescription);
     for (const GenerationSchema::Property& property : schema.properties) {
         text += QStringLiteral("\n- \"%1\": %2").arg(property.name, property.description);
     }

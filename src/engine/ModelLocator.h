@@ -14,8 +14,8 @@ struct ModelFileReport {
 
     std::filesystem::path path;
     Source source = Source::modelsFolder;
-    std::string problem;                // empty: usable
-    std::string name;                   // general.name, or the file name
+    std::string problem; // empty: usable
+    std::string name;    // general.name, or the file name
     std::string architecture;
     std::int64_t contextLength = 0;
     std::vector<std::string> languages; // general.languages; empty: not stated

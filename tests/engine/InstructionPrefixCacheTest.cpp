@@ -20,13 +20,13 @@ TEST(InstructionPrefixCacheTest, LeastRecentlyUsedGoesFirstWhenEntriesRunOut) {
     InstructionPrefixCache cache(2, std::size_t(1) << 30);
     cache.insert(stateOf(1, 3));
     cache.insert(stateOf(10, 3));
-    ASSERT_TRUE(cache.find({1, 2, 3}));   // now the most recent
-    cache.insert(stateOf(20, 3));         // evicts 10..12
+    ASSERT_TRUE(cache.find({1, 2, 3})); // now the most recent
+    cache.insert(stateOf(20, 3));       // evicts 10..12
     EXPECT_TRUE(cache.find({1, 2, 3}));
     EXPECT_FALSE(cache.find({10, 11, 12}));
     EXPECT_TRUE(cache.find({20, 21, 22}));
-    EXPECT_FALSE(cache.find({1, 2}));     // only exact token sequences match
-    cache.insert(stateOf(1, 3));          // replaces, does not duplicate
+    EXPECT_FALSE(cache.find({1, 2})); // only exact token sequences match
+    cache.insert(stateOf(1, 3));      // replaces, does not duplicate
     EXPECT_EQ(cache.size(), 2u);
     cache.clear();
     EXPECT_EQ(cache.size(), 0u);

@@ -58,29 +58,31 @@ bool isPrefix(const JsonObjectGrammar& grammar, const std::string& text) {
 TEST(JsonObjectGrammarTest, AcceptsDeclaredObjectsWithEscapesAndUnicode) {
     const JsonObjectGrammar grammar(twoProperties);
     EXPECT_TRUE(accepts(grammar, R"({"rewrittenPrompt":"a","note":""})"));
-    EXPECT_TRUE(accepts(grammar, "{\n  \"rewrittenPrompt\": \"Task: x\\n\\\"q\\\" \\u00e9 \\\\\",\n  \"note\": \"ok\"\n}"));
-    EXPECT_TRUE(accepts(grammar, "{\"rewrittenPrompt\":\"caf\xC3\xA9 \xE2\x80\x94 \xF0\x9F\x98\x80\",\"note\":\"\"}"));
+    EXPECT_TRUE(accepts(
+        grammar, "{\n  \"rewrittenPrompt\": \"Task: x\\n\\\"q\\\" \\u00e9 \\\\\",\n  \"note\": \"ok\"\n}"));
+    EXPECT_TRUE(accepts(grammar,
+                        "{\"rewrittenPrompt\":\"caf\xC3\xA9 \xE2\x80\x94 \xF0\x9F\x98\x80\",\"note\":\"\"}"));
 }
 
 TEST(JsonObjectGrammarTest, RefusesEverythingElse) {
     const JsonObjectGrammar grammar(twoProperties);
-    EXPECT_FALSE(isPrefix(grammar, R"({"note":)"));                       // wrong order
-    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPromptX)"));             // another key
-    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":1)"));           // not a string
-    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"a"})"));        // member missing
-    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"a","note":"b",)")); // extra member
+    EXPECT_FALSE(isPrefix(grammar, R"({"note":)"));                            // wrong order
+    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPromptX)"));                  // another key
+    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":1)"));                // not a string
+    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"a"})"));             // member missing
+    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"a","note":"b",)"));  // extra member
     EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"a","note":"b"} )")); // trailing text
-    EXPECT_FALSE(isPrefix(grammar, " {"));                                  // leading space
-    EXPECT_FALSE(isPrefix(grammar, "{     \""));                            // whitespace run too long
-    EXPECT_FALSE(isPrefix(grammar, "{\t\""));                               // tabs are not allowed
-    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"a\nb"));          // raw control character
-    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"\x)"));           // unknown escape
-    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"\u12g)"));        // bad hex digit
-    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"\ud83d)"));       // lone surrogate half
-    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"\xC0\xAF"));      // overlong
-    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"\xED\xA0\x80"));  // encoded surrogate
-    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"\xF4\x90"));      // above U+10FFFF
-    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"\xC3\""));        // truncated character
+    EXPECT_FALSE(isPrefix(grammar, " {"));                                     // leading space
+    EXPECT_FALSE(isPrefix(grammar, "{     \""));                               // whitespace run too long
+    EXPECT_FALSE(isPrefix(grammar, "{\t\""));                                  // tabs are not allowed
+    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"a\nb"));            // raw control character
+    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"\x)"));              // unknown escape
+    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"\u12g)"));           // bad hex digit
+    EXPECT_FALSE(isPrefix(grammar, R"({"rewrittenPrompt":"\ud83d)"));          // lone surrogate half
+    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"\xC0\xAF"));        // overlong
+    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"\xED\xA0\x80"));    // encoded surrogate
+    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"\xF4\x90"));        // above U+10FFFF
+    EXPECT_FALSE(isPrefix(grammar, "{\"rewrittenPrompt\":\"\xC3\""));          // truncated character
     EXPECT_THROW(JsonObjectGrammar({}), std::invalid_argument);
     EXPECT_THROW(JsonObjectGrammar({"a\"b"}), std::invalid_argument);
 }
@@ -93,7 +95,8 @@ TEST(JsonObjectGrammarTest, CompletionFromEveryPrefixIsShortestAndValid) {
     for (std::size_t i = 0; i <= full.size(); ++i) {
         const std::string completion = grammar.completion(state);
         EXPECT_EQ(completion.size(), grammar.completionLength(state)) << "after " << i << " bytes";
-        EXPECT_TRUE(parsesAsDeclared(full.substr(0, i) + completion, twoProperties)) << "after " << i << " bytes";
+        EXPECT_TRUE(parsesAsDeclared(full.substr(0, i) + completion, twoProperties))
+            << "after " << i << " bytes";
         if (i < full.size()) {
             ASSERT_TRUE(grammar.advance(state, static_cast<unsigned char>(full[i])));
         }
@@ -109,7 +112,8 @@ std::unique_ptr<Tokenizer> loadVocabulary(const std::string& fixture) {
         return Tokenizer::fromGguf(*GgufFile::open(path));
     }
     TestModelSpec spec = *TestModelSpec::shape("tiny", Architecture::llama);
-    return Tokenizer::fromGguf(*GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes(), "tiny vocabulary"));
+    return Tokenizer::fromGguf(
+        *GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes(), "tiny vocabulary"));
 }
 
 class JsonObjectConstraintWalk : public ::testing::TestWithParam<std::string> {};
@@ -128,7 +132,8 @@ TEST_P(JsonObjectConstraintWalk, RandomAllowedTokensAlwaysKeepAValidPrefix) {
                 ASSERT_FALSE(table->isEndOfGeneration(token)) << "end allowed before the object is complete";
             }
             // Structural tokens are rare among the allowed ones; favour them half the time so walks finish.
-            std::int32_t token = allowed[std::uniform_int_distribution<std::size_t>(0, allowed.size() - 1)(random)];
+            std::int32_t token =
+                allowed[std::uniform_int_distribution<std::size_t>(0, allowed.size() - 1)(random)];
             if (random() % 2 == 0) {
                 for (const std::int32_t candidate : allowed) {
                     const std::string& bytes = table->bytes(candidate);
@@ -144,7 +149,8 @@ TEST_P(JsonObjectConstraintWalk, RandomAllowedTokensAlwaysKeepAValidPrefix) {
         // Wherever the walk stopped, the shortest completion closes it into a declared object.
         JsonObjectGrammar::State state = constraint.grammar().initial();
         ASSERT_TRUE(constraint.grammar().advance(state, constraint.text()));
-        EXPECT_TRUE(parsesAsDeclared(constraint.text() + constraint.grammar().completion(state), twoProperties));
+        EXPECT_TRUE(
+            parsesAsDeclared(constraint.text() + constraint.grammar().completion(state), twoProperties));
         if (constraint.isComplete()) {
             EXPECT_EQ(constraint.allowedTokens(), table->endOfGeneration());
         }
@@ -180,9 +186,9 @@ INSTANTIATE_TEST_SUITE_P(Vocabularies, JsonObjectConstraintWalk,
                          ::testing::Values(std::string(), std::string("vocab/ggml-vocab-gpt-2.gguf"),
                                            std::string("models/qwen2-tiny-Q8_0.gguf")),
                          [](const ::testing::TestParamInfo<std::string>& param) {
-                             return param.param.empty() ? std::string("builtin")
-                                                       : param.param.find("qwen") != std::string::npos
-                                                             ? std::string("qwen2") : std::string("gpt2");
+                             return param.param.empty()                             ? std::string("builtin")
+                                    : param.param.find("qwen") != std::string::npos ? std::string("qwen2")
+                                                                                    : std::string("gpt2");
                          });
 
 TEST(JsonObjectConstraintTest, BestTokenPrefersTheLargestAllowedLogit) {

@@ -40,13 +40,14 @@ std::filesystem::path writeTinyModel(const std::filesystem::path& path, std::int
 
 LlmInference::Options optionsFor(const std::filesystem::path& path) {
     LlmInference::Options options;
-    options.locate = [path] { return std::optional(ModelLocator::inspect(path, ModelFileReport::Source::setting)); };
+    options.locate = [path] {
+        return std::optional(ModelLocator::inspect(path, ModelFileReport::Source::setting));
+    };
     options.threadCount = 1;
     return options;
 }
 
-template <typename T>
-std::optional<FrameworkKind> frameworkKindOf(QCoro::Task<T>&& task) {
+template <typename T> std::optional<FrameworkKind> frameworkKindOf(QCoro::Task<T>&& task) {
     try {
         (void)test::runTask(std::move(task));
     } catch (const LanguageModelGenerationError& failure) {
@@ -110,7 +111,8 @@ TEST_F(LlmFrameworkTest, AvailabilityReasonsAndLanguages) {
     const std::filesystem::path dir(folder.path().toStdString());
     LlmLanguageModelFramework missing(optionsFor(dir / "missing.gguf"));
     EXPECT_EQ(missing.availability().unavailableReason, LanguageModelUnavailableReason::modelNotReady);
-    EXPECT_EQ(frameworkKindOf(missing.openSession(QStringLiteral("x"))->respond(QStringLiteral("y"), greedy(4), {})),
+    EXPECT_EQ(frameworkKindOf(
+                  missing.openSession(QStringLiteral("x"))->respond(QStringLiteral("y"), greedy(4), {})),
               FrameworkKind::assetsUnavailable);
 
     std::ofstream(dir / "broken.gguf") << "GGUF but not really";
@@ -132,7 +134,8 @@ TEST_F(LlmFrameworkTest, AvailabilityReasonsAndLanguages) {
 
 TEST_F(LlmFrameworkTest, TokenCountsAddUpToThePromptActuallyProcessed) {
     LlmLanguageModelFramework framework(optionsFor(modelPath));
-    const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::casual, QStringLiteral("Warm tone"));
+    const QString instructions =
+        RewritePrompt::rewriteInstructions(RewriteMode::casual, QStringLiteral("Warm tone"));
     const QString prompt = RewritePrompt::prompt(QStringLiteral("Hello <|im_end|> there"));
     const std::int64_t counted = test::runTask(framework.tokenCountOfInstructions(instructions, {})) +
                                  test::runTask(framework.tokenCountOfPrompt(prompt, {}));
@@ -172,8 +175,10 @@ TEST_F(LlmFrameworkTest, SchemaResponsesAlwaysParseWithinTheTokenLimit) {
     const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::improvePrompt, {});
     for (const std::int64_t limit : {24, 64}) {
         for (const char* text : {"explain \"quotes\" and \\ slashes", "caf\xC3\xA9 na\xC3\xAFve"}) {
-            const GeneratedContent content = test::runTask(framework.openSession(instructions)->respond(
-                RewritePrompt::prompt(QString::fromUtf8(text)), schema, true, greedy(limit), {}));
+            const GeneratedContent content =
+                test::runTask(framework.openSession(instructions)
+                                  ->respond(RewritePrompt::prompt(QString::fromUtf8(text)), schema, true,
+                                            greedy(limit), {}));
             EXPECT_EQ(content.size(), 1u);
             EXPECT_TRUE(content.contains(ImprovedPromptOutput::propertyName()));
             EXPECT_LE(framework.lastResponse()->tokens, limit);
@@ -190,13 +195,15 @@ TEST_F(LlmFrameworkTest, ContextOverflowConcurrencyAndCancellation) {
     const std::filesystem::path dir(folder.path().toStdString());
     LlmLanguageModelFramework small(optionsFor(writeTinyModel(dir / "small.gguf", 64)));
     const QString longText = QString(QStringLiteral("word ")).repeated(80);
-    EXPECT_EQ(frameworkKindOf(small.openSession(QStringLiteral("Be brief."))->respond(longText, greedy(8), {})),
-              FrameworkKind::exceededContextWindowSize);
+    EXPECT_EQ(
+        frameworkKindOf(small.openSession(QStringLiteral("Be brief."))->respond(longText, greedy(8), {})),
+        FrameworkKind::exceededContextWindowSize);
 
     LlmLanguageModelFramework framework(optionsFor(modelPath));
     const auto session = framework.openSession(QStringLiteral("Be brief."));
     std::stop_source stop;
-    QCoro::Task<QString> running = session->respond(QStringLiteral("Go on and on."), greedy(2000), stop.get_token());
+    QCoro::Task<QString> running =
+        session->respond(QStringLiteral("Go on and on."), greedy(2000), stop.get_token());
     EXPECT_EQ(frameworkKindOf(session->respond(QStringLiteral("Again"), greedy(4), {})),
               FrameworkKind::concurrentRequests);
     stop.request_stop();
@@ -217,7 +224,8 @@ TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
     LlmLanguageModelFramework reference(optionsFor(modelPath));
     const std::int64_t budget = RewritePrompt::estimatedTokenCount(text) * 2 + 32;
     const QString expected = RewriteOutputValidator::cleanedRewrite(
-        test::runTask(reference.openSession(instructions)->respond(RewritePrompt::prompt(text), greedy(budget), {})),
+        test::runTask(
+            reference.openSession(instructions)->respond(RewritePrompt::prompt(text), greedy(budget), {})),
         text);
 
     ASSERT_FALSE(expected.trimmed().isEmpty());
@@ -231,7 +239,8 @@ TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
     EXPECT_EQ(engineKindOf(client.rewrite(QStringLiteral("plan a trip"), RewriteMode::improvePrompt, {}, {})),
               EngineKind::generationFailed);
     // Far too long for a 2048-token window once counted exactly.
-    EXPECT_EQ(engineKindOf(client.rewrite(QString(QStringLiteral("word ")).repeated(290), RewriteMode::casual, {}, {})),
+    EXPECT_EQ(engineKindOf(client.rewrite(QString(QStringLiteral("word ")).repeated(290), RewriteMode::casual,
+                                          {}, {})),
               EngineKind::selectionTooLong);
 }
 

@@ -46,9 +46,15 @@ public:
     LanguageModelAvailabilityStatus availability() const override { return status; }
     bool supportsCurrentLocale() const override { return localeSupported; }
     std::optional<std::int64_t> contextSize() const override { return context; }
-    QCoro::Task<std::int64_t> tokenCountOfInstructions(QString, std::stop_token) override { co_return instructionTokens; }
-    QCoro::Task<std::int64_t> tokenCountOfPrompt(QString, std::stop_token) override { co_return promptTokens; }
-    QCoro::Task<std::int64_t> tokenCountOfSchema(GenerationSchema, std::stop_token) override { co_return schemaTokens; }
+    QCoro::Task<std::int64_t> tokenCountOfInstructions(QString, std::stop_token) override {
+        co_return instructionTokens;
+    }
+    QCoro::Task<std::int64_t> tokenCountOfPrompt(QString, std::stop_token) override {
+        co_return promptTokens;
+    }
+    QCoro::Task<std::int64_t> tokenCountOfSchema(GenerationSchema, std::stop_token) override {
+        co_return schemaTokens;
+    }
 
     std::unique_ptr<LanguageModelSession> openSession(const QString& instructions) override {
         openedWith.push_back(instructions);
@@ -71,13 +77,14 @@ private:
 
         void prewarm(const QString&) override { owner_.prewarmed.push_back(instructions_); }
 
-        QCoro::Task<QString> respond(QString prompt, GenerationOptions options, std::stop_token token) override {
+        QCoro::Task<QString> respond(QString prompt, GenerationOptions options,
+                                     std::stop_token token) override {
             Request request{instructions_, prompt, options, false};
             co_return co_await answerFor(std::move(request), token);
         }
 
-        QCoro::Task<GeneratedContent> respond(QString prompt, GenerationSchema schema, bool, GenerationOptions options,
-                                              std::stop_token token) override {
+        QCoro::Task<GeneratedContent> respond(QString prompt, GenerationSchema schema, bool,
+                                              GenerationOptions options, std::stop_token token) override {
             Request request{instructions_, prompt, options, true};
             const QString text = co_await answerFor(std::move(request), token);
             co_return GeneratedContent{{schema.properties.front().name, text}};

@@ -77,7 +77,8 @@ struct OnDeviceModelClient::Preparation {
     std::vector<Continuation<void>> waiters;
 };
 
-OnDeviceModelClient::OnDeviceModelClient(LanguageModelFramework& framework, MemoryPressureSource* memoryPressure)
+OnDeviceModelClient::OnDeviceModelClient(LanguageModelFramework& framework,
+                                         MemoryPressureSource* memoryPressure)
     : framework_(framework), memoryPressure_(memoryPressure) {
     if (memoryPressure_) {
         memoryPressure_->start([owner = lifetime_.weak(this)](MemoryPressureLevel) {
@@ -266,7 +267,8 @@ QCoro::Task<QString> OnDeviceModelClient::generate(const QString& text, RewriteM
     if (mode == RewriteMode::improvePrompt) {
         const GenerationSchema& schema = ImprovedPromptOutput::schema();
         const GeneratedContent content = co_await session->respond(prompt, schema, true, options, token);
-        const std::optional<ImprovedPromptOutput> output = ImprovedPromptOutput::fromGeneratedContent(content);
+        const std::optional<ImprovedPromptOutput> output =
+            ImprovedPromptOutput::fromGeneratedContent(content);
         if (!output) {
             throw LocalRewriteEngineError(EngineKind::generationFailed);
         }

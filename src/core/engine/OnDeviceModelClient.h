@@ -31,7 +31,8 @@ public:
     // Throws the engine error named like the availability when the model cannot be used now.
     void ensureAvailable() const;
     QCoro::Task<void> prepare(std::stop_token token) override;
-    QCoro::Task<QString> rewrite(QString text, RewriteMode mode, QString preferences, std::stop_token token) override;
+    QCoro::Task<QString> rewrite(QString text, RewriteMode mode, QString preferences,
+                                 std::stop_token token) override;
 
     // Forgets the warm-up: a running one ends with CancellationError, a kept session is dropped.
     void invalidateWarmup();
@@ -47,7 +48,8 @@ public:
 private:
     struct Preparation;
 
-    static QCoro::Task<void> runPreparation(std::shared_ptr<Preparation> preparation, WeakRef<OnDeviceModelClient> owner);
+    static QCoro::Task<void> runPreparation(std::shared_ptr<Preparation> preparation,
+                                            WeakRef<OnDeviceModelClient> owner);
     QCoro::Task<void> join(std::shared_ptr<Preparation> preparation, std::stop_token token);
     QCoro::Task<QString> generate(const QString& text, RewriteMode mode, const QString& preferences,
                                   std::stop_token token);

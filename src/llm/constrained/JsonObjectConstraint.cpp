@@ -56,7 +56,8 @@ bool JsonObjectConstraint::fits(const JsonObjectGrammar::State& after, std::int6
     return static_cast<std::int64_t>(grammar_.completionLength(after)) <= remainingTokens - 1;
 }
 
-std::int32_t JsonObjectConstraint::bestToken(std::span<const float> logits, std::int64_t remainingTokens) const {
+std::int32_t JsonObjectConstraint::bestToken(std::span<const float> logits,
+                                             std::int64_t remainingTokens) const {
     const auto vocabulary = std::min<std::int64_t>(static_cast<std::int64_t>(logits.size()), table_->size());
     if (remainingTokens <= 0 || vocabulary <= 0) {
         return -1;
@@ -95,7 +96,8 @@ std::int32_t JsonObjectConstraint::bestToken(std::span<const float> logits, std:
             if (token >= vocabulary) {
                 break; // buckets are ascending
             }
-            if (best >= 0 && (logits[token] < logits[best] || (logits[token] == logits[best] && token > best))) {
+            if (best >= 0 &&
+                (logits[token] < logits[best] || (logits[token] == logits[best] && token > best))) {
                 continue;
             }
             const std::string& bytes = table_->bytes(token);

@@ -7,19 +7,21 @@ namespace parlune::llm {
 namespace {
 
 enum Phase : std::uint8_t {
-    start,        // before '{'
-    beforeKey,    // after '{' or ',': whitespace, then '"'
-    key,          // inside the key; count = bytes of the name matched
-    afterKey,     // after the key's closing quote: whitespace, then ':'
-    beforeValue,  // after ':': whitespace, then '"'
-    value,        // inside the string value
-    escape,       // after a backslash
-    hex,          // inside \uXXXX; count = digits read
-    afterValue,   // after the value's closing quote: whitespace, then ',' or '}'
+    start,       // before '{'
+    beforeKey,   // after '{' or ',': whitespace, then '"'
+    key,         // inside the key; count = bytes of the name matched
+    afterKey,    // after the key's closing quote: whitespace, then ':'
+    beforeValue, // after ':': whitespace, then '"'
+    value,       // inside the string value
+    escape,      // after a backslash
+    hex,         // inside \uXXXX; count = digits read
+    afterValue,  // after the value's closing quote: whitespace, then ',' or '}'
     done,
 };
 
-bool isWhitespace(unsigned char byte) { return byte == ' ' || byte == '\n'; }
+bool isWhitespace(unsigned char byte) {
+    return byte == ' ' || byte == '\n';
+}
 
 int hexValue(unsigned char byte) {
     if (byte >= '0' && byte <= '9') {
@@ -72,7 +74,8 @@ bool startUtf8(JsonObjectGrammar::State& state, unsigned char byte) {
 
 } // namespace
 
-JsonObjectGrammar::JsonObjectGrammar(std::vector<std::string> propertyNames) : names_(std::move(propertyNames)) {
+JsonObjectGrammar::JsonObjectGrammar(std::vector<std::string> propertyNames)
+    : names_(std::move(propertyNames)) {
     if (names_.empty() || names_.size() > 0xFFFF) {
         throw std::invalid_argument("a JSON object constraint needs at least one property");
     }
@@ -83,7 +86,8 @@ JsonObjectGrammar::JsonObjectGrammar(std::vector<std::string> propertyNames) : n
         for (const char c : name) {
             const auto byte = static_cast<unsigned char>(c);
             if (byte < 0x20 || byte > 0x7E || byte == '"' || byte == '\\') {
-                throw std::invalid_argument("property names must be printable ASCII without quotes or backslashes");
+                throw std::invalid_argument(
+                    "property names must be printable ASCII without quotes or backslashes");
             }
         }
     }
@@ -241,9 +245,13 @@ bool JsonObjectGrammar::advance(State& state, const std::string& bytes) const {
     return true;
 }
 
-bool JsonObjectGrammar::isComplete(const State& state) const { return state.phase == done; }
+bool JsonObjectGrammar::isComplete(const State& state) const {
+    return state.phase == done;
+}
 
-std::size_t JsonObjectGrammar::restAfterValue(std::size_t property) const { return suffixLength_[property + 1] + 1; }
+std::size_t JsonObjectGrammar::restAfterValue(std::size_t property) const {
+    return suffixLength_[property + 1] + 1;
+}
 
 std::size_t JsonObjectGrammar::completionLength(const State& state) const {
     const std::size_t p = state.property;

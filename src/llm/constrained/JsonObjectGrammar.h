@@ -22,8 +22,8 @@ public:
         std::uint8_t utf8Pending = 0; // continuation bytes still owed by a multi-byte character
         std::uint8_t utf8Low = 0x80;  // allowed range of the next continuation byte
         std::uint8_t utf8High = 0xBF;
-        std::uint16_t property = 0;   // index of the member being read
-        std::uint16_t hexFirst = 0;   // first digit of a \u escape, to refuse surrogates
+        std::uint16_t property = 0; // index of the member being read
+        std::uint16_t hexFirst = 0; // first digit of a \u escape, to refuse surrogates
     };
 
     // Property names must be non-empty printable ASCII without '"' or '\'; throws

@@ -28,7 +28,9 @@ std::optional<EngineKind> engineKindOf(const std::exception_ptr& error) {
     }
 }
 
-bool isCancellationError(const std::exception_ptr& error) { return error && isCancellation(error); }
+bool isCancellationError(const std::exception_ptr& error) {
+    return error && isCancellation(error);
+}
 
 struct Outcome {
     bool done = false;
@@ -36,8 +38,8 @@ struct Outcome {
     std::exception_ptr error;
 };
 
-QCoro::Task<void> rewriteInto(OnDeviceModelClient& client, QString text, RewriteMode mode, std::stop_token token,
-                              std::shared_ptr<Outcome> outcome) {
+QCoro::Task<void> rewriteInto(OnDeviceModelClient& client, QString text, RewriteMode mode,
+                              std::stop_token token, std::shared_ptr<Outcome> outcome) {
     try {
         outcome->text = co_await client.rewrite(text, mode, QString(), token);
     } catch (...) {
@@ -46,7 +48,8 @@ QCoro::Task<void> rewriteInto(OnDeviceModelClient& client, QString text, Rewrite
     outcome->done = true;
 }
 
-QCoro::Task<void> prepareInto(OnDeviceModelClient& client, std::stop_token token, std::shared_ptr<Outcome> outcome) {
+QCoro::Task<void> prepareInto(OnDeviceModelClient& client, std::stop_token token,
+                              std::shared_ptr<Outcome> outcome) {
     try {
         co_await client.prepare(token);
     } catch (...) {
@@ -103,8 +106,9 @@ TEST_F(OnDeviceModelClientTest, UnavailableModelFailsBeforeTheGateAndTrivialClar
     EXPECT_TRUE(framework.openedWith.empty());
 
     framework.localeSupported = true;
-    EXPECT_EQ(test::runTask(client.rewrite(QStringLiteral("Hello  world"), RewriteMode::improveClarity, {}, {})),
-              QStringLiteral("Hello world"));
+    EXPECT_EQ(
+        test::runTask(client.rewrite(QStringLiteral("Hello  world"), RewriteMode::improveClarity, {}, {})),
+        QStringLiteral("Hello world"));
     EXPECT_TRUE(framework.openedWith.empty());
     EXPECT_FALSE(client.generationGate().isAcquired());
 }
@@ -120,18 +124,21 @@ TEST_F(OnDeviceModelClientTest, StyleRewriteWarmsOnceAndUsesAFreshSessionEachTim
 
     ASSERT_EQ(framework.openedWith.size(), 2u);
     EXPECT_EQ(framework.openedWith[0], RewritePrompt::warmupInstructions());
-    EXPECT_EQ(framework.openedWith[1], RewritePrompt::rewriteInstructions(RewriteMode::makeConcise, QStringLiteral("Be brief")));
+    EXPECT_EQ(framework.openedWith[1],
+              RewritePrompt::rewriteInstructions(RewriteMode::makeConcise, QStringLiteral("Be brief")));
     ASSERT_EQ(framework.requests.size(), 2u);
     EXPECT_EQ(framework.requests[0].prompt, RewritePrompt::warmupPrompt());
     EXPECT_EQ(framework.requests[0].options.maximumResponseTokens, 1);
     const auto& request = framework.requests[1];
-    EXPECT_EQ(request.prompt, QStringLiteral("<parlune_selected_text>\n") + text + QStringLiteral("\n</parlune_selected_text>"));
+    EXPECT_EQ(request.prompt, QStringLiteral("<parlune_selected_text>\n") + text +
+                                  QStringLiteral("\n</parlune_selected_text>"));
     EXPECT_EQ(request.options.maximumResponseTokens, 64);
     EXPECT_EQ(request.options.temperature, 0.0);
     EXPECT_FALSE(request.withSchema);
     EXPECT_TRUE(client.isWarm());
 
-    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), QStringLiteral("Shorter."));
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})),
+              QStringLiteral("Shorter."));
     EXPECT_EQ(framework.requestsWithInstructions(RewritePrompt::warmupInstructions()), 1u);
     EXPECT_EQ(framework.openedWith.size(), 3u); // the kept warm-up session is only prewarmed again
     EXPECT_EQ(framework.prewarmed.size(), 2u);
@@ -144,8 +151,9 @@ TEST_F(OnDeviceModelClientTest, ImprovePromptAnswersAreRebuiltOrRejectedAndEmpty
     framework.answer = [&reply](const ScriptedLanguageModelFramework::Request&) { return reply; };
     const QString text = QStringLiteral("write a poem");
 
-    reply = QStringLiteral("- **Task:** Write a poem.\n- **Audience and focus:** Friends.\n- **Requirements:** "
-                           "Rhymes.\n- **Output format:** Four lines.");
+    reply =
+        QStringLiteral("- **Task:** Write a poem.\n- **Audience and focus:** Friends.\n- **Requirements:** "
+                       "Rhymes.\n- **Output format:** Four lines.");
     EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::improvePrompt, {}, {})),
               QStringLiteral("Task: Write a poem.\nAudience and focus: Friends.\nRequirements: Rhymes.\n"
                              "Output format: Four lines."));
@@ -153,13 +161,16 @@ TEST_F(OnDeviceModelClientTest, ImprovePromptAnswersAreRebuiltOrRejectedAndEmpty
     EXPECT_EQ(framework.requests.back().options.maximumResponseTokens, 128);
 
     reply = QStringLiteral("Task: Write a poem.\nRequirements: Rhymes.\nOutput format: Four lines.");
-    EXPECT_EQ(engineKindOf(rewriteError(client, text, RewriteMode::improvePrompt)), EngineKind::generationFailed);
+    EXPECT_EQ(engineKindOf(rewriteError(client, text, RewriteMode::improvePrompt)),
+              EngineKind::generationFailed);
     reply = QStringLiteral("Task: a\nAudience and focus: b\nRequirements:\nOutput format: c");
     EXPECT_EQ(engineKindOf(rewriteError(client, text, RewriteMode::improvePrompt)), EngineKind::emptyRewrite);
 
-    for (const QString& empty : {QStringLiteral("  \n\t"), QStringLiteral("<rewritten_text>\n</rewritten_text>")}) {
+    for (const QString& empty :
+         {QStringLiteral("  \n\t"), QStringLiteral("<rewritten_text>\n</rewritten_text>")}) {
         reply = empty;
-        EXPECT_EQ(engineKindOf(rewriteError(client, text, RewriteMode::professional)), EngineKind::emptyRewrite);
+        EXPECT_EQ(engineKindOf(rewriteError(client, text, RewriteMode::professional)),
+                  EngineKind::emptyRewrite);
     }
     EXPECT_FALSE(client.generationGate().isAcquired());
 }
@@ -183,7 +194,8 @@ TEST_F(OnDeviceModelClientTest, FrameworkErrorsAreSanitised) {
         framework.answer = [thrown = thrown](const ScriptedLanguageModelFramework::Request&) -> QString {
             throw LanguageModelGenerationError(thrown);
         };
-        EXPECT_EQ(engineKindOf(rewriteError(client, QStringLiteral("Some text"), RewriteMode::casual)), expected);
+        EXPECT_EQ(engineKindOf(rewriteError(client, QStringLiteral("Some text"), RewriteMode::casual)),
+                  expected);
         EXPECT_FALSE(client.generationGate().isAcquired());
     }
     framework.answer = [](const ScriptedLanguageModelFramework::Request&) -> QString {
@@ -191,7 +203,8 @@ TEST_F(OnDeviceModelClientTest, FrameworkErrorsAreSanitised) {
     };
     EXPECT_EQ(engineKindOf(rewriteError(client, QStringLiteral("Some text"), RewriteMode::casual)),
               EngineKind::generationFailed);
-    EXPECT_TRUE(isCancellationError(OnDeviceModelClient::sanitized(std::make_exception_ptr(CancellationError{}))));
+    EXPECT_TRUE(
+        isCancellationError(OnDeviceModelClient::sanitized(std::make_exception_ptr(CancellationError{}))));
     EXPECT_EQ(engineKindOf(OnDeviceModelClient::sanitized(
                   std::make_exception_ptr(LocalRewriteEngineError(EngineKind::emptyRewrite)))),
               EngineKind::emptyRewrite);
@@ -259,9 +272,11 @@ TEST_F(OnDeviceModelClientTest, CancellationWhileWaitingForTheGateOrGeneratingRe
     auto second = std::make_shared<Outcome>();
     std::stop_source firstStop;
     std::stop_source secondStop;
-    QCoro::Task<void> a = rewriteInto(client, QStringLiteral("First text"), RewriteMode::casual, firstStop.get_token(), first);
+    QCoro::Task<void> a =
+        rewriteInto(client, QStringLiteral("First text"), RewriteMode::casual, firstStop.get_token(), first);
     ASSERT_TRUE(test::pumpUntil([&] { return framework.held.size() == 1; }));
-    QCoro::Task<void> b = rewriteInto(client, QStringLiteral("Second text"), RewriteMode::casual, secondStop.get_token(), second);
+    QCoro::Task<void> b = rewriteInto(client, QStringLiteral("Second text"), RewriteMode::casual,
+                                      secondStop.get_token(), second);
     ASSERT_TRUE(test::pumpUntil([&] { return client.generationGate().waiterCount() == 1; }));
 
     secondStop.request_stop();
