@@ -3,6 +3,7 @@
 #include "core/async/Continuation.h"
 #include "core/async/MainThread.h"
 #include "core/platform/LanguageModelFramework.h"
+#include "core/platform/MemoryPressureSource.h"
 #include "engine/InstructionPrefixCache.h"
 #include "engine/LlmBackend.h"
 #include "engine/LlmWorker.h"
@@ -34,9 +35,12 @@ public:
         // Benchmarks only: free-text responses allowed at least this many tokens are exactly this
         // long, end tokens ignored.
         std::optional<std::int64_t> forcedResponseTokens;
+        // When set, memory pressure drops the instruction cache. Must outlive the framework.
+        MemoryPressureSource* memoryPressure = nullptr;
     };
 
     explicit LlmInference(Options options);
+    MemoryPressureSource* memoryPressure() const { return options_.memoryPressure; }
 
     // The file the model comes from now, looked up again after a short while so that a new
     // setting or a newly installed file is noticed. None: no candidate at all.

@@ -32,7 +32,22 @@ LlmInference::Work<std::int64_t> countWork(std::string text, Counted counted) {
 } // namespace
 
 LlmLanguageModelFramework::LlmLanguageModelFramework(LlmInference::Options options)
-    : inference_(std::make_shared<LlmInference>(std::move(options))) {}
+    : inference_(std::make_shared<LlmInference>(std::move(options))) {
+    if (MemoryPressureSource* source = inference_->memoryPressure()) {
+        // Cached instruction states are the one large thing that can be rebuilt on demand.
+        source->start([weak = std::weak_ptr<LlmInference>(inference_)](MemoryPressureLevel) {
+            if (auto inference = weak.lock()) {
+                inference->releaseCaches();
+            }
+        });
+    }
+}
+
+LlmLanguageModelFramework::~LlmLanguageModelFramework() {
+    if (MemoryPressureSource* source = inference_->memoryPressure()) {
+        source->cancel();
+    }
+}
 
 bool LlmLanguageModelFramework::processorIsEligible() {
     const llm::CpuFeatures& features = llm::detectedCpuFeatures();

@@ -12,6 +12,9 @@ namespace parlune {
 class LlmLanguageModelFramework : public LanguageModelFramework {
 public:
     explicit LlmLanguageModelFramework(LlmInference::Options options);
+    ~LlmLanguageModelFramework() override;
+    LlmLanguageModelFramework(const LlmLanguageModelFramework&) = delete;
+    LlmLanguageModelFramework& operator=(const LlmLanguageModelFramework&) = delete;
 
     LanguageModelAvailabilityStatus availability() const override;
     bool supportsCurrentLocale() const override;

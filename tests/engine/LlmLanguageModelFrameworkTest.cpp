@@ -11,6 +11,7 @@
 #include "llm/gguf/GgufWriter.h"
 #include "llm/testing/TestModelMaker.h"
 #include "support/RunTask.h"
+#include "support/ScriptedLanguageModelFramework.h"
 
 #include <QLocale>
 #include <QTemporaryDir>
@@ -146,7 +147,10 @@ TEST_F(LlmFrameworkTest, TokenCountsAddUpToThePromptActuallyProcessed) {
 }
 
 TEST_F(LlmFrameworkTest, CachedInstructionsGiveTheSameAnswerAsAColdStart) {
-    LlmLanguageModelFramework framework(optionsFor(modelPath));
+    test::ManualMemoryPressureSource pressure;
+    LlmInference::Options options = optionsFor(modelPath);
+    options.memoryPressure = &pressure;
+    LlmLanguageModelFramework framework(std::move(options));
     const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::makeConcise, {});
     const QString prompt = RewritePrompt::prompt(QStringLiteral("A sentence that could be shorter."));
 
@@ -160,7 +164,7 @@ TEST_F(LlmFrameworkTest, CachedInstructionsGiveTheSameAnswerAsAColdStart) {
     EXPECT_LT(framework.lastResponse()->promptTokensReused, first.promptTokens);
     EXPECT_EQ(warm, cold);
 
-    framework.releaseCaches();
+    pressure.fire(MemoryPressureLevel::warning);
     EXPECT_EQ(framework.prefixCache().size(), 0u);
     // A prewarmed session starts from its instructions' state.
     const auto session = framework.openSession(RewritePrompt::rewriteInstructions(RewriteMode::casual, {}));
