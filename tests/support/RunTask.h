@@ -41,7 +41,9 @@ T runTask(QCoro::Task<T>&& task, int timeoutMs = 30000) {
     std::optional<std::conditional_t<std::is_void_v<T>, bool, T>> result;
     std::exception_ptr error;
     bool done = false;
-    auto driver = [&]() -> QCoro::Task<void> {
+    // The closure must outlive the coroutine, whose captures it holds: a named lambda, not a
+    // temporary (a temporary dies at the end of the statement and optimised builds crash).
+    auto body = [&]() -> QCoro::Task<void> {
         try {
             if constexpr (std::is_void_v<T>) {
                 co_await std::move(task);
@@ -53,7 +55,8 @@ T runTask(QCoro::Task<T>&& task, int timeoutMs = 30000) {
             error = std::current_exception();
         }
         done = true;
-    }();
+    };
+    QCoro::Task<void> driver = body();
     if (!pumpUntil([&] { return done; }, timeoutMs)) {
         throw std::runtime_error("runTask: the task did not finish in time");
     }
