@@ -326,8 +326,9 @@ int bench(Arguments args) {
     std::printf("threads:     %d, runs: %lld (after one warm-up)\n", threads, static_cast<long long>(runs));
     std::printf("prompt %-5lld %8.1f tok/s median (min %.1f, max %.1f)\n", static_cast<long long>(promptCount),
                 p.median, p.low, p.high);
-    std::printf("generate %-3lld %8.1f tok/s median (min %.1f, max %.1f)\n", static_cast<long long>(genCount),
-                g.median, g.low, g.high);
+    std::printf("generate %-3lld %8.1f tok/s median (min %.1f, max %.1f), weights read at %.1f GB/s\n",
+                static_cast<long long>(genCount), g.median, g.low, g.high,
+                g.median * static_cast<double>(model->weightBytes()) / 1e9);
     std::printf("memory:      peak RSS %.1f MiB, RSS while generating %.1f MiB, KV cache %.1f MiB\n", peakRssMiB(),
                 generatingRss, static_cast<double>(cache.allocatedBytes()) / (1024.0 * 1024.0));
     return 0;
