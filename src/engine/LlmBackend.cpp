@@ -49,6 +49,8 @@ void LlmBackend::load() {
     if (model_) {
         return;
     }
+    // Everything is built first and kept only when all of it loaded, so a failure leaves the
+    // backend unloaded and the next request tries again.
     try {
         auto model = llm::Model::load(path_);
         std::shared_ptr<const llm::Tokenizer> tokenizer = llm::Tokenizer::fromGguf(model->file());
@@ -56,15 +58,12 @@ void LlmBackend::load() {
         if (!chatTemplate) {
             throw std::runtime_error("no chat template");
         }
-        chatFormat_ = std::make_unique<llm::ChatFormat>(llm::ChatFormat::fromTemplate(*chatTemplate));
-        tokenizer_ = std::move(tokenizer);
+        auto chatFormat = std::make_unique<llm::ChatFormat>(llm::ChatFormat::fromTemplate(*chatTemplate));
         pool_ = std::make_unique<llm::ThreadPool>(threadCount_);
+        chatFormat_ = std::move(chatFormat);
+        tokenizer_ = std::move(tokenizer);
         model_ = std::move(model);
-    } catch (const std::bad_alloc&) {
-        throw LanguageModelGenerationError(Kind::assetsUnavailable);
-    } catch (const std::exception&) {
-        chatFormat_.reset();
-        tokenizer_.reset();
+    } catch (const std::exception&) { // unreadable, unsupported or out of memory alike
         throw LanguageModelGenerationError(Kind::assetsUnavailable);
     }
 }
