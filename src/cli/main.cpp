@@ -1,4 +1,6 @@
 #include "cli/CliCommand.h"
+#include "cli/ModelClientCommands.h"
+#include "cli/ModelCommands.h"
 #include "cli/SettingsCommands.h"
 
 #include <QCoreApplication>
@@ -14,6 +16,9 @@ using parlune::cli::CliCommand;
 std::vector<CliCommand> allCommands() {
     std::vector<CliCommand> commands;
     commands.push_back(parlune::cli::settingsCommand());
+    commands.push_back(parlune::cli::modelCommand());
+    commands.push_back(parlune::cli::modelsCommand());
+    commands.push_back(parlune::cli::rewriteCommand());
     return commands;
 }
 

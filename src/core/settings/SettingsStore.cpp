@@ -111,6 +111,10 @@ void SettingsStore::removeLegacyHostedConfiguration() {
     (void)credentials_.deleteItem(key(legacyCredentialService), key(legacyCredentialAccount));
 }
 
+QString SettingsStore::localModelPath() const {
+    return defaults_.string(key(localModelPathKey)).value_or(QString()).trimmed();
+}
+
 void SettingsStore::setHotKeyIdentifier(const QString& identifier) {
     hotKeyIdentifier_ = identifier;
     defaults_.setString(key(hotKeyIdentifierKey), identifier);

@@ -37,6 +37,8 @@ public:
     static constexpr const char* rewriteModeKey = "rewriteMode";
     static constexpr const char* writingPreferencesByModeKey = "writingPreferencesByMode";
     static constexpr const char* workflowTestKey = "localIntelligenceWorkflowTestV1";
+    // An explicit model file, chosen before PARLUNE_MODEL and the models folder.
+    static constexpr const char* localModelPathKey = "localModelPath";
     // The single preferences text of earlier versions, migrated into the per-mode map.
     static constexpr const char* legacyWritingPreferencesKey = "writingPreferences";
 
@@ -58,6 +60,8 @@ public:
     // Preferences text by mode title.
     const QMap<QString, QString>& writingPreferencesByMode() const { return writingPreferencesByMode_; }
     bool hasCompletedTestRewrite() const { return hasCompletedTestRewrite_; }
+    // Read afresh each time, so a path set from a terminal applies without a restart; empty: none.
+    QString localModelPath() const;
 
     void setHotKeyIdentifier(const QString& identifier);
     void setHotKeyKeyCode(std::uint32_t keyCode);

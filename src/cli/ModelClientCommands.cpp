@@ -1,0 +1,193 @@
+#include "cli/ModelClientCommands.h"
+
+#include "core/diagnostics/UserFacingErrorMessage.h"
+#include "core/engine/OnDeviceModelClient.h"
+#include "core/pipeline/RewriteMode.h"
+#include "core/settings/SettingsStore.h"
+#include "engine/LlmLanguageModelFramework.h"
+#include "engine/ModelLocator.h"
+#include "platform/linux/QSettingsUserDefaults.h"
+
+#include <QCoreApplication>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <string>
+
+namespace parlune::cli {
+
+namespace {
+
+constexpr const char* rewriteUsage =
+    "rewrite --mode MODE [--preferences TEXT] [--model FILE] [--stats] [--bench-response-tokens N]";
+
+std::string settingModelPath() {
+    QSettingsUserDefaults defaults;
+    return defaults.string(QString::fromLatin1(SettingsStore::localModelPathKey))
+        .value_or(QString())
+        .trimmed()
+        .toStdString();
+}
+
+void printReport(const ModelFileReport& report, bool chosen) {
+    std::printf("%s %s  (%s)\n", chosen ? "*" : " ", report.path.string().c_str(),
+                ModelLocator::sourceName(report.source));
+    if (report.usable()) {
+        std::printf("    usable: %s, %s, context %lld tokens%s\n", report.name.c_str(),
+                    report.architecture.c_str(), static_cast<long long>(report.contextLength),
+                    report.languages.empty() ? "" : ", languages stated");
+    } else {
+        std::printf("    unusable: %s\n", report.problem.c_str());
+    }
+}
+
+int runModels(const std::vector<std::string>& arguments) {
+    if (!arguments.empty()) {
+        std::fprintf(stderr, "parlune-cli models: takes no arguments\n");
+        return 2;
+    }
+    const ModelLocator::Places places = ModelLocator::placesFromEnvironment(settingModelPath());
+    const std::vector<ModelFileReport> reports = ModelLocator::survey(places);
+    const std::optional<ModelFileReport> chosen = ModelLocator::choose(places);
+    std::printf("Models folder: %s\n", places.modelsFolder.string().c_str());
+    if (reports.empty()) {
+        std::printf("No model file found. Put a GGUF model in the models folder, set PARLUNE_MODEL, or set "
+                    "localModelPath in the settings.\n");
+        return 1;
+    }
+    for (const ModelFileReport& report : reports) {
+        printReport(report, chosen && chosen->path == report.path && chosen->source == report.source);
+    }
+    if (!chosen || !chosen->usable()) {
+        std::printf("No usable model file.\n");
+        return 1;
+    }
+    return 0;
+}
+
+struct RewriteArguments {
+    RewriteMode mode = RewriteMode::improveClarity;
+    QString preferences;
+    std::string model;
+    bool stats = false;
+    std::optional<std::int64_t> benchResponseTokens;
+};
+
+std::optional<RewriteArguments> parseRewriteArguments(const std::vector<std::string>& arguments) {
+    RewriteArguments parsed;
+    bool haveMode = false;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& name = arguments[i];
+        if (name == "--stats") {
+            parsed.stats = true;
+            continue;
+        }
+        if (i + 1 >= arguments.size()) {
+            return std::nullopt;
+        }
+        const std::string& value = arguments[++i];
+        if (name == "--mode") {
+            const std::optional<RewriteMode> mode = rewrite_mode::fromRawValue(value);
+            if (!mode) {
+                std::fprintf(stderr, "parlune-cli rewrite: unknown mode \"%s\"\n", value.c_str());
+                return std::nullopt;
+            }
+            parsed.mode = *mode;
+            haveMode = true;
+        } else if (name == "--preferences") {
+            parsed.preferences = QString::fromStdString(value);
+        } else if (name == "--model") {
+            parsed.model = value;
+        } else if (name == "--bench-response-tokens") {
+            const long long count = std::atoll(value.c_str());
+            if (count <= 0) {
+                return std::nullopt;
+            }
+            parsed.benchResponseTokens = count;
+        } else {
+            return std::nullopt;
+        }
+    }
+    return haveMode ? std::optional(parsed) : std::nullopt;
+}
+
+int runRewrite(const std::vector<std::string>& arguments) {
+    const std::optional<RewriteArguments> parsed = parseRewriteArguments(arguments);
+    if (!parsed) {
+        std::fprintf(stderr, "usage: parlune-cli %s\n", rewriteUsage);
+        return 2;
+    }
+    const std::string input((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
+    const QString text = QString::fromStdString(input);
+
+    LlmInference::Options options;
+    const std::string explicitModel = parsed->model;
+    options.locate = [explicitModel]() -> std::optional<ModelFileReport> {
+        if (!explicitModel.empty()) {
+            return ModelLocator::inspect(explicitModel, ModelFileReport::Source::setting);
+        }
+        return ModelLocator::choose(ModelLocator::placesFromEnvironment(settingModelPath()));
+    };
+    options.forcedResponseTokens = parsed->benchResponseTokens;
+    LlmLanguageModelFramework framework(std::move(options));
+    OnDeviceModelClient client(framework, nullptr);
+
+    const auto started = std::chrono::steady_clock::now();
+    std::optional<QString> result;
+    std::exception_ptr error;
+    bool done = false;
+    // Kept in a named lambda: the coroutine reads its captures after suspending.
+    auto body = [&]() -> QCoro::Task<void> {
+        try {
+            result = co_await client.rewrite(text, parsed->mode, parsed->preferences, {});
+        } catch (...) {
+            error = std::current_exception();
+        }
+        done = true;
+    };
+    QCoro::Task<void> task = body();
+    while (!done) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+
+    if (parsed->stats) {
+        // Counts and times only; the texts stay out of the report.
+        std::fprintf(stderr, "total %.3f s", seconds);
+        if (const std::optional<LlmResponse>& last = framework.lastResponse()) {
+            std::fprintf(stderr,
+                         "; last response: prompt %lld tokens (%lld from the instruction cache), %lld tokens "
+                         "generated, first token after %.3f s, %.3f s in all",
+                         static_cast<long long>(last->promptTokens),
+                         static_cast<long long>(last->promptTokensReused),
+                         static_cast<long long>(last->tokens), last->secondsToFirstToken, last->totalSeconds);
+        }
+        std::fprintf(stderr, "\n");
+    }
+    if (error) {
+        std::fprintf(stderr, "parlune-cli rewrite: %s\n",
+                     UserFacingErrorMessage::message(error).toStdString().c_str());
+        return 1;
+    }
+    const std::string output = result->toStdString();
+    std::fwrite(output.data(), 1, output.size(), stdout);
+    std::fputc('\n', stdout);
+    return 0;
+}
+
+} // namespace
+
+CliCommand modelsCommand() {
+    return CliCommand{"models", "models", "list the model files found and which one is used", &runModels};
+}
+
+CliCommand rewriteCommand() {
+    return CliCommand{"rewrite", rewriteUsage, "rewrite standard input with the on-device model",
+                      &runRewrite};
+}
+
+} // namespace parlune::cli

@@ -1,0 +1,225 @@
+#include "engine/LlmBackend.h"
+
+#include "core/async/CancellationError.h"
+#include "core/platform/LanguageModelFramework.h"
+#include "llm/constrained/JsonObjectConstraint.h"
+#include "llm/constrained/TokenByteTable.h"
+#include "llm/gguf/GgufFile.h"
+#include "llm/model/Model.h"
+#include "llm/runtime/GenerationSession.h"
+#include "llm/runtime/ThreadPool.h"
+#include "llm/tokenizer/ChatFormat.h"
+#include "llm/tokenizer/Tokenizer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <new>
+#include <stdexcept>
+
+namespace parlune {
+
+namespace {
+
+using Kind = LanguageModelGenerationError::Kind;
+using Clock = std::chrono::steady_clock;
+
+// Prompt tokens computed per forward call: large enough for batched speed, small enough that a
+// stop request is noticed quickly.
+constexpr std::size_t prefillSlice = 64;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+void throwIfStopped(const std::atomic<bool>& stop) {
+    if (stop.load(std::memory_order_relaxed)) {
+        throw CancellationError();
+    }
+}
+
+} // namespace
+
+LlmBackend::LlmBackend(std::filesystem::path path, int threadCount,
+                       std::shared_ptr<InstructionPrefixCache> prefixCache)
+    : path_(std::move(path)), threadCount_(std::max(1, threadCount)), prefixCache_(std::move(prefixCache)) {}
+
+LlmBackend::~LlmBackend() = default;
+
+void LlmBackend::load() {
+    if (model_) {
+        return;
+    }
+    // Everything is built first and kept only when all of it loaded, so a failure leaves the
+    // backend unloaded and the next request tries again.
+    try {
+        auto model = llm::Model::load(path_);
+        std::shared_ptr<const llm::Tokenizer> tokenizer = llm::Tokenizer::fromGguf(model->file());
+        const auto chatTemplate = model->file().getString("tokenizer.chat_template");
+        if (!chatTemplate) {
+            throw std::runtime_error("no chat template");
+        }
+        auto chatFormat = std::make_unique<llm::ChatFormat>(llm::ChatFormat::fromTemplate(*chatTemplate));
+        pool_ = std::make_unique<llm::ThreadPool>(threadCount_);
+        chatFormat_ = std::move(chatFormat);
+        tokenizer_ = std::move(tokenizer);
+        model_ = std::move(model);
+    } catch (const std::exception&) { // unreadable, unsupported or out of memory alike
+        throw LanguageModelGenerationError(Kind::assetsUnavailable);
+    }
+}
+
+std::vector<std::int32_t> LlmBackend::encode(const std::string& text,
+                                             const std::vector<llm::TextRange>& literal) const {
+    std::vector<std::int32_t> tokens;
+    if (tokenizer_->addBosByDefault() && !chatFormat_->includesBos() && tokenizer_->bosToken()) {
+        tokens.push_back(*tokenizer_->bosToken());
+    }
+    const std::vector<std::int32_t> body = tokenizer_->encode(text, literal);
+    tokens.insert(tokens.end(), body.begin(), body.end());
+    return tokens;
+}
+
+std::vector<std::int32_t> LlmBackend::systemPrefixTokens(const std::string& instructions) const {
+    const llm::ChatPrompt prefix = chatFormat_->buildSystemPrefix(instructions);
+    return encode(prefix.text, prefix.content);
+}
+
+std::int64_t LlmBackend::instructionTokenCount(const std::string& instructions) {
+    load();
+    return static_cast<std::int64_t>(systemPrefixTokens(instructions).size());
+}
+
+std::int64_t LlmBackend::promptTokenCount(const std::string& prompt) {
+    load();
+    if (!promptOverhead_) {
+        const llm::ChatPrompt empty = chatFormat_->buildPrompt({}, {});
+        promptOverhead_ = static_cast<std::int64_t>(encode(empty.text, empty.content).size()) -
+                          static_cast<std::int64_t>(systemPrefixTokens({}).size());
+    }
+    const std::vector<llm::TextRange> whole{{0, prompt.size()}};
+    return *promptOverhead_ + static_cast<std::int64_t>(tokenizer_->encode(prompt, whole).size());
+}
+
+std::int64_t LlmBackend::prefill(llm::GenerationSession& session, const std::vector<std::int32_t>& prefix,
+                                 const std::vector<std::int32_t>& tokens, const std::atomic<bool>& stop) {
+    std::int64_t reused = 0;
+    const bool prefixFits = !prefix.empty() && prefix.size() <= tokens.size() &&
+                            std::equal(prefix.begin(), prefix.end(), tokens.begin());
+    if (prefixFits) {
+        if (auto cached = prefixCache_->find(prefix)) {
+            session.restoreState(*cached);
+            reused = static_cast<std::int64_t>(prefix.size());
+        }
+    }
+    const auto computeUpTo = [&](std::size_t end) {
+        for (std::size_t done = session.tokens().size(); done < end;) {
+            throwIfStopped(stop);
+            done = std::min(end, done + prefillSlice);
+            session.prefill(std::span<const std::int32_t>(tokens.data(), done));
+        }
+    };
+    try {
+        if (prefixFits && reused == 0) {
+            computeUpTo(prefix.size());
+            prefixCache_->insert(std::make_shared<const InstructionPrefixCache::State>(session.saveState()));
+        }
+        computeUpTo(tokens.size());
+    } catch (const std::length_error&) {
+        throw LanguageModelGenerationError(Kind::exceededContextWindowSize);
+    }
+    return reused;
+}
+
+void LlmBackend::prewarm(const std::string& instructions, const std::atomic<bool>& stop) {
+    load();
+    const std::vector<std::int32_t> prefix = systemPrefixTokens(instructions);
+    if (prefixCache_->find(prefix)) {
+        return;
+    }
+    llm::GenerationSession session(model_, tokenizer_, *pool_);
+    prefill(session, prefix, prefix, stop);
+}
+
+LlmResponse LlmBackend::generate(const LlmRequest& request, const std::atomic<bool>& stop) {
+    const auto started = Clock::now();
+    throwIfStopped(stop);
+    load();
+    LlmResponse response;
+    try {
+        const llm::ChatPrompt prompt = chatFormat_->buildPrompt(request.instructions, request.prompt);
+        const std::vector<std::int32_t> tokens = encode(prompt.text, prompt.content);
+        const std::vector<std::int32_t> prefix = systemPrefixTokens(request.instructions);
+        response.promptTokens = static_cast<std::int64_t>(tokens.size());
+
+        std::optional<llm::JsonObjectConstraint> constraint;
+        if (!request.schemaProperties.empty()) {
+            if (!tokenBytes_) {
+                tokenBytes_ = std::make_shared<const llm::TokenByteTable>(*tokenizer_);
+            }
+            constraint.emplace(tokenBytes_, request.schemaProperties);
+        }
+
+        llm::GenerationSession session(model_, tokenizer_, *pool_);
+        response.promptTokensReused = prefill(session, prefix, tokens, stop);
+
+        std::vector<std::int32_t> sequence = tokens;
+        std::vector<std::int32_t> generated;
+        // Only answers allowed at least the forced length are forced (not the one-token warm-up).
+        const bool forced =
+            forcedResponseTokens_ && !constraint && request.maximumTokens >= *forcedResponseTokens_;
+        const std::int64_t maximumTokens = forced ? *forcedResponseTokens_ : request.maximumTokens;
+        for (std::int64_t produced = 0; produced < maximumTokens; ++produced) {
+            throwIfStopped(stop);
+            std::int32_t next = 0;
+            if (constraint) {
+                if (constraint->isComplete()) {
+                    break;
+                }
+                next = constraint->bestToken(session.logits(), maximumTokens - produced);
+                if (next < 0) {
+                    throw LanguageModelGenerationError(Kind::decodingFailure);
+                }
+            } else {
+                next = llm::GenerationSession::argmax(session.logits());
+            }
+            if (produced == 0) {
+                response.secondsToFirstToken = secondsSince(started);
+            }
+            if (tokenizer_->isEndOfGeneration(next) && !forced) {
+                break;
+            }
+            if (constraint) {
+                constraint->accept(next);
+            }
+            generated.push_back(next);
+            if (produced + 1 == maximumTokens || (constraint && constraint->isComplete())) {
+                break; // the logits after the last token are never needed
+            }
+            sequence.push_back(next);
+            session.prefill(sequence);
+        }
+        response.tokens = static_cast<std::int64_t>(generated.size());
+        if (constraint) {
+            if (!constraint->isComplete()) {
+                throw LanguageModelGenerationError(Kind::decodingFailure);
+            }
+            response.text = constraint->text();
+        } else {
+            response.text = tokenizer_->decode(generated);
+        }
+    } catch (const std::length_error&) {
+        throw LanguageModelGenerationError(Kind::exceededContextWindowSize);
+    } catch (const std::bad_alloc&) {
+        throw LanguageModelGenerationError(Kind::assetsUnavailable);
+    } catch (const LanguageModelGenerationError&) {
+        throw;
+    } catch (const CancellationError&) {
+        throw;
+    } catch (const std::exception&) {
+        throw LanguageModelGenerationError(Kind::decodingFailure);
+    }
+    response.totalSeconds = secondsSince(started);
+    return response;
+}
+
+} // namespace parlune

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace parlune::llm {
+
+class GgufFile;
+
+enum class Architecture { llama, qwen2, qwen3 };
+
+// How the rotary embedding pairs up the dimensions of a head: `normal` rotates (2i, 2i+1),
+// `neox` rotates (i, i + rotated/2).
+enum class RopeLayout { normal, neox };
+
+enum class RopeScalingKind { none, linear, yarn };
+
+struct RopeScaling {
+    RopeScalingKind kind = RopeScalingKind::none;
+    double factor = 1.0;               // context extension factor (positions are divided by it)
+    std::int64_t originalContext = 0;  // training context the extension is relative to (yarn)
+    double attentionFactor = 1.0;      // yarn magnitude scale of the rotated values
+    double betaFast = 32.0;
+    double betaSlow = 1.0;
+};
+
+// Hyper-parameters of a decoder-only transformer, read from `{arch}.*` metadata.
+struct ModelConfig {
+    Architecture architecture = Architecture::llama;
+    std::string architectureName;
+    std::int64_t layerCount = 0;
+    std::int64_t hiddenSize = 0;
+    std::int64_t feedForwardSize = 0;
+    std::int64_t headCount = 0;
+    std::int64_t kvHeadCount = 0;
+    std::int64_t headDim = 0;   // key (and query) length per head
+    std::int64_t valueDim = 0;  // value length per head
+    std::int64_t contextLength = 0;
+    std::int64_t vocabularySize = 0; // rows of token_embd
+    double rmsEpsilon = 1e-6;
+    double ropeFreqBase = 10000.0;
+    std::int64_t ropeDims = 0;  // leading dimensions of each head that are rotated
+    RopeLayout ropeLayout = RopeLayout::normal;
+    RopeScaling ropeScaling;
+
+    std::int64_t queryWidth() const { return headCount * headDim; }
+    std::int64_t keyWidth() const { return kvHeadCount * headDim; }
+    std::int64_t valueWidth() const { return kvHeadCount * valueDim; }
+
+    // Reads and validates the hyper-parameters; throws ModelError naming the offending key.
+    // vocabularySize is left for the caller (it comes from the embedding tensor).
+    static ModelConfig fromGguf(const GgufFile& file);
+};
+
+std::string_view architectureName(Architecture architecture);
+
+} // namespace parlune::llm

@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# parlune-cli models and rewrite end to end on a tiny random model the CLI makes itself (untied
+# output, so greedy answers are not one repeated blank token).
+set -uo pipefail
+cli="$1"
+dir="$(mktemp -d)"
+trap 'rm -rf "$dir"' EXIT
+export HOME="$dir/home" XDG_DATA_HOME="$dir/data" XDG_CONFIG_HOME="$dir/config"
+unset PARLUNE_MODEL
+mkdir -p "$HOME"
+failures=0
+check() { # description, then a command that must succeed
+  local what="$1"; shift
+  if ! "$@"; then echo "FAILED: $what"; failures=$((failures + 1)); fi
+}
+
+"$cli" models >"$dir/out"
+check "no model is an error (1)" test $? -eq 1
+check "no model is explained" grep -q "No model file found" "$dir/out"
+echo "Some text to rewrite" | "$cli" rewrite --mode "Make concise" >"$dir/out" 2>"$dir/err"
+check "rewrite without a model fails (1)" test $? -eq 1
+check "the user-facing sentence is shown" grep -q "The on-device model is still preparing. Try again when it is ready." "$dir/err"
+check "nothing on standard output" test ! -s "$dir/out"
+
+models="$XDG_DATA_HOME/parlune/models"
+mkdir -p "$models"
+check "make-test writes a model" "$cli" model make-test --arch qwen2 --shape tiny --type q8_0 --untied --seed 5 "$models/b-tiny.gguf" >/dev/null
+echo "not a model" >"$models/a-broken.gguf"
+"$cli" models >"$dir/out"
+check "a usable model is found (0)" test $? -eq 0
+check "the broken file is explained" grep -q "unusable:" "$dir/out"
+check "the good file is chosen" grep -q "^\* .*b-tiny.gguf" "$dir/out"
+
+out="$(printf 'Hello  world' | "$cli" rewrite --mode "Improve clarity")"
+check "a trivially safe clarity fix needs no model" test "$out" = "Hello world"
+
+secret="A private sentence about the merger that must never leak into logs."
+printf '%s' "$secret" | "$cli" rewrite --mode "Make concise" --stats --bench-response-tokens 8 >"$dir/out" 2>"$dir/err"
+check "a forced-length rewrite succeeds (0)" test $? -eq 0
+check "stats count the forced tokens" grep -q "8 tokens generated" "$dir/err"
+check "stats never show the text" bash -c "! grep -q merger '$dir/err'"
+
+printf 'plan a trip' | "$cli" rewrite --mode "Improve prompt" >/dev/null 2>"$dir/err"
+check "an unusable improved prompt fails (1)" test $? -eq 1
+check "its sentence is shown" grep -q "could not complete that rewrite" "$dir/err"
+
+printf 'x' | "$cli" rewrite --mode "Shout" 2>/dev/null
+check "an unknown mode is a usage error (2)" test $? -eq 2
+printf 'x' | PARLUNE_MODEL="$models/a-broken.gguf" "$cli" rewrite --mode "Casual" 2>"$dir/err"
+check "an unusable explicit model fails (1)" test $? -eq 1
+check "it is reported as unsupported" grep -q "does not support" "$dir/err"
+
+exit $((failures > 0))

@@ -1,0 +1,252 @@
+#include "engine/LlmLanguageModelFramework.h"
+
+#include "core/async/CancellationError.h"
+#include "core/engine/ImprovedPromptOutput.h"
+#include "core/engine/LocalRewriteEngineError.h"
+#include "core/engine/OnDeviceModelClient.h"
+#include "core/engine/RewriteOutputValidator.h"
+#include "core/engine/RewritePrompt.h"
+#include "engine/LlmLanguageModelSession.h"
+#include "engine/ModelLocator.h"
+#include "llm/gguf/GgufWriter.h"
+#include "llm/testing/TestModelMaker.h"
+#include "support/RunTask.h"
+#include "support/ScriptedLanguageModelFramework.h"
+
+#include <QLocale>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace parlune {
+namespace {
+
+using EngineKind = LocalRewriteEngineError::Kind;
+using FrameworkKind = LanguageModelGenerationError::Kind;
+
+std::filesystem::path writeTinyModel(const std::filesystem::path& path, std::int64_t contextLength = 2048,
+                                     const std::vector<std::string>& languages = {}) {
+    llm::TestModelSpec spec = *llm::TestModelSpec::shape("tiny", llm::Architecture::qwen2);
+    spec.contextLength = contextLength;
+    spec.tiedOutput = false; // a tied random model answers with one blank token over and over
+    llm::GgufWriter writer = llm::TestModelMaker::build(spec);
+    if (!languages.empty()) {
+        writer.setStringArray("general.languages", languages);
+    }
+    writer.write(path);
+    return path;
+}
+
+LlmInference::Options optionsFor(const std::filesystem::path& path) {
+    LlmInference::Options options;
+    options.locate = [path] {
+        return std::optional(ModelLocator::inspect(path, ModelFileReport::Source::setting));
+    };
+    options.threadCount = 1;
+    return options;
+}
+
+template <typename T> std::optional<FrameworkKind> frameworkKindOf(QCoro::Task<T>&& task) {
+    try {
+        (void)test::runTask(std::move(task));
+    } catch (const LanguageModelGenerationError& failure) {
+        return failure.kind();
+    }
+    return std::nullopt;
+}
+
+std::optional<EngineKind> engineKindOf(QCoro::Task<QString>&& task) {
+    try {
+        (void)test::runTask(std::move(task));
+    } catch (const LocalRewriteEngineError& failure) {
+        return failure.kind();
+    }
+    return std::nullopt;
+}
+
+GenerationOptions greedy(std::int64_t maximumTokens) {
+    GenerationOptions options;
+    options.maximumResponseTokens = maximumTokens;
+    return options;
+}
+
+class LlmFrameworkTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(folder.isValid());
+        modelPath = writeTinyModel(std::filesystem::path(folder.path().toStdString()) / "tiny.gguf");
+    }
+
+    QTemporaryDir folder;
+    std::filesystem::path modelPath;
+};
+
+TEST_F(LlmFrameworkTest, DiscoveryPrefersExplicitChoicesAndExplainsUnusableFiles) {
+    const std::filesystem::path models = std::filesystem::path(folder.path().toStdString()) / "models";
+    std::filesystem::create_directories(models);
+    ModelLocator::Places places{{}, {}, models};
+    EXPECT_FALSE(ModelLocator::choose(places));
+
+    std::ofstream(models / "a-broken.gguf") << "not a model at all";
+    std::ofstream(models / "notes.txt") << "ignored";
+    std::filesystem::copy_file(modelPath, models / "b-good.gguf");
+    const std::vector<ModelFileReport> found = ModelLocator::survey(places);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_FALSE(found[0].usable());
+    EXPECT_FALSE(found[0].problem.empty());
+    EXPECT_TRUE(found[1].usable()) << found[1].problem;
+    EXPECT_EQ(found[1].architecture, "qwen2");
+    EXPECT_EQ(ModelLocator::choose(places)->path, models / "b-good.gguf");
+
+    // An explicit choice stands even when it cannot be used: the user asked for that file.
+    places.environmentPath = (models / "a-broken.gguf").string();
+    EXPECT_EQ(ModelLocator::choose(places)->path, models / "a-broken.gguf");
+    places.settingPath = (models / "missing.gguf").string();
+    EXPECT_EQ(ModelLocator::choose(places)->problem, "no such file");
+    EXPECT_EQ(ModelLocator::survey(places).size(), 4u);
+}
+
+TEST_F(LlmFrameworkTest, AvailabilityReasonsAndLanguages) {
+    const std::filesystem::path dir(folder.path().toStdString());
+    LlmLanguageModelFramework missing(optionsFor(dir / "missing.gguf"));
+    EXPECT_EQ(missing.availability().unavailableReason, LanguageModelUnavailableReason::modelNotReady);
+    EXPECT_EQ(frameworkKindOf(
+                  missing.openSession(QStringLiteral("x"))->respond(QStringLiteral("y"), greedy(4), {})),
+              FrameworkKind::assetsUnavailable);
+
+    std::ofstream(dir / "broken.gguf") << "GGUF but not really";
+    LlmLanguageModelFramework broken(optionsFor(dir / "broken.gguf"));
+    EXPECT_EQ(broken.availability().unavailableReason, LanguageModelUnavailableReason::deviceNotEligible);
+
+    LlmLanguageModelFramework good(optionsFor(modelPath));
+    EXPECT_EQ(good.availability().isAvailable(), LlmLanguageModelFramework::processorIsEligible());
+    EXPECT_EQ(good.contextSize(), 2048);
+    EXPECT_TRUE(good.supportsCurrentLocale()); // the file states no languages
+
+    LlmLanguageModelFramework foreign(optionsFor(writeTinyModel(dir / "xx.gguf", 2048, {"xx"})));
+    QLocale::setDefault(QLocale(QStringLiteral("en_US")));
+    EXPECT_FALSE(foreign.supportsCurrentLocale());
+    EXPECT_TRUE(LlmLanguageModelFramework::coversLanguage({"en", "fr"}, QStringLiteral("fr_CA")));
+    EXPECT_FALSE(LlmLanguageModelFramework::coversLanguage({"en-US"}, QStringLiteral("de_DE")));
+    EXPECT_TRUE(LlmLanguageModelFramework::coversLanguage({"EN-us"}, QStringLiteral("en_GB")));
+}
+
+TEST_F(LlmFrameworkTest, TokenCountsAddUpToThePromptActuallyProcessed) {
+    LlmLanguageModelFramework framework(optionsFor(modelPath));
+    const QString instructions =
+        RewritePrompt::rewriteInstructions(RewriteMode::casual, QStringLiteral("Warm tone"));
+    const QString prompt = RewritePrompt::prompt(QStringLiteral("Hello <|im_end|> there"));
+    const std::int64_t counted = test::runTask(framework.tokenCountOfInstructions(instructions, {})) +
+                                 test::runTask(framework.tokenCountOfPrompt(prompt, {}));
+    (void)test::runTask(framework.openSession(instructions)->respond(prompt, greedy(2), {}));
+    ASSERT_TRUE(framework.lastResponse());
+    EXPECT_EQ(counted, framework.lastResponse()->promptTokens);
+    EXPECT_GT(test::runTask(framework.tokenCountOfSchema(ImprovedPromptOutput::schema(), {})), 20);
+}
+
+TEST_F(LlmFrameworkTest, CachedInstructionsGiveTheSameAnswerAsAColdStart) {
+    test::ManualMemoryPressureSource pressure;
+    LlmInference::Options options = optionsFor(modelPath);
+    options.memoryPressure = &pressure;
+    LlmLanguageModelFramework framework(std::move(options));
+    const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::makeConcise, {});
+    const QString prompt = RewritePrompt::prompt(QStringLiteral("A sentence that could be shorter."));
+
+    const QString cold = test::runTask(framework.openSession(instructions)->respond(prompt, greedy(24), {}));
+    const LlmResponse first = *framework.lastResponse();
+    EXPECT_EQ(first.promptTokensReused, 0);
+    EXPECT_EQ(framework.prefixCache().size(), 1u);
+
+    const QString warm = test::runTask(framework.openSession(instructions)->respond(prompt, greedy(24), {}));
+    EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
+    EXPECT_LT(framework.lastResponse()->promptTokensReused, first.promptTokens);
+    EXPECT_EQ(warm, cold);
+
+    pressure.fire(MemoryPressureLevel::warning);
+    EXPECT_EQ(framework.prefixCache().size(), 0u);
+    // A prewarmed session starts from its instructions' state.
+    const auto session = framework.openSession(RewritePrompt::rewriteInstructions(RewriteMode::casual, {}));
+    session->prewarm(QStringLiteral("ignored"));
+    (void)test::runTask(session->respond(prompt, greedy(4), {}));
+    EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
+}
+
+TEST_F(LlmFrameworkTest, SchemaResponsesAlwaysParseWithinTheTokenLimit) {
+    LlmLanguageModelFramework framework(optionsFor(modelPath));
+    const GenerationSchema& schema = ImprovedPromptOutput::schema();
+    const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::improvePrompt, {});
+    for (const std::int64_t limit : {24, 64}) {
+        for (const char* text : {"explain \"quotes\" and \\ slashes", "caf\xC3\xA9 na\xC3\xAFve"}) {
+            const GeneratedContent content =
+                test::runTask(framework.openSession(instructions)
+                                  ->respond(RewritePrompt::prompt(QString::fromUtf8(text)), schema, true,
+                                            greedy(limit), {}));
+            EXPECT_EQ(content.size(), 1u);
+            EXPECT_TRUE(content.contains(ImprovedPromptOutput::propertyName()));
+            EXPECT_LE(framework.lastResponse()->tokens, limit);
+        }
+    }
+    EXPECT_EQ(LlmLanguageModelSession::parseGeneratedObject(R"({"rewrittenPrompt":"a\nb"})", schema)
+                  .at(ImprovedPromptOutput::propertyName()),
+              QStringLiteral("a\nb"));
+    EXPECT_THROW(LlmLanguageModelSession::parseGeneratedObject(R"({"other":"a"})", schema),
+                 LanguageModelGenerationError);
+}
+
+TEST_F(LlmFrameworkTest, ContextOverflowConcurrencyAndCancellation) {
+    const std::filesystem::path dir(folder.path().toStdString());
+    LlmLanguageModelFramework small(optionsFor(writeTinyModel(dir / "small.gguf", 64)));
+    const QString longText = QString(QStringLiteral("word ")).repeated(80);
+    EXPECT_EQ(
+        frameworkKindOf(small.openSession(QStringLiteral("Be brief."))->respond(longText, greedy(8), {})),
+        FrameworkKind::exceededContextWindowSize);
+
+    LlmLanguageModelFramework framework(optionsFor(modelPath));
+    const auto session = framework.openSession(QStringLiteral("Be brief."));
+    std::stop_source stop;
+    QCoro::Task<QString> running =
+        session->respond(QStringLiteral("Go on and on."), greedy(2000), stop.get_token());
+    EXPECT_EQ(frameworkKindOf(session->respond(QStringLiteral("Again"), greedy(4), {})),
+              FrameworkKind::concurrentRequests);
+    stop.request_stop();
+    EXPECT_THROW((void)test::runTask(std::move(running)), CancellationError);
+    EXPECT_NO_THROW((void)test::runTask(session->respond(QStringLiteral("Again"), greedy(4), {})));
+}
+
+TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
+    if (!LlmLanguageModelFramework::processorIsEligible()) {
+        GTEST_SKIP() << "this processor lacks AVX2/FMA, so the model reports itself unavailable";
+    }
+    LlmLanguageModelFramework framework(optionsFor(modelPath));
+    OnDeviceModelClient client(framework, nullptr);
+    const QString text = QStringLiteral("Please could you make this sentence somewhat shorter for me.");
+
+    // The answer the model gives to exactly the client's texts and budget, cleaned the same way.
+    const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::makeConcise, {});
+    LlmLanguageModelFramework reference(optionsFor(modelPath));
+    const std::int64_t budget = RewritePrompt::estimatedTokenCount(text) * 2 + 32;
+    const QString expected = RewriteOutputValidator::cleanedRewrite(
+        test::runTask(
+            reference.openSession(instructions)->respond(RewritePrompt::prompt(text), greedy(budget), {})),
+        text);
+
+    ASSERT_FALSE(expected.trimmed().isEmpty());
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
+    EXPECT_EQ(framework.lastResponse()->promptTokensReused, 0);
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
+    EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
+    EXPECT_TRUE(client.isWarm());
+
+    // Random weights never write the four labelled lines: the object parses, validation refuses it.
+    EXPECT_EQ(engineKindOf(client.rewrite(QStringLiteral("plan a trip"), RewriteMode::improvePrompt, {}, {})),
+              EngineKind::generationFailed);
+    // Far too long for a 2048-token window once counted exactly.
+    EXPECT_EQ(engineKindOf(client.rewrite(QString(QStringLiteral("word ")).repeated(290), RewriteMode::casual,
+                                          {}, {})),
+              EngineKind::selectionTooLong);
+}
+
+} // namespace
+} // namespace parlune

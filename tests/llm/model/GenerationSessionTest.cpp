@@ -1,0 +1,187 @@
+#include "TinyModel.h"
+
+#include "llm/model/KvCache.h"
+#include "llm/runtime/GenerationSession.h"
+#include "llm/runtime/ThreadPool.h"
+#include "llm/tokenizer/Tokenizer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <vector>
+
+namespace parlune::llm {
+namespace {
+
+using testing::makeTinyModel;
+using testing::maxAbsDifference;
+using testing::tinySpec;
+
+class GenerationSessionTest : public ::testing::Test {
+protected:
+    std::shared_ptr<const Model> model = makeTinyModel(tinySpec(Architecture::qwen2, GgmlType::Q8_0));
+    std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(model->file());
+    ThreadPool pool{2};
+
+    std::vector<std::int32_t> encode(std::string_view text) const { return tokenizer->encode(text, true); }
+
+    // Greedy tokens computed directly with the transformer, one step at a time.
+    std::vector<std::int32_t> referenceGreedy(std::span<const std::int32_t> prompt, int steps) {
+        Transformer transformer(model, pool);
+        KvCache cache(model->config());
+        std::vector<float> logits;
+        transformer.forward(prompt, cache, logits);
+        std::vector<std::int32_t> out;
+        for (int i = 0; i < steps; ++i) {
+            out.push_back(GenerationSession::argmax(logits));
+            transformer.forward(std::span(out).last(1), cache, logits);
+        }
+        return out;
+    }
+};
+
+TEST_F(GenerationSessionTest, GreedyDecodingStreamsTheTextOfEachToken) {
+    GenerationSession session(model, tokenizer, pool);
+    const auto prompt = encode("<|im_start|>user\nthe weather<|im_end|>\n<|im_start|>assistant\n");
+    std::string streamed;
+    int pieces = 0;
+    GenerationOptions options;
+    options.maxNewTokens = 6;
+    options.ignoreEndOfGeneration = true;
+    const GenerationResult result = session.generate(prompt, options, [&](std::string_view piece) {
+        streamed += piece;
+        ++pieces;
+    });
+    EXPECT_EQ(result.tokens, referenceGreedy(prompt, 6));
+    EXPECT_EQ(result.stopReason, StopReason::maxTokens);
+    EXPECT_EQ(result.text, streamed);
+    EXPECT_EQ(result.text, tokenizer->decode(result.tokens));
+    EXPECT_GT(pieces, 0);
+    EXPECT_EQ(result.promptTokensComputed, static_cast<std::int64_t>(prompt.size()));
+    // The last generated token is never fed back: the cache holds prompt + 5.
+    EXPECT_EQ(session.cache().length(), static_cast<std::int64_t>(prompt.size()) + 5);
+}
+
+TEST_F(GenerationSessionTest, ReusesTheLongestCachedPrefix) {
+    GenerationSession session(model, tokenizer, pool);
+    const auto first = encode("<|im_start|>system\nbe brief<|im_end|>\n<|im_start|>user\nhello");
+    const auto second = encode("<|im_start|>system\nbe brief<|im_end|>\n<|im_start|>user\nthe other");
+    std::size_t shared = 0;
+    while (first[shared] == second[shared]) {
+        ++shared;
+    }
+    EXPECT_EQ(session.prefill(first), static_cast<std::int64_t>(first.size()));
+    EXPECT_EQ(session.prefill(first), 0); // already there
+    EXPECT_EQ(session.prefill(second), static_cast<std::int64_t>(second.size() - shared));
+    EXPECT_EQ(session.tokens(), second);
+
+    GenerationSession fresh(model, tokenizer, pool);
+    fresh.prefill(second);
+    EXPECT_LT(maxAbsDifference(session.logits(), fresh.logits()), 2e-5f);
+
+    // A prompt that is a prefix of the cache recomputes only its last token.
+    EXPECT_EQ(session.prefill(std::span(second).first(shared)), 1);
+    EXPECT_EQ(session.cache().length(), static_cast<std::int64_t>(shared));
+}
+
+TEST_F(GenerationSessionTest, SavedStateServesLaterPrompts) {
+    GenerationSession session(model, tokenizer, pool);
+    const auto instructions = encode("<|im_start|>system\nrewrite the text<|im_end|>\n<|im_start|>");
+    session.prefill(instructions);
+    const GenerationSession::State saved = session.saveState();
+
+    auto prompt = instructions;
+    for (const std::int32_t token : encode("user\nat the sea<|im_end|>\n<|im_start|>assistant\n")) {
+        prompt.push_back(token);
+    }
+    session.prefill(encode("something unrelated"));
+    session.restoreState(saved);
+    GenerationOptions options;
+    options.maxNewTokens = 4;
+    options.ignoreEndOfGeneration = true;
+    const GenerationResult result = session.generate(prompt, options, {});
+    EXPECT_EQ(result.promptTokensReused, static_cast<std::int64_t>(instructions.size()));
+    EXPECT_EQ(result.tokens, referenceGreedy(prompt, 4));
+    EXPECT_EQ(saved.cache.length(), static_cast<std::int64_t>(instructions.size())); // unchanged by use
+
+    GenerationSession::State wrongLength = saved;
+    wrongLength.tokens.pop_back();
+    EXPECT_THROW(session.restoreState(wrongLength), std::invalid_argument);
+}
+
+TEST_F(GenerationSessionTest, StopFlagEndsBetweenTokens) {
+    GenerationSession session(model, tokenizer, pool);
+    const auto prompt = encode("the sea");
+    std::atomic<bool> stop{true};
+    GenerationOptions options;
+    options.maxNewTokens = 10;
+    options.stopFlag = &stop;
+    options.ignoreEndOfGeneration = true;
+    GenerationResult result = session.generate(prompt, options, {});
+    EXPECT_EQ(result.stopReason, StopReason::stopRequested);
+    EXPECT_TRUE(result.tokens.empty());
+
+    stop = false;
+    int calls = 0;
+    result = session.generate(prompt, options, [&](std::string_view) {
+        if (++calls == 2) {
+            stop = true;
+        }
+    });
+    EXPECT_EQ(result.stopReason, StopReason::stopRequested);
+    EXPECT_GE(result.tokens.size(), 2u);
+    EXPECT_LT(result.tokens.size(), 10u);
+}
+
+TEST_F(GenerationSessionTest, StopsWhenTheContextIsFull) {
+    TestModelSpec spec = tinySpec(Architecture::llama);
+    spec.contextLength = 8;
+    GenerationSession session(makeTinyModel(spec), tokenizer, pool);
+    const std::int32_t prompt[] = {10, 20, 30, 40, 50};
+    GenerationOptions options;
+    options.maxNewTokens = 50;
+    options.ignoreEndOfGeneration = true;
+    const GenerationResult result = session.generate(prompt, options, {});
+    EXPECT_EQ(result.stopReason, StopReason::contextFull);
+    EXPECT_EQ(result.tokens.size(), 4u); // three fit in the cache, the fourth comes from the last logits
+    const std::int32_t tooLong[] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    EXPECT_THROW(session.generate(tooLong, options, {}), std::length_error);
+}
+
+TEST_F(GenerationSessionTest, EndOfGenerationTokenStopsWithoutBeingEmitted) {
+    // An untied output so greedy decoding does not just repeat its input.
+    TestModelSpec spec = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
+    spec.tiedOutput = false;
+    const auto loaded = GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes(), "untied");
+    const std::int32_t prompt[] = {40, 41, 42};
+    GenerationOptions options;
+    options.maxNewTokens = 12;
+    options.ignoreEndOfGeneration = true;
+    const auto greedy =
+        GenerationSession(Model::fromFile(loaded), Tokenizer::fromGguf(*loaded), pool).generate(prompt, options, {}).tokens;
+    // The first greedy token not produced before it becomes end-of-sequence.
+    std::size_t stopAt = 1;
+    while (stopAt < greedy.size() && std::find(greedy.begin(), greedy.begin() + static_cast<std::ptrdiff_t>(stopAt),
+                                               greedy[stopAt]) != greedy.begin() + static_cast<std::ptrdiff_t>(stopAt)) {
+        ++stopAt;
+    }
+    ASSERT_LT(stopAt, greedy.size());
+    GgufWriter writer = TestModelMaker::build(spec);
+    writer.setUInt32("tokenizer.ggml.eos_token_id", static_cast<std::uint32_t>(greedy[stopAt]));
+    const auto file = GgufFile::fromBuffer(writer.toBytes(), "eos model");
+    GenerationSession session(Model::fromFile(file), Tokenizer::fromGguf(*file), pool);
+    options.ignoreEndOfGeneration = false;
+    const GenerationResult result = session.generate(prompt, options, {});
+    EXPECT_EQ(result.stopReason, StopReason::endOfGeneration);
+    EXPECT_EQ(result.tokens, std::vector<std::int32_t>(greedy.begin(), greedy.begin() + static_cast<std::ptrdiff_t>(stopAt)));
+}
+
+TEST(GenerationSessionArgmax, TiesGoToTheLowestId) {
+    const std::vector<float> logits = {0.5f, 2.0f, -1.0f, 2.0f};
+    EXPECT_EQ(GenerationSession::argmax(logits), 1);
+    EXPECT_THROW(GenerationSession::argmax({}), std::invalid_argument);
+}
+
+} // namespace
+} // namespace parlune::llm

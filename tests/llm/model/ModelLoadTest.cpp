@@ -1,0 +1,122 @@
+#include "TinyModel.h"
+
+#include "llm/model/ModelError.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace parlune::llm {
+namespace {
+
+using testing::makeTinyModel;
+using testing::tinySpec;
+
+// Rebuilds a tiny model's bytes with one metadata key or tensor changed.
+std::shared_ptr<const GgufFile> fileWith(const std::function<void(GgufWriter&)>& change,
+                                         Architecture architecture = Architecture::llama) {
+    GgufWriter writer = TestModelMaker::build(tinySpec(architecture));
+    change(writer);
+    return GgufFile::fromBuffer(writer.toBytes(), "edited model");
+}
+
+void expectModelError(const std::shared_ptr<const GgufFile>& file, const std::string& fragment) {
+    try {
+        Model::fromFile(file);
+        FAIL() << "expected a ModelError mentioning " << fragment;
+    } catch (const ModelError& error) {
+        EXPECT_NE(std::string(error.what()).find(fragment), std::string::npos) << error.what();
+    }
+}
+
+TEST(ModelLoad, ReadsHyperParametersOfEachArchitecture) {
+    for (const Architecture architecture : {Architecture::llama, Architecture::qwen2, Architecture::qwen3}) {
+        const auto model = makeTinyModel(tinySpec(architecture));
+        const ModelConfig& c = model->config();
+        EXPECT_EQ(c.architecture, architecture);
+        EXPECT_EQ(c.layerCount, 2);
+        EXPECT_EQ(c.hiddenSize, 64);
+        EXPECT_EQ(c.headCount, 4);
+        EXPECT_EQ(c.kvHeadCount, 2);
+        EXPECT_EQ(c.headDim, 16);
+        EXPECT_EQ(c.feedForwardSize, 256);
+        EXPECT_EQ(c.vocabularySize, model->tokenEmbedding().rows);
+        EXPECT_EQ(c.ropeLayout, architecture == Architecture::llama ? RopeLayout::normal : RopeLayout::neox);
+        EXPECT_TRUE(model->tiedOutput());
+        EXPECT_EQ(model->layer(1).queryBias.empty(), architecture != Architecture::qwen2);
+        EXPECT_EQ(model->layer(1).queryNorm.empty(), architecture != Architecture::qwen3);
+    }
+}
+
+TEST(ModelLoad, WeightsStayInTheMapping) {
+    TestModelSpec spec = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
+    spec.tiedOutput = false;
+    const auto model = makeTinyModel(spec);
+    const GgufFile& file = model->file();
+    const auto inFile = [&](const void* p) {
+        const GgufTensorInfo* embd = file.findTensor("token_embd.weight");
+        const auto* base = file.tensorBytes(*embd).data() - embd->offset;
+        const auto* at = static_cast<const std::byte*>(p);
+        return at >= base && at < base + file.fileSize();
+    };
+    EXPECT_FALSE(model->tiedOutput());
+    EXPECT_TRUE(inFile(model->output().data));
+    EXPECT_TRUE(inFile(model->layer(0).down.data));
+    EXPECT_TRUE(inFile(model->layer(0).keyBias.data()));
+    EXPECT_EQ(model->layer(0).down.type, GgmlType::Q8_0);
+    EXPECT_GT(model->weightBytes(), model->tokenEmbedding().rowBytes * 300);
+}
+
+TEST(ModelLoad, RejectsUnusableMetadataWithTheKeyNamed) {
+    expectModelError(fileWith([](GgufWriter& w) { w.setString("general.architecture", "gpt-neo"); }),
+                     "unsupported model architecture 'gpt-neo'");
+    expectModelError(fileWith([](GgufWriter& w) { w.setUInt32("llama.attention.head_count_kv", 3); }),
+                     "not a multiple of the key/value head count");
+    expectModelError(fileWith([](GgufWriter& w) { w.setInt32("llama.block_count", -1); }), "llama.block_count");
+    expectModelError(fileWith([](GgufWriter& w) { w.setString("llama.rope.scaling.type", "ntk-magic"); }),
+                     "unsupported RoPE scaling type");
+    expectModelError(fileWith([](GgufWriter& w) { w.setString("llama.context_length", "many"); }),
+                     "llama.context_length");
+}
+
+TEST(ModelLoad, RejectsMissingOrMisshapenTensors) {
+    // A third layer announced but not present.
+    expectModelError(fileWith([](GgufWriter& w) { w.setUInt32("llama.block_count", 3); }),
+                     "'blk.2.attn_norm.weight' is missing");
+    // Wider feed-forward than the tensors have.
+    expectModelError(fileWith([](GgufWriter& w) { w.setUInt32("llama.feed_forward_length", 512); }),
+                     "'blk.0.ffn_gate.weight' has shape [64, 256], expected [64, 512]");
+    // A qwen2 file without its biases.
+    GgufWriter writer = TestModelMaker::build(tinySpec(Architecture::llama));
+    writer.setString("general.architecture", "qwen2");
+    writer.setUInt32("qwen2.block_count", 2);
+    writer.setUInt32("qwen2.embedding_length", 64);
+    writer.setUInt32("qwen2.feed_forward_length", 256);
+    writer.setUInt32("qwen2.attention.head_count", 4);
+    writer.setUInt32("qwen2.attention.head_count_kv", 2);
+    writer.setUInt32("qwen2.context_length", 128);
+    expectModelError(GgufFile::fromBuffer(writer.toBytes(), "no biases"), "'blk.0.attn_q.bias' is missing");
+}
+
+TEST(ModelLoad, ReadsRopeScaling) {
+    TestModelSpec spec = tinySpec(Architecture::llama);
+    spec.ropeScaling.kind = RopeScalingKind::yarn;
+    spec.ropeScaling.factor = 4.0;
+    spec.ropeScaling.originalContext = 512;
+    const RopeScaling scaling = makeTinyModel(spec)->config().ropeScaling;
+    EXPECT_EQ(scaling.kind, RopeScalingKind::yarn);
+    EXPECT_DOUBLE_EQ(scaling.factor, 4.0);
+    EXPECT_EQ(scaling.originalContext, 512);
+}
+
+TEST(ModelLoad, EmbeddingRejectsTokensOutsideTheVocabulary) {
+    const auto model = makeTinyModel(tinySpec(Architecture::llama));
+    std::vector<float> row(64);
+    EXPECT_THROW(model->embed(-1, row.data()), ModelError);
+    EXPECT_THROW(model->embed(static_cast<std::int32_t>(model->config().vocabularySize), row.data()), ModelError);
+    model->embed(5, row.data());
+    EXPECT_NE(row[0], 0.0f);
+}
+
+} // namespace
+} // namespace parlune::llm

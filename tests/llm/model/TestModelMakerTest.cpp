@@ -1,0 +1,143 @@
+#include "TinyModel.h"
+
+#include "llm/model/KvCache.h"
+#include "llm/model/Transformer.h"
+#include "llm/runtime/ThreadPool.h"
+#include "llm/tensor/Quantization.h"
+#include "llm/tokenizer/ChatFormat.h"
+#include "llm/tokenizer/Tokenizer.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+
+namespace parlune::llm {
+namespace {
+
+using testing::tinySpec;
+
+struct Moments {
+    double mean;
+    double sd;
+};
+
+Moments moments(const GgufFile& file, const std::string& name) {
+    const GgufTensorInfo* info = file.findTensor(name);
+    EXPECT_NE(info, nullptr) << name;
+    std::vector<float> values(static_cast<std::size_t>(info->elementCount));
+    dequantizeRow(info->type, file.tensorBytes(*info).data(), values.data(), info->elementCount);
+    double sum = 0, squares = 0;
+    for (const float v : values) {
+        sum += v;
+        squares += static_cast<double>(v) * v;
+    }
+    const double n = static_cast<double>(values.size());
+    return {sum / n, std::sqrt(squares / n - (sum / n) * (sum / n))};
+}
+
+TEST(TestModelMaker, SameSpecSameBytesOtherSeedOtherWeights) {
+    const TestModelSpec spec = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
+    EXPECT_EQ(TestModelMaker::build(spec).toBytes(), TestModelMaker::build(spec).toBytes());
+    TestModelSpec other = spec;
+    other.seed = 2;
+    EXPECT_NE(TestModelMaker::build(spec).toBytes(), TestModelMaker::build(other).toBytes());
+}
+
+TEST(TestModelMaker, DrawsTheFixtureDistributions) {
+    const auto file = GgufFile::fromBuffer(TestModelMaker::build(tinySpec(Architecture::qwen2)).toBytes());
+    const Moments weights = moments(*file, "token_embd.weight");
+    EXPECT_NEAR(weights.mean, 0.0, 0.002);
+    EXPECT_NEAR(weights.sd, 0.02, 0.001);
+    const Moments ffn = moments(*file, "blk.1.ffn_down.weight");
+    EXPECT_NEAR(ffn.sd, 0.02, 0.001);
+    const Moments norm = moments(*file, "blk.0.ffn_norm.weight");
+    EXPECT_NEAR(norm.mean, 1.0, 0.04);
+    EXPECT_NEAR(norm.sd, 0.1, 0.03);
+    const Moments bias = moments(*file, "blk.0.attn_q.bias");
+    EXPECT_NEAR(bias.sd, 0.05, 0.015);
+    // Different tensors are not copies of one stream.
+    EXPECT_NE(moments(*file, "blk.0.ffn_up.weight").mean, moments(*file, "blk.0.ffn_gate.weight").mean);
+}
+
+TEST(TestModelMaker, MixedSchemeFollowsRowLengths) {
+    const TestWeightScheme mix = *TestWeightScheme::parse("Q4_K_M");
+    EXPECT_TRUE(mix.q4kmMix);
+    EXPECT_EQ(mix.name(), "Q4_K_M");
+    EXPECT_EQ(TestModelMaker::matrixType(mix, "token_embd.weight", 0, 24, 896), GgmlType::Q8_0);
+    EXPECT_EQ(TestModelMaker::matrixType(mix, "blk.5.attn_q.weight", 5, 24, 896), GgmlType::Q5_0);
+    EXPECT_EQ(TestModelMaker::matrixType(mix, "blk.5.ffn_down.weight", 5, 24, 4864), GgmlType::Q6_K);
+    EXPECT_EQ(TestModelMaker::matrixType(mix, "blk.6.ffn_down.weight", 6, 24, 4864), GgmlType::Q4_K);
+    EXPECT_EQ(TestModelMaker::matrixType(mix, "blk.0.ffn_down.weight", 0, 24, 4864), GgmlType::Q6_K);
+    EXPECT_EQ(TestModelMaker::matrixType(mix, "blk.3.ffn_up.weight", 3, 24, 1024), GgmlType::Q4_K);
+    // A uniform K-quant falls back to Q8_0 where rows are not whole 256-blocks.
+    const TestWeightScheme q6k = *TestWeightScheme::parse("q6_k");
+    EXPECT_EQ(TestModelMaker::matrixType(q6k, "blk.0.attn_q.weight", 0, 2, 64), GgmlType::Q8_0);
+    EXPECT_EQ(TestModelMaker::matrixType(q6k, "blk.0.ffn_down.weight", 0, 2, 256), GgmlType::Q6_K);
+    EXPECT_FALSE(TestWeightScheme::parse("q3_k").has_value());
+}
+
+TEST(TestModelMaker, EveryWeightTypeLoadsAndRuns) {
+    ThreadPool pool(2);
+    for (const char* type : {"f32", "f16", "bf16", "q4_0", "q4_1", "q5_0", "q5_1", "q8_0", "q4_k", "q5_k", "q6_k",
+                             "q4_k_m"}) {
+        TestModelSpec spec = tinySpec(Architecture::llama);
+        spec.weights = *TestWeightScheme::parse(type);
+        spec.feedForwardSize = 512; // down-projection rows of two 256-blocks
+        const auto model = testing::makeTinyModel(spec);
+        EXPECT_EQ(model->layer(0).down.type == GgmlType::Q8_0, spec.weights.type == GgmlType::Q8_0) << type;
+        Transformer transformer(model, pool);
+        KvCache cache(model->config());
+        std::vector<float> logits;
+        const std::int32_t tokens[] = {5, 77, 130};
+        transformer.forward(tokens, cache, logits);
+        float largest = 0.0f;
+        for (const float v : logits) {
+            ASSERT_TRUE(std::isfinite(v)) << type;
+            largest = std::max(largest, std::abs(v));
+        }
+        EXPECT_GT(largest, 0.05f) << type;
+    }
+}
+
+TEST(TestModelMaker, BuiltInVocabularyTokenisesAndFormatsChat) {
+    const auto file = GgufFile::fromBuffer(TestModelMaker::build(tinySpec(Architecture::qwen3)).toBytes());
+    const auto tokenizer = Tokenizer::fromGguf(*file);
+    const std::string text = "the weather in Zürich";
+    EXPECT_EQ(tokenizer->decode(tokenizer->encode(text, false)), text);
+    EXPECT_LT(tokenizer->encode(" the", false).size(), 4u); // merges apply
+    const ChatFormat format = ChatFormat::fromTemplate(*file->getString("tokenizer.chat_template"));
+    EXPECT_EQ(format.family(), ChatFamily::chatml);
+    const auto prompt = tokenizer->encode(format.formatPrompt("sys", "hi"), true);
+    EXPECT_EQ(prompt.front(), *tokenizer->findToken("<|im_start|>"));
+    EXPECT_TRUE(tokenizer->isEndOfGeneration(*tokenizer->findToken("<|im_end|>")));
+}
+
+TEST(TestModelMaker, PaddedVocabularyGetsChatMLControlTokens) {
+    TestModelSpec spec = tinySpec(Architecture::qwen2);
+    spec.vocabularySize = 400;
+    const auto file = GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes());
+    EXPECT_EQ(Model::fromFile(file)->config().vocabularySize, 400);
+    EXPECT_EQ(Tokenizer::fromGguf(*file)->vocabularySize(), 400);
+    spec.vocabularySize = 100; // below the vocabulary's own size
+    EXPECT_THROW(TestModelMaker::build(spec), std::invalid_argument);
+}
+
+TEST(TestModelMaker, CopiesAVocabularyFile) {
+    const std::filesystem::path vocab = std::filesystem::path(PARLUNE_LLM_FIXTURES) / "vocab/ggml-vocab-gpt-2.gguf";
+    if (!std::filesystem::exists(vocab)) {
+        GTEST_SKIP() << "shared engine fixtures not found at " << PARLUNE_LLM_FIXTURES;
+    }
+    TestModelSpec spec = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
+    spec.vocabularyFile = vocab;
+    spec.vocabularySize = 50304; // padded like real checkpoints
+    const auto file = GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes());
+    const auto tokenizer = Tokenizer::fromGguf(*file);
+    const auto original = Tokenizer::fromGguf(*GgufFile::open(vocab));
+    EXPECT_EQ(tokenizer->vocabularySize(), 50304);
+    EXPECT_EQ(tokenizer->encode("Hello world, again!", false), original->encode("Hello world, again!", false));
+    EXPECT_EQ(*tokenizer->findToken("<|im_start|>"), original->vocabularySize()); // first padding slot
+}
+
+} // namespace
+} // namespace parlune::llm

@@ -1,0 +1,137 @@
+#include "TinyModel.h"
+
+#include "llm/model/KvCache.h"
+#include "llm/model/ModelError.h"
+#include "llm/model/Transformer.h"
+#include "llm/runtime/ThreadPool.h"
+
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <stdexcept>
+#include <vector>
+
+namespace parlune::llm {
+namespace {
+
+using testing::makeTinyModel;
+using testing::maxAbsDifference;
+using testing::tinySpec;
+
+std::vector<std::int32_t> sequence(std::size_t length, std::int32_t vocabulary) {
+    std::vector<std::int32_t> tokens(length);
+    for (std::size_t i = 0; i < length; ++i) {
+        tokens[i] = static_cast<std::int32_t>((i * 7919 + 13) % static_cast<std::size_t>(vocabulary));
+    }
+    return tokens;
+}
+
+class TransformerTest : public ::testing::TestWithParam<std::tuple<Architecture, GgmlType>> {
+protected:
+    std::shared_ptr<const Model> model = makeTinyModel(tinySpec(std::get<0>(GetParam()), std::get<1>(GetParam())));
+    std::int32_t vocabulary = static_cast<std::int32_t>(model->config().vocabularySize);
+};
+
+TEST_P(TransformerTest, BatchedPromptMatchesTokenByTokenDecoding) {
+    ThreadPool pool(2);
+    Transformer transformer(model, pool);
+    const auto tokens = sequence(12, vocabulary);
+
+    KvCache batched(model->config());
+    std::vector<float> all;
+    transformer.forward(tokens, batched, all, true);
+    ASSERT_EQ(all.size(), tokens.size() * static_cast<std::size_t>(vocabulary));
+
+    KvCache stepwise(model->config());
+    std::vector<float> logits;
+    for (std::size_t i = 0; i < tokens.size(); ++i) {
+        transformer.forward(std::span(tokens).subspan(i, 1), stepwise, logits);
+        const std::span<const float> row(all.data() + i * static_cast<std::size_t>(vocabulary),
+                                         static_cast<std::size_t>(vocabulary));
+        EXPECT_LT(maxAbsDifference(row, logits), 2e-5f) << "position " << i;
+    }
+    EXPECT_EQ(batched.length(), 12);
+    EXPECT_EQ(stepwise.length(), 12);
+
+    // A continuation after a batched prefix sees the same history.
+    std::vector<float> continued;
+    const std::int32_t next[] = {3};
+    transformer.forward(next, batched, continued);
+    transformer.forward(next, stepwise, logits);
+    EXPECT_LT(maxAbsDifference(continued, logits), 2e-5f);
+}
+
+TEST_P(TransformerTest, ThreadCountDoesNotChangeResults) {
+    const auto tokens = sequence(9, vocabulary);
+    std::vector<float> one, two;
+    {
+        ThreadPool pool(1);
+        Transformer transformer(model, pool);
+        KvCache cache(model->config());
+        transformer.forward(tokens, cache, one, true);
+    }
+    {
+        ThreadPool pool(2);
+        Transformer transformer(model, pool);
+        KvCache cache(model->config());
+        transformer.forward(tokens, cache, two, true);
+    }
+    EXPECT_EQ(one, two);
+}
+
+INSTANTIATE_TEST_SUITE_P(Architectures, TransformerTest,
+                         ::testing::Values(std::tuple(Architecture::llama, GgmlType::F32),
+                                           std::tuple(Architecture::qwen2, GgmlType::Q8_0),
+                                           std::tuple(Architecture::qwen3, GgmlType::Q4_K),
+                                           std::tuple(Architecture::llama, GgmlType::F16)));
+
+TEST(Transformer, LongPromptsSpanSeveralBatches) {
+    TestModelSpec spec = tinySpec(Architecture::qwen2);
+    spec.layerCount = 1;
+    const auto model = makeTinyModel(spec);
+    ThreadPool pool(2);
+    Transformer transformer(model, pool);
+    const auto tokens = sequence(Transformer::maxBatch + 40, static_cast<std::int32_t>(model->config().vocabularySize));
+    KvCache whole(model->config());
+    std::vector<float> a, b;
+    transformer.forward(tokens, whole, a);
+    KvCache split(model->config());
+    transformer.forward(std::span(tokens).first(100), split, b);
+    transformer.forward(std::span(tokens).subspan(100), split, b);
+    EXPECT_EQ(whole.length(), static_cast<std::int64_t>(tokens.size()));
+    EXPECT_LT(maxAbsDifference(a, b), 2e-5f);
+}
+
+TEST(Transformer, BadInputLeavesTheCacheAsItWas) {
+    TestModelSpec spec = tinySpec(Architecture::llama);
+    spec.contextLength = 8;
+    const auto model = makeTinyModel(spec);
+    ThreadPool pool(1);
+    Transformer transformer(model, pool);
+    KvCache cache(model->config());
+    std::vector<float> logits;
+    const std::int32_t start[] = {1, 2, 3};
+    transformer.forward(start, cache, logits);
+    const std::vector<float> before = logits;
+
+    const std::int32_t outside[] = {4, static_cast<std::int32_t>(model->config().vocabularySize)};
+    EXPECT_THROW(transformer.forward(outside, cache, logits), ModelError);
+    EXPECT_EQ(cache.length(), 3);
+    const std::int32_t tooMany[] = {1, 2, 3, 4, 5, 6};
+    EXPECT_THROW(transformer.forward(tooMany, cache, logits), std::length_error);
+    EXPECT_EQ(cache.length(), 3);
+    EXPECT_THROW(transformer.forward({}, cache, logits), std::invalid_argument);
+
+    // The cache still continues correctly.
+    const std::int32_t more[] = {4};
+    transformer.forward(more, cache, logits);
+    KvCache fresh(model->config());
+    std::vector<float> expected;
+    const std::int32_t all[] = {1, 2, 3, 4};
+    transformer.forward(all, fresh, expected);
+    EXPECT_LT(maxAbsDifference(logits, expected), 2e-5f);
+    EXPECT_NE(logits, before);
+}
+
+} // namespace
+} // namespace parlune::llm
