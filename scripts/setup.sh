@@ -12,7 +12,7 @@ packages=(
   libxtst-dev libatspi2.0-dev
   # tests: unit, engine oracle, real desktop
   libgtest-dev libgmock-dev python3 python3-numpy
-  xvfb openbox xdotool xclip x11-utils dbus-x11 at-spi2-core mousepad
+  xvfb openbox xdotool xclip x11-utils dbus-x11 dbus-daemon at-spi2-core mousepad
 )
 
 missing=()

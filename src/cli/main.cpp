@@ -1,5 +1,6 @@
 #include "cli/CliCommand.h"
 #include "cli/ModelCommands.h"
+#include "cli/SettingsCommands.h"
 
 #include <QCoreApplication>
 
@@ -14,6 +15,7 @@ using parlune::cli::CliCommand;
 std::vector<CliCommand> allCommands() {
     std::vector<CliCommand> commands;
     commands.push_back(parlune::cli::modelCommand());
+    commands.push_back(parlune::cli::settingsCommand());
     return commands;
 }
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <stop_token>
 #include <type_traits>
+#include <utility>
 #include <variant>
 
 namespace parlune {

@@ -46,6 +46,9 @@ public:
         (void)count;
         return false;
     }
+    // Whether contentsWereFetched() can answer true at all. Where it can, a paste is not over until
+    // the target has fetched what was pasted, so the old contents are put back only after that.
+    virtual bool reportsFetches() const { return false; }
 };
 
 } // namespace parlune

@@ -21,6 +21,7 @@ const PlatformTerms& PlatformTerms::macOS() {
             "Enable Parlune in System Settings \u2192 Privacy & Security \u2192 Accessibility, then return and run "
             "the workflow test.",
         .deviceNotSupportedDescription = "This Mac does not support Parlune's on-device rewriting.",
+        .hotKeyStatusName = "OSStatus",
     };
     return terms;
 }
@@ -42,8 +43,14 @@ const PlatformTerms& PlatformTerms::linux() {
             "Turn on assistive technologies in your desktop's accessibility settings, then return and run the "
             "workflow test.",
         .deviceNotSupportedDescription = "This computer does not support Parlune's on-device rewriting.",
+        // The X11 port reports the X protocol error of a refused key grab.
+        .hotKeyStatusName = "X11 error",
     };
     return terms;
+}
+
+QString PlatformTerms::optionPrefix() const {
+    return QString::fromUtf8(optionKey.data(), static_cast<qsizetype>(optionKey.size())) + u'+';
 }
 
 const PlatformTerms& PlatformTerms::current() { return overrideTerms ? *overrideTerms : linux(); }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QString>
+
 #include <string_view>
 
 namespace parlune {
@@ -23,6 +25,11 @@ struct PlatformTerms {
     std::string_view accessibilityEnableInstruction;
     // "This Mac does not support Parlune's on-device rewriting."
     std::string_view deviceNotSupportedDescription;
+    // The name of the platform's status code in "Could not register the hotkey. OSStatus -9878."
+    std::string_view hotKeyStatusName;
+
+    // "Option+" or its equivalent: how every shortcut whose first key is Option begins.
+    QString optionPrefix() const;
 
     static const PlatformTerms& macOS();
     static const PlatformTerms& linux();

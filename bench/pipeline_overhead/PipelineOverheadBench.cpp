@@ -1,0 +1,160 @@
+// Pipeline overhead on a real desktop, with an instant model: from the shortcut press to the
+// replaced text in a real editor (mousepad on a private Xvfb + openbox desktop), and the capture,
+// validation, replacement (paste, confirmation and clipboard restore) and a clipboard restore on
+// their own. Run by hand:
+//   parlune-bench-pipeline-overhead [--runs N] [--no-accessibility]
+// Prints median and 95th percentile in milliseconds. The selected text is never printed.
+#include "DesktopSession.h"
+#include "EditorWindow.h"
+#include "NoAccessibilityBus.h"
+#include "core/async/Clock.h"
+#include "core/async/TaskHandle.h"
+#include "core/hotkeys/HotKeyManager.h"
+#include "core/hotkeys/HotKeyShortcut.h"
+#include "core/selection/ClipboardManager.h"
+#include "core/selection/TextSelectionReplacer.h"
+#include "platform/x11/AtspiAccessibility.h"
+#include "platform/x11/EwmhWorkspace.h"
+#include "platform/x11/X11Pasteboard.h"
+#include "platform/x11/XTestKeyboardEvents.h"
+#include "platform/x11/XcbConnection.h"
+#include "platform/x11/XcbHotKeyService.h"
+#include "support/RunTask.h"
+
+#include <QElapsedTimer>
+#include <QGuiApplication>
+#include <QProcess>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+using namespace parlune;
+
+namespace {
+
+struct Stat {
+    std::vector<double> samples;
+    void add(double ms) { samples.push_back(ms); }
+    double quantile(double q) const {
+        std::vector<double> sorted = samples;
+        std::sort(sorted.begin(), sorted.end());
+        const auto index = static_cast<std::size_t>(q * static_cast<double>(sorted.size() - 1) + 0.5);
+        return sorted[std::min(index, sorted.size() - 1)];
+    }
+};
+
+double since(const QElapsedTimer& timer) { return static_cast<double>(timer.nsecsElapsed()) / 1e6; }
+
+} // namespace
+
+int main(int argc, char** argv) {
+    int runs = 30;
+    bool useAccessibility = true;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--runs" && i + 1 < argc) {
+            runs = std::max(3, std::atoi(argv[++i]));
+        } else if (arg == "--no-accessibility") {
+            useAccessibility = false;
+        }
+    }
+    test::DesktopSession session;
+    if (!session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC))) {
+        std::fprintf(stderr, "no desktop: %s\n", qPrintable(session.failure()));
+        return 1;
+    }
+    test::DesktopSession::setCurrent(&session);
+    QGuiApplication app(argc, argv);
+
+    auto connection = x11::XcbConnection::open();
+    x11::EwmhWorkspace workspace(*connection);
+    x11::X11Pasteboard pasteboard(*connection);
+    x11::XTestKeyboardEvents keyboard(*connection, workspace);
+    x11::AtspiAccessibility atspi(workspace, [&] { return keyboard.isAvailable(); });
+    test::NoAccessibilityBus noBus;
+    AccessibilityApi& accessibility = useAccessibility ? static_cast<AccessibilityApi&>(atspi) : noBus;
+    ClipboardManager clipboard(pasteboard);
+    TextSelectionReplacer replacer(accessibility, workspace, clipboard, keyboard,
+                                   AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
+    auto service = x11::XcbHotKeyService::forApplication();
+    HotKeyManager hotkeys(*service);
+
+    // The user's clipboard: something of their own for every restore to bring back.
+    QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"),
+                                                   QStringLiteral("printf 'kept' | xclip -selection clipboard -i")});
+    test::pumpFor(300);
+
+    test::EditorWindow editor(workspace);
+    if (!editor.open(QStringLiteral("alpha beta gamma"))) {
+        std::fprintf(stderr, "the editor did not start\n");
+        return 1;
+    }
+
+    std::map<std::string, Stat> stats;
+    int failures = 0;
+    bool running = false;
+    QElapsedTimer press;
+    QElapsedTimer delivered;
+    hotkeys.registerShortcut(HotKeyShortcut::defaultShortcut(), [&] {
+        delivered.start();
+        stats["press delivered (xdotool -> grab)"].add(since(press));
+        spawnTask([&](std::stop_token token) -> QCoro::Task<void> {
+            try {
+                QElapsedTimer step;
+                step.start();
+                CapturedSelection selection = co_await replacer.capture(token);
+                stats["capture"].add(since(step));
+                step.restart();
+                co_await replacer.validate(selection, token);
+                stats["validate"].add(since(step));
+                // The instant model: flip the case, so the next run finds a selection again.
+                const QString rewritten = selection.text() == QStringLiteral("beta") ? QStringLiteral("BETA")
+                                                                                     : QStringLiteral("beta");
+                step.restart();
+                co_await replacer.replace(rewritten, selection, token);
+                stats["replace (paste, confirm, restore)"].add(since(step));
+                stats["shortcut delivered -> replaced"].add(since(delivered));
+                stats["key press -> replaced"].add(since(press));
+            } catch (const std::exception&) {
+                ++failures;
+            }
+            running = false;
+        });
+    });
+
+    for (int run = 0; run < runs; ++run) {
+        editor.select(6, 4);
+        test::pumpFor(100);
+        running = true;
+        press.start();
+        QProcess::startDetached(QStringLiteral("xdotool"), {QStringLiteral("key"), QStringLiteral("alt+space")});
+        test::pumpUntil([&] { return !running && delivered.isValid(); }, 10000);
+        delivered.invalidate();
+        test::pumpFor(150);
+    }
+
+    // A restore on its own: the snapshot of the user's clipboard put back while we hold ours.
+    const ClipboardSnapshot user = clipboard.capture();
+    for (int run = 0; run < runs; ++run) {
+        clipboard.setTransientLocalString(QStringLiteral("transient"));
+        QElapsedTimer step;
+        step.start();
+        clipboard.restore(user, clipboard.changeCount());
+        stats["clipboard restore"].add(since(step));
+    }
+
+    std::printf("pipeline overhead, %d runs, %s, instant model (ms)\n", runs,
+                useAccessibility ? "selection read over AT-SPI" : "selection copied (no accessibility bus)");
+    std::printf("%-40s %8s %8s\n", "stage", "median", "p95");
+    for (const auto& [name, stat] : stats) {
+        if (!stat.samples.empty()) {
+            std::printf("%-40s %8.1f %8.1f\n", name.c_str(), stat.quantile(0.5), stat.quantile(0.95));
+        }
+    }
+    std::printf("failed runs: %d\n", failures);
+    hotkeys.unregister();
+    return failures == 0 ? 0 : 2;
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "core/platform/AccessibilityElement.h"
+
+#include <QString>
+
+typedef struct _AtspiAccessible AtspiAccessible;
+
+namespace parlune::x11 {
+
+// One object of another application on the accessibility bus. Identity is the owning
+// application's bus name plus the object path, which is what the bus itself addresses; how the
+// application counts text offsets (code points for GTK and most toolkits, UTF-16 units for Qt)
+// travels with the element.
+class AtspiElement final : public AccessibilityElement {
+public:
+    enum class OffsetUnit { codePoint, utf16 };
+
+    // Takes a reference of `accessible`.
+    AtspiElement(AtspiAccessible* accessible, OffsetUnit unit);
+    ~AtspiElement() override;
+    AtspiElement(const AtspiElement&) = delete;
+    AtspiElement& operator=(const AtspiElement&) = delete;
+
+    bool isSameElement(const AccessibilityElement& other) const override;
+    std::int64_t hashValue() const override;
+
+    AtspiAccessible* accessible() const { return accessible_; }
+    OffsetUnit offsetUnit() const { return unit_; }
+    const QString& address() const { return address_; }
+
+private:
+    AtspiAccessible* accessible_;
+    OffsetUnit unit_;
+    QString address_;
+};
+
+} // namespace parlune::x11

@@ -1,0 +1,53 @@
+#include "platform/x11/X11Desktop.h"
+
+#include "platform/x11/AtspiAccessibility.h"
+#include "platform/x11/EwmhWorkspace.h"
+#include "platform/x11/LinuxMemoryPressureSource.h"
+#include "platform/x11/X11Pasteboard.h"
+#include "platform/x11/X11Session.h"
+#include "platform/x11/XTestKeyboardEvents.h"
+#include "platform/x11/XcbConnection.h"
+#include "platform/x11/XcbHotKeyService.h"
+
+namespace parlune::x11 {
+
+X11Desktop::Result X11Desktop::connect() {
+    const X11Session::Kind kind = X11Session::detectFromEnvironment();
+    if (std::optional<QString> reason = X11Session::unsupportedReason(kind)) {
+        return *reason;
+    }
+    auto desktop = std::unique_ptr<X11Desktop>(new X11Desktop());
+    desktop->connection_ = XcbConnection::open();
+    desktop->hotKeys_ = XcbHotKeyService::forApplication();
+    if (!desktop->connection_ || !desktop->hotKeys_) {
+        return QStringLiteral("Parlune could not connect to the X11 display.");
+    }
+    XcbConnection& connection = *desktop->connection_;
+    desktop->workspace_ = std::make_unique<EwmhWorkspace>(connection);
+    desktop->pasteboard_ = std::make_unique<X11Pasteboard>(connection);
+    desktop->keyboard_ = std::make_unique<XTestKeyboardEvents>(connection, *desktop->workspace_);
+    if (!desktop->pasteboard_->isUsable()) {
+        return QStringLiteral("The X server lacks the XFixes extension, which Parlune needs to watch the clipboard.");
+    }
+    if (!desktop->keyboard_->isAvailable()) {
+        return QStringLiteral("The X server lacks the XTest extension, which Parlune needs to copy and paste.");
+    }
+    XTestKeyboardEvents* keyboard = desktop->keyboard_.get();
+    desktop->accessibility_ =
+        std::make_unique<AtspiAccessibility>(*desktop->workspace_, [keyboard] { return keyboard->isAvailable(); });
+    desktop->memoryPressure_ = std::make_unique<LinuxMemoryPressureSource>();
+    return desktop;
+}
+
+X11Desktop::~X11Desktop() {
+    // Ports that use the connection go before it.
+    memoryPressure_.reset();
+    accessibility_.reset();
+    keyboard_.reset();
+    pasteboard_.reset();
+    workspace_.reset();
+    hotKeys_.reset();
+    connection_.reset();
+}
+
+} // namespace parlune::x11

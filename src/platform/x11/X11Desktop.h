@@ -1,0 +1,50 @@
+#pragma once
+
+#include <QString>
+
+#include <memory>
+#include <variant>
+
+namespace parlune::x11 {
+
+class AtspiAccessibility;
+class EwmhWorkspace;
+class LinuxMemoryPressureSource;
+class X11Pasteboard;
+class XTestKeyboardEvents;
+class XcbConnection;
+class XcbHotKeyService;
+
+// Every Linux/X11 port, created together over one X connection for the application to hand to the
+// core. Creation fails with a sentence for the user where the ports cannot work: a Wayland session
+// (its windows' keys and selections are out of an X client's reach), no display, or a server
+// without the XFixes and XTest extensions. Requires a QGuiApplication on the xcb platform.
+class X11Desktop {
+public:
+    using Result = std::variant<std::unique_ptr<X11Desktop>, QString>;
+    static Result connect();
+
+    ~X11Desktop();
+    X11Desktop(const X11Desktop&) = delete;
+    X11Desktop& operator=(const X11Desktop&) = delete;
+
+    XcbHotKeyService& hotKeys() { return *hotKeys_; }
+    X11Pasteboard& pasteboard() { return *pasteboard_; }
+    XTestKeyboardEvents& keyboard() { return *keyboard_; }
+    EwmhWorkspace& workspace() { return *workspace_; }
+    AtspiAccessibility& accessibility() { return *accessibility_; }
+    LinuxMemoryPressureSource& memoryPressure() { return *memoryPressure_; }
+
+private:
+    X11Desktop() = default;
+
+    std::unique_ptr<XcbConnection> connection_;
+    std::unique_ptr<XcbHotKeyService> hotKeys_;
+    std::unique_ptr<EwmhWorkspace> workspace_;
+    std::unique_ptr<X11Pasteboard> pasteboard_;
+    std::unique_ptr<XTestKeyboardEvents> keyboard_;
+    std::unique_ptr<AtspiAccessibility> accessibility_;
+    std::unique_ptr<LinuxMemoryPressureSource> memoryPressure_;
+};
+
+} // namespace parlune::x11

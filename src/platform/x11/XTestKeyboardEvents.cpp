@@ -1,0 +1,190 @@
+#include "platform/x11/XTestKeyboardEvents.h"
+
+#include "core/async/Sleep.h"
+#include "core/platform/Workspace.h"
+#include "platform/x11/X11KeyTable.h"
+#include "platform/x11/XcbConnection.h"
+
+#include <QElapsedTimer>
+
+#include <X11/keysym.h>
+#include <xcb/xcb_keysyms.h>
+#include <xcb/xinput.h>
+#include <xcb/xtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <vector>
+
+namespace parlune::x11 {
+
+namespace {
+
+std::bitset<256> keyBits(const std::uint8_t* keys) {
+    std::bitset<256> down;
+    for (int byte = 0; byte < 32; ++byte) {
+        for (int bit = 0; bit < 8; ++bit) {
+            if (keys[byte] & (1u << bit)) {
+                down.set(static_cast<std::size_t>(byte * 8 + bit));
+            }
+        }
+    }
+    return down;
+}
+
+} // namespace
+
+XTestKeyboardEvents::XTestKeyboardEvents(XcbConnection& connection, Workspace& workspace)
+    : x_(connection), workspace_(workspace) {
+    // Per-device key state needs XInput 2 (to list the devices) and its 1.x state request.
+    const xcb_query_extension_reply_t* xinput = xcb_get_extension_data(x_.raw(), &xcb_input_id);
+    if (xinput && xinput->present) {
+        auto* version = xcb_input_xi_query_version_reply(x_.raw(), xcb_input_xi_query_version(x_.raw(), 2, 2), nullptr);
+        xinput_ = version && version->major_version >= 2;
+        std::free(version);
+    }
+}
+
+XTestKeyboardEvents::HeldKeys XTestKeyboardEvents::heldKeys() const {
+    HeldKeys held;
+    if (!xinput_) {
+        held.physical = keysDown();
+        return held;
+    }
+    xcb_connection_t* c = x_.raw();
+    auto* devices = xcb_input_xi_query_device_reply(c, xcb_input_xi_query_device(c, XCB_INPUT_DEVICE_ALL), nullptr);
+    if (!devices) {
+        held.physical = keysDown();
+        return held;
+    }
+    for (auto it = xcb_input_xi_query_device_infos_iterator(devices); it.rem; xcb_input_xi_device_info_next(&it)) {
+        const xcb_input_xi_device_info_t* info = it.data;
+        if (info->type != XCB_INPUT_DEVICE_TYPE_SLAVE_KEYBOARD) {
+            continue;
+        }
+        const QByteArray name(xcb_input_xi_device_info_name(info), xcb_input_xi_device_info_name_length(info));
+        auto* state = xcb_input_query_device_state_reply(
+            c, xcb_input_query_device_state(c, static_cast<std::uint8_t>(info->deviceid)), nullptr);
+        if (!state) {
+            continue;
+        }
+        for (auto cls = xcb_input_query_device_state_classes_iterator(state); cls.rem; xcb_input_input_state_next(&cls)) {
+            if (cls.data->class_id != XCB_INPUT_INPUT_CLASS_KEY) {
+                continue;
+            }
+            const auto* keys = reinterpret_cast<const xcb_input_key_state_t*>(cls.data);
+            (name.contains("XTEST") ? held.synthetic : held.physical) |= keyBits(keys->keys);
+        }
+        std::free(state);
+    }
+    std::free(devices);
+    x_.scheduleDispatch();
+    return held;
+}
+
+bool XTestKeyboardEvents::isAvailable() const {
+    const xcb_query_extension_reply_t* test = xcb_get_extension_data(x_.raw(), &xcb_test_id);
+    return test && test->present;
+}
+
+std::optional<xcb_keycode_t> XTestKeyboardEvents::keycodeFor(std::uint32_t keysym) const {
+    xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(x_.raw());
+    if (!symbols) {
+        return std::nullopt;
+    }
+    xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, keysym);
+    std::optional<xcb_keycode_t> result;
+    if (codes && codes[0] != XCB_NO_SYMBOL) {
+        result = codes[0];
+    }
+    std::free(codes);
+    xcb_key_symbols_free(symbols);
+    x_.scheduleDispatch();
+    return result;
+}
+
+std::bitset<256> XTestKeyboardEvents::keysDown() const {
+    std::bitset<256> down;
+    auto* reply = xcb_query_keymap_reply(x_.raw(), xcb_query_keymap(x_.raw()), nullptr);
+    if (reply) {
+        down = keyBits(reply->keys);
+    }
+    std::free(reply);
+    x_.scheduleDispatch();
+    return down;
+}
+
+std::bitset<256> XTestKeyboardEvents::modifierKeys() const {
+    std::bitset<256> keys;
+    auto* reply = xcb_get_modifier_mapping_reply(x_.raw(), xcb_get_modifier_mapping(x_.raw()), nullptr);
+    if (reply) {
+        const xcb_keycode_t* codes = xcb_get_modifier_mapping_keycodes(reply);
+        const int total = 8 * reply->keycodes_per_modifier;
+        for (int i = 0; i < total; ++i) {
+            if (codes[i] != 0) {
+                keys.set(codes[i]);
+            }
+        }
+    }
+    std::free(reply);
+    return keys;
+}
+
+void XTestKeyboardEvents::fake(std::uint8_t type, xcb_keycode_t keycode) {
+    xcb_test_fake_input(x_.raw(), type, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+}
+
+QCoro::Task<bool> XTestKeyboardEvents::sendCommandKey(std::uint16_t keyCode, ProcessId target, std::stop_token token) {
+    if (!isAvailable()) {
+        co_return false;
+    }
+    const std::optional<std::uint32_t> keysym = X11KeyTable::keysymFor(keyCode);
+    const std::optional<xcb_keycode_t> key = keysym ? keycodeFor(*keysym) : std::nullopt;
+    const std::optional<xcb_keycode_t> control = keycodeFor(XK_Control_L);
+    if (!key || !control) {
+        co_return false;
+    }
+
+    QElapsedTimer waited;
+    waited.start();
+    HeldKeys held = heldKeys();
+    while (held.any() && waited.elapsed() < static_cast<qint64>(releaseWaitSeconds * 1000)) {
+        co_await sleepFor(std::chrono::milliseconds(10), token);
+        held = heldKeys();
+    }
+    throwIfCancelled(token);
+
+    // XTest types into whatever has focus: it must still be the target's window.
+    const std::optional<RunningApplication> front = workspace_.frontmostApplication();
+    if (!front || front->processIdentifier != target) {
+        co_return false;
+    }
+
+    const std::bitset<256> modifiers = modifierKeys();
+    std::vector<xcb_keycode_t> lifted;
+    for (int code = 8; code < 256; ++code) {
+        if (held.synthetic.test(static_cast<std::size_t>(code))) {
+            fake(XCB_KEY_RELEASE, static_cast<xcb_keycode_t>(code));
+            lifted.push_back(static_cast<xcb_keycode_t>(code));
+        }
+    }
+    fake(XCB_KEY_PRESS, *control);
+    fake(XCB_KEY_PRESS, *key);
+    fake(XCB_KEY_RELEASE, *key);
+    fake(XCB_KEY_RELEASE, *control);
+    // Only modifiers go back down, for the synthetic keyboard's client that still holds them:
+    // pressing a letter or the shortcut's key again would type it or fire the shortcut.
+    for (xcb_keycode_t code : lifted) {
+        if (modifiers.test(code)) {
+            fake(XCB_KEY_PRESS, code);
+        }
+    }
+    // A round trip makes sure the server has processed the events before we report success.
+    auto* focus = xcb_get_input_focus_reply(x_.raw(), xcb_get_input_focus(x_.raw()), nullptr);
+    const bool delivered = focus != nullptr;
+    std::free(focus);
+    x_.scheduleDispatch();
+    co_return delivered;
+}
+
+} // namespace parlune::x11

@@ -1,0 +1,94 @@
+#include "core/hotkeys/HotKeyFormatter.h"
+#include "core/platform/PlatformTerms.h"
+#include "support/QtPrinters.h"
+#include "support/ScopedPlatformTerms.h"
+
+#include <gtest/gtest.h>
+
+namespace parlune {
+namespace {
+
+using testing::ScopedPlatformTerms;
+namespace flag = modifier_flag;
+
+class HotKeyFormatterTest : public ::testing::Test {
+protected:
+    ScopedPlatformTerms mac_{PlatformTerms::macOS()};
+};
+
+TEST_F(HotKeyFormatterTest, ModifierFlagsMapToCarbonMasksAndOthersAreIgnored) {
+    EXPECT_EQ(HotKeyFormatter::carbonModifiers(flag::command), 256u);
+    EXPECT_EQ(HotKeyFormatter::carbonModifiers(flag::shift), 512u);
+    EXPECT_EQ(HotKeyFormatter::carbonModifiers(flag::option), 2048u);
+    EXPECT_EQ(HotKeyFormatter::carbonModifiers(flag::control), 4096u);
+    EXPECT_EQ(HotKeyFormatter::carbonModifiers(flag::command | flag::shift | flag::option | flag::control), 6912u);
+    EXPECT_EQ(HotKeyFormatter::carbonModifiers(flag::capsLock | flag::function | flag::numericPad | flag::help), 0u);
+    EXPECT_EQ(HotKeyFormatter::carbonModifiers(flag::capsLock | flag::option), 2048u);
+}
+
+TEST_F(HotKeyFormatterTest, ModifierNamesFollowTheFixedOrder) {
+    EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::command | flag::shift | flag::option | flag::control),
+              "Control+Option+Shift+Command");
+    EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::command | flag::shift), "Shift+Command");
+    EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::capsLock), "");
+    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
+    EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::command | flag::shift | flag::option | flag::control),
+              "Ctrl+Alt+Shift+Super");
+}
+
+TEST_F(HotKeyFormatterTest, KeyNamesAreFixedForFourKeysAndUpperCasedOtherwise) {
+    EXPECT_EQ(HotKeyFormatter::keyDisplayName({36, "\r", 0}), "Return");
+    EXPECT_EQ(HotKeyFormatter::keyDisplayName({48, "\t", 0}), "Tab");
+    EXPECT_EQ(HotKeyFormatter::keyDisplayName({49, " ", 0}), "Space");
+    EXPECT_EQ(HotKeyFormatter::keyDisplayName({53, "\x1b", 0}), "Escape");
+    EXPECT_EQ(HotKeyFormatter::keyDisplayName({15, "r", 0}), "R");
+    EXPECT_EQ(HotKeyFormatter::keyDisplayName({43, ",", 0}), ",");
+    EXPECT_EQ(HotKeyFormatter::keyDisplayName({41, "é", 0}), "É");
+    EXPECT_EQ(HotKeyFormatter::keyDisplayName({122, "", 0}), "");
+}
+
+TEST_F(HotKeyFormatterTest, FullShortcutNeedsAModifierAndAKeyName) {
+    EXPECT_FALSE(HotKeyFormatter::shortcut({4, "h", flag::capsLock}).has_value());
+    EXPECT_FALSE(HotKeyFormatter::shortcut({122, "", flag::command}).has_value());
+    EXPECT_EQ(HotKeyFormatter::shortcut({4, "h", flag::command | flag::shift}),
+              (HotKeyShortcut{4, 768, "Shift+Command+H"}));
+    EXPECT_EQ(HotKeyFormatter::shortcut({15, "r", flag::control | flag::option | flag::capsLock}),
+              (HotKeyShortcut{15, 6144, "Control+Option+R"}));
+}
+
+TEST_F(HotKeyFormatterTest, RecorderAlwaysGivesOptionPlusThePressedKey) {
+    EXPECT_EQ(HotKeyFormatter::optionShortcut({48, "\t", 0}), (HotKeyShortcut{48, 2048, "Option+Tab"}));
+    EXPECT_EQ(HotKeyFormatter::optionShortcut({36, "\r", 0}), (HotKeyShortcut{36, 2048, "Option+Return"}));
+    EXPECT_EQ(HotKeyFormatter::optionShortcut({53, "\x1b", 0}), (HotKeyShortcut{53, 2048, "Option+Escape"}));
+    EXPECT_EQ(HotKeyFormatter::optionShortcut({49, " ", 0}), (HotKeyShortcut{49, 2048, "Option+Space"}));
+    EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::command}), (HotKeyShortcut{40, 2048, "Option+K"}));
+    EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::control | flag::shift}),
+              (HotKeyShortcut{40, 2048, "Option+K"}));
+}
+
+TEST_F(HotKeyFormatterTest, RecorderRejectsKeysWithoutVisibleName) {
+    EXPECT_FALSE(HotKeyFormatter::optionShortcut({76, "\n", 0}).has_value());
+    EXPECT_FALSE(HotKeyFormatter::optionShortcut({50, " \t", 0}).has_value());
+    EXPECT_FALSE(HotKeyFormatter::optionShortcut({122, "", flag::function}).has_value());
+    EXPECT_FALSE(HotKeyFormatter::optionShortcut(7, "  \r\n").has_value());
+    EXPECT_EQ(HotKeyFormatter::optionShortcut(7, "  X \n"), (HotKeyShortcut{7, 2048, "Option+X"}));
+}
+
+TEST_F(HotKeyFormatterTest, RecorderBoxShowsTheSecondKeyOfOptionShortcutsOnly) {
+    EXPECT_EQ(HotKeyFormatter::recorderKeyName({49, 2048, "Option+Space"}), "Space");
+    EXPECT_EQ(HotKeyFormatter::recorderKeyName({40, 2048, "Option+K"}), "K");
+    EXPECT_EQ(HotKeyFormatter::recorderKeyName({4, 768, "Command+Shift+H"}), "Space");
+    EXPECT_EQ(HotKeyFormatter::recorderKeyName({15, 6144, "Control+Option+R"}), "Space");
+}
+
+TEST_F(HotKeyFormatterTest, LinuxWordsNameRecordedShortcuts) {
+    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
+    EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::command}), (HotKeyShortcut{40, 2048, "Alt+K"}));
+    EXPECT_EQ(HotKeyFormatter::shortcut({4, "h", flag::command | flag::shift}),
+              (HotKeyShortcut{4, 768, "Shift+Super+H"}));
+    EXPECT_EQ(HotKeyFormatter::recorderKeyName({40, 2048, "Alt+K"}), "K");
+    EXPECT_EQ(HotKeyFormatter::recorderKeyName({40, 2048, "Option+K"}), "Space");
+}
+
+} // namespace
+} // namespace parlune

@@ -1,0 +1,230 @@
+#include "core/hotkeys/HotKeyError.h"
+#include "core/hotkeys/HotKeyManager.h"
+#include "core/hotkeys/HotKeyPreset.h"
+#include "core/hotkeys/HotKeyShortcut.h"
+#include "core/platform/PlatformTerms.h"
+#include "support/ScopedPlatformTerms.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace parlune {
+namespace {
+
+// A hotkey service that records every call and delivers presses like the platform would: to the
+// installed handler, with the identifier the hotkey was registered under.
+class FakeHotKeyService final : public HotKeyService {
+public:
+    std::vector<std::string> calls;
+    std::int32_t installStatus = 0;
+    std::int32_t registerStatus = 0;
+    std::map<Handle, HotKeyIdentifier> hotKeys;
+    std::map<Handle, std::pair<std::uint32_t, std::uint32_t>> keys;
+    std::map<Handle, Handler> handlers;
+
+    Result installHandler(Handler handler) override {
+        calls.push_back("install");
+        if (installStatus != 0) {
+            return {installStatus, 0};
+        }
+        const Handle handle = next_++;
+        handlers.emplace(handle, std::move(handler));
+        return {0, handle};
+    }
+    Result registerHotKey(std::uint32_t keyCode, std::uint32_t modifiers, HotKeyIdentifier identifier) override {
+        calls.push_back("register " + std::to_string(keyCode) + "/" + std::to_string(modifiers));
+        if (registerStatus != 0) {
+            return {registerStatus, 0};
+        }
+        const Handle handle = next_++;
+        hotKeys.emplace(handle, identifier);
+        keys.emplace(handle, std::make_pair(keyCode, modifiers));
+        return {0, handle};
+    }
+    void unregisterHotKey(Handle hotKey) override {
+        calls.push_back("unregister");
+        hotKeys.erase(hotKey);
+        keys.erase(hotKey);
+    }
+    void removeHandler(Handle handler) override {
+        calls.push_back("remove");
+        handlers.erase(handler);
+    }
+
+    // Delivers a press of every registered hotkey to every installed handler; returns statuses.
+    std::vector<std::int32_t> press() {
+        std::vector<std::int32_t> statuses;
+        auto snapshot = handlers;
+        for (const auto& [h, hotKey] : std::map<Handle, HotKeyIdentifier>(hotKeys)) {
+            for (auto& [hh, handler] : snapshot) {
+                statuses.push_back(handler(hotKey));
+            }
+        }
+        return statuses;
+    }
+
+private:
+    Handle next_ = 1;
+};
+
+const HotKeyShortcut optionSpace{49, 2048, "Option+Space"};
+const HotKeyShortcut commandShiftH{4, 768, "Command+Shift+H"};
+
+TEST(HotKeyManagerTest, SignatureIsPLHKFoldedBigEndian) {
+    EXPECT_EQ(HotKeyManager::signature, 0x504C484Bu);
+}
+
+TEST(HotKeyManagerTest, RegistersHandlerThenKeyAndRunsActionOncePerPress) {
+    FakeHotKeyService service;
+    HotKeyManager manager(service);
+    int presses = 0;
+    manager.registerShortcut(optionSpace, [&] { ++presses; });
+
+    EXPECT_EQ(service.calls, (std::vector<std::string>{"install", "register 49/2048"}));
+    ASSERT_EQ(service.hotKeys.size(), 1u);
+    EXPECT_EQ(service.hotKeys.begin()->second, (HotKeyIdentifier{HotKeyManager::signature, 1}));
+    EXPECT_TRUE(manager.isRegistered());
+
+    EXPECT_EQ(service.press(), std::vector<std::int32_t>{0});
+    EXPECT_EQ(presses, 1);
+}
+
+TEST(HotKeyManagerTest, DisplayNamePlaysNoPartAndPresetsUseTheirCodes) {
+    FakeHotKeyService service;
+    HotKeyManager manager(service);
+    manager.registerShortcut(HotKeyShortcut{49, 2048, "renamed"}, [] {});
+    manager.registerPreset(HotKeyPreset::all().at(1), [] {});
+    EXPECT_EQ(service.calls, (std::vector<std::string>{"install", "register 49/2048", "unregister", "remove",
+                                                       "install", "register 4/768"}));
+}
+
+TEST(HotKeyManagerTest, TakenShortcutThrowsStatusAndLeavesNothingRegisteredNotEvenThePreviousOne) {
+    testing::ScopedPlatformTerms mac(PlatformTerms::macOS());
+    FakeHotKeyService service;
+    HotKeyManager manager(service);
+    int presses = 0;
+    manager.registerShortcut(commandShiftH, [&] { ++presses; });
+
+    service.registerStatus = -9878;
+    try {
+        manager.registerShortcut(optionSpace, [&] { ++presses; });
+        FAIL() << "registration should fail";
+    } catch (const HotKeyError& error) {
+        EXPECT_EQ(error.status(), -9878);
+        EXPECT_STREQ(error.what(), "Could not register the hotkey. OSStatus -9878.");
+    }
+    EXPECT_TRUE(service.hotKeys.empty());
+    EXPECT_TRUE(service.handlers.empty());
+    EXPECT_FALSE(manager.isRegistered());
+    EXPECT_FALSE(manager.hasAction());
+    EXPECT_FALSE(HotKeyManager::hasSharedAction());
+    service.press();
+    EXPECT_EQ(presses, 0);
+}
+
+TEST(HotKeyManagerTest, FailedHandlerInstallKeepsActionUntilTheNextRegistration) {
+    FakeHotKeyService service;
+    HotKeyManager manager(service);
+    service.installStatus = -50;
+    EXPECT_THROW(manager.registerShortcut(optionSpace, [] {}), HotKeyError);
+    EXPECT_EQ(service.calls, std::vector<std::string>{"install"});
+    EXPECT_FALSE(manager.isRegistered());
+    EXPECT_TRUE(manager.hasAction());
+    EXPECT_TRUE(HotKeyManager::hasSharedAction());
+
+    service.installStatus = 0;
+    manager.registerShortcut(optionSpace, [] {});
+    EXPECT_TRUE(manager.isRegistered());
+    EXPECT_EQ(service.handlers.size(), 1u);
+}
+
+TEST(HotKeyManagerTest, UnregisterOnFreshManagerOrTwiceDoesNothing) {
+    FakeHotKeyService service;
+    HotKeyManager manager(service);
+    manager.unregister();
+    manager.unregister();
+    EXPECT_TRUE(service.calls.empty());
+
+    manager.registerShortcut(optionSpace, [] {});
+    manager.unregister();
+    manager.unregister();
+    EXPECT_EQ(service.calls, (std::vector<std::string>{"install", "register 49/2048", "unregister", "remove"}));
+    EXPECT_FALSE(HotKeyManager::hasSharedAction());
+}
+
+TEST(HotKeyManagerTest, ForeignSignatureOrMissingIdentifierIsIgnoredAndAnsweredZero) {
+    FakeHotKeyService service;
+    HotKeyManager manager(service);
+    int presses = 0;
+    manager.registerShortcut(optionSpace, [&] { ++presses; });
+
+    EXPECT_EQ(HotKeyManager::handleHotKeyEvent(HotKeyIdentifier{0x41424344, 1}), 0);
+    EXPECT_EQ(HotKeyManager::handleHotKeyEvent(std::nullopt), 0);
+    EXPECT_EQ(presses, 0);
+    // The identifier's number is not compared.
+    EXPECT_EQ(HotKeyManager::handleHotKeyEvent(HotKeyIdentifier{HotKeyManager::signature, 7}), 0);
+    EXPECT_EQ(presses, 1);
+}
+
+TEST(HotKeyManagerTest, LatePressAfterTheManagerIsGoneCallsNothing) {
+    FakeHotKeyService service;
+    int presses = 0;
+    {
+        HotKeyManager manager(service);
+        manager.registerShortcut(optionSpace, [&] { ++presses; });
+    }
+    EXPECT_TRUE(service.hotKeys.empty());
+    EXPECT_TRUE(service.handlers.empty());
+    EXPECT_EQ(HotKeyManager::handleHotKeyEvent(HotKeyIdentifier{HotKeyManager::signature, 1}), 0);
+    EXPECT_EQ(presses, 0);
+}
+
+TEST(HotKeyManagerTest, SameShortcutTwiceEndsWithExactlyOneRegistration) {
+    FakeHotKeyService service;
+    HotKeyManager manager(service);
+    int first = 0;
+    int second = 0;
+    manager.registerShortcut(optionSpace, [&] { ++first; });
+    manager.registerShortcut(optionSpace, [&] { ++second; });
+    EXPECT_EQ(service.hotKeys.size(), 1u);
+    EXPECT_EQ(service.handlers.size(), 1u);
+    service.press();
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 1);
+}
+
+TEST(HotKeyManagerTest, ActionMayReRegisterFromInsideAPress) {
+    FakeHotKeyService service;
+    HotKeyManager manager(service);
+    int presses = 0;
+    manager.registerShortcut(optionSpace, [&] {
+        ++presses;
+        manager.registerShortcut(commandShiftH, [&] { presses += 10; });
+    });
+    service.press();
+    EXPECT_EQ(presses, 1);
+    ASSERT_EQ(service.keys.size(), 1u);
+    EXPECT_EQ(service.keys.begin()->second, std::make_pair(4u, 768u));
+    service.press();
+    EXPECT_EQ(presses, 11);
+}
+
+TEST(HotKeyManagerTest, LinuxDescriptionNamesTheXError) {
+    testing::ScopedPlatformTerms linux(PlatformTerms::linux());
+    FakeHotKeyService service;
+    service.registerStatus = 10;
+    HotKeyManager manager(service);
+    try {
+        manager.registerShortcut(optionSpace, [] {});
+        FAIL() << "registration should fail";
+    } catch (const HotKeyError& error) {
+        EXPECT_STREQ(error.what(), "Could not register the hotkey. X11 error 10.");
+    }
+}
+
+} // namespace
+} // namespace parlune

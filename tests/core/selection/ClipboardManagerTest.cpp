@@ -1,0 +1,77 @@
+#include "SelectionTestFixture.h"
+
+namespace parlune::test {
+namespace {
+
+class ClipboardManagerTest : public ::testing::Test {
+protected:
+    SimulatedDesktop desktop;
+    ClipboardManager clipboard{desktop.pasteboard()};
+};
+
+TEST_F(ClipboardManagerTest, SnapshotKeepsOrderSkipsUnreadableTypesAndReadsCountLast) {
+    desktop.writePasteboardAsOther(userClipboard());
+    desktop.unreadableTypes = {QStringLiteral("application/x-color"), QStringLiteral("image/png")};
+    const ClipboardSnapshot snapshot = clipboard.capture();
+    EXPECT_EQ(snapshot.changeCount, desktop.changeCount());
+    ASSERT_EQ(snapshot.items.size(), 2u);
+    ASSERT_EQ(snapshot.items[0].values.size(), 2u);
+    EXPECT_EQ(snapshot.items[0].values[0].type, QStringLiteral("text/html"));
+    EXPECT_EQ(snapshot.items[0].values[1].data, QByteArrayLiteral("K\xc3\xa4se"));
+    EXPECT_TRUE(snapshot.items[1].values.empty()); // kept as an item without values
+
+    desktop.unreadableTypes.clear();
+    desktop.clearPasteboard(PasteboardWriter::other);
+    EXPECT_TRUE(clipboard.capture().items.empty());
+}
+
+TEST_F(ClipboardManagerTest, RestoreIsByteExactAndOnlyWhenUnchanged) {
+    desktop.writePasteboardAsOther(userClipboard());
+    const ClipboardSnapshot snapshot = clipboard.capture();
+    clipboard.setTransientLocalString(QStringLiteral("temporary"));
+    const std::int64_t ours = clipboard.changeCount();
+
+    desktop.writePasteboardAsOther({pasteboardItem({{SimulatedDesktop::plainTextType(), "newer"}})});
+    EXPECT_FALSE(clipboard.restore(snapshot, ours));
+    EXPECT_EQ(clipboard.currentString(), QStringLiteral("newer"));
+
+    EXPECT_TRUE(clipboard.restore(snapshot, clipboard.changeCount()));
+    EXPECT_EQ(desktop.pasteboardItems(), userClipboard());
+    // Without a count the restore is unconditional; an empty snapshot leaves the pasteboard empty.
+    EXPECT_TRUE(clipboard.restore(ClipboardSnapshot{}, std::nullopt));
+    EXPECT_TRUE(desktop.pasteboardItems().empty());
+}
+
+TEST_F(ClipboardManagerTest, TransientStringsCarryThePlatformMarkers) {
+    clipboard.setTransientLocalString(QStringLiteral("naïve 🙂"));
+    ASSERT_EQ(desktop.pasteboardItems().size(), 1u);
+    const auto& values = desktop.pasteboardItems()[0].values;
+    ASSERT_EQ(values.size(), 4u);
+    EXPECT_EQ(values[0],
+              std::make_pair(SimulatedDesktop::plainTextType(), QStringLiteral("naïve 🙂").toUtf8()));
+    EXPECT_EQ(values[1], std::make_pair(QStringLiteral("org.nspasteboard.TransientType"), QByteArray()));
+    EXPECT_EQ(values[2], std::make_pair(QStringLiteral("org.nspasteboard.ConcealedType"), QByteArray()));
+    EXPECT_EQ(values[3],
+              std::make_pair(QStringLiteral("x-kde-passwordManagerHint"), QByteArrayLiteral("secret")));
+    EXPECT_GE(desktop.pasteboard().localAnnouncements, 1);
+
+    ClipboardManager macOS(desktop.pasteboard(), ClipboardManager::macOSMarkers());
+    macOS.setTransientLocalString(QStringLiteral("x"));
+    EXPECT_EQ(desktop.pasteboardItems()[0].values.size(), 3u);
+}
+
+TEST(AppCompatibilityRegistryTest, PermitsExactlyTheListedIdentifiers) {
+    EXPECT_TRUE(AppCompatibilityRegistry::defaultRegistry().directAccessibilityBundleIdentifiers().empty());
+    EXPECT_FALSE(
+        AppCompatibilityRegistry::defaultRegistry().permitsDirectReplacement(QStringLiteral("any.app")));
+    const AppCompatibilityRegistry registry({QStringLiteral("org.example.Editor")});
+    EXPECT_TRUE(registry.permitsDirectReplacement(QStringLiteral("org.example.Editor")));
+    EXPECT_FALSE(registry.permitsDirectReplacement(QStringLiteral("org.example.editor")));
+    EXPECT_FALSE(registry.permitsDirectReplacement(QStringLiteral("org.example.Editor2")));
+    EXPECT_FALSE(registry.permitsDirectReplacement(QStringLiteral("org.example")));
+    EXPECT_FALSE(registry.permitsDirectReplacement(std::nullopt));
+    EXPECT_NE(registry, AppCompatibilityRegistry::defaultRegistry());
+}
+
+} // namespace
+} // namespace parlune::test

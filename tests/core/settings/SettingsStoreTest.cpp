@@ -1,0 +1,215 @@
+#include "core/platform/PlatformTerms.h"
+#include "core/settings/OnboardingProgress.h"
+#include "core/settings/SettingsStore.h"
+#include "support/FakeCredentialStore.h"
+#include "support/FakeUserDefaults.h"
+#include "support/QtPrinters.h"
+#include "support/ScopedPlatformTerms.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace parlune {
+namespace {
+
+using testing::FakeCredentialStore;
+using testing::FakeUserDefaults;
+using testing::ScopedPlatformTerms;
+
+class SettingsStoreTest : public ::testing::Test {
+protected:
+    std::unique_ptr<SettingsStore> open(bool removeLegacy = false) {
+        return std::make_unique<SettingsStore>(defaults_, credentials_, removeLegacy);
+    }
+    QJsonObject storedPreferences() const {
+        return QJsonDocument::fromJson(defaults_.string("writingPreferencesByMode").value_or("").toUtf8()).object();
+    }
+
+    ScopedPlatformTerms mac_{PlatformTerms::macOS()};
+    FakeUserDefaults defaults_;
+    FakeCredentialStore credentials_;
+};
+
+TEST_F(SettingsStoreTest, FreshInstallationReadsTheDefaultsAndWritesNothing) {
+    const auto store = open();
+    EXPECT_EQ(store->hotKeyIdentifier(), "option-space");
+    EXPECT_EQ(store->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"}));
+    EXPECT_EQ(store->rewriteMode(), RewriteMode::improveClarity);
+    EXPECT_TRUE(store->writingPreferencesByMode().isEmpty());
+    EXPECT_FALSE(store->hasCompletedTestRewrite());
+    EXPECT_TRUE(defaults_.writes.empty());
+    EXPECT_TRUE(credentials_.deletions.empty());
+}
+
+TEST_F(SettingsStoreTest, DefaultShortcutUsesTheLinuxWordsOnLinux) {
+    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
+    EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Alt+Space"}));
+}
+
+TEST_F(SettingsStoreTest, StoredShortcutNeedsBothNumbers) {
+    defaults_.values = {{"hotKeyKeyCode", qint64(0)}, {"hotKeyModifiers", qint64(256)},
+                        {"hotKeyDisplayName", QString("Command+Nothing")}, {"hotKeyIdentifier", QString("custom")}};
+    auto store = open();
+    EXPECT_EQ(store->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"}));
+    EXPECT_EQ(store->hotKeyIdentifier(), "custom");
+
+    defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyDisplayName", QString("Control+Option+R")}};
+    EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"}));
+
+    defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", qint64(6144)},
+                        {"hotKeyDisplayName", QString("Control+Option+R")}};
+    EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{15, 6144, "Control+Option+R"}));
+
+    defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", qint64(6144)}};
+    EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{15, 6144, "Option+Space"}));
+
+    defaults_.values = {{"hotKeyKeyCode", qint64(4294967295)}, {"hotKeyModifiers", qint64(4096)}};
+    EXPECT_EQ(open()->selectedHotKey().keyCode, 4294967295u);
+}
+
+TEST_F(SettingsStoreTest, NumbersNoShortcutCanHoldFallBackToTheDefault) {
+    for (qint64 bad : {qint64(-1), qint64(4294967296), std::numeric_limits<qint64>::min()}) {
+        defaults_.values = {{"hotKeyKeyCode", bad}, {"hotKeyModifiers", qint64(4096)},
+                            {"hotKeyDisplayName", QString("Broken")}};
+        EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"})) << bad;
+        defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", bad}};
+        EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"})) << bad;
+    }
+}
+
+TEST_F(SettingsStoreTest, ModeIsReadByItsExactTitle) {
+    defaults_.values = {{"rewriteMode", QString("Casual")}};
+    EXPECT_EQ(open()->rewriteMode(), RewriteMode::casual);
+    defaults_.values = {{"rewriteMode", QString("casual")}};
+    EXPECT_EQ(open()->rewriteMode(), RewriteMode::improveClarity);
+    defaults_.values = {{"rewriteMode", qint64(3)}};
+    EXPECT_EQ(open()->rewriteMode(), RewriteMode::improveClarity);
+}
+
+TEST_F(SettingsStoreTest, PreferencesMapDecodesOnlyAnObjectOfStrings) {
+    defaults_.values = {{"writingPreferencesByMode", QString(R"({"Casual":"short","Professional":"no jargon"})")}};
+    auto store = open();
+    EXPECT_EQ(store->writingPreferences(RewriteMode::casual), "short");
+    EXPECT_EQ(store->writingPreferences(RewriteMode::professional), "no jargon");
+    EXPECT_EQ(store->writingPreferences(RewriteMode::makeConcise), "");
+
+    for (const char* broken : {R"({"Casual":"short","Professional":3})", R"(["Casual"])", "{\"Casual\":", "", "null"}) {
+        defaults_.values = {{"writingPreferencesByMode", QString(broken)}};
+        EXPECT_TRUE(open()->writingPreferencesByMode().isEmpty()) << broken;
+    }
+}
+
+TEST_F(SettingsStoreTest, LegacyTextMigratesUntrimmedIntoTheStoredMode) {
+    defaults_.values = {{"writingPreferences", QString("  Keep it warm\n")}, {"rewriteMode", QString("Professional")}};
+    auto store = open();
+    QMap<QString, QString> expected;
+    expected.insert("Professional", "  Keep it warm\n");
+    EXPECT_EQ(store->writingPreferencesByMode(), expected);
+    EXPECT_EQ(store->writingPreferences(), "  Keep it warm\n");
+    // Nothing is written back until the next change, and the old key stays.
+    EXPECT_TRUE(defaults_.writes.empty());
+    EXPECT_TRUE(defaults_.contains("writingPreferences"));
+
+    store->setWritingPreferences("terse", RewriteMode::casual);
+    EXPECT_EQ(storedPreferences(), (QJsonObject{{"Professional", "  Keep it warm\n"}, {"Casual", "terse"}}));
+}
+
+TEST_F(SettingsStoreTest, LegacyTextIsIgnoredWhenBlankOrWhenTheMapHasEntries) {
+    defaults_.values = {{"writingPreferences", QString("   \n\t")}};
+    EXPECT_TRUE(open()->writingPreferencesByMode().isEmpty());
+
+    defaults_.values = {{"writingPreferences", QString("old")},
+                        {"writingPreferencesByMode", QString(R"({"Casual":"new"})")}};
+    auto store = open();
+    EXPECT_EQ(store->writingPreferencesByMode().size(), 1);
+    EXPECT_EQ(store->writingPreferences(RewriteMode::improveClarity), "");
+
+    // A map that does not decode counts as empty, so the legacy text fills it.
+    defaults_.values = {{"writingPreferences", QString("old")}, {"writingPreferencesByMode", QString("{oops")}};
+    EXPECT_EQ(open()->writingPreferences(RewriteMode::improveClarity), "old");
+}
+
+TEST_F(SettingsStoreTest, BlankPreferencesRemoveTheModesEntryAndSaveTheMap) {
+    defaults_.values = {{"writingPreferencesByMode", QString(R"({"Casual":"short","Professional":"formal"})")}};
+    auto store = open();
+    store->setWritingPreferences("   ", RewriteMode::casual);
+    EXPECT_EQ(store->writingPreferences(RewriteMode::casual), "");
+    EXPECT_EQ(storedPreferences(), (QJsonObject{{"Professional", "formal"}}));
+
+    store->setRewriteMode(RewriteMode::makeConcise);
+    store->setWritingPreferences(" bullet points \n");
+    EXPECT_EQ(store->writingPreferences(RewriteMode::makeConcise), " bullet points \n");
+    EXPECT_EQ(storedPreferences(), (QJsonObject{{"Professional", "formal"}, {"Make concise", " bullet points \n"}}));
+
+    // Texts with quotes, back-slashes and other scripts survive the round trip.
+    store->setWritingPreferences(QStringLiteral("say \"hi\" \\ 你好 🙂"), RewriteMode::casual);
+    EXPECT_EQ(open()->writingPreferences(RewriteMode::casual), QStringLiteral("say \"hi\" \\ 你好 🙂"));
+}
+
+TEST_F(SettingsStoreTest, ChangesAreWrittenThroughAndAnnounced) {
+    auto store = open();
+    std::vector<SettingsStore::Field> announced;
+    Subscription subscription = store->changed.connect([&](SettingsStore::Field field) { announced.push_back(field); });
+
+    store->saveHotKey(HotKeyShortcut{15, 6144, "Control+Option+R"});
+    store->setHotKeyIdentifier("control-option-r");
+    store->setRewriteMode(RewriteMode::improvePrompt);
+    store->markTestRewriteCompleted();
+
+    EXPECT_EQ(defaults_.integer("hotKeyKeyCode"), 15);
+    EXPECT_EQ(defaults_.integer("hotKeyModifiers"), 6144);
+    EXPECT_EQ(defaults_.string("hotKeyDisplayName"), "Control+Option+R");
+    EXPECT_EQ(defaults_.string("hotKeyIdentifier"), "control-option-r");
+    EXPECT_EQ(defaults_.string("rewriteMode"), "Improve prompt");
+    EXPECT_TRUE(defaults_.boolean("localIntelligenceWorkflowTestV1"));
+    using Field = SettingsStore::Field;
+    EXPECT_EQ(announced, (std::vector<Field>{Field::hotKeyKeyCode, Field::hotKeyModifiers, Field::hotKeyDisplayName,
+                                             Field::hotKeyIdentifier, Field::rewriteMode,
+                                             Field::hasCompletedTestRewrite}));
+
+    const auto reopened = open();
+    EXPECT_EQ(reopened->selectedHotKey(), (HotKeyShortcut{15, 6144, "Control+Option+R"}));
+    EXPECT_EQ(reopened->hotKeyIdentifier(), "control-option-r");
+    EXPECT_EQ(reopened->rewriteMode(), RewriteMode::improvePrompt);
+    EXPECT_TRUE(reopened->hasCompletedTestRewrite());
+}
+
+TEST_F(SettingsStoreTest, LegacyHostedConfigurationIsRemovedOnlyWhenAsked) {
+    defaults_.values = {{"baseURL", QString("https://example.invalid")}, {"model", QString("m")},
+                        {"hasSavedAPIKey", true}, {"writingPreferences", QString("keep")}};
+    open(false);
+    EXPECT_TRUE(defaults_.contains("baseURL"));
+    EXPECT_TRUE(credentials_.deletions.empty());
+
+    for (CredentialDeletion outcome :
+         {CredentialDeletion::deleted, CredentialDeletion::notFound, CredentialDeletion::unavailable}) {
+        credentials_.outcome = outcome;
+        credentials_.deletions.clear();
+        const auto store = open(true);
+        EXPECT_FALSE(defaults_.contains("baseURL"));
+        EXPECT_FALSE(defaults_.contains("model"));
+        EXPECT_FALSE(defaults_.contains("hasSavedAPIKey"));
+        EXPECT_TRUE(defaults_.contains("writingPreferences"));
+        ASSERT_EQ(credentials_.deletions.size(), 1u);
+        EXPECT_EQ(credentials_.deletions[0].first, "app.parlune.provider-api-key");
+        EXPECT_EQ(credentials_.deletions[0].second, "default");
+        EXPECT_EQ(store->writingPreferences(), "keep");
+    }
+}
+
+TEST(OnboardingProgressTest, CompleteOnlyWhenEveryStepIsReady) {
+    EXPECT_TRUE((OnboardingProgress{true, true, true, true}).isComplete());
+    EXPECT_FALSE((OnboardingProgress{}).isComplete());
+    for (int missing = 0; missing < 4; ++missing) {
+        OnboardingProgress progress{missing != 0, missing != 1, missing != 2, missing != 3};
+        EXPECT_FALSE(progress.isComplete()) << missing;
+    }
+    EXPECT_NE((OnboardingProgress{true, false, true, true}), (OnboardingProgress{true, true, false, true}));
+}
+
+} // namespace
+} // namespace parlune

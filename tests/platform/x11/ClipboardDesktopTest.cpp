@@ -1,0 +1,294 @@
+#include "DesktopTest.h"
+#include "EditorWindow.h"
+#include "NoAccessibilityBus.h"
+#include "TaskRunner.h"
+#include "core/async/CancellationError.h"
+#include "core/async/Clock.h"
+#include "core/selection/ClipboardManager.h"
+#include "core/selection/TextReplacementError.h"
+#include "core/selection/TextSelectionReplacer.h"
+#include "support/RunTask.h"
+
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QTimer>
+
+namespace parlune::test {
+namespace {
+
+// Sends keys through the real port, then lets a test act right after a given key went out.
+class InterceptedKeyboard final : public KeyboardEvents {
+public:
+    explicit InterceptedKeyboard(KeyboardEvents& inner) : inner_(inner) {}
+    std::function<void(std::uint16_t)> afterKey;
+    QCoro::Task<bool> sendCommandKey(std::uint16_t keyCode, ProcessId target, std::stop_token token) override {
+        const bool sent = co_await inner_.sendCommandKey(keyCode, target, token);
+        if (afterKey) {
+            afterKey(keyCode);
+        }
+        co_return sent;
+    }
+
+private:
+    KeyboardEvents& inner_;
+};
+
+const QByteArray userHtml = QByteArrayLiteral("<p>caf\xc3\xa9 <b>\xe2\x9c\x93</b></p>\n");
+const QByteArray userText = QByteArrayLiteral("caf\xc3\xa9 \xe2\x9c\x93");
+
+// Another X client (its own process) holding the clipboard, as a browser would after the user
+// copied rich text. Gone once someone else takes the clipboard.
+class OtherClipboardClient {
+public:
+    OtherClipboardClient(x11::X11Pasteboard& observer, const QStringList& targetsAndData) {
+        pid_ = DesktopSession::current()->spawn(QStringList{QStringLiteral(PARLUNE_CLIPBOARD_OWNER)} + targetsAndData);
+        const QString first = targetsAndData.front();
+        owns_ = pumpUntil(
+            [&] {
+                const auto types = observer.types(0);
+                return std::find(types.begin(), types.end(), first) != types.end();
+            },
+            5000);
+    }
+    ~OtherClipboardClient() { DesktopSession::terminate(pid_); }
+    bool owns() const { return owns_; }
+
+private:
+    pid_t pid_ = -1;
+    bool owns_ = false;
+};
+
+QByteArray clipboardTarget(const QString& target) {
+    QByteArray bytes;
+    const int status = DesktopSession::run(
+        {QStringLiteral("xclip"), QStringLiteral("-o"), QStringLiteral("-selection"), QStringLiteral("clipboard"),
+         QStringLiteral("-t"), target},
+        &bytes);
+    return status == 0 ? bytes : QByteArray("<unreadable>");
+}
+
+class ClipboardDesktopTest : public DesktopTest {
+protected:
+    void SetUp() override {
+        DesktopTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        keys = std::make_unique<InterceptedKeyboard>(*keyboard);
+        clipboard = std::make_unique<ClipboardManager>(*pasteboard);
+        replacer = std::make_unique<TextSelectionReplacer>(accessibility, *workspace, *clipboard, *keys,
+                                                           AppCompatibilityRegistry::defaultRegistry(),
+                                                           SystemClock::shared());
+        editor = std::make_unique<EditorWindow>(*workspace);
+    }
+    void TearDown() override {
+        editor.reset();
+        replacer.reset();
+        clipboard.reset();
+        keys.reset();
+        user.reset();
+        DesktopTest::TearDown();
+    }
+
+    void giveUserRichClipboard() {
+        user = std::make_unique<OtherClipboardClient>(
+            *pasteboard, QStringList{QStringLiteral("text/html"), QString::fromUtf8(userHtml), QStringLiteral("UTF8_STRING"),
+                                     QString::fromUtf8(userText), QStringLiteral("text/plain"), QString::fromUtf8(userText)});
+        ASSERT_TRUE(user->owns());
+    }
+
+    void expectUserClipboardRestored() {
+        const QByteArray targets = clipboardTarget(QStringLiteral("TARGETS"));
+        for (const char* target : {"text/html", "UTF8_STRING", "text/plain"}) {
+            EXPECT_TRUE(targets.contains(target)) << target << " missing from " << targets.toStdString();
+        }
+        EXPECT_FALSE(targets.contains("TransientType")) << targets.toStdString();
+        EXPECT_EQ(clipboardTarget(QStringLiteral("text/html")), userHtml);
+        EXPECT_EQ(clipboardTarget(QStringLiteral("text/plain")), userText);
+        EXPECT_EQ(clipboardTarget(QStringLiteral("UTF8_STRING")), userText);
+    }
+
+    CapturedSelection capture() { return finish(replacer->capture({})); }
+
+    NoAccessibilityBus accessibility;
+    std::unique_ptr<InterceptedKeyboard> keys;
+    std::unique_ptr<ClipboardManager> clipboard;
+    std::unique_ptr<TextSelectionReplacer> replacer;
+    std::unique_ptr<EditorWindow> editor;
+    std::unique_ptr<OtherClipboardClient> user;
+};
+
+TEST_F(ClipboardDesktopTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUsersClipboardByteForByte) {
+    giveUserRichClipboard();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+
+    const CapturedSelection selection = capture();
+    EXPECT_EQ(selection.text(), QStringLiteral("beta"));
+    EXPECT_EQ(selection.applicationProcessIdentifier(), editor->pid());
+    EXPECT_EQ(selection.applicationBundleIdentifier(), QStringLiteral("Mousepad"));
+    EXPECT_EQ(selection.replacementStrategy(), SelectionReplacementStrategy::clipboardFallback);
+    expectUserClipboardRestored();
+}
+
+TEST_F(ClipboardDesktopTest, ReplacementIsPastedInPlaceAndTheUsersClipboardComesBack) {
+    giveUserRichClipboard();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+    const CapturedSelection selection = capture();
+    ASSERT_EQ(selection.text(), QStringLiteral("beta"));
+
+    finish(replacer->replace(QStringLiteral("D\u00c9LTA \U0001F600"), selection, {}));
+    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha D\u00c9LTA \U0001F600 gamma"));
+    expectUserClipboardRestored();
+}
+
+TEST_F(ClipboardDesktopTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeftAlone) {
+    giveUserRichClipboard();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+    const CapturedSelection selection = capture();
+
+    std::unique_ptr<OtherClipboardClient> newcomer;
+    keys->afterKey = [&](std::uint16_t key) {
+        if (key == KeyboardEvents::keyCodeV) {
+            newcomer = std::make_unique<OtherClipboardClient>(
+                *pasteboard, QStringList{QStringLiteral("UTF8_STRING"), QStringLiteral("newer words")});
+        }
+    };
+    try {
+        finish(replacer->replace(QStringLiteral("DELTA"), selection, {}));
+    } catch (const TextReplacementError&) {
+        // Whether the paste was confirmed does not matter here; the clipboard does.
+    }
+    ASSERT_TRUE(newcomer && newcomer->owns());
+    EXPECT_EQ(clipboardTarget(QStringLiteral("UTF8_STRING")), QByteArrayLiteral("newer words"));
+    EXPECT_EQ(clipboardTarget(QStringLiteral("TARGETS")).contains("text/html"), false);
+}
+
+TEST_F(ClipboardDesktopTest, CaptureWithAltStillHeldWaitsAndStillCopies) {
+    giveUserRichClipboard();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+
+    xdotool({QStringLiteral("keydown"), QStringLiteral("alt")});
+    const auto before = keyboard->heldKeys();
+    EXPECT_TRUE(before.synthetic.any()) << "xdotool types through XTest";
+    EXPECT_FALSE(before.physical.any());
+    QElapsedTimer timer;
+    timer.start();
+    const CapturedSelection selection = capture();
+    const qint64 elapsed = timer.elapsed();
+    // Alt was lifted only for the chord: the client that holds it still does.
+    EXPECT_EQ(keyboard->heldKeys().synthetic, before.synthetic);
+    xdotool({QStringLiteral("keyup"), QStringLiteral("alt")});
+
+    EXPECT_EQ(selection.text(), QStringLiteral("beta"));
+    // The chord waited for the held key, but not without bound.
+    EXPECT_GE(elapsed, 1900);
+    EXPECT_LT(elapsed, 4000);
+    expectUserClipboardRestored();
+    EXPECT_TRUE(keyboard->keysDown().none());
+}
+
+TEST_F(ClipboardDesktopTest, KeysReleasedDuringTheWaitAreNotPressedAgain) {
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(0, 5);
+    xdotool({QStringLiteral("keydown"), QStringLiteral("shift")});
+    QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("sleep 0.3; xdotool keyup shift")});
+    QElapsedTimer timer;
+    timer.start();
+    const CapturedSelection selection = capture();
+    EXPECT_EQ(selection.text(), QStringLiteral("alpha"));
+    EXPECT_LT(timer.elapsed(), 1900);
+    EXPECT_TRUE(keyboard->keysDown().none());
+}
+
+TEST_F(ClipboardDesktopTest, WaitingForHeldKeysEndsAtOnceWhenCancelled) {
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    xdotool({QStringLiteral("keydown"), QStringLiteral("shift")});
+    std::stop_source stop;
+    QTimer::singleShot(150, [&] { stop.request_stop(); });
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_THROW(finish(keyboard->sendCommandKey(KeyboardEvents::keyCodeC, editor->pid(), stop.get_token())),
+                 CancellationError);
+    EXPECT_LT(timer.elapsed(), 1000);
+    xdotool({QStringLiteral("keyup"), QStringLiteral("shift")});
+    EXPECT_TRUE(keyboard->heldKeys().synthetic.none());
+}
+
+TEST_F(ClipboardDesktopTest, CaretWithoutSelectionCopiesNothing) {
+    giveUserRichClipboard();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(3, 0);
+    try {
+        capture();
+        ADD_FAILURE() << "a caret was captured";
+    } catch (const TextReplacementError& error) {
+        EXPECT_EQ(error.kind(), TextReplacementError::Kind::noSelectedText);
+    }
+    expectUserClipboardRestored();
+}
+
+TEST_F(ClipboardDesktopTest, FocusMovedToAnotherApplicationBeforeTheReplacementIsDetected) {
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma"), QStringLiteral("first.txt")));
+    editor->select(6, 4);
+    const CapturedSelection selection = capture();
+    ASSERT_EQ(selection.text(), QStringLiteral("beta"));
+
+    EditorWindow other(*workspace);
+    ASSERT_TRUE(other.open(QStringLiteral("untouched"), QStringLiteral("second.txt")));
+    try {
+        finish(replacer->replace(QStringLiteral("DELTA"), selection, {}));
+        ADD_FAILURE() << "replaced into the wrong window";
+    } catch (const TextReplacementError& error) {
+        EXPECT_EQ(error.kind(), TextReplacementError::Kind::selectionChanged);
+    }
+    EXPECT_EQ(other.savedText(), QStringLiteral("untouched"));
+    ASSERT_TRUE(editor->activate());
+    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha beta gamma"));
+}
+
+TEST_F(ClipboardDesktopTest, ChordIsNotSentWhenTheTargetIsNoLongerInFront) {
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(0, 5);
+    pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("pasted")}}}});
+    EXPECT_FALSE(finish(keyboard->sendCommandKey(KeyboardEvents::keyCodeV, editor->pid() + 100000, {})));
+    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha beta gamma"));
+    const std::int64_t written = pasteboard->changeCount();
+    EXPECT_TRUE(finish(keyboard->sendCommandKey(KeyboardEvents::keyCodeV, editor->pid(), {})));
+    // The editor pastes asynchronously: it asks us for the data first.
+    EXPECT_TRUE(pumpUntil([&] { return pasteboard->contentsWereFetched(written); }, 3000));
+    pumpFor(100);
+    EXPECT_EQ(editor->savedText(), QStringLiteral("pasted beta gamma"));
+}
+
+TEST_F(ClipboardDesktopTest, TransientTextNeverOutlivesThePasteboard) {
+    pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("secret")},
+                                            {QStringLiteral("org.nspasteboard.TransientType"), {}}}}});
+    EXPECT_EQ(clipboardTarget(QStringLiteral("UTF8_STRING")), QByteArrayLiteral("secret"));
+    pasteboard.reset();
+    EXPECT_EQ(clipboardTarget(QStringLiteral("UTF8_STRING")), QByteArrayLiteral("<unreadable>"));
+}
+
+TEST_F(ClipboardDesktopTest, UsersDataHeldAtExitIsHandedToTheClipboardManager) {
+    const pid_t manager = DesktopSession::current()->spawn({QStringLiteral(PARLUNE_CLIPBOARD_OWNER), QStringLiteral("--manager")});
+    pumpFor(300);
+    giveUserRichClipboard();
+    // A capture leaves us holding the user's restored data.
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+    ASSERT_EQ(capture().text(), QStringLiteral("beta"));
+    ASSERT_TRUE(pasteboard->ownsSelection());
+
+    replacer.reset();
+    clipboard.reset();
+    keys.reset();
+    pasteboard.reset(); // as at exit
+    expectUserClipboardRestored();
+    DesktopSession::terminate(manager);
+}
+
+} // namespace
+} // namespace parlune::test

@@ -1,0 +1,175 @@
+#include "core/platform/Workspace.h"
+#include "platform/x11/AtspiAccessibility.h"
+#include "platform/x11/EwmhWorkspace.h"
+#include "platform/x11/LinuxMemoryPressureSource.h"
+#include "platform/x11/X11KeyTable.h"
+#include "platform/x11/X11Pasteboard.h"
+#include "platform/x11/X11Session.h"
+#include "support/RunTask.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <X11/keysym.h>
+#include <xcb/xproto.h>
+
+#include <gtest/gtest.h>
+
+namespace parlune::x11 {
+namespace {
+
+TEST(X11KeyTableTest, StoredMacKeyCodesBecomeTheKeysymsOfTheSameKeys) {
+    EXPECT_EQ(X11KeyTable::keysymFor(49), XK_space);
+    EXPECT_EQ(X11KeyTable::keysymFor(8), XK_c);
+    EXPECT_EQ(X11KeyTable::keysymFor(9), XK_v);
+    EXPECT_EQ(X11KeyTable::keysymFor(4), XK_h);
+    EXPECT_EQ(X11KeyTable::keysymFor(15), XK_r);
+    EXPECT_EQ(X11KeyTable::keysymFor(22), XK_6); // the ANSI digits are not in order
+    EXPECT_EQ(X11KeyTable::keysymFor(23), XK_5);
+    EXPECT_EQ(X11KeyTable::keysymFor(36), XK_Return);
+    EXPECT_EQ(X11KeyTable::keysymFor(122), XK_F1);
+    EXPECT_EQ(X11KeyTable::keysymFor(126), XK_Up);
+    // 10 is the ISO section key and 52 is unused: no keysym to grab.
+    EXPECT_EQ(X11KeyTable::keysymFor(10), std::nullopt);
+    EXPECT_EQ(X11KeyTable::keysymFor(52), std::nullopt);
+    EXPECT_EQ(X11KeyTable::keysymFor(0xFFFF), std::nullopt);
+}
+
+TEST(X11KeyTableTest, CarbonModifiersMapToCoreMasks) {
+    EXPECT_EQ(X11KeyTable::modifierMaskFor(2048), XCB_MOD_MASK_1);
+    EXPECT_EQ(X11KeyTable::modifierMaskFor(4096), XCB_MOD_MASK_CONTROL);
+    EXPECT_EQ(X11KeyTable::modifierMaskFor(512), XCB_MOD_MASK_SHIFT);
+    EXPECT_EQ(X11KeyTable::modifierMaskFor(256), XCB_MOD_MASK_4);
+    EXPECT_EQ(X11KeyTable::modifierMaskFor(256 | 512), XCB_MOD_MASK_4 | XCB_MOD_MASK_SHIFT);
+    EXPECT_EQ(X11KeyTable::modifierMaskFor(4096 | 2048), XCB_MOD_MASK_CONTROL | XCB_MOD_MASK_1);
+    // Caps Lock (1024) and other Carbon bits are not part of a chord.
+    EXPECT_EQ(X11KeyTable::modifierMaskFor(1024), 0);
+    EXPECT_EQ(X11KeyTable::modifierMaskFor(0), 0);
+}
+
+TEST(X11SessionTest, WaylandIsRecognisedEvenWithXwaylandPresent) {
+    using Kind = X11Session::Kind;
+    EXPECT_EQ(X11Session::detect("x11", "", ":0"), Kind::x11);
+    EXPECT_EQ(X11Session::detect("", "", ":1"), Kind::x11);
+    EXPECT_EQ(X11Session::detect("wayland", "", ""), Kind::wayland);
+    EXPECT_EQ(X11Session::detect("Wayland", "", ":0"), Kind::wayland);
+    EXPECT_EQ(X11Session::detect("x11", "wayland-0", ":0"), Kind::wayland);
+    EXPECT_EQ(X11Session::detect("tty", "", ""), Kind::none);
+
+    EXPECT_EQ(X11Session::unsupportedReason(Kind::x11), std::nullopt);
+    ASSERT_TRUE(X11Session::unsupportedReason(Kind::wayland));
+    EXPECT_TRUE(X11Session::unsupportedReason(Kind::wayland)->contains(QLatin1String("Wayland")));
+    ASSERT_TRUE(X11Session::unsupportedReason(Kind::none));
+    EXPECT_TRUE(X11Session::unsupportedReason(Kind::none)->contains(QLatin1String("DISPLAY")));
+}
+
+TEST(X11PasteboardTest, PseudoTargetsAreNeverData) {
+    for (const char* target : {"TARGETS", "MULTIPLE", "TIMESTAMP", "SAVE_TARGETS", "GTK_TEXT_BUFFER_CONTENTS"}) {
+        EXPECT_TRUE(X11Pasteboard::isPseudoTarget(QString::fromLatin1(target))) << target;
+    }
+    for (const char* target : {"UTF8_STRING", "text/html", "application/x-gtk-text-buffer-rich-text", "targets"}) {
+        EXPECT_FALSE(X11Pasteboard::isPseudoTarget(QString::fromLatin1(target))) << target;
+    }
+}
+
+// Points the XDG directories at a scratch tree for one test.
+class ScopedXdgDirectories {
+public:
+    ScopedXdgDirectories() {
+        for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_DATA_DIRS"}) {
+            saved_.emplace_back(name, qgetenv(name));
+        }
+        qputenv("XDG_CONFIG_HOME", (root_.path() + "/config").toLocal8Bit());
+        qputenv("XDG_DATA_HOME", (root_.path() + "/data").toLocal8Bit());
+        qputenv("XDG_DATA_DIRS", (root_.path() + "/system").toLocal8Bit());
+    }
+    ~ScopedXdgDirectories() {
+        for (const auto& [name, value] : saved_) {
+            value.isNull() ? qunsetenv(name) : qputenv(name, value);
+        }
+    }
+    void write(const QString& relative, const QByteArray& text) {
+        const QString path = root_.path() + QLatin1Char('/') + relative;
+        QDir().mkpath(QFileInfo(path).path());
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(text);
+    }
+
+private:
+    QTemporaryDir root_;
+    std::vector<std::pair<const char*, QByteArray>> saved_;
+};
+
+TEST(EwmhWorkspaceTest, SchemeHandlersComeFromTheDesktopsTables) {
+    ScopedXdgDirectories xdg;
+    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("settings")));
+    xdg.write(QStringLiteral("system/applications/mimeinfo.cache"),
+              "[MIME Cache]\nx-scheme-handler/settings=control-center.desktop;\nx-scheme-handler/empty=\n");
+    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("settings")));
+    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("SETTINGS")));
+    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("empty")));
+    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("x-apple.systempreferences")));
+    xdg.write(QStringLiteral("config/mimeapps.list"), "[Default Applications]\nx-scheme-handler/zoommtg=zoom.desktop\n");
+    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("zoommtg")));
+}
+
+class FixedWorkspace final : public Workspace {
+public:
+    std::optional<RunningApplication> frontmostApplication() override { return RunningApplication{1, "init"}; }
+    std::optional<QString> bundleIdentifier(ProcessId) override { return std::nullopt; }
+    bool openUrl(const QString&) override { return false; }
+    bool openApplication(const QString&) override { return false; }
+};
+
+TEST(AtspiAccessibilityTest, WithoutAnAccessibilityBusThereIsNoFocusedElement) {
+    // This process has no session bus to find the accessibility bus on.
+    const QByteArray savedBus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    const QByteArray savedDisplay = qgetenv("DISPLAY");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus");
+    qunsetenv("DISPLAY");
+    FixedWorkspace workspace;
+    bool keys = false;
+    AtspiAccessibility accessibility(workspace, [&] { return keys; });
+    EXPECT_EQ(accessibility.focusedElement(), nullptr);
+    EXPECT_FALSE(accessibility.isProcessTrusted());
+    EXPECT_FALSE(accessibility.requestTrustWithPrompt());
+    keys = true;
+    EXPECT_TRUE(accessibility.isProcessTrusted());
+    qputenv("DBUS_SESSION_BUS_ADDRESS", savedBus);
+    if (!savedDisplay.isNull()) {
+        qputenv("DISPLAY", savedDisplay);
+    }
+}
+
+TEST(LinuxMemoryPressureSourceTest, MissingPressureFileReportsNothing) {
+    LinuxMemoryPressureSource source(QStringLiteral("/nonexistent/pressure/memory"));
+    int events = 0;
+    source.start([&](MemoryPressureLevel) { ++events; });
+    EXPECT_FALSE(source.isActive());
+    test::pumpFor(50);
+    EXPECT_EQ(events, 0);
+}
+
+TEST(LinuxMemoryPressureSourceTest, KernelAcceptsTheDefaultTriggersAndRejectsAMalformedOne) {
+    const QString psi = QStringLiteral("/proc/pressure/memory");
+    if (!QFile::exists(psi)) {
+        GTEST_SKIP() << "this kernel has no pressure-stall information";
+    }
+    LinuxMemoryPressureSource source;
+    source.start([](MemoryPressureLevel) {});
+    if (!source.isActive()) {
+        GTEST_SKIP() << "PSI triggers are not permitted here";
+    }
+    source.cancel();
+    EXPECT_FALSE(source.isActive());
+
+    LinuxMemoryPressureSource malformed(psi, {{MemoryPressureLevel::warning, QStringLiteral("some 150000 2000000")},
+                                              {MemoryPressureLevel::critical, QStringLiteral("full lots")}});
+    malformed.start([](MemoryPressureLevel) {});
+    EXPECT_FALSE(malformed.isActive()) << "half a source must not run";
+}
+
+} // namespace
+} // namespace parlune::x11
