@@ -353,22 +353,22 @@ int makeTest(Arguments args) {
     if (!architecture) {
         throw UsageError("unknown architecture '" + archName + "'");
     }
-    std::optional<TestModelSpec> spec = TestModelSpec::shape(shapeName, *architecture);
-    if (!spec) {
+    std::optional<TestModelRecipe> recipe = TestModelRecipe::shape(shapeName, *architecture);
+    if (!recipe) {
         throw UsageError("unknown shape '" + shapeName + "'");
     }
     const std::optional<TestWeightScheme> scheme = TestWeightScheme::parse(typeName);
     if (!scheme) {
         throw UsageError("unknown weight type '" + typeName + "'");
     }
-    spec->weights = *scheme;
-    spec->seed = static_cast<std::uint64_t>(seed);
-    spec->tiedOutput = !untied;
+    recipe->weights = *scheme;
+    recipe->seed = static_cast<std::uint64_t>(seed);
+    recipe->tiedOutput = !untied;
     if (vocab) {
-        spec->vocabularyFile = *vocab;
+        recipe->vocabularyFile = *vocab;
     }
-    spec->name = "random " + archName + " " + shapeName + " " + scheme->name();
-    TestModelMaker::write(*spec, out);
+    recipe->name = "random " + archName + " " + shapeName + " " + scheme->name();
+    TestModelMaker::write(*recipe, out);
     std::printf("wrote %s (%s %s, %s)\n", out.c_str(), archName.c_str(), shapeName.c_str(), scheme->name().c_str());
     return 0;
 }

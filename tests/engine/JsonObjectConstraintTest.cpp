@@ -111,9 +111,9 @@ std::unique_ptr<Tokenizer> loadVocabulary(const std::string& fixture) {
     if (!fixture.empty() && std::filesystem::exists(path)) {
         return Tokenizer::fromGguf(*GgufFile::open(path));
     }
-    TestModelSpec spec = *TestModelSpec::shape("tiny", Architecture::llama);
+    TestModelRecipe recipe = *TestModelRecipe::shape("tiny", Architecture::llama);
     return Tokenizer::fromGguf(
-        *GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes(), "tiny vocabulary"));
+        *GgufFile::fromBuffer(TestModelMaker::build(recipe).toBytes(), "tiny vocabulary"));
 }
 
 class JsonObjectConstraintWalk : public ::testing::TestWithParam<std::string> {};

@@ -28,10 +28,10 @@ using FrameworkKind = LanguageModelGenerationError::Kind;
 
 std::filesystem::path writeTinyModel(const std::filesystem::path& path, std::int64_t contextLength = 2048,
                                      const std::vector<std::string>& languages = {}) {
-    llm::TestModelSpec spec = *llm::TestModelSpec::shape("tiny", llm::Architecture::qwen2);
-    spec.contextLength = contextLength;
-    spec.tiedOutput = false; // a tied random model answers with one blank token over and over
-    llm::GgufWriter writer = llm::TestModelMaker::build(spec);
+    llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
+    recipe.contextLength = contextLength;
+    recipe.tiedOutput = false; // a tied random model answers with one blank token over and over
+    llm::GgufWriter writer = llm::TestModelMaker::build(recipe);
     if (!languages.empty()) {
         writer.setStringArray("general.languages", languages);
     }

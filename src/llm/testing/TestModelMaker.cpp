@@ -56,7 +56,7 @@ std::uint64_t tensorSeed(std::uint64_t seed, std::string_view name) {
 }
 
 struct TensorWriter {
-    const TestModelSpec& spec;
+    const TestModelRecipe& recipe;
     GgufWriter& writer;
 
     // rows x cols values mean + sd * N(0,1), encoded row by row.
@@ -66,7 +66,7 @@ struct TensorWriter {
             throw std::invalid_argument("tensor " + name + ": rows of " + std::to_string(cols) + " do not fit " +
                                         std::string(ggmlTypeTraits(type).name));
         }
-        NormalSource normal(tensorSeed(spec.seed, name));
+        NormalSource normal(tensorSeed(recipe.seed, name));
         std::vector<float> row(static_cast<std::size_t>(cols));
         std::vector<std::byte> data(*rowBytes * static_cast<std::size_t>(rows));
         for (std::int64_t r = 0; r < rows; ++r) {
@@ -80,7 +80,7 @@ struct TensorWriter {
     }
 
     void matrix(const std::string& name, std::int64_t layer, std::int64_t rows, std::int64_t cols) {
-        add(name, rows, cols, TestModelMaker::matrixType(spec.weights, name, layer, spec.layerCount, cols), 0.0, 0.02);
+        add(name, rows, cols, TestModelMaker::matrixType(recipe.weights, name, layer, recipe.layerCount, cols), 0.0, 0.02);
     }
     void norm(const std::string& name, std::int64_t length) { add(name, 1, length, GgmlType::F32, 1.0, 0.1); }
     void bias(const std::string& name, std::int64_t length) { add(name, 1, length, GgmlType::F32, 0.0, 0.05); }
@@ -240,35 +240,35 @@ std::string TestWeightScheme::name() const {
     return q4kmMix ? std::string("Q4_K_M") : std::string(ggmlTypeTraits(type).name);
 }
 
-std::optional<TestModelSpec> TestModelSpec::shape(std::string_view name, Architecture architecture) {
-    TestModelSpec spec;
-    spec.architecture = architecture;
+std::optional<TestModelRecipe> TestModelRecipe::shape(std::string_view name, Architecture architecture) {
+    TestModelRecipe recipe;
+    recipe.architecture = architecture;
     if (architecture != Architecture::llama) {
-        spec.ropeFreqBase = 1000000.0;
-        spec.rmsEpsilon = 1e-6;
+        recipe.ropeFreqBase = 1000000.0;
+        recipe.rmsEpsilon = 1e-6;
     }
     if (name == "tiny") {
-        return spec;
+        return recipe;
     }
     if (name == "135m") {
-        spec.hiddenSize = 576;
-        spec.layerCount = 30;
-        spec.headCount = 9;
-        spec.kvHeadCount = 3;
-        spec.feedForwardSize = 1536;
-        spec.vocabularySize = 49152;
-        spec.contextLength = 8192;
-        return spec;
+        recipe.hiddenSize = 576;
+        recipe.layerCount = 30;
+        recipe.headCount = 9;
+        recipe.kvHeadCount = 3;
+        recipe.feedForwardSize = 1536;
+        recipe.vocabularySize = 49152;
+        recipe.contextLength = 8192;
+        return recipe;
     }
     if (name == "0.5b") {
-        spec.hiddenSize = 896;
-        spec.layerCount = 24;
-        spec.headCount = 14;
-        spec.kvHeadCount = 2;
-        spec.feedForwardSize = 4864;
-        spec.vocabularySize = 151936;
-        spec.contextLength = 32768;
-        return spec;
+        recipe.hiddenSize = 896;
+        recipe.layerCount = 24;
+        recipe.headCount = 14;
+        recipe.kvHeadCount = 2;
+        recipe.feedForwardSize = 4864;
+        recipe.vocabularySize = 151936;
+        recipe.contextLength = 32768;
+        return recipe;
     }
     return std::nullopt;
 }
@@ -297,42 +297,42 @@ GgmlType TestModelMaker::matrixType(const TestWeightScheme& scheme, std::string_
     return fits(GgmlType::Q5_0) ? GgmlType::Q5_0 : GgmlType::F32;
 }
 
-GgufWriter TestModelMaker::build(const TestModelSpec& spec) {
-    if (spec.hiddenSize <= 0 || spec.layerCount <= 0 || spec.headCount <= 0 || spec.kvHeadCount <= 0 ||
-        spec.feedForwardSize <= 0 || spec.contextLength <= 0 || spec.hiddenSize % spec.headCount != 0 ||
-        spec.headCount % spec.kvHeadCount != 0 || (spec.hiddenSize / spec.headCount) % 2 != 0) {
+GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
+    if (recipe.hiddenSize <= 0 || recipe.layerCount <= 0 || recipe.headCount <= 0 || recipe.kvHeadCount <= 0 ||
+        recipe.feedForwardSize <= 0 || recipe.contextLength <= 0 || recipe.hiddenSize % recipe.headCount != 0 ||
+        recipe.headCount % recipe.kvHeadCount != 0 || (recipe.hiddenSize / recipe.headCount) % 2 != 0) {
         throw std::invalid_argument("inconsistent test model shape");
     }
     GgufWriter writer;
-    const std::string arch(architectureName(spec.architecture));
+    const std::string arch(architectureName(recipe.architecture));
     writer.setString("general.architecture", arch);
-    writer.setString("general.name", spec.name);
-    writer.setString("general.file_type_name", spec.weights.name());
-    writer.setUInt32(arch + ".block_count", static_cast<std::uint32_t>(spec.layerCount));
-    writer.setUInt32(arch + ".context_length", static_cast<std::uint32_t>(spec.contextLength));
-    writer.setUInt32(arch + ".embedding_length", static_cast<std::uint32_t>(spec.hiddenSize));
-    writer.setUInt32(arch + ".feed_forward_length", static_cast<std::uint32_t>(spec.feedForwardSize));
-    writer.setUInt32(arch + ".attention.head_count", static_cast<std::uint32_t>(spec.headCount));
-    writer.setUInt32(arch + ".attention.head_count_kv", static_cast<std::uint32_t>(spec.kvHeadCount));
-    writer.setFloat32(arch + ".attention.layer_norm_rms_epsilon", static_cast<float>(spec.rmsEpsilon));
-    writer.setFloat32(arch + ".rope.freq_base", static_cast<float>(spec.ropeFreqBase));
-    if (spec.ropeScaling.kind != RopeScalingKind::none) {
-        writer.setString(arch + ".rope.scaling.type", spec.ropeScaling.kind == RopeScalingKind::yarn ? "yarn" : "linear");
-        writer.setFloat32(arch + ".rope.scaling.factor", static_cast<float>(spec.ropeScaling.factor));
-        if (spec.ropeScaling.originalContext > 0) {
+    writer.setString("general.name", recipe.name);
+    writer.setString("general.file_type_name", recipe.weights.name());
+    writer.setUInt32(arch + ".block_count", static_cast<std::uint32_t>(recipe.layerCount));
+    writer.setUInt32(arch + ".context_length", static_cast<std::uint32_t>(recipe.contextLength));
+    writer.setUInt32(arch + ".embedding_length", static_cast<std::uint32_t>(recipe.hiddenSize));
+    writer.setUInt32(arch + ".feed_forward_length", static_cast<std::uint32_t>(recipe.feedForwardSize));
+    writer.setUInt32(arch + ".attention.head_count", static_cast<std::uint32_t>(recipe.headCount));
+    writer.setUInt32(arch + ".attention.head_count_kv", static_cast<std::uint32_t>(recipe.kvHeadCount));
+    writer.setFloat32(arch + ".attention.layer_norm_rms_epsilon", static_cast<float>(recipe.rmsEpsilon));
+    writer.setFloat32(arch + ".rope.freq_base", static_cast<float>(recipe.ropeFreqBase));
+    if (recipe.ropeScaling.kind != RopeScalingKind::none) {
+        writer.setString(arch + ".rope.scaling.type", recipe.ropeScaling.kind == RopeScalingKind::yarn ? "yarn" : "linear");
+        writer.setFloat32(arch + ".rope.scaling.factor", static_cast<float>(recipe.ropeScaling.factor));
+        if (recipe.ropeScaling.originalContext > 0) {
             writer.setUInt32(arch + ".rope.scaling.original_context_length",
-                             static_cast<std::uint32_t>(spec.ropeScaling.originalContext));
+                             static_cast<std::uint32_t>(recipe.ropeScaling.originalContext));
         }
     }
 
     VocabularyTables vocabulary;
-    if (spec.vocabularyFile.empty()) {
+    if (recipe.vocabularyFile.empty()) {
         writeBuiltInVocabulary(writer, vocabulary);
     } else {
-        copyVocabulary(writer, spec.vocabularyFile, vocabulary);
+        copyVocabulary(writer, recipe.vocabularyFile, vocabulary);
     }
     const std::int64_t vocabularySize =
-        spec.vocabularySize > 0 ? spec.vocabularySize : static_cast<std::int64_t>(vocabulary.tokens.size());
+        recipe.vocabularySize > 0 ? recipe.vocabularySize : static_cast<std::int64_t>(vocabulary.tokens.size());
     if (vocabularySize < static_cast<std::int64_t>(vocabulary.tokens.size())) {
         throw std::invalid_argument("vocabulary size " + std::to_string(vocabularySize) + " is below the " +
                                     std::to_string(vocabulary.tokens.size()) + " tokens of the vocabulary");
@@ -361,45 +361,45 @@ GgufWriter TestModelMaker::build(const TestModelSpec& spec) {
         vocabulary.scores.resize(vocabulary.tokens.size(), 0.0f);
         writer.setFloat32Array("tokenizer.ggml.scores", vocabulary.scores);
     }
-    if (!spec.chatTemplate.empty()) {
-        writer.setString("tokenizer.chat_template", spec.chatTemplate);
-    } else if (spec.vocabularyFile.empty() || !vocabulary.hasTemplate) {
+    if (!recipe.chatTemplate.empty()) {
+        writer.setString("tokenizer.chat_template", recipe.chatTemplate);
+    } else if (recipe.vocabularyFile.empty() || !vocabulary.hasTemplate) {
         writer.setString("tokenizer.chat_template", chatmlTemplate);
     }
 
-    const std::int64_t hidden = spec.hiddenSize;
-    const std::int64_t headDim = hidden / spec.headCount;
-    const std::int64_t kvWidth = spec.kvHeadCount * headDim;
-    TensorWriter tensors{spec, writer};
+    const std::int64_t hidden = recipe.hiddenSize;
+    const std::int64_t headDim = hidden / recipe.headCount;
+    const std::int64_t kvWidth = recipe.kvHeadCount * headDim;
+    TensorWriter tensors{recipe, writer};
     tensors.matrix("token_embd.weight", 0, vocabularySize, hidden);
-    for (std::int64_t l = 0; l < spec.layerCount; ++l) {
+    for (std::int64_t l = 0; l < recipe.layerCount; ++l) {
         const std::string p = "blk." + std::to_string(l) + ".";
         tensors.norm(p + "attn_norm.weight", hidden);
         tensors.matrix(p + "attn_q.weight", l, hidden, hidden);
         tensors.matrix(p + "attn_k.weight", l, kvWidth, hidden);
         tensors.matrix(p + "attn_v.weight", l, kvWidth, hidden);
-        if (spec.architecture == Architecture::qwen2) {
+        if (recipe.architecture == Architecture::qwen2) {
             tensors.bias(p + "attn_q.bias", hidden);
             tensors.bias(p + "attn_k.bias", kvWidth);
             tensors.bias(p + "attn_v.bias", kvWidth);
         }
-        if (spec.architecture == Architecture::qwen3) {
+        if (recipe.architecture == Architecture::qwen3) {
             tensors.norm(p + "attn_q_norm.weight", headDim);
             tensors.norm(p + "attn_k_norm.weight", headDim);
         }
         tensors.matrix(p + "attn_output.weight", l, hidden, hidden);
         tensors.norm(p + "ffn_norm.weight", hidden);
-        tensors.matrix(p + "ffn_gate.weight", l, spec.feedForwardSize, hidden);
-        tensors.matrix(p + "ffn_up.weight", l, spec.feedForwardSize, hidden);
-        tensors.matrix(p + "ffn_down.weight", l, hidden, spec.feedForwardSize);
+        tensors.matrix(p + "ffn_gate.weight", l, recipe.feedForwardSize, hidden);
+        tensors.matrix(p + "ffn_up.weight", l, recipe.feedForwardSize, hidden);
+        tensors.matrix(p + "ffn_down.weight", l, hidden, recipe.feedForwardSize);
     }
     tensors.norm("output_norm.weight", hidden);
-    if (!spec.tiedOutput) {
-        tensors.matrix("output.weight", spec.layerCount, vocabularySize, hidden);
+    if (!recipe.tiedOutput) {
+        tensors.matrix("output.weight", recipe.layerCount, vocabularySize, hidden);
     }
     return writer;
 }
 
-void TestModelMaker::write(const TestModelSpec& spec, const std::filesystem::path& path) { build(spec).write(path); }
+void TestModelMaker::write(const TestModelRecipe& recipe, const std::filesystem::path& path) { build(recipe).write(path); }
 
 } // namespace parlune::llm

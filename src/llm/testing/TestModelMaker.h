@@ -26,7 +26,7 @@ struct TestWeightScheme {
     std::string name() const;
 };
 
-struct TestModelSpec {
+struct TestModelRecipe {
     Architecture architecture = Architecture::llama;
     std::int64_t hiddenSize = 64;
     std::int64_t layerCount = 2;
@@ -49,18 +49,18 @@ struct TestModelSpec {
 
     // Named shapes: "tiny" (64/2/4/2/256), "135m" (576/30/9/3/1536, vocab 49152),
     // "0.5b" (896/24/14/2/4864, vocab 151936, theta 1e6). nullopt for an unknown name.
-    static std::optional<TestModelSpec> shape(std::string_view name, Architecture architecture);
+    static std::optional<TestModelRecipe> shape(std::string_view name, Architecture architecture);
 };
 
 // Writes random-weight models of real structure for tests and benchmarks: weights N(0, 0.02),
-// norm weights 1 + N(0, 0.1), biases N(0, 0.05), drawn from a generator seeded by the spec's
-// seed and each tensor's name, so the same spec always gives the same file.
+// norm weights 1 + N(0, 0.1), biases N(0, 0.05), drawn from a generator seeded by the recipe's
+// seed and each tensor's name, so the same recipe always gives the same file.
 class TestModelMaker {
 public:
-    // Throws std::invalid_argument for an inconsistent spec, GgufError for an unreadable
+    // Throws std::invalid_argument for an inconsistent recipe, GgufError for an unreadable
     // vocabulary file.
-    static GgufWriter build(const TestModelSpec& spec);
-    static void write(const TestModelSpec& spec, const std::filesystem::path& path);
+    static GgufWriter build(const TestModelRecipe& recipe);
+    static void write(const TestModelRecipe& recipe, const std::filesystem::path& path);
 
     // Type used for one matrix (exposed for tests): the scheme's type where the row length
     // allows it, else the nearest type that fits.

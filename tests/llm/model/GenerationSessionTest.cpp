@@ -135,9 +135,9 @@ TEST_F(GenerationSessionTest, StopFlagEndsBetweenTokens) {
 }
 
 TEST_F(GenerationSessionTest, StopsWhenTheContextIsFull) {
-    TestModelSpec spec = tinySpec(Architecture::llama);
-    spec.contextLength = 8;
-    GenerationSession session(makeTinyModel(spec), tokenizer, pool);
+    TestModelRecipe recipe = tinySpec(Architecture::llama);
+    recipe.contextLength = 8;
+    GenerationSession session(makeTinyModel(recipe), tokenizer, pool);
     const std::int32_t prompt[] = {10, 20, 30, 40, 50};
     GenerationOptions options;
     options.maxNewTokens = 50;
@@ -151,9 +151,9 @@ TEST_F(GenerationSessionTest, StopsWhenTheContextIsFull) {
 
 TEST_F(GenerationSessionTest, EndOfGenerationTokenStopsWithoutBeingEmitted) {
     // An untied output so greedy decoding does not just repeat its input.
-    TestModelSpec spec = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
-    spec.tiedOutput = false;
-    const auto loaded = GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes(), "untied");
+    TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
+    recipe.tiedOutput = false;
+    const auto loaded = GgufFile::fromBuffer(TestModelMaker::build(recipe).toBytes(), "untied");
     const std::int32_t prompt[] = {40, 41, 42};
     GenerationOptions options;
     options.maxNewTokens = 12;
@@ -167,7 +167,7 @@ TEST_F(GenerationSessionTest, EndOfGenerationTokenStopsWithoutBeingEmitted) {
         ++stopAt;
     }
     ASSERT_LT(stopAt, greedy.size());
-    GgufWriter writer = TestModelMaker::build(spec);
+    GgufWriter writer = TestModelMaker::build(recipe);
     writer.setUInt32("tokenizer.ggml.eos_token_id", static_cast<std::uint32_t>(greedy[stopAt]));
     const auto file = GgufFile::fromBuffer(writer.toBytes(), "eos model");
     GenerationSession session(Model::fromFile(file), Tokenizer::fromGguf(*file), pool);

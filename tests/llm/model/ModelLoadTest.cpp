@@ -49,9 +49,9 @@ TEST(ModelLoad, ReadsHyperParametersOfEachArchitecture) {
 }
 
 TEST(ModelLoad, WeightsStayInTheMapping) {
-    TestModelSpec spec = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
-    spec.tiedOutput = false;
-    const auto model = makeTinyModel(spec);
+    TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
+    recipe.tiedOutput = false;
+    const auto model = makeTinyModel(recipe);
     const GgufFile& file = model->file();
     const auto inFile = [&](const void* p) {
         const GgufTensorInfo* embd = file.findTensor("token_embd.weight");
@@ -99,11 +99,11 @@ TEST(ModelLoad, RejectsMissingOrMisshapenTensors) {
 }
 
 TEST(ModelLoad, ReadsRopeScaling) {
-    TestModelSpec spec = tinySpec(Architecture::llama);
-    spec.ropeScaling.kind = RopeScalingKind::yarn;
-    spec.ropeScaling.factor = 4.0;
-    spec.ropeScaling.originalContext = 512;
-    const RopeScaling scaling = makeTinyModel(spec)->config().ropeScaling;
+    TestModelRecipe recipe = tinySpec(Architecture::llama);
+    recipe.ropeScaling.kind = RopeScalingKind::yarn;
+    recipe.ropeScaling.factor = 4.0;
+    recipe.ropeScaling.originalContext = 512;
+    const RopeScaling scaling = makeTinyModel(recipe)->config().ropeScaling;
     EXPECT_EQ(scaling.kind, RopeScalingKind::yarn);
     EXPECT_DOUBLE_EQ(scaling.factor, 4.0);
     EXPECT_EQ(scaling.originalContext, 512);

@@ -37,11 +37,11 @@ Moments moments(const GgufFile& file, const std::string& name) {
 }
 
 TEST(TestModelMaker, SameSpecSameBytesOtherSeedOtherWeights) {
-    const TestModelSpec spec = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
-    EXPECT_EQ(TestModelMaker::build(spec).toBytes(), TestModelMaker::build(spec).toBytes());
-    TestModelSpec other = spec;
+    const TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
+    EXPECT_EQ(TestModelMaker::build(recipe).toBytes(), TestModelMaker::build(recipe).toBytes());
+    TestModelRecipe other = recipe;
     other.seed = 2;
-    EXPECT_NE(TestModelMaker::build(spec).toBytes(), TestModelMaker::build(other).toBytes());
+    EXPECT_NE(TestModelMaker::build(recipe).toBytes(), TestModelMaker::build(other).toBytes());
 }
 
 TEST(TestModelMaker, DrawsTheFixtureDistributions) {
@@ -81,11 +81,11 @@ TEST(TestModelMaker, EveryWeightTypeLoadsAndRuns) {
     ThreadPool pool(2);
     for (const char* type : {"f32", "f16", "bf16", "q4_0", "q4_1", "q5_0", "q5_1", "q8_0", "q4_k", "q5_k", "q6_k",
                              "q4_k_m"}) {
-        TestModelSpec spec = tinySpec(Architecture::llama);
-        spec.weights = *TestWeightScheme::parse(type);
-        spec.feedForwardSize = 512; // down-projection rows of two 256-blocks
-        const auto model = testing::makeTinyModel(spec);
-        EXPECT_EQ(model->layer(0).down.type == GgmlType::Q8_0, spec.weights.type == GgmlType::Q8_0) << type;
+        TestModelRecipe recipe = tinySpec(Architecture::llama);
+        recipe.weights = *TestWeightScheme::parse(type);
+        recipe.feedForwardSize = 512; // down-projection rows of two 256-blocks
+        const auto model = testing::makeTinyModel(recipe);
+        EXPECT_EQ(model->layer(0).down.type == GgmlType::Q8_0, recipe.weights.type == GgmlType::Q8_0) << type;
         Transformer transformer(model, pool);
         KvCache cache(model->config());
         std::vector<float> logits;
@@ -114,13 +114,13 @@ TEST(TestModelMaker, BuiltInVocabularyTokenisesAndFormatsChat) {
 }
 
 TEST(TestModelMaker, PaddedVocabularyGetsChatMLControlTokens) {
-    TestModelSpec spec = tinySpec(Architecture::qwen2);
-    spec.vocabularySize = 400;
-    const auto file = GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes());
+    TestModelRecipe recipe = tinySpec(Architecture::qwen2);
+    recipe.vocabularySize = 400;
+    const auto file = GgufFile::fromBuffer(TestModelMaker::build(recipe).toBytes());
     EXPECT_EQ(Model::fromFile(file)->config().vocabularySize, 400);
     EXPECT_EQ(Tokenizer::fromGguf(*file)->vocabularySize(), 400);
-    spec.vocabularySize = 100; // below the vocabulary's own size
-    EXPECT_THROW(TestModelMaker::build(spec), std::invalid_argument);
+    recipe.vocabularySize = 100; // below the vocabulary's own size
+    EXPECT_THROW(TestModelMaker::build(recipe), std::invalid_argument);
 }
 
 TEST(TestModelMaker, CopiesAVocabularyFile) {
@@ -128,10 +128,10 @@ TEST(TestModelMaker, CopiesAVocabularyFile) {
     if (!std::filesystem::exists(vocab)) {
         GTEST_SKIP() << "shared engine fixtures not found at " << PARLUNE_LLM_FIXTURES;
     }
-    TestModelSpec spec = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
-    spec.vocabularyFile = vocab;
-    spec.vocabularySize = 50304; // padded like real checkpoints
-    const auto file = GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes());
+    TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
+    recipe.vocabularyFile = vocab;
+    recipe.vocabularySize = 50304; // padded like real checkpoints
+    const auto file = GgufFile::fromBuffer(TestModelMaker::build(recipe).toBytes());
     const auto tokenizer = Tokenizer::fromGguf(*file);
     const auto original = Tokenizer::fromGguf(*GgufFile::open(vocab));
     EXPECT_EQ(tokenizer->vocabularySize(), 50304);

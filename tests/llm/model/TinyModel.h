@@ -12,14 +12,14 @@
 namespace parlune::llm::testing {
 
 // A small random model built in memory (no file, no fixtures).
-inline std::shared_ptr<const Model> makeTinyModel(const TestModelSpec& spec) {
-    return Model::fromFile(GgufFile::fromBuffer(TestModelMaker::build(spec).toBytes(), "tiny model"));
+inline std::shared_ptr<const Model> makeTinyModel(const TestModelRecipe& recipe) {
+    return Model::fromFile(GgufFile::fromBuffer(TestModelMaker::build(recipe).toBytes(), "tiny model"));
 }
 
-inline TestModelSpec tinySpec(Architecture architecture, GgmlType type = GgmlType::F32) {
-    TestModelSpec spec = *TestModelSpec::shape("tiny", architecture);
-    spec.weights.type = type;
-    return spec;
+inline TestModelRecipe tinySpec(Architecture architecture, GgmlType type = GgmlType::F32) {
+    TestModelRecipe recipe = *TestModelRecipe::shape("tiny", architecture);
+    recipe.weights.type = type;
+    return recipe;
 }
 
 inline float maxAbsDifference(std::span<const float> a, std::span<const float> b) {

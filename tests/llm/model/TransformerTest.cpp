@@ -86,9 +86,9 @@ INSTANTIATE_TEST_SUITE_P(Architectures, TransformerTest,
                                            std::tuple(Architecture::llama, GgmlType::F16)));
 
 TEST(Transformer, LongPromptsSpanSeveralBatches) {
-    TestModelSpec spec = tinySpec(Architecture::qwen2);
-    spec.layerCount = 1;
-    const auto model = makeTinyModel(spec);
+    TestModelRecipe recipe = tinySpec(Architecture::qwen2);
+    recipe.layerCount = 1;
+    const auto model = makeTinyModel(recipe);
     ThreadPool pool(2);
     Transformer transformer(model, pool);
     const auto tokens = sequence(Transformer::maxBatch + 40, static_cast<std::int32_t>(model->config().vocabularySize));
@@ -103,9 +103,9 @@ TEST(Transformer, LongPromptsSpanSeveralBatches) {
 }
 
 TEST(Transformer, BadInputLeavesTheCacheAsItWas) {
-    TestModelSpec spec = tinySpec(Architecture::llama);
-    spec.contextLength = 8;
-    const auto model = makeTinyModel(spec);
+    TestModelRecipe recipe = tinySpec(Architecture::llama);
+    recipe.contextLength = 8;
+    const auto model = makeTinyModel(recipe);
     ThreadPool pool(1);
     Transformer transformer(model, pool);
     KvCache cache(model->config());

@@ -29,28 +29,28 @@ bool oracleAvailable() {
 
 struct OracleCase {
     std::string name;
-    TestModelSpec spec;
+    TestModelRecipe recipe;
 };
 
 std::vector<OracleCase> cases() {
     std::vector<OracleCase> all;
     for (const Architecture architecture : {Architecture::llama, Architecture::qwen2, Architecture::qwen3}) {
-        OracleCase c{std::string(architectureName(architecture)), *TestModelSpec::shape("tiny", architecture)};
-        c.spec.seed = 7;
+        OracleCase c{std::string(architectureName(architecture)), *TestModelRecipe::shape("tiny", architecture)};
+        c.recipe.seed = 7;
         all.push_back(c);
     }
     // Eight query heads over two key/value heads, an untied output, a wider head.
-    OracleCase grouped{"qwen2_grouped_untied", *TestModelSpec::shape("tiny", Architecture::qwen2)};
-    grouped.spec.hiddenSize = 128;
-    grouped.spec.headCount = 8;
-    grouped.spec.kvHeadCount = 2;
-    grouped.spec.tiedOutput = false;
+    OracleCase grouped{"qwen2_grouped_untied", *TestModelRecipe::shape("tiny", Architecture::qwen2)};
+    grouped.recipe.hiddenSize = 128;
+    grouped.recipe.headCount = 8;
+    grouped.recipe.kvHeadCount = 2;
+    grouped.recipe.tiedOutput = false;
     all.push_back(grouped);
-    OracleCase wide{"llama_one_kv_head_linear_rope", *TestModelSpec::shape("tiny", Architecture::llama)};
-    wide.spec.headCount = 2;
-    wide.spec.kvHeadCount = 1;
-    wide.spec.ropeScaling.kind = RopeScalingKind::linear;
-    wide.spec.ropeScaling.factor = 2.0;
+    OracleCase wide{"llama_one_kv_head_linear_rope", *TestModelRecipe::shape("tiny", Architecture::llama)};
+    wide.recipe.headCount = 2;
+    wide.recipe.kvHeadCount = 1;
+    wide.recipe.ropeScaling.kind = RopeScalingKind::linear;
+    wide.recipe.ropeScaling.factor = 2.0;
     all.push_back(wide);
     return all;
 }
@@ -66,7 +66,7 @@ TEST_P(OracleTest, EngineLogitsMatchTheNumPyForwardPass) {
     std::filesystem::create_directories(dir);
     const std::filesystem::path modelPath = dir / "model.gguf";
     const std::filesystem::path logitsPath = dir / "oracle.f32";
-    TestModelMaker::write(c.spec, modelPath);
+    TestModelMaker::write(c.recipe, modelPath);
 
     const auto model = Model::load(modelPath);
     // Long enough that the batch's attention is split across threads, short steps are not.
