@@ -2,6 +2,7 @@
 // the model loaded and the instructions computed from scratch (cold) or taken from the instruction
 // cache (cached). Run by hand:
 //   parlune-rewrite-bench MODEL.gguf [--runs 5] [--threads N]
+#include "core/async/RunUntilDone.h"
 #include "core/engine/RewritePrompt.h"
 #include "engine/LlmLanguageModelFramework.h"
 #include "engine/ModelLocator.h"
@@ -26,25 +27,6 @@ const char* const sampleText = "I wanted to reach out to let you know that the q
                                "and I think it would be better to wait for everything rather than send "
                                "something incomplete to the board.";
 
-template <typename T> T await(QCoro::Task<T>&& task) {
-    std::optional<T> result;
-    std::exception_ptr error;
-    auto body = [&]() -> QCoro::Task<void> {
-        try {
-            result = co_await std::move(task);
-        } catch (...) {
-            error = std::current_exception();
-        }
-    };
-    QCoro::Task<void> driver = body();
-    while (!result && !error) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
-    }
-    if (error) {
-        std::rethrow_exception(error);
-    }
-    return std::move(*result);
-}
 
 double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
@@ -84,7 +66,7 @@ int main(int argc, char** argv) {
     const QString prompt = RewritePrompt::prompt(QString::fromUtf8(sampleText));
     try {
         // The very first rewrite also loads the weights (and faults their pages in).
-        (void)await(framework.openSession(instructions)->respond(prompt, oneToken, {}));
+        (void)runUntilDone(framework.openSession(instructions)->respond(prompt, oneToken, {}));
         const double firstEver = framework.lastResponse()->secondsToFirstToken;
         std::vector<double> cold;
         std::vector<double> cached;
@@ -92,9 +74,9 @@ int main(int argc, char** argv) {
         std::int64_t reused = 0;
         for (int run = 0; run < runs; ++run) {
             framework.releaseCaches();
-            (void)await(framework.openSession(instructions)->respond(prompt, oneToken, {}));
+            (void)runUntilDone(framework.openSession(instructions)->respond(prompt, oneToken, {}));
             cold.push_back(framework.lastResponse()->secondsToFirstToken);
-            (void)await(framework.openSession(instructions)->respond(prompt, oneToken, {}));
+            (void)runUntilDone(framework.openSession(instructions)->respond(prompt, oneToken, {}));
             cached.push_back(framework.lastResponse()->secondsToFirstToken);
             promptTokens = framework.lastResponse()->promptTokens;
             reused = framework.lastResponse()->promptTokensReused;

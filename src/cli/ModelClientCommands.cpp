@@ -1,5 +1,6 @@
 #include "cli/ModelClientCommands.h"
 
+#include "core/async/RunUntilDone.h"
 #include "core/diagnostics/UserFacingErrorMessage.h"
 #include "core/engine/OnDeviceModelClient.h"
 #include "core/pipeline/RewriteMode.h"
@@ -139,19 +140,10 @@ int runRewrite(const std::vector<std::string>& arguments) {
     const auto started = std::chrono::steady_clock::now();
     std::optional<QString> result;
     std::exception_ptr error;
-    bool done = false;
-    // Kept in a named lambda: the coroutine reads its captures after suspending.
-    auto body = [&]() -> QCoro::Task<void> {
-        try {
-            result = co_await client.rewrite(text, parsed->mode, parsed->preferences, {});
-        } catch (...) {
-            error = std::current_exception();
-        }
-        done = true;
-    };
-    QCoro::Task<void> task = body();
-    while (!done) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
+    try {
+        result = runUntilDone(client.rewrite(text, parsed->mode, parsed->preferences, {}));
+    } catch (...) {
+        error = std::current_exception();
     }
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 

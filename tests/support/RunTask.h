@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QCoro/QCoroTask>
 #include <QElapsedTimer>
+#include <QTimer>
 
 #include <exception>
 #include <functional>
@@ -13,14 +14,18 @@
 namespace parlune::test {
 
 // Runs the event loop until `done` holds or `timeoutMs` passes; returns whether `done` held.
+// A ticking timer wakes the loop to re-check, so the thread sleeps between events instead of
+// spinning (processEvents with a time limit ignores WaitForMoreEvents).
 inline bool pumpUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
+    QTimer tick;
+    tick.start(2);
     QElapsedTimer timer;
     timer.start();
     while (!done()) {
         if (timer.elapsed() > timeoutMs) {
             return false;
         }
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 10);
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
     }
     return true;
 }
@@ -29,9 +34,7 @@ inline bool pumpUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
 inline void pumpFor(int ms) {
     QElapsedTimer timer;
     timer.start();
-    while (timer.elapsed() < ms) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 5);
-    }
+    pumpUntil([&] { return timer.elapsed() >= ms; }, ms + 1000);
 }
 
 // Runs a task to completion on the event loop and returns its result, rethrowing its error.

@@ -250,7 +250,8 @@ TEST_F(RewriteCoordinatorTest, RepeatedPressOnTheSameSelectionIsDeduplicatedSile
     coordinator->submitRewriteSelection();
     clock.advance(std::chrono::milliseconds(400));
     coordinator->submitRewriteSelection();
-    ASSERT_TRUE(test::pumpUntil([&] { return coordinator->outstandingShortcutRequests() == 1; }));
+    ASSERT_TRUE(test::pumpUntil(
+        [&] { return coordinator->outstandingShortcutRequests() == 1 && engine->heldCount() == 1; }));
 
     EXPECT_EQ(lines().back(),
               line("stage=queued app=org.example.Editor length=9 elapsed_ms=0 error=deduplicated"));
