@@ -2,6 +2,7 @@
 
 #include "llm/tensor/CpuFeatures.h"
 #include "llm/tensor/MatMulKernels.h"
+#include "llm/tensor/Quantization.h"
 
 #include <algorithm>
 #include <cstring>
@@ -11,6 +12,19 @@
 namespace parlune::llm {
 
 namespace {
+
+bool pairsWithHalfScaleActivations(GgmlType type) {
+    switch (type) {
+    case GgmlType::Q4_0:
+    case GgmlType::Q4_1:
+    case GgmlType::Q5_0:
+    case GgmlType::Q5_1:
+    case GgmlType::Q8_0:
+        return true;
+    default:
+        return false;
+    }
+}
 
 bool isFloatType(GgmlType type) { return type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16; }
 
@@ -78,6 +92,14 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
             detail::quantizeActivationsAvx512(x + t * cols, cols, out.paddedCols_, codes, scales);
         } else {
             detail::quantizeActivationsScalar(x + t * cols, cols, out.paddedCols_, codes, scales);
+        }
+    }
+    // GGUF's 32-element activation blocks carry an fp16 scale; products with the block types
+    // that pair with them match files made elsewhere exactly only when our scale is rounded the
+    // same way (the codes keep the unrounded reciprocal).
+    if (pairsWithHalfScaleActivations(weightType)) {
+        for (float& scale : out.scales_) {
+            scale = fp16ToFloat(floatToFp16(scale));
         }
     }
 }
