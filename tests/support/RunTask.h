@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/async/TaskOutcome.h"
+
 #include <QCoreApplication>
 #include <QCoro/QCoroTask>
 #include <QElapsedTimer>
@@ -37,38 +39,16 @@ inline void pumpFor(int ms) {
     pumpUntil([&] { return timer.elapsed() >= ms; }, ms + 1000);
 }
 
-// Runs a task to completion on the event loop and returns its result, rethrowing its error.
-// (Unlike QCoro::waitFor this also copes with a task that finished before it was awaited.)
+// Runs a task to completion on the event loop and returns its result, rethrowing its error; fails
+// the test instead of hanging when it does not finish. (Unlike QCoro::waitFor this also copes with
+// a task that finished before it was awaited.)
 template <typename T>
 T runTask(QCoro::Task<T>&& task, int timeoutMs = 30000) {
-    std::optional<std::conditional_t<std::is_void_v<T>, bool, T>> result;
-    std::exception_ptr error;
-    bool done = false;
-    // The closure must outlive the coroutine, whose captures it holds: a named lambda, not a
-    // temporary (a temporary dies at the end of the statement and optimised builds crash).
-    auto body = [&]() -> QCoro::Task<void> {
-        try {
-            if constexpr (std::is_void_v<T>) {
-                co_await std::move(task);
-                result = true;
-            } else {
-                result = co_await std::move(task);
-            }
-        } catch (...) {
-            error = std::current_exception();
-        }
-        done = true;
-    };
-    QCoro::Task<void> driver = body();
-    if (!pumpUntil([&] { return done; }, timeoutMs)) {
+    TaskOutcome<T> outcome(std::move(task));
+    if (!pumpUntil([&] { return outcome.isFinished(); }, timeoutMs)) {
         throw std::runtime_error("runTask: the task did not finish in time");
     }
-    if (error) {
-        std::rethrow_exception(error);
-    }
-    if constexpr (!std::is_void_v<T>) {
-        return std::move(*result);
-    }
+    return outcome.take();
 }
 
 } // namespace parlune::test
