@@ -4,8 +4,7 @@
 //   parlune-rewrite-bench MODEL.gguf [--runs 5] [--threads N]
 #include "core/async/RunUntilDone.h"
 #include "core/engine/RewritePrompt.h"
-#include "engine/LlmLanguageModelFramework.h"
-#include "engine/ModelLocator.h"
+#include "engine/OnDeviceEngine.h"
 
 #include <QCoreApplication>
 
@@ -53,12 +52,8 @@ int main(int argc, char** argv) {
         }
     }
 
-    LlmInference::Options options;
-    options.locate = [path] {
-        return std::optional(ModelLocator::inspect(path, ModelFileReport::Source::setting));
-    };
-    options.threadCount = threads;
-    LlmLanguageModelFramework framework(std::move(options));
+    OnDeviceEngine engine(OnDeviceEngine::Options{.explicitModelPath = path, .threadCount = threads});
+    LlmLanguageModelFramework& framework = engine.framework();
 
     GenerationOptions oneToken;
     oneToken.maximumResponseTokens = 1;

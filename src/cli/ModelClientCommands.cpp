@@ -2,10 +2,9 @@
 
 #include "core/async/RunUntilDone.h"
 #include "core/diagnostics/UserFacingErrorMessage.h"
-#include "core/engine/OnDeviceModelClient.h"
 #include "core/pipeline/RewriteMode.h"
 #include "core/settings/SettingsStore.h"
-#include "engine/LlmLanguageModelFramework.h"
+#include "engine/OnDeviceEngine.h"
 #include "engine/ModelLocator.h"
 #include "platform/linux/QSettingsUserDefaults.h"
 
@@ -125,23 +124,18 @@ int runRewrite(const std::vector<std::string>& arguments) {
     const std::string input((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
     const QString text = QString::fromStdString(input);
 
-    LlmInference::Options options;
-    const std::string explicitModel = parsed->model;
-    options.locate = [explicitModel]() -> std::optional<ModelFileReport> {
-        if (!explicitModel.empty()) {
-            return ModelLocator::inspect(explicitModel, ModelFileReport::Source::setting);
-        }
-        return ModelLocator::choose(ModelLocator::placesFromEnvironment(settingModelPath()));
-    };
-    options.forcedResponseTokens = parsed->benchResponseTokens;
-    LlmLanguageModelFramework framework(std::move(options));
-    OnDeviceModelClient client(framework, nullptr);
+    OnDeviceEngine engine(OnDeviceEngine::Options{
+        .explicitModelPath = parsed->model,
+        .settingModelPath = [] { return QString::fromStdString(settingModelPath()); },
+        .forcedResponseTokens = parsed->benchResponseTokens,
+    });
+    LlmLanguageModelFramework& framework = engine.framework();
 
     const auto started = std::chrono::steady_clock::now();
     std::optional<QString> result;
     std::exception_ptr error;
     try {
-        result = runUntilDone(client.rewrite(text, parsed->mode, parsed->preferences, {}));
+        result = runUntilDone(engine.client()->rewrite(text, parsed->mode, parsed->preferences, {}));
     } catch (...) {
         error = std::current_exception();
     }

@@ -43,16 +43,31 @@ std::shared_ptr<LlmBackend> LlmInference::currentBackend() {
     return backend_;
 }
 
-void LlmInference::post(std::function<void(LlmBackend&)> work) {
+void LlmInference::track(const std::shared_ptr<std::atomic<bool>>& stop) {
+    std::erase_if(inFlightStops_, [](const std::weak_ptr<std::atomic<bool>>& flag) { return flag.expired(); });
+    inFlightStops_.push_back(stop);
+}
+
+void LlmInference::stopAllWork() {
+    stopping_->store(true, std::memory_order_relaxed);
+    for (const std::weak_ptr<std::atomic<bool>>& weak : inFlightStops_) {
+        if (std::shared_ptr<std::atomic<bool>> flag = weak.lock()) {
+            flag->store(true, std::memory_order_relaxed);
+        }
+    }
+    inFlightStops_.clear();
+}
+
+void LlmInference::post(std::function<void(LlmBackend&, const std::atomic<bool>& stop)> work) {
     std::shared_ptr<LlmBackend> backend;
     try {
         backend = currentBackend();
     } catch (const LanguageModelGenerationError&) {
         return; // nothing to warm
     }
-    worker_->post([backend, work = std::move(work)] {
+    worker_->post([backend, stop = stopping_, work = std::move(work)] {
         try {
-            work(*backend);
+            work(*backend, *stop);
         } catch (...) {
             // A failed warm-up shows again, with its reason, on the next real request.
         }

@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <stop_token>
+#include <vector>
 
 namespace parlune {
 
@@ -57,7 +58,8 @@ public:
     // tokens and ends the wait at once with CancellationError.
     template <typename T> QCoro::Task<T> run(Work<T> work, std::stop_token token) {
         Continuation<T> done;
-        auto stop = std::make_shared<std::atomic<bool>>(token.stop_requested());
+        auto stop = std::make_shared<std::atomic<bool>>(token.stop_requested() || isStopping());
+        track(stop);
         dispatch<T>(std::move(work), stop, done);
         std::stop_callback raiseFlag(token, RaiseFlag{stop});
         co_return co_await done.wait(token);
@@ -67,8 +69,13 @@ public:
     const std::optional<LlmResponse>& lastResponse() const { return lastResponse_; }
     void recordResponse(const LlmResponse& response) { lastResponse_ = response; }
 
-    // Queues work whose outcome nobody waits for (prewarming).
-    void post(std::function<void(LlmBackend&)> work);
+    // Queues work whose outcome nobody waits for (prewarming). The flag rises with stopAllWork().
+    void post(std::function<void(LlmBackend&, const std::atomic<bool>& stop)> work);
+
+    // Raises the stop flag of every request in flight and of every later one, so that shutting
+    // down waits for one token at most, never for a whole answer.
+    void stopAllWork();
+    bool isStopping() const { return stopping_->load(std::memory_order_relaxed); }
 
 private:
     struct RaiseFlag {
@@ -93,6 +100,8 @@ private:
         });
     }
 
+    void track(const std::shared_ptr<std::atomic<bool>>& stop);
+
     // Throws LanguageModelGenerationError assetsUnavailable when no usable file is chosen.
     std::shared_ptr<LlmBackend> currentBackend();
 
@@ -102,6 +111,8 @@ private:
     std::shared_ptr<InstructionPrefixCache> prefixCache_;
     std::shared_ptr<LlmBackend> backend_;
     std::optional<LlmResponse> lastResponse_;
+    std::shared_ptr<std::atomic<bool>> stopping_ = std::make_shared<std::atomic<bool>>(false);
+    std::vector<std::weak_ptr<std::atomic<bool>>> inFlightStops_;
     // Declared last: destroyed first, so no job outlives what it uses.
     std::unique_ptr<LlmWorker> worker_;
 };

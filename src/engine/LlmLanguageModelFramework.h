@@ -24,6 +24,8 @@ public:
     QCoro::Task<std::int64_t> tokenCountOfSchema(GenerationSchema schema, std::stop_token token) override;
     std::unique_ptr<LanguageModelSession> openSession(const QString& instructions) override;
 
+    // Ends every request at its next token and refuses new ones; for shutting down.
+    void stopAllWork() { inference_->stopAllWork(); }
     // Drops cached instruction states; call on memory pressure.
     void releaseCaches() { inference_->releaseCaches(); }
     const std::optional<ModelFileReport>& chosenModel() const { return inference_->chosenModel(); }
