@@ -52,6 +52,18 @@ std::optional<std::uint32_t> X11KeyTable::keysymFor(std::uint32_t macKeyCode) {
     return std::nullopt;
 }
 
+std::optional<std::uint32_t> X11KeyTable::macKeyCodeFor(std::uint32_t keysym) {
+    if (keysym >= XK_A && keysym <= XK_Z) {
+        keysym += XK_a - XK_A;
+    }
+    for (const auto& [code, entry] : keyTable) {
+        if (entry == keysym) {
+            return code;
+        }
+    }
+    return std::nullopt;
+}
+
 std::uint16_t X11KeyTable::modifierMaskFor(std::uint32_t carbonModifiers) {
     std::uint16_t mask = 0;
     if (carbonModifiers & carbon_modifier::option) {
