@@ -27,6 +27,8 @@ public:
     LocalModelAvailability availabilityValue = LocalModelAvailability::available;
     std::exception_ptr prepareError;
     int prepareCalls = 0;
+    // When set, each preparation waits for finishPreparation() before ending.
+    bool holdPreparations = false;
 
     // Taken in order; with none left, the answer is the text with " (rewritten)" appended.
     std::deque<Answer> answers;
@@ -38,8 +40,14 @@ public:
 
     LocalModelAvailability availability() const override { return availabilityValue; }
 
-    QCoro::Task<void> prepare(std::stop_token) override {
+    QCoro::Task<void> prepare(std::stop_token token) override {
         ++prepareCalls;
+        if (holdPreparations) {
+            Continuation<void> finished;
+            heldPreparations_.push_back(finished);
+            co_await finished.wait(token);
+            co_return;
+        }
         if (prepareError) {
             std::rethrow_exception(prepareError);
         }
@@ -77,8 +85,23 @@ public:
         }
     }
 
+    // Ends the oldest held preparation, with `error` when one is given.
+    void finishPreparation(std::exception_ptr error = nullptr) {
+        if (heldPreparations_.empty()) {
+            return;
+        }
+        Continuation<void> next = heldPreparations_.front();
+        heldPreparations_.pop_front();
+        if (error) {
+            next.resumeThrowing(std::move(error));
+        } else {
+            next.resume();
+        }
+    }
+
 private:
     std::deque<Continuation<void>> held_;
+    std::deque<Continuation<void>> heldPreparations_;
 };
 
 } // namespace parlune::testing

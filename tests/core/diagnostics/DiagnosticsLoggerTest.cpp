@@ -1,4 +1,5 @@
 #include "core/diagnostics/DiagnosticsLogger.h"
+#include "support/ManualClock.h"
 #include "support/QtPrinters.h"
 
 #include <gtest/gtest.h>
@@ -9,12 +10,7 @@
 namespace parlune {
 namespace {
 
-class ManualClock final : public Clock {
-public:
-    double uptimeSeconds() const override { return 0; }
-    WallTime now() const override { return time; }
-    WallTime time{std::chrono::seconds(1'700'000'000)};
-};
+using testing::ManualClock;
 
 class DiagnosticsLoggerTest : public ::testing::Test {
 protected:
@@ -38,10 +34,12 @@ TEST_F(DiagnosticsLoggerTest, RewriteLinesKeepTheirPartsInOrder) {
                        QString("selection_changed"));
     EXPECT_EQ(newest(), "stage=staleTarget app=a length=7 error=selection_changed");
 
-    const char* expectedStages[] = {"capture",   "queued",      "deterministicRewrite", "modelRewrite",
-                                    "staleTarget", "replacement", "completed",          "failed"};
+    const char* expectedStages[] = {"capture",      "queued",      "deterministicRewrite",
+                                    "modelRewrite", "staleTarget", "replacement",
+                                    "completed",    "failed"};
     for (std::size_t i = 0; i < rewrite_diagnostic_stage::allCases.size(); ++i) {
-        EXPECT_EQ(rewrite_diagnostic_stage::rawValue(rewrite_diagnostic_stage::allCases[i]), expectedStages[i]);
+        EXPECT_EQ(rewrite_diagnostic_stage::rawValue(rewrite_diagnostic_stage::allCases[i]),
+                  expectedStages[i]);
     }
 }
 
@@ -76,8 +74,10 @@ TEST_F(DiagnosticsLoggerTest, IdentifiersAndCategoriesAreSanitised) {
     EXPECT_EQ(DiagnosticsLogger::safeIdentifier(QString("org.例え.app")), "org.例え.app");
     EXPECT_EQ(DiagnosticsLogger::safeIdentifier(std::nullopt), "unknown");
     EXPECT_EQ(DiagnosticsLogger::safeIdentifier(QString::fromUtf8("bad\xff\xfeutf8")), "badutf8");
-    EXPECT_EQ(DiagnosticsLogger::safeCategory(QStringLiteral("a\U0001F600b\U00010400")), QStringLiteral("ab\U00010400"));
-    EXPECT_EQ(DiagnosticsLogger::safeCategory("new\nline=injected stage=completed"), "newlineinjectedstagecompleted");
+    EXPECT_EQ(DiagnosticsLogger::safeCategory(QStringLiteral("a\U0001F600b\U00010400")),
+              QStringLiteral("ab\U00010400"));
+    EXPECT_EQ(DiagnosticsLogger::safeCategory("new\nline=injected stage=completed"),
+              "newlineinjectedstagecompleted");
 }
 
 TEST_F(DiagnosticsLoggerTest, OnlyCompletedRewritesWithATimeAddPerformanceRecords) {
@@ -154,8 +154,8 @@ TEST_F(DiagnosticsLoggerTest, ObserversSeeEveryChange) {
 
 TEST_F(DiagnosticsLoggerTest, SelectedTextNeverReachesALine) {
     const QString selected = QStringLiteral("Dear Sam, the launch code is 7741");
-    logger_.logRewrite(RewriteDiagnosticStage::modelRewrite, QString("org.example.Mail"),
-                       selected.size(), 90);
+    logger_.logRewrite(RewriteDiagnosticStage::modelRewrite, QString("org.example.Mail"), selected.size(),
+                       90);
     EXPECT_EQ(newest(), "stage=modelRewrite app=org.example.Mail length=33 elapsed_ms=90");
     EXPECT_FALSE(newest().contains(QStringLiteral("launch")));
 }

@@ -1,8 +1,9 @@
-#include "core/hotkeys/HotKeyError.h"
 #include "core/hotkeys/HotKeyManager.h"
+#include "core/hotkeys/HotKeyError.h"
 #include "core/hotkeys/HotKeyPreset.h"
 #include "core/hotkeys/HotKeyShortcut.h"
 #include "core/platform/PlatformTerms.h"
+#include "support/FakeHotKeyService.h"
 #include "support/ScopedPlatformTerms.h"
 
 #include <gtest/gtest.h>
@@ -15,61 +16,7 @@
 namespace parlune {
 namespace {
 
-// A hotkey service that records every call and delivers presses like the platform would: to the
-// installed handler, with the identifier the hotkey was registered under.
-class FakeHotKeyService final : public HotKeyService {
-public:
-    std::vector<std::string> calls;
-    std::int32_t installStatus = 0;
-    std::int32_t registerStatus = 0;
-    std::map<Handle, HotKeyIdentifier> hotKeys;
-    std::map<Handle, std::pair<std::uint32_t, std::uint32_t>> keys;
-    std::map<Handle, Handler> handlers;
-
-    Result installHandler(Handler handler) override {
-        calls.push_back("install");
-        if (installStatus != 0) {
-            return {installStatus, 0};
-        }
-        const Handle handle = next_++;
-        handlers.emplace(handle, std::move(handler));
-        return {0, handle};
-    }
-    Result registerHotKey(std::uint32_t keyCode, std::uint32_t modifiers, HotKeyIdentifier identifier) override {
-        calls.push_back("register " + std::to_string(keyCode) + "/" + std::to_string(modifiers));
-        if (registerStatus != 0) {
-            return {registerStatus, 0};
-        }
-        const Handle handle = next_++;
-        hotKeys.emplace(handle, identifier);
-        keys.emplace(handle, std::make_pair(keyCode, modifiers));
-        return {0, handle};
-    }
-    void unregisterHotKey(Handle hotKey) override {
-        calls.push_back("unregister");
-        hotKeys.erase(hotKey);
-        keys.erase(hotKey);
-    }
-    void removeHandler(Handle handler) override {
-        calls.push_back("remove");
-        handlers.erase(handler);
-    }
-
-    // Delivers a press of every registered hotkey to every installed handler; returns statuses.
-    std::vector<std::int32_t> press() {
-        std::vector<std::int32_t> statuses;
-        auto snapshot = handlers;
-        for (const auto& [h, hotKey] : std::map<Handle, HotKeyIdentifier>(hotKeys)) {
-            for (auto& [hh, handler] : snapshot) {
-                statuses.push_back(handler(hotKey));
-            }
-        }
-        return statuses;
-    }
-
-private:
-    Handle next_ = 1;
-};
+using testing::FakeHotKeyService;
 
 const HotKeyShortcut optionSpace{49, 2048, "Option+Space"};
 const HotKeyShortcut commandShiftH{4, 768, "Command+Shift+H"};
@@ -152,7 +99,8 @@ TEST(HotKeyManagerTest, UnregisterOnFreshManagerOrTwiceDoesNothing) {
     manager.registerShortcut(optionSpace, [] {});
     manager.unregister();
     manager.unregister();
-    EXPECT_EQ(service.calls, (std::vector<std::string>{"install", "register 49/2048", "unregister", "remove"}));
+    EXPECT_EQ(service.calls,
+              (std::vector<std::string>{"install", "register 49/2048", "unregister", "remove"}));
     EXPECT_FALSE(HotKeyManager::hasSharedAction());
 }
 

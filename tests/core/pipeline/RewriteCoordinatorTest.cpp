@@ -8,6 +8,7 @@
 
 #include "support/FakeCredentialStore.h"
 #include "support/FakeUserDefaults.h"
+#include "support/ManualClock.h"
 #include "support/QtPrinters.h"
 #include "support/RunTask.h"
 #include "support/ScriptedRewriteEngine.h"
@@ -20,22 +21,11 @@
 namespace parlune {
 namespace {
 
+using testing::ManualClock;
 using testing::ScriptedRewriteEngine;
 using testing::ScriptedSelectionReplacer;
 using EngineKind = LocalRewriteEngineError::Kind;
 using ReplacementKind = TextReplacementError::Kind;
-
-class ManualClock final : public Clock {
-public:
-    double uptimeSeconds() const override { return uptime; }
-    WallTime now() const override { return time; }
-    void advance(std::chrono::microseconds step) {
-        time += step;
-        uptime += std::chrono::duration<double>(step).count();
-    }
-    WallTime time{std::chrono::seconds(1'700'000'000)};
-    double uptime = 500.0;
-};
 
 class RecordingReporter final : public RewriteStatusReporting {
 public:
