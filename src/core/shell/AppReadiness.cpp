@@ -116,7 +116,7 @@ QCoro::Task<void> AppReadiness::prepareModel() {
     preparation->generation = ++preparationGeneration_;
     preparation_ = preparation;
     update([](State& state) { state.isPreparingModel = true; });
-    // Runs on its own, so that a caller that stops waiting leaves it running for the others.
+    // Belongs to this object, not to the caller that started it: every caller only waits for it.
     (void)runPreparation(lifetime_.weak(this), engine_, preparation, stop_.get_token());
     co_await waitFor(std::move(preparation));
 }

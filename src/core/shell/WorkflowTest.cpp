@@ -68,7 +68,8 @@ QCoro::Task<void> WorkflowTest::run(QString sample, WorkflowTestTarget& target, 
 QCoro::Task<void> WorkflowTest::execute(WeakRef<WorkflowTest> weakSelf, QString sample,
                                         WorkflowTestTarget& target, std::stop_token token) {
     WorkflowTest* self = weakSelf.lock();
-    if (!self) {
+    // A press while a run is in progress changes nothing, not even the message.
+    if (!self || self->running_) {
         co_return;
     }
     if (sample.isEmpty()) {
@@ -85,10 +86,6 @@ QCoro::Task<void> WorkflowTest::execute(WeakRef<WorkflowTest> weakSelf, QString 
         self->diagnostics_.logEvent(testStage, QStringLiteral("model_unavailable"));
         co_return;
     }
-    if (self->running_) {
-        co_return;
-    }
-
     // The run stops with the caller's token or with this object, whichever comes first.
     self->runStop_ = std::stop_source();
     std::stop_source stop = self->runStop_;

@@ -19,29 +19,25 @@ namespace parlune {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::FakeCredentialStore;
-using testing::FakeHotKeyService;
-using testing::FakeUserDefaults;
-using testing::ScopedPlatformTerms;
-using testing::ScriptedRewriteEngine;
 
 const HotKeyShortcut optionSpace{49, 2048, "Option+Space"};
 const HotKeyShortcut optionTab{48, 2048, "Option+Tab"};
 
 class ShortcutRegistrationTest : public ::testing::Test {
 protected:
-    QString lastLine() const {
-        return diagnostics_.entries().empty() ? QString() : diagnostics_.entries().front().message;
+    void take(const HotKeyShortcut& shortcut) {
+        service_.takenKeys.insert({shortcut.keyCode, shortcut.carbonModifiers});
     }
+    QString lastLine() const { return diagnostics_.entries().front().message; }
 
-    ScopedPlatformTerms mac_{PlatformTerms::macOS()};
-    FakeUserDefaults defaults_;
-    FakeCredentialStore credentials_;
+    testing::ScopedPlatformTerms mac_{PlatformTerms::macOS()};
+    testing::FakeUserDefaults defaults_;
+    testing::FakeCredentialStore credentials_;
     SettingsStore settings_{defaults_, credentials_, false};
-    ScriptedRewriteEngine engine_;
+    testing::ScriptedRewriteEngine engine_;
     AppReadiness readiness_{engine_, [] { return true; }};
     DiagnosticsLogger diagnostics_;
-    FakeHotKeyService service_;
+    testing::FakeHotKeyService service_;
     HotKeyManager hotKeys_{service_};
     std::vector<QString> shown_;
     int presses_ = 0;
@@ -55,10 +51,7 @@ protected:
 
 TEST_F(ShortcutRegistrationTest, TakenNewShortcutFallsBackToThePreviousOneAndRewritesTheSettings) {
     registration_.registerHotKey(true, true);
-    ASSERT_EQ(registration_.registeredHotKey(), optionSpace);
-    ASSERT_TRUE(readiness_.hotKeyReady());
-
-    service_.takenKeys.insert({optionTab.keyCode, optionTab.carbonModifiers});
+    take(optionTab);
     settings_.saveHotKey(optionTab);
     registration_.registerHotKey(true, false);
 
@@ -69,85 +62,62 @@ TEST_F(ShortcutRegistrationTest, TakenNewShortcutFallsBackToThePreviousOneAndRew
     EXPECT_EQ(shown_, std::vector<QString>{"Option+Tab is already in use. Option+Space remains active."});
     EXPECT_EQ(lastLine(),
               "stage=hotkey_registration outcome=reverted_to_previous error=registration_conflict");
-    ASSERT_EQ(service_.keys.size(), 1u);
-    EXPECT_EQ(service_.keys.begin()->second,
-              std::make_pair(optionSpace.keyCode, optionSpace.carbonModifiers));
     service_.press();
     EXPECT_EQ(presses_, 1);
 }
 
 TEST_F(ShortcutRegistrationTest, TakenShortcutWithNothingToFallBackToLeavesTheHotkeyNotReady) {
-    service_.takenKeys.insert({optionSpace.keyCode, optionSpace.carbonModifiers});
+    take(optionSpace);
     registration_.registerHotKey(false, true);
-    const QString message = "Option+Space is already in use. Choose another shortcut in Parlune Settings.";
     EXPECT_EQ(registration_.registeredHotKey(), std::nullopt);
     EXPECT_FALSE(readiness_.hotKeyReady());
-    EXPECT_EQ(readiness_.hotKeyRegistrationError(), message);
-    EXPECT_TRUE(shown_.empty()); // not reported when asked not to
+    EXPECT_EQ(readiness_.hotKeyRegistrationError(),
+              "Option+Space is already in use. Choose another shortcut in Parlune Settings.");
+    EXPECT_TRUE(shown_.empty());
     EXPECT_EQ(lastLine(), "stage=hotkey_registration outcome=failed error=registration_conflict");
 
-    // The previous shortcut is refused as well: the same failure, now shown.
+    // A previous shortcut that is refused as well: the same failure, now reported.
     service_.takenKeys.clear();
     registration_.registerHotKey(true, true);
-    service_.takenKeys = {{optionSpace.keyCode, optionSpace.carbonModifiers},
-                          {optionTab.keyCode, optionTab.carbonModifiers}};
+    take(optionSpace);
+    take(optionTab);
     settings_.saveHotKey(optionTab);
     registration_.registerHotKey(true, false);
-    EXPECT_EQ(registration_.registeredHotKey(), std::nullopt);
     EXPECT_EQ(settings_.selectedHotKey(), optionTab);
     EXPECT_EQ(shown_, std::vector<QString>{
                           "Option+Tab is already in use. Choose another shortcut in Parlune Settings."});
     EXPECT_TRUE(service_.keys.empty());
 }
 
-TEST_F(ShortcutRegistrationTest, UnforcedRegistrationOfTheReadyShortcutDoesNothingButForcedRegrabs) {
+TEST_F(ShortcutRegistrationTest, UnforcedRegistrationOfTheReadyShortcutDoesNothing) {
     registration_.registerHotKey(true, true);
     const std::size_t calls = service_.calls.size();
     registration_.registerHotKey(true, false);
     EXPECT_EQ(service_.calls.size(), calls);
-
-    registration_.registerHotKey(true, true);
+    registration_.registerHotKey(true, true); // after a wake-up, say
     EXPECT_GT(service_.calls.size(), calls);
-    EXPECT_TRUE(readiness_.hotKeyReady());
-
-    // Not ready (say a failed attempt was recorded elsewhere): an unforced call tries again.
-    readiness_.setHotKeyReady(false);
-    const std::size_t before = service_.calls.size();
-    registration_.registerHotKey(true, false);
-    EXPECT_GT(service_.calls.size(), before);
-    EXPECT_TRUE(readiness_.hotKeyReady());
 }
 
-class ShortcutChangeWatcherTest : public ::testing::Test {
-protected:
-    ScopedPlatformTerms mac_{PlatformTerms::macOS()};
-    FakeUserDefaults defaults_;
-    FakeCredentialStore credentials_;
-    SettingsStore settings_{defaults_, credentials_, false};
-    int calls_ = 0;
-    ShortcutChangeWatcher watcher_{settings_, [this] { ++calls_; }, 20ms};
-};
+TEST(ShortcutChangeWatcherTest, OneCallPerSavedNewShortcutAndNoneForEqualValues) {
+    testing::ScopedPlatformTerms mac(PlatformTerms::macOS());
+    testing::FakeUserDefaults defaults;
+    testing::FakeCredentialStore credentials;
+    SettingsStore settings(defaults, credentials, false);
+    int calls = 0;
+    ShortcutChangeWatcher watcher(
+        settings, [&] { ++calls; }, 20ms);
 
-TEST_F(ShortcutChangeWatcherTest, OneSaveOfThreeFieldsCausesOneCall) {
-    settings_.saveHotKey(optionTab);
-    EXPECT_EQ(calls_, 0); // nothing before the quiet period ends
-    ASSERT_TRUE(test::pumpUntil([&] { return calls_ == 1; }, 2000));
+    settings.saveHotKey(optionSpace); // the value it started with
+    settings.setRewriteMode(RewriteMode::casual);
     test::pumpFor(60);
-    EXPECT_EQ(calls_, 1);
-}
+    EXPECT_EQ(calls, 0);
 
-TEST_F(ShortcutChangeWatcherTest, EqualValuesAndOtherFieldsAreNoChange) {
-    settings_.saveHotKey(optionSpace); // the value at construction
-    settings_.setRewriteMode(RewriteMode::casual);
-    settings_.setHotKeyIdentifier(QStringLiteral("custom"));
-    test::pumpFor(80);
-    EXPECT_EQ(calls_, 0);
-
-    settings_.saveHotKey(optionTab);
-    ASSERT_TRUE(test::pumpUntil([&] { return calls_ == 1; }, 2000));
-    settings_.saveHotKey(optionTab);
-    test::pumpFor(80);
-    EXPECT_EQ(calls_, 1);
+    settings.saveHotKey(optionTab); // three field writes
+    EXPECT_EQ(calls, 0);
+    ASSERT_TRUE(test::pumpUntil([&] { return calls == 1; }, 2000));
+    settings.saveHotKey(optionTab);
+    test::pumpFor(60);
+    EXPECT_EQ(calls, 1);
 }
 
 } // namespace
