@@ -236,7 +236,15 @@ TextSelectionReplacer::copySelectedTextRestoringClipboard(ProcessId process, std
     if (!co_await keyboard_.sendCommandKey(KeyboardEvents::keyCodeC, process, token)) {
         fail(Kind::unableToCreateKeyboardEvent);
     }
-    const auto copied = co_await waitForCopiedString(baseline, timing_.copyTimeout, token);
+    std::optional<CopiedText> copied;
+    try {
+        copied = co_await waitForCopiedString(baseline, timing_.copyTimeout, token);
+    } catch (const CancellationError&) {
+        // A change after our copy key is the target's answer to it, as on the way without a
+        // cancel: ours to undo, or the selected text would stay on the user's clipboard.
+        restore.setSince(clipboard_.changeCount());
+        throw;
+    }
     if (!copied) {
         fail(Kind::noSelectedText);
     }
