@@ -38,7 +38,9 @@ QString AutostartEntry::defaultPath() {
            QStringLiteral("/autostart/parlune.desktop");
 }
 
-bool AutostartEntry::isEnabled() const { return QFileInfo::exists(path_); }
+bool AutostartEntry::isEnabled() const {
+    return QFileInfo::exists(path_);
+}
 
 bool AutostartEntry::setEnabled(bool enabled) {
     if (!enabled) {

@@ -10,11 +10,10 @@ namespace parlune {
 
 namespace {
 
-const QString introspection = QStringLiteral(
-    "  <interface name=\"org.parlune.Parlune\">\n"
-    "    <method name=\"ShowSettings\"/>\n"
-    "    <method name=\"RewriteSelection\"/>\n"
-    "  </interface>\n");
+const QString introspection = QStringLiteral("  <interface name=\"org.parlune.Parlune\">\n"
+                                             "    <method name=\"ShowSettings\"/>\n"
+                                             "    <method name=\"RewriteSelection\"/>\n"
+                                             "  </interface>\n");
 
 } // namespace
 
@@ -77,8 +76,9 @@ QString SessionInstance::callRunningInstance(const QString& method, int timeoutM
     if (!bus.isConnected()) {
         return QStringLiteral("There is no session bus to reach Parlune on.");
     }
-    QDBusMessage call = QDBusMessage::createMethodCall(QString::fromLatin1(serviceName), QString::fromLatin1(objectPath),
-                                                       QString::fromLatin1(interfaceName), method);
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(QString::fromLatin1(serviceName), QString::fromLatin1(objectPath),
+                                       QString::fromLatin1(interfaceName), method);
     const QDBusMessage reply = bus.call(call, QDBus::Block, timeoutMs);
     if (reply.type() == QDBusMessage::ErrorMessage) {
         if (reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.ServiceUnknown") ||

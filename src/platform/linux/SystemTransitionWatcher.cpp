@@ -24,10 +24,11 @@ SystemTransitionWatcher::SystemTransitionWatcher(Handler handler) : handler_(std
     // Signal subscriptions are match rules sent without waiting for an answer.
     QDBusConnection system = QDBusConnection::systemBus();
     if (system.isConnected()) {
-        system.connect(login1, QStringLiteral("/org/freedesktop/login1"), QStringLiteral("org.freedesktop.login1.Manager"),
-                       QStringLiteral("PrepareForSleep"), this, SLOT(prepareForSleep(bool)));
-        system.connect(login1, ownSession, QStringLiteral("org.freedesktop.login1.Session"), QStringLiteral("Unlock"),
-                       this, SLOT(sessionUnlocked()));
+        system.connect(login1, QStringLiteral("/org/freedesktop/login1"),
+                       QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"),
+                       this, SLOT(prepareForSleep(bool)));
+        system.connect(login1, ownSession, QStringLiteral("org.freedesktop.login1.Session"),
+                       QStringLiteral("Unlock"), this, SLOT(sessionUnlocked()));
         system.connect(login1, ownSession, QStringLiteral("org.freedesktop.DBus.Properties"),
                        QStringLiteral("PropertiesChanged"), this,
                        SLOT(sessionPropertiesChanged(QString, QVariantMap, QStringList)));
@@ -48,7 +49,9 @@ void SystemTransitionWatcher::prepareForSleep(bool sleeping) {
     }
 }
 
-void SystemTransitionWatcher::sessionUnlocked() { handler_(Transition::sessionActive); }
+void SystemTransitionWatcher::sessionUnlocked() {
+    handler_(Transition::sessionActive);
+}
 
 void SystemTransitionWatcher::sessionPropertiesChanged(const QString&, const QVariantMap& changed,
                                                        const QStringList&) {

@@ -25,7 +25,8 @@ public:
 private Q_SLOTS:
     void prepareForSleep(bool sleeping);
     void sessionUnlocked();
-    void sessionPropertiesChanged(const QString& interface, const QVariantMap& changed, const QStringList& invalidated);
+    void sessionPropertiesChanged(const QString& interface, const QVariantMap& changed,
+                                  const QStringList& invalidated);
 
 private:
     void armClockWatch();

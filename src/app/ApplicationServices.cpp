@@ -1,0 +1,191 @@
+#include "app/ApplicationServices.h"
+
+#include "app/AppUpdaterController.h"
+#include "app/DesktopUnavailableReplacer.h"
+#include "core/diagnostics/DiagnosticsLogger.h"
+#include "core/hotkeys/HotKeyManager.h"
+#include "core/pipeline/RewriteCoordinator.h"
+#include "core/platform/PlatformTerms.h"
+#include "core/selection/AccessibilityPermission.h"
+#include "core/selection/ClipboardManager.h"
+#include "core/selection/TextSelectionReplacer.h"
+#include "core/settings/SettingsStore.h"
+#include "core/shell/AppReadiness.h"
+#include "core/shell/WorkflowTest.h"
+#include "engine/ModelLocator.h"
+#include "engine/OnDeviceEngine.h"
+#include "platform/linux/AutostartEntry.h"
+#include "platform/linux/QSettingsUserDefaults.h"
+#include "platform/linux/SecretServiceCredentialStore.h"
+#include "platform/x11/AtspiAccessibility.h"
+#include "platform/x11/EwmhWorkspace.h"
+#include "platform/x11/LinuxMemoryPressureSource.h"
+#include "platform/x11/X11Desktop.h"
+#include "platform/x11/X11Pasteboard.h"
+#include "platform/x11/XTestKeyboardEvents.h"
+#include "platform/x11/XcbHotKeyService.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+
+namespace parlune::app {
+
+ApplicationServices::ApplicationServices(Options options) {
+    // 1. settings
+    userDefaults_ = options.settingsPath.isEmpty()
+                        ? std::make_unique<QSettingsUserDefaults>()
+                        : std::make_unique<QSettingsUserDefaults>(options.settingsPath);
+    credentials_ = std::make_unique<SecretServiceCredentialStore>();
+    settings_ = std::make_unique<SettingsStore>(*userDefaults_, *credentials_, true);
+    // 2. diagnostics
+    diagnostics_ = std::make_unique<DiagnosticsLogger>();
+    // 3. desktop ports
+    MemoryPressureSource* memoryPressure = nullptr;
+    if (options.useDesktop) {
+        x11::X11Desktop::Result connected = x11::X11Desktop::connect();
+        if (auto* desktop = std::get_if<std::unique_ptr<x11::X11Desktop>>(&connected)) {
+            desktop_ = std::move(*desktop);
+            memoryPressure = &desktop_->memoryPressure();
+        } else {
+            desktopProblem_ = std::get<QString>(connected);
+        }
+    } else {
+        desktopProblem_ = QStringLiteral("Parlune was started without access to the desktop.");
+    }
+    if (!memoryPressure) {
+        standaloneMemoryPressure_ = std::make_unique<x11::LinuxMemoryPressureSource>();
+        memoryPressure = standaloneMemoryPressure_.get();
+    }
+    // 4. engine
+    SettingsStore* settings = settings_.get();
+    engine_ = std::make_unique<OnDeviceEngine>(OnDeviceEngine::Options{
+        .settingModelPath = [settings] { return settings->localModelPath(); },
+        .memoryPressure = memoryPressure,
+    });
+    rewriteEngine_ = options.rewriteEngineForTesting ? options.rewriteEngineForTesting
+                                                     : std::shared_ptr<LocalRewriteEngine>(engine_->client());
+    // 5. selection
+    std::shared_ptr<SelectionReplacing> replacer;
+    if (desktop_) {
+        clipboard_ = std::make_unique<ClipboardManager>(desktop_->pasteboard());
+        replacer_ = std::make_shared<TextSelectionReplacer>(
+            desktop_->accessibility(), desktop_->workspace(), *clipboard_, desktop_->keyboard(),
+            AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
+        replacer = replacer_;
+        accessibilityPermission_ = std::make_unique<AccessibilityPermission>(
+            desktop_->accessibility(), desktop_->workspace(), PlatformTerms::current());
+    } else {
+        replacer = std::make_shared<DesktopUnavailableReplacer>();
+    }
+    // 6. readiness
+    AccessibilityPermission* permission = accessibilityPermission_.get();
+    readiness_ = std::make_unique<AppReadiness>(
+        *rewriteEngine_, [permission] { return permission && permission->isTrusted(); });
+    // 7. pipeline
+    if (desktop_) {
+        coordinator_ = std::make_unique<RewriteCoordinator>(*settings_, rewriteEngine_, replacer,
+                                                            *diagnostics_, SystemClock::shared());
+        hotKeyManager_ = std::make_unique<HotKeyManager>(desktop_->hotKeys());
+    }
+    workflowTest_ = std::make_unique<WorkflowTest>(
+        *settings_, *rewriteEngine_, *replacer, *diagnostics_, *readiness_,
+        [permission, readiness = readiness_.get()] {
+            if (permission) {
+                permission->requestAndOpenSettings([readiness] { readiness->refreshSystemChecks(); });
+            }
+        });
+    // The workflow test keeps a reference; the replacer lives as long as this object.
+    if (!replacer_) {
+        unavailableReplacer_ = std::move(replacer);
+    }
+    // 8. updates and start at login
+    updater_ = std::make_unique<AppUpdaterController>(UpdateConfiguration::production(),
+                                                      AppUpdaterController::buildMetadata());
+    autostart_ = std::make_unique<AutostartEntry>(options.executable);
+}
+
+ApplicationServices::~ApplicationServices() {
+    shutdown();
+    autostart_.reset();
+    updater_.reset();
+    workflowTest_.reset();
+    hotKeyManager_.reset();
+    coordinator_.reset();
+    readiness_.reset();
+    accessibilityPermission_.reset();
+    replacer_.reset();
+    unavailableReplacer_.reset();
+    clipboard_.reset();
+    rewriteEngine_.reset();
+    engine_.reset();
+    standaloneMemoryPressure_.reset();
+    desktop_.reset();
+    diagnostics_.reset();
+    settings_.reset();
+    credentials_.reset();
+    userDefaults_.reset();
+}
+
+QString ApplicationServices::modelFileSummary() {
+    if (rewriteEngine_ != std::shared_ptr<LocalRewriteEngine>(engine_->client())) {
+        return {}; // rewrites do not go to a model file
+    }
+    const std::optional<ModelFileReport>& chosen = engine_->framework().chosenModel();
+    if (!chosen) {
+        return QStringLiteral("No model file was found. Put a GGUF model in %1, or set PARLUNE_MODEL.")
+            .arg(QString::fromStdString(ModelLocator::defaultModelsFolder().string()));
+    }
+    const QString file = QString::fromStdString(chosen->path.filename().string());
+    if (!chosen->usable()) {
+        return file + QStringLiteral(": ") + QString::fromStdString(chosen->problem);
+    }
+    return QStringLiteral("Model: %1 (%2)").arg(QString::fromStdString(chosen->name), file);
+}
+
+FieldClipboard ApplicationServices::fieldClipboard() {
+    if (!desktop_) {
+        return {};
+    }
+    x11::X11Pasteboard* pasteboard = &desktop_->pasteboard();
+    return FieldClipboard{
+        .copy =
+            [pasteboard](const QString& text) {
+                const QByteArray utf8 = text.toUtf8();
+                pasteboard->writeItems(
+                    {PasteboardItem{{{pasteboard->plainTextType(), utf8},
+                                     {QStringLiteral("text/plain;charset=utf-8"), utf8}}}});
+            },
+        .ownText = [pasteboard]() -> std::optional<QString> {
+            return pasteboard->ownsSelection() ? pasteboard->string() : std::nullopt;
+        },
+    };
+}
+
+void ApplicationServices::setStatusReporter(std::weak_ptr<RewriteStatusReporting> reporter) {
+    if (coordinator_) {
+        coordinator_->setReporter(std::move(reporter));
+    }
+}
+
+void ApplicationServices::shutdown(int drainMilliseconds) {
+    if (shutDown_) {
+        return;
+    }
+    shutDown_ = true;
+    if (hotKeyManager_) {
+        hotKeyManager_->unregister();
+    }
+    // The model stops at its next token, so a rewrite waiting on it ends now with a cancellation.
+    engine_->framework().stopAllWork();
+    // Destroying the coordinator cancels its captures and its queue's job; their clean-up (the
+    // clipboard put back) runs on the event loop, which is given a short while to finish it.
+    coordinator_.reset();
+    const QDeadlineTimer deadline(drainMilliseconds);
+    do {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    } while (!deadline.hasExpired() && replacer_ && replacer_->isPasteboardBusy());
+    // One more turn for what the last clean-up posted.
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+}
+
+} // namespace parlune::app

@@ -1,0 +1,119 @@
+#pragma once
+
+#include "app/WorkflowTestView.h"
+
+#include <QString>
+
+#include <memory>
+#include <optional>
+
+namespace parlune {
+class AccessibilityPermission;
+class AppReadiness;
+class AutostartEntry;
+class ClipboardManager;
+class CredentialStore;
+class DiagnosticsLogger;
+class HotKeyManager;
+class LocalRewriteEngine;
+class MemoryPressureSource;
+class OnDeviceEngine;
+class QSettingsUserDefaults;
+class RewriteCoordinator;
+class RewriteStatusReporting;
+class SelectionReplacing;
+class SettingsStore;
+class TextSelectionReplacer;
+class WorkflowTest;
+namespace x11 {
+class X11Desktop;
+}
+} // namespace parlune
+
+namespace parlune::app {
+
+class AppUpdaterController;
+
+// The composition root: every long-lived object of the application, created once in dependency
+// order and destroyed in reverse.
+//
+//   1. settings file, credential store, settings store   (nothing below works without them)
+//   2. diagnostics log
+//   3. desktop ports (X11 today), or the sentence saying why this session has none
+//   4. the on-device engine (model port and client), told about memory pressure
+//   5. clipboard manager, selection replacer, accessibility permission   (need the ports)
+//   6. readiness (asks the client and the permission)
+//   7. rewrite coordinator, hotkey manager, workflow test   (need all of the above)
+//   8. update controller, autostart entry
+//
+// Shutting down first cancels every task and lets the event loop run their clean-up (a paste in
+// flight puts the user's clipboard back), then stops the model at its next token instead of
+// waiting for a whole answer, and only then releases the ports.
+class ApplicationServices {
+public:
+    struct Options {
+        QString settingsPath;   // empty: the standard location
+        QString executable;     // for the autostart entry
+        bool useDesktop = true; // false: no ports, as in a session we cannot serve
+        // Tests only: rewrites go to this engine instead of the on-device model.
+        std::shared_ptr<LocalRewriteEngine> rewriteEngineForTesting;
+    };
+
+    explicit ApplicationServices(Options options);
+    ~ApplicationServices();
+    ApplicationServices(const ApplicationServices&) = delete;
+    ApplicationServices& operator=(const ApplicationServices&) = delete;
+
+    SettingsStore& settings() { return *settings_; }
+    QSettingsUserDefaults& userDefaults() { return *userDefaults_; }
+    DiagnosticsLogger& diagnostics() { return *diagnostics_; }
+    OnDeviceEngine& engine() { return *engine_; }
+    // What rewrites: the on-device model client.
+    const std::shared_ptr<LocalRewriteEngine>& rewriteEngine() const { return rewriteEngine_; }
+    AppReadiness& readiness() { return *readiness_; }
+    AppUpdaterController& updater() { return *updater_; }
+    AutostartEntry& autostart() { return *autostart_; }
+    WorkflowTest& workflowTest() { return *workflowTest_; }
+
+    // Absent when the session offers no ports we can use; `desktopProblem()` then says why.
+    RewriteCoordinator* coordinator() { return coordinator_.get(); }
+    HotKeyManager* hotKeys() { return hotKeyManager_.get(); }
+    AccessibilityPermission* accessibilityPermission() { return accessibilityPermission_.get(); }
+    const std::optional<QString>& desktopProblem() const { return desktopProblem_; }
+
+    // Which model file is used, or why none is: a line for the settings window.
+    QString modelFileSummary();
+
+    // Copy and paste for the settings window's sample field, through this program's clipboard port.
+    FieldClipboard fieldClipboard();
+
+    void setStatusReporter(std::weak_ptr<RewriteStatusReporting> reporter);
+
+    // Cancels tasks, lets their clean-up run for at most `drainMilliseconds`, stops the model.
+    // Safe to call twice; the destructor calls it.
+    void shutdown(int drainMilliseconds = 400);
+
+private:
+    std::unique_ptr<QSettingsUserDefaults> userDefaults_;
+    std::unique_ptr<CredentialStore> credentials_;
+    std::unique_ptr<SettingsStore> settings_;
+    std::unique_ptr<DiagnosticsLogger> diagnostics_;
+    std::unique_ptr<x11::X11Desktop> desktop_;
+    std::unique_ptr<MemoryPressureSource> standaloneMemoryPressure_;
+    std::optional<QString> desktopProblem_;
+    std::unique_ptr<OnDeviceEngine> engine_;
+    std::shared_ptr<LocalRewriteEngine> rewriteEngine_;
+    std::unique_ptr<ClipboardManager> clipboard_;
+    std::shared_ptr<TextSelectionReplacer> replacer_;
+    std::shared_ptr<SelectionReplacing> unavailableReplacer_;
+    std::unique_ptr<AccessibilityPermission> accessibilityPermission_;
+    std::unique_ptr<AppReadiness> readiness_;
+    std::unique_ptr<RewriteCoordinator> coordinator_;
+    std::unique_ptr<HotKeyManager> hotKeyManager_;
+    std::unique_ptr<WorkflowTest> workflowTest_;
+    std::unique_ptr<AppUpdaterController> updater_;
+    std::unique_ptr<AutostartEntry> autostart_;
+    bool shutDown_ = false;
+};
+
+} // namespace parlune::app

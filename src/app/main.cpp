@@ -1,0 +1,107 @@
+// parlune: the resident application. `parlune --rewrite-selection` asks the running one to
+// rewrite the current selection (for desktops where a global shortcut must be bound in the
+// desktop's own keyboard settings).
+#include "app/ApplicationServices.h"
+#include "app/ParluneApplication.h"
+#include "app/ParluneIcon.h"
+#include "platform/linux/SessionInstance.h"
+#include "platform/linux/TerminationSignals.h"
+
+#include <QApplication>
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr const char* helpText =
+    "Usage: parlune [OPTION]\n\n"
+    "Parlune rewrites the text you select in any application with a language model that runs on\n"
+    "this computer. Select text, press the shortcut (Alt+Space by default), and the rewrite takes\n"
+    "its place. Started without options, it stays in the tray; a second start opens its settings.\n\n"
+    "Options:\n"
+    "  --rewrite-selection   ask the running Parlune to rewrite the current selection\n"
+    "                        (bind this command to a key in your desktop's keyboard settings)\n"
+    "  --settings            open the settings window of the running Parlune (or start it)\n"
+    "  --version             show the version\n"
+    "  --help                show this help\n";
+
+int callRunning(int argc, char** argv, const char* method) {
+    QCoreApplication app(argc, argv);
+    const QString problem = parlune::SessionInstance::callRunningInstance(QString::fromLatin1(method));
+    if (!problem.isEmpty()) {
+        std::fprintf(stderr, "parlune: %s\n", qPrintable(problem));
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            std::fputs(helpText, stdout);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--version") == 0) {
+            std::printf("parlune %s\n", PARLUNE_VERSION);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--rewrite-selection") == 0) {
+            return callRunning(argc, argv, "RewriteSelection");
+        }
+        if (std::strcmp(argv[i], "--settings") != 0) {
+            std::fprintf(stderr, "parlune: unknown option '%s' (see parlune --help)\n", argv[i]);
+            return 2;
+        }
+    }
+
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("parlune"));
+    QApplication::setApplicationDisplayName(QStringLiteral("Parlune"));
+    QApplication::setOrganizationName(QStringLiteral("parlune"));
+    QApplication::setApplicationVersion(QStringLiteral(PARLUNE_VERSION));
+    QApplication::setDesktopFileName(QStringLiteral("parlune"));
+    QApplication::setWindowIcon(parlune::app::ParluneIcon::applicationIcon());
+    // A resident utility: closing the settings window leaves it in the tray.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    parlune::SessionInstance instance;
+    parlune::app::ParluneApplication* controller = nullptr;
+    const parlune::SessionInstance::Claim claim = instance.claim({
+        .showSettings =
+            [&controller] {
+                if (controller)
+                    controller->showSettings();
+            },
+        .rewriteSelection =
+            [&controller] {
+                if (controller)
+                    controller->rewriteSelection();
+            },
+    });
+    if (claim == parlune::SessionInstance::Claim::alreadyRunning) {
+        const QString problem = parlune::SessionInstance::callRunningInstance(QStringLiteral("ShowSettings"));
+        if (!problem.isEmpty()) {
+            std::fprintf(stderr, "parlune: %s\n", qPrintable(problem));
+            return 1;
+        }
+        return 0;
+    }
+
+    parlune::TerminationSignals termination([] { QApplication::quit(); });
+    int status = 0;
+    {
+        parlune::app::ApplicationServices services({.executable = QCoreApplication::applicationFilePath()});
+        parlune::app::ParluneApplication application(services, QStringLiteral(PARLUNE_VERSION));
+        controller = &application;
+        application.applicationDidFinishLaunching();
+        status = QApplication::exec();
+        controller = nullptr;
+        application.applicationWillTerminate();
+        services.shutdown();
+    }
+    return status;
+}
