@@ -316,6 +316,7 @@ SettingsWindowController& ParluneApplication::settingsWindow() {
             .versionText = AppUpdaterController::versionText(shortVersion_),
             .autostart = &services_.autostart(),
             .fieldClipboard = services_.fieldClipboard(),
+            .quit = [this] { quit(); },
         });
     }
     return *settingsWindow_;

@@ -12,6 +12,7 @@
 #include "core/shell/AppReadiness.h"
 
 #include <QScrollArea>
+#include <QShortcut>
 #include <QVBoxLayout>
 
 namespace parlune::app {
@@ -51,6 +52,14 @@ SettingsWindowController::SettingsWindowController(Dependencies dependencies)
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(scroll);
     resize(560, 760);
+
+    // The menu bar's keys of a desktop application, for a window that has no menu bar.
+    auto* close = new QShortcut(QKeySequence::Close, this);
+    QObject::connect(close, &QShortcut::activated, this, [this] { hide(); });
+    if (dependencies_.quit) {
+        auto* quit = new QShortcut(QKeySequence::Quit, this);
+        QObject::connect(quit, &QShortcut::activated, this, [this] { dependencies_.quit(); });
+    }
 
     subscriptions_.push_back(dependencies_.readiness.changed.connect([this] { refresh(); }));
     subscriptions_.push_back(

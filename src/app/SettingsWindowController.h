@@ -38,6 +38,7 @@ public:
         QString versionText;
         AutostartEntry* autostart = nullptr;
         FieldClipboard fieldClipboard;
+        std::function<void()> quit;
     };
 
     explicit SettingsWindowController(Dependencies dependencies);

@@ -4,6 +4,7 @@
 #include "DesktopSession.h"
 #include "DesktopTest.h"
 #include "EditorWindow.h"
+#include "ParluneProcess.h"
 #include "StatusNotifierHost.h"
 #include "llm/testing/TestModelMaker.h"
 #include "platform/linux/SessionInstance.h"
@@ -29,80 +30,6 @@ namespace {
 const std::vector<std::pair<QString, QByteArray>> userClipboard{
     {QStringLiteral("UTF8_STRING"), QByteArray("user's own clip \xe2\x9c\x93")},
     {QStringLiteral("text/html"), QByteArray("<b>user's own</b> clip")},
-};
-
-bool parluneIsOnTheBus() {
-    return QDBusConnection::sessionBus().interface()->isServiceRegistered(
-        QString::fromLatin1(SessionInstance::serviceName));
-}
-
-// Everything one running `parlune` needs: its own settings and data folders and a model.
-class ParluneProcess {
-public:
-    explicit ParluneProcess(const QTemporaryDir& home) : home_(home) {}
-    ~ParluneProcess() { stop(); }
-
-    bool start() {
-        const QString model = home_.filePath(QStringLiteral("model.gguf"));
-        if (!QFileInfo::exists(model)) {
-            llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
-            recipe.tiedOutput = false;
-            llm::TestModelMaker::write(recipe, model.toStdString());
-        }
-        qputenv("XDG_CONFIG_HOME", home_.filePath(QStringLiteral("config")).toUtf8());
-        qputenv("XDG_DATA_HOME", home_.filePath(QStringLiteral("data")).toUtf8());
-        qputenv("PARLUNE_MODEL", model.toUtf8());
-        qputenv("QT_QPA_PLATFORM", "xcb");
-        pid_ = DesktopSession::current()->spawn({QStringLiteral(PARLUNE_BINARY)},
-                                                home_.filePath(QStringLiteral("parlune.log")));
-        return pid_ > 0 && pumpUntil(parluneIsOnTheBus, 15000);
-    }
-
-    // The settings window opens by itself until the model is ready and the workflow test passed;
-    // tests wait until it is in front before they give the focus back to their editor.
-    bool waitForSettingsWindow(x11::EwmhWorkspace& workspace) {
-        return pumpUntil(
-            [&] {
-                const auto front = workspace.frontmostApplication();
-                return front && front->processIdentifier == pid_;
-            },
-            10000);
-    }
-
-    // SIGTERM, as a logout sends; returns the milliseconds until the process was gone (-1: it
-    // had to be killed), and its exit status in `status`.
-    qint64 terminate(int* status = nullptr) {
-        if (pid_ <= 0) {
-            return -1;
-        }
-        QElapsedTimer timer;
-        timer.start();
-        ::kill(pid_, SIGTERM);
-        int waitStatus = 0;
-        const bool exited = pumpUntil([&] { return ::waitpid(pid_, &waitStatus, WNOHANG) == pid_; }, 10000);
-        const qint64 elapsed = timer.elapsed();
-        if (!exited) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, &waitStatus, 0);
-        }
-        if (status) {
-            *status = waitStatus;
-        }
-        pid_ = -1;
-        pumpUntil([] { return !parluneIsOnTheBus(); }, 3000);
-        return exited ? elapsed : -1;
-    }
-
-    void stop() { terminate(); }
-    QString log() const {
-        QFile file(home_.filePath(QStringLiteral("parlune.log")));
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll().right(4000)) : QString();
-    }
-    pid_t pid() const { return pid_; }
-
-private:
-    const QTemporaryDir& home_;
-    pid_t pid_ = -1;
 };
 
 class ParluneBinaryDesktopTest : public DesktopTest {
@@ -174,7 +101,7 @@ protected:
 std::unique_ptr<StatusNotifierHost> ParluneBinaryDesktopTest::host;
 
 TEST_F(ParluneBinaryDesktopTest, ShortcutReplacesTheEditorSelectionAndGivesTheClipboardBack) {
-    ParluneProcess parlune(home);
+    ParluneProcess parlune(home, {.binary = QStringLiteral(PARLUNE_BINARY)});
     ASSERT_TRUE(parlune.start());
     ASSERT_TRUE(pumpUntil([&] { return !host->items().isEmpty(); }, 10000)) << "no tray item registered";
     ASSERT_TRUE(parlune.waitForSettingsWindow(*workspace));
@@ -201,7 +128,7 @@ TEST_F(ParluneBinaryDesktopTest, ShortcutReplacesTheEditorSelectionAndGivesTheCl
 }
 
 TEST_F(ParluneBinaryDesktopTest, TrayMenuOverDbusListsTheStylesAndSwitchesTheMode) {
-    ParluneProcess parlune(home);
+    ParluneProcess parlune(home, {.binary = QStringLiteral(PARLUNE_BINARY)});
     ASSERT_TRUE(parlune.start());
     ASSERT_TRUE(pumpUntil([&] { return StatusNotifierHost::readMenu(lastItem()).has_value(); }, 10000));
     const std::optional<QVariant> toolTip =
@@ -241,7 +168,7 @@ TEST_F(ParluneBinaryDesktopTest, TrayMenuOverDbusListsTheStylesAndSwitchesTheMod
 }
 
 TEST_F(ParluneBinaryDesktopTest, SecondLaunchAndTheRewriteCommandReachTheRunningInstance) {
-    ParluneProcess parlune(home);
+    ParluneProcess parlune(home, {.binary = QStringLiteral(PARLUNE_BINARY)});
     ASSERT_TRUE(parlune.start());
     // A second start asks the first to show its settings and ends.
     EXPECT_EQ(DesktopSession::run({QStringLiteral(PARLUNE_BINARY)}, nullptr, 10000), 0);
@@ -266,7 +193,7 @@ TEST_F(ParluneBinaryDesktopTest, QuitInTheMiddleOfARewriteIsPromptAndLeavesTheCl
     ASSERT_TRUE(editor.open(original));
     for (const int delayMs : {0, 40, 120, 300}) {
         SCOPED_TRACE(delayMs);
-        ParluneProcess parlune(home);
+        ParluneProcess parlune(home, {.binary = QStringLiteral(PARLUNE_BINARY)});
         ASSERT_TRUE(parlune.start());
         ASSERT_TRUE(parlune.waitForSettingsWindow(*workspace));
         giveUserAClipboard();
