@@ -60,12 +60,11 @@ std::optional<QByteArray> RegularFile::readSmall(const QString& path, qint64 max
             QStringLiteral("is %1 bytes, more than a manifest can be").arg(static_cast<qint64>(info.st_size));
         return std::nullopt;
     }
+    // Read to the end rather than trusting st_size: files under /proc report a size of 0.
     QByteArray bytes;
-    bytes.resize(static_cast<qsizetype>(info.st_size));
-    qsizetype filled = 0;
-    while (filled < bytes.size()) {
-        const ssize_t got =
-            ::read(file.fd, bytes.data() + filled, static_cast<size_t>(bytes.size() - filled));
+    char chunk[16384];
+    for (;;) {
+        const ssize_t got = ::read(file.fd, chunk, sizeof chunk);
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -74,11 +73,14 @@ std::optional<QByteArray> RegularFile::readSmall(const QString& path, qint64 max
             return std::nullopt;
         }
         if (got == 0) {
-            break; // shrank while being read: keep what is there, the parser judges it
+            break;
         }
-        filled += got;
+        bytes.append(chunk, got);
+        if (bytes.size() > maxBytes) {
+            problem = QStringLiteral("is more than %1 bytes").arg(maxBytes);
+            return std::nullopt;
+        }
     }
-    bytes.truncate(filled);
     return bytes;
 }
 
