@@ -1,8 +1,7 @@
 #pragma once
 
 #include "core/async/ChangeSignal.h"
-#include "core/async/Clock.h"
-#include "core/models/FreeSpace.h"
+#include "core/models/DownloadTransport.h"
 #include "core/models/TransferRate.h"
 
 #include <QByteArray>
@@ -11,18 +10,16 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
-#include <QSslCertificate>
 #include <QString>
 #include <QTimer>
 #include <QUrl>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 
 class QNetworkAccessManager;
-class QNetworkReply;
+#include <QNetworkReply>
 
 namespace parlune {
 
@@ -39,16 +36,6 @@ struct DownloadRequest {
     std::function<QString(const QString& path)> verify;
 };
 
-// How the transfer behaves; the defaults are the product's.
-struct DownloadTransport {
-    std::chrono::milliseconds stallTimeout{30'000};
-    int maxRedirects = 5;
-    FreeSpaceQuery freeSpace = freeSpaceOnDisk;
-    const Clock* clock = &SystemClock::shared();
-    // Tests only: certificates trusted besides the system's, for a server on the loopback.
-    QList<QSslCertificate> extraTrustedCertificates;
-};
-
 struct DownloadProgress {
     qint64 receivedBytes = 0;         // in the .part file, earlier sessions included
     std::optional<qint64> totalBytes; // once the server has said
@@ -62,14 +49,15 @@ struct DownloadProgress {
 // verification is deleted, while an interrupted one is kept so that the next start resumes it.
 // Nothing else on disk is ever touched: an existing destination is never replaced.
 // Lives on the main thread; hashing an existing .part runs on a worker thread.
-class ModelDownload {
+class VerifiedDownload {
 public:
     enum class State { idle, preparing, downloading, paused, finished, failed };
 
-    ModelDownload(QNetworkAccessManager& network, DownloadRequest request, DownloadTransport transport = {});
-    ~ModelDownload();
-    ModelDownload(const ModelDownload&) = delete;
-    ModelDownload& operator=(const ModelDownload&) = delete;
+    VerifiedDownload(QNetworkAccessManager& network, DownloadRequest request,
+                     DownloadTransport transport = {});
+    ~VerifiedDownload();
+    VerifiedDownload(const VerifiedDownload&) = delete;
+    VerifiedDownload& operator=(const VerifiedDownload&) = delete;
 
     // Starts, or resumes from the .part file; does nothing while already running.
     void start();

@@ -1,6 +1,6 @@
 #include "LoopbackHttpsServer.h"
 
-#include "core/models/ModelDownload.h"
+#include "core/models/VerifiedDownload.h"
 #include "support/QtPrinters.h"
 
 #include <QCryptographicHash>
@@ -16,11 +16,11 @@
 namespace parlune {
 namespace {
 
-using State = ModelDownload::State;
+using State = VerifiedDownload::State;
 using testing::LoopbackHttpsServer;
 using testing::waitUntil;
 
-class ModelDownloadTest : public ::testing::Test {
+class VerifiedDownloadTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(served_.isValid() && target_.isValid());
@@ -40,15 +40,15 @@ protected:
 
     QString destination() const { return target_.filePath(QStringLiteral("models/model.gguf")); }
 
-    std::unique_ptr<ModelDownload> download(const QString& route, QByteArray sha256 = {},
-                                            std::optional<qint64> expectedSize = std::nullopt) {
-        return std::make_unique<ModelDownload>(
+    std::unique_ptr<VerifiedDownload> download(const QString& route, QByteArray sha256 = {},
+                                               std::optional<qint64> expectedSize = std::nullopt) {
+        return std::make_unique<VerifiedDownload>(
             network_, DownloadRequest{server_.url(route), destination(), std::move(sha256), expectedSize, {}},
             transport_);
     }
 
     // Starts (or resumes) and waits for the end; returns the final state.
-    static State run(ModelDownload& download, int timeoutMs = 15000) {
+    static State run(VerifiedDownload& download, int timeoutMs = 15000) {
         download.start();
         waitUntil([&] { return download.state() == State::finished || download.state() == State::failed; },
                   timeoutMs);
@@ -69,7 +69,7 @@ protected:
     DownloadTransport transport_;
 };
 
-TEST_F(ModelDownloadTest, AVerifiedDownloadIsRenamedIntoPlace) {
+TEST_F(VerifiedDownloadTest, AVerifiedDownloadIsRenamedIntoPlace) {
     auto model = download(QStringLiteral("/files/model.bin"), sha256_, content_.size());
     QList<DownloadProgress> reports;
     const Subscription subscription =
@@ -83,7 +83,7 @@ TEST_F(ModelDownloadTest, AVerifiedDownloadIsRenamedIntoPlace) {
     EXPECT_EQ(reports.back().totalBytes, content_.size());
 }
 
-TEST_F(ModelDownloadTest, WithoutAPinnedHashThePublishedOneDecides) {
+TEST_F(VerifiedDownloadTest, WithoutAPinnedHashThePublishedOneDecides) {
     auto published = download(QStringLiteral("/linked/model.bin"));
     ASSERT_EQ(run(*published), State::finished) << published->failure().toStdString();
     EXPECT_EQ(read(destination()), content_);
@@ -104,7 +104,7 @@ TEST_F(ModelDownloadTest, WithoutAPinnedHashThePublishedOneDecides) {
     EXPECT_FALSE(QFile::exists(unverifiable->partPath()));
 }
 
-TEST_F(ModelDownloadTest, AWrongPinnedHashDeletesThePartialFile) {
+TEST_F(VerifiedDownloadTest, AWrongPinnedHashDeletesThePartialFile) {
     auto model = download(QStringLiteral("/files/model.bin"), QByteArray(64, 'f'));
     ASSERT_EQ(run(*model), State::failed);
     EXPECT_EQ(
@@ -114,7 +114,7 @@ TEST_F(ModelDownloadTest, AWrongPinnedHashDeletesThePartialFile) {
     EXPECT_FALSE(QFile::exists(destination()));
 }
 
-TEST_F(ModelDownloadTest, AnInterruptedTransferResumesFromItsPartFileAfterARestart) {
+TEST_F(VerifiedDownloadTest, AnInterruptedTransferResumesFromItsPartFileAfterARestart) {
     auto first = download(QStringLiteral("/flaky/model.bin"), sha256_);
     ASSERT_EQ(run(*first), State::failed);
     EXPECT_TRUE(first->failure().startsWith(QStringLiteral("The download of model.gguf ")))
@@ -135,7 +135,7 @@ TEST_F(ModelDownloadTest, AnInterruptedTransferResumesFromItsPartFileAfterAResta
     EXPECT_EQ(read(destination()), content_);
 }
 
-TEST_F(ModelDownloadTest, APartFileThatIsAlreadyCompleteIsVerifiedWithoutTransfer) {
+TEST_F(VerifiedDownloadTest, APartFileThatIsAlreadyCompleteIsVerifiedWithoutTransfer) {
     QDir().mkpath(QFileInfo(destination()).path());
     QFile part(destination() + QStringLiteral(".part"));
     ASSERT_TRUE(part.open(QIODevice::WriteOnly));
@@ -147,7 +147,7 @@ TEST_F(ModelDownloadTest, APartFileThatIsAlreadyCompleteIsVerifiedWithoutTransfe
     EXPECT_EQ(read(destination()), content_);
 }
 
-TEST_F(ModelDownloadTest, ServerErrorsAndUnsafeAddressesEndInOneSentenceAndTouchNothing) {
+TEST_F(VerifiedDownloadTest, ServerErrorsAndUnsafeAddressesEndInOneSentenceAndTouchNothing) {
     const struct {
         QString route;
         QString failure;
@@ -171,7 +171,7 @@ TEST_F(ModelDownloadTest, ServerErrorsAndUnsafeAddressesEndInOneSentenceAndTouch
         EXPECT_FALSE(QFile::exists(model->partPath()));
     }
 
-    ModelDownload plain(
+    VerifiedDownload plain(
         network_,
         DownloadRequest{QUrl(QStringLiteral("http://127.0.0.1/model.bin")), destination(), sha256_, {}, {}},
         transport_);
@@ -193,7 +193,7 @@ TEST_F(ModelDownloadTest, ServerErrorsAndUnsafeAddressesEndInOneSentenceAndTouch
     EXPECT_EQ(read(destination()), QByteArray("the user's own file"));
 }
 
-TEST_F(ModelDownloadTest, AStalledServerFailsWithinTheTimeOutAndKeepsWhatArrived) {
+TEST_F(VerifiedDownloadTest, AStalledServerFailsWithinTheTimeOutAndKeepsWhatArrived) {
     transport_.stallTimeout = std::chrono::milliseconds(800);
     auto model = download(QStringLiteral("/stall/model.bin"), sha256_);
     QElapsedTimer timer;
@@ -205,7 +205,7 @@ TEST_F(ModelDownloadTest, AStalledServerFailsWithinTheTimeOutAndKeepsWhatArrived
     EXPECT_EQ(QFileInfo(model->partPath()).size(), 100);
 }
 
-TEST_F(ModelDownloadTest, NotEnoughSpaceRefusesBeforeWritingAnything) {
+TEST_F(VerifiedDownloadTest, NotEnoughSpaceRefusesBeforeWritingAnything) {
     QStringList asked;
     transport_.freeSpace = [&](const QString& folder) -> std::optional<qint64> {
         asked << folder;
@@ -227,7 +227,7 @@ TEST_F(ModelDownloadTest, NotEnoughSpaceRefusesBeforeWritingAnything) {
     EXPECT_FALSE(QFile::exists(unannounced->partPath()));
 }
 
-TEST_F(ModelDownloadTest, PauseKeepsThePartFileAndCancelRemovesIt) {
+TEST_F(VerifiedDownloadTest, PauseKeepsThePartFileAndCancelRemovesIt) {
     transport_.stallTimeout = std::chrono::milliseconds(10000);
     auto model = download(QStringLiteral("/stall/model.bin"), sha256_);
     model->start();

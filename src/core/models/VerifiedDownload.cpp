@@ -1,4 +1,4 @@
-#include "core/models/ModelDownload.h"
+#include "core/models/VerifiedDownload.h"
 
 #include "core/models/RegularFile.h"
 
@@ -9,7 +9,6 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QRegularExpression>
-#include <QSslConfiguration>
 #include <QThread>
 
 #include <utility>
@@ -55,8 +54,8 @@ constexpr double kProgressInterval = 0.2;
 
 } // namespace
 
-ModelDownload::ModelDownload(QNetworkAccessManager& network, DownloadRequest request,
-                             DownloadTransport transport)
+VerifiedDownload::VerifiedDownload(QNetworkAccessManager& network, DownloadRequest request,
+                                   DownloadTransport transport)
     : network_(network), request_(std::move(request)), transport_(std::move(transport)) {
     stallTimer_.setSingleShot(true);
     stallTimer_.setInterval(transport_.stallTimeout);
@@ -68,14 +67,14 @@ ModelDownload::ModelDownload(QNetworkAccessManager& network, DownloadRequest req
     });
 }
 
-ModelDownload::~ModelDownload() {
+VerifiedDownload::~VerifiedDownload() {
     if (preparationCancelled_) {
         *preparationCancelled_ = true;
     }
     stopTransfer();
 }
 
-void ModelDownload::start() {
+void VerifiedDownload::start() {
     if (state_ == State::preparing || state_ == State::downloading) {
         return;
     }
@@ -122,7 +121,7 @@ void ModelDownload::start() {
     }
 }
 
-void ModelDownload::pause() {
+void VerifiedDownload::pause() {
     if (state_ == State::preparing && preparationCancelled_) {
         *preparationCancelled_ = true;
     } else if (state_ != State::downloading) {
@@ -133,14 +132,14 @@ void ModelDownload::pause() {
     setState(State::paused);
 }
 
-void ModelDownload::cancel() {
+void VerifiedDownload::cancel() {
     pause();
     QFile::remove(partPath());
     progress_ = {};
     setState(State::idle);
 }
 
-void ModelDownload::hashExistingPart(qint64 partSize) {
+void VerifiedDownload::hashExistingPart(qint64 partSize) {
     setState(State::preparing);
     // Hashing gigabytes takes seconds: a worker thread reads the .part while the main thread
     // stays responsive, and the result comes back through the event loop.
@@ -179,22 +178,17 @@ void ModelDownload::hashExistingPart(qint64 partSize) {
     worker->start();
 }
 
-void ModelDownload::send(const QUrl& url, int redirectsLeft) {
+void VerifiedDownload::send(const QUrl& url, int redirectsLeft) {
     currentUrl_ = url;
     redirectsLeft_ = redirectsLeft;
     headersHandled_ = false;
-    QNetworkRequest request(url);
+    QNetworkRequest request = transport_.requestFor(url);
     // Redirects are followed here, to keep them on https and to read each hop's headers.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     // Compressed transfer would break byte ranges and the hash of what is written.
     request.setRawHeader("Accept-Encoding", "identity");
     if (progress_.receivedBytes > 0) {
         request.setRawHeader("Range", "bytes=" + QByteArray::number(progress_.receivedBytes) + '-');
-    }
-    if (!transport_.extraTrustedCertificates.isEmpty()) {
-        QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-        tls.addCaCertificates(transport_.extraTrustedCertificates);
-        request.setSslConfiguration(tls);
     }
     QNetworkReply* reply = network_.get(request);
     reply_ = reply;
@@ -217,7 +211,7 @@ void ModelDownload::send(const QUrl& url, int redirectsLeft) {
     setState(State::downloading);
 }
 
-void ModelDownload::onHeaders() {
+void VerifiedDownload::onHeaders() {
     if (headersHandled_ || !reply_) {
         return;
     }
@@ -244,7 +238,7 @@ void ModelDownload::onHeaders() {
     acceptResponse(status);
 }
 
-bool ModelDownload::acceptResponse(int status) {
+bool VerifiedDownload::acceptResponse(int status) {
     const QString name = QFileInfo(request_.destinationPath).fileName();
     if (status == 404) {
         fail(QStringLiteral("The server has no file at %1 (HTTP 404).").arg(currentUrl_.toDisplayString()));
@@ -315,7 +309,7 @@ bool ModelDownload::acceptResponse(int status) {
     return true;
 }
 
-bool ModelDownload::openPart(bool restart) {
+bool VerifiedDownload::openPart(bool restart) {
     part_.close();
     part_.setFileName(partPath());
     const QIODevice::OpenMode mode =
@@ -327,7 +321,7 @@ bool ModelDownload::openPart(bool restart) {
     return true;
 }
 
-void ModelDownload::onData() {
+void VerifiedDownload::onData() {
     if (!headersHandled_) {
         onHeaders();
     }
@@ -355,7 +349,7 @@ void ModelDownload::onData() {
     reportProgress(false);
 }
 
-void ModelDownload::onFinished() {
+void VerifiedDownload::onFinished() {
     if (!headersHandled_) {
         onHeaders();
     }
@@ -383,7 +377,7 @@ void ModelDownload::onFinished() {
     verifyAndRename();
 }
 
-void ModelDownload::verifyAndRename() {
+void VerifiedDownload::verifyAndRename() {
     part_.close();
     const QString name = QFileInfo(request_.destinationPath).fileName();
     if (!expectedSha256_.isEmpty() && hash_->result().toHex() != expectedSha256_) {
@@ -410,7 +404,7 @@ void ModelDownload::verifyAndRename() {
     setState(State::finished);
 }
 
-void ModelDownload::stopTransfer() {
+void VerifiedDownload::stopTransfer() {
     stallTimer_.stop();
     if (QNetworkReply* reply = std::exchange(reply_, nullptr)) {
         QObject::disconnect(reply, nullptr, &context_, nullptr);
@@ -419,7 +413,7 @@ void ModelDownload::stopTransfer() {
     }
 }
 
-void ModelDownload::fail(const QString& sentence, bool removePart) {
+void VerifiedDownload::fail(const QString& sentence, bool removePart) {
     stopTransfer();
     part_.close();
     if (removePart) {
@@ -430,14 +424,14 @@ void ModelDownload::fail(const QString& sentence, bool removePart) {
     setState(State::failed);
 }
 
-void ModelDownload::setState(State state) {
+void VerifiedDownload::setState(State state) {
     if (state_ != state) {
         state_ = state;
         stateChanged.emit(state);
     }
 }
 
-void ModelDownload::reportProgress(bool force) {
+void VerifiedDownload::reportProgress(bool force) {
     const double now = transport_.clock->uptimeSeconds();
     if (!force && now - lastReport_ < kProgressInterval) {
         return;
