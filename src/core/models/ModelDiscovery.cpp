@@ -200,8 +200,10 @@ void ModelDiscovery::addFile(ModelSource source, const QString& path, QString st
 std::optional<DiscoveredModel> ModelDiscovery::describe(ModelSource source, const QString& path,
                                                         QString storeName) {
     const QString fileName = QFileInfo(path).fileName();
-    // Ollama blobs have no extension; everywhere else only GGUF files are models.
-    if (storeName.isEmpty() && (!isGgufName(fileName) || isLaterShard(fileName))) {
+    // Ollama blobs have no extension; everywhere else only GGUF files are models, and of those
+    // not the image projectors that vision models keep beside their weights.
+    if (storeName.isEmpty() && (!isGgufName(fileName) || isLaterShard(fileName) ||
+                                fileName.startsWith(QStringLiteral("mmproj"), Qt::CaseInsensitive))) {
         return std::nullopt;
     }
     const std::optional<RegularFileStat> stat = RegularFile::stat(path);

@@ -129,6 +129,7 @@ TEST_F(ModelDiscoveryTest, FindsModelsInEveryStoreLayoutWithTheirNamesAndSources
     write(QStringLiteral(".ollama/models/manifests/registry.ollama.ai/someone/tuned/latest"),
           manifest(digest, 21));
     write(QStringLiteral(".lmstudio/models/publisher/Repo-GGUF/repo-Q4_K_M.gguf"), "|");
+    write(QStringLiteral(".lmstudio/models/publisher/Repo-GGUF/mmproj-repo-f16.gguf"), "Projector|");
     write(QStringLiteral(".cache/huggingface/hub/models--org--Small-GGUF/blobs/0123"),
           "Small|no chat template");
     link(QStringLiteral("../../blobs/0123"),
