@@ -10,9 +10,7 @@ build="$root/build/fuzz"
 seconds=${1:-600}
 shift || true
 
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-  -DPARLUNE_BUILD_FUZZERS=ON -DPARLUNE_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j2 --target ollama_manifest_fuzz
+"$root/scripts/fuzz-build.sh" ollama_manifest_fuzz
 mkdir -p "$build/ollama-corpus" "$build/ollama-findings"
 
 # New inputs go to the first folder (kept between runs); findings to ollama-findings/.
