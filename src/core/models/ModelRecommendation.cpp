@@ -1,5 +1,7 @@
 #include "core/models/ModelRecommendation.h"
 
+#include <QLocale>
+
 namespace parlune {
 
 namespace {
@@ -13,7 +15,22 @@ std::optional<qint64> ModelRecommendation::memoryNeeded(const CatalogueEntry& en
     if (!size) {
         return std::nullopt;
     }
-    return *size + *size / 5 + kEngineOverheadBytes;
+    return memoryNeededForFile(*size);
+}
+
+qint64 ModelRecommendation::memoryNeededForFile(qint64 fileBytes) {
+    return fileBytes + fileBytes / 5 + kEngineOverheadBytes;
+}
+
+QString ModelRecommendation::memoryShortfall(qint64 fileBytes, const MachineResources& machine) {
+    const qint64 needed = memoryNeededForFile(fileBytes);
+    if (needed <= machine.availableMemoryBytes) {
+        return {};
+    }
+    const QLocale c = QLocale::c();
+    return QStringLiteral("needs %1 of memory, %2 free")
+        .arg(c.formattedDataSize(needed, 1, QLocale::DataSizeSIFormat),
+             c.formattedDataSize(machine.availableMemoryBytes, 1, QLocale::DataSizeSIFormat));
 }
 
 bool ModelRecommendation::fitsAvailableMemory(const CatalogueEntry& entry, const MachineResources& machine) {

@@ -4,6 +4,7 @@
 #include "core/models/ModelCatalogue.h"
 
 #include <QList>
+#include <QString>
 
 #include <optional>
 
@@ -16,6 +17,10 @@ class ModelRecommendation {
 public:
     // Memory the model needs while rewriting; nullopt when its size is not known.
     static std::optional<qint64> memoryNeeded(const CatalogueEntry& entry);
+    static qint64 memoryNeededForFile(qint64 fileBytes);
+    // Empty when a model file of `fileBytes` fits the memory available now; otherwise what it
+    // lacks, e.g. "needs 2.1 GB of memory, 1.4 GB free".
+    static QString memoryShortfall(qint64 fileBytes, const MachineResources& machine);
     // Whether the model fits in the memory available right now (for the chooser's remark).
     static bool fitsAvailableMemory(const CatalogueEntry& entry, const MachineResources& machine);
     // The best downloadable model that fits half the memory and is quick enough on these cores;

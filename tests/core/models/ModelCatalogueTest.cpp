@@ -111,6 +111,12 @@ TEST(ModelRecommendationTest, PicksTheBestModelThatFitsHalfTheMemoryAndIsQuickOn
 
     EXPECT_TRUE(ModelRecommendation::fitsAvailableMemory(entries[3], MachineResources{16 * GB, 3 * GB, 4}));
     EXPECT_FALSE(ModelRecommendation::fitsAvailableMemory(entries[3], MachineResources{16 * GB, 2 * GB, 4}));
+
+    EXPECT_EQ(
+        ModelRecommendation::memoryShortfall(1'200'000'000, MachineResources{16 * GB, 1'400'000'000, 4}),
+        QStringLiteral("needs 2.0 GB of memory, 1.4 GB free"));
+    EXPECT_EQ(ModelRecommendation::memoryShortfall(1'200'000'000, MachineResources{16 * GB, 3 * GB, 4}),
+              QString());
 }
 
 TEST(MachineResourcesTest, ReadsMeminfoAndFallsBackToFreeMemoryOnOldKernels) {
