@@ -1,10 +1,6 @@
 #include "LoopbackHttpsServer.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QEventLoop>
 #include <QStandardPaths>
-#include <QThread>
 
 namespace parlune::testing {
 
@@ -53,16 +49,6 @@ QString LoopbackHttpsServer::start(const QString& root) {
 
 QUrl LoopbackHttpsServer::url(const QString& path) const {
     return QUrl(QStringLiteral("https://127.0.0.1:%1%2").arg(port_).arg(path));
-}
-
-bool waitUntil(const std::function<bool()>& done, int timeoutMs) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!done() && timer.elapsed() < timeoutMs) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        QThread::msleep(1);
-    }
-    return done();
 }
 
 } // namespace parlune::testing

@@ -7,8 +7,6 @@
 #include <QTemporaryDir>
 #include <QUrl>
 
-#include <functional>
-
 namespace parlune::testing {
 
 // A real HTTPS server on 127.0.0.1 (https_test_server.py) with a self-signed certificate made
@@ -32,8 +30,5 @@ private:
     QList<QSslCertificate> certificates_;
     int port_ = 0;
 };
-
-// Runs the event loop until `done` holds or `timeoutMs` passes; returns `done()`.
-bool waitUntil(const std::function<bool()>& done, int timeoutMs);
 
 } // namespace parlune::testing

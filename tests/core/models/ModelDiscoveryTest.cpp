@@ -1,10 +1,14 @@
 #include "core/models/ModelDiscovery.h"
+#include "core/models/ModelScanner.h"
 #include "core/models/OllamaManifest.h"
 #include "support/QtPrinters.h"
+#include "support/RunTask.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -21,6 +25,9 @@ class FakeInspector final : public ModelFileInspector {
 public:
     ModelFileFacts inspect(const QString& path) const override {
         ++calls;
+        if (delayMs > 0) {
+            QThread::msleep(delayMs);
+        }
         QFile file(path);
         EXPECT_TRUE(file.open(QIODevice::ReadOnly));
         const QList<QByteArray> fields = file.readLine().trimmed().split('|');
@@ -30,6 +37,7 @@ public:
         return facts;
     }
     mutable std::atomic<int> calls = 0;
+    unsigned long delayMs = 0;
 };
 
 class ModelDiscoveryTest : public ::testing::Test {
@@ -235,6 +243,28 @@ TEST_F(ModelDiscoveryTest, RescansInspectOnlyFilesThatChanged) {
     EXPECT_EQ(inspector_->calls, 3);
     ASSERT_EQ(models.size(), 2);
     EXPECT_EQ(models[1].facts.problem, QStringLiteral("broken now"));
+}
+
+TEST_F(ModelDiscoveryTest, TheScannerWorksOffTheMainThreadAndFoldsRescansAskedMeanwhile) {
+    write(QStringLiteral(".local/share/parlune/models/a.gguf"), "A|");
+    inspector_->delayMs = 300;
+    ModelScanner scanner(inspector_, roots());
+    int results = 0;
+    const Subscription subscription =
+        scanner.scanned.connect([&](const QList<DiscoveredModel>&) { ++results; });
+
+    scanner.rescan();
+    EXPECT_TRUE(scanner.scanning()) << "rescan returns before the disk is read";
+    EXPECT_TRUE(scanner.models().isEmpty());
+    write(QStringLiteral(".local/share/parlune/models/b.gguf"), "B|");
+    scanner.rescan();
+    scanner.rescan();
+
+    ASSERT_TRUE(test::pumpUntil([&] { return results == 2 && !scanner.scanning(); }, 10000));
+    EXPECT_EQ(scanner.models().size(), 2);
+    EXPECT_EQ(inspector_->calls, 2) << "the second scan reused what the first one read";
+    QCoreApplication::processEvents();
+    EXPECT_EQ(results, 2);
 }
 
 } // namespace

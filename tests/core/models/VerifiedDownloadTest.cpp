@@ -2,6 +2,7 @@
 
 #include "core/models/VerifiedDownload.h"
 #include "support/QtPrinters.h"
+#include "support/RunTask.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -17,8 +18,8 @@ namespace parlune {
 namespace {
 
 using State = VerifiedDownload::State;
+using test::pumpUntil;
 using testing::LoopbackHttpsServer;
-using testing::waitUntil;
 
 class VerifiedDownloadTest : public ::testing::Test {
 protected:
@@ -50,7 +51,7 @@ protected:
     // Starts (or resumes) and waits for the end; returns the final state.
     static State run(VerifiedDownload& download, int timeoutMs = 15000) {
         download.start();
-        waitUntil([&] { return download.state() == State::finished || download.state() == State::failed; },
+        pumpUntil([&] { return download.state() == State::finished || download.state() == State::failed; },
                   timeoutMs);
         return download.state();
     }
@@ -231,7 +232,7 @@ TEST_F(VerifiedDownloadTest, PauseKeepsThePartFileAndCancelRemovesIt) {
     transport_.stallTimeout = std::chrono::milliseconds(10000);
     auto model = download(QStringLiteral("/stall/model.bin"), sha256_);
     model->start();
-    ASSERT_TRUE(waitUntil([&] { return model->progress().receivedBytes == 100; }, 10000));
+    ASSERT_TRUE(pumpUntil([&] { return model->progress().receivedBytes == 100; }, 10000));
     model->pause();
     EXPECT_EQ(model->state(), State::paused);
     EXPECT_EQ(QFileInfo(model->partPath()).size(), 100);

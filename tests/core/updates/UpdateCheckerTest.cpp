@@ -3,6 +3,7 @@
 #include "core/updates/Ed25519Signature.h"
 #include "core/updates/UpdateChecker.h"
 #include "support/QtPrinters.h"
+#include "support/RunTask.h"
 
 #include <QFile>
 #include <QNetworkAccessManager>
@@ -15,8 +16,8 @@
 namespace parlune {
 namespace {
 
+using test::pumpUntil;
 using testing::LoopbackHttpsServer;
-using testing::waitUntil;
 
 struct KeyPair {
     QByteArray publicKey;
@@ -98,7 +99,7 @@ protected:
         const Subscription subscription =
             checker.checked.connect([&](const UpdateCheckResult& r) { result = r; });
         EXPECT_TRUE(checker.check());
-        EXPECT_TRUE(waitUntil([&] { return result.has_value(); }, 15000));
+        EXPECT_TRUE(pumpUntil([&] { return result.has_value(); }, 15000));
         return result.value_or(
             UpdateCheckResult{UpdateCheckResult::Outcome::failed, std::nullopt, QStringLiteral("timeout")});
     }
@@ -110,7 +111,7 @@ protected:
 
     static VerifiedDownload::State run(VerifiedDownload& download) {
         download.start();
-        waitUntil(
+        pumpUntil(
             [&] {
                 return download.state() == VerifiedDownload::State::finished ||
                        download.state() == VerifiedDownload::State::failed;
