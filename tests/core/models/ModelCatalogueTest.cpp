@@ -1,4 +1,5 @@
 #include "core/models/ModelCatalogue.h"
+#include "core/models/CatalogueDownload.h"
 #include "core/models/ModelRecommendation.h"
 #include "support/QtPrinters.h"
 
@@ -75,6 +76,26 @@ TEST(ModelCatalogueTest, RejectsEntriesThatCouldFetchOrVerifyTheWrongThing) {
     EXPECT_EQ(
         ModelCatalogue::parse(twice.left(twice.size() - 2) + "," + twice.mid(twice.indexOf('[') + 1)).problem,
         QStringLiteral("The model catalogue lists m twice."));
+}
+
+TEST(ModelCatalogueTest, APinnedEntryDownloadsIntoTheModelsFolderUnderItsHash) {
+    const QByteArray pinned =
+        R"(,"revision":")" + kRevision + R"(","url":"https://hub.example/o/r/resolve/)" + kRevision +
+        R"(/m.gguf","sha256":")" + QByteArray(64, 'c') + R"(","approximateSizeBytes":900)";
+    const ModelCatalogue::Result catalogue = ModelCatalogue::parse(catalogueWith(pinned));
+    ASSERT_EQ(catalogue.entries.size(), 1);
+    const auto request = catalogueDownloadRequest(catalogue.entries[0], QStringLiteral("/data/models"));
+    ASSERT_TRUE(std::holds_alternative<DownloadRequest>(request));
+    const DownloadRequest& download = std::get<DownloadRequest>(request);
+    EXPECT_EQ(download.destinationPath, QStringLiteral("/data/models/m.gguf"));
+    EXPECT_EQ(download.expectedSha256, QByteArray(64, 'c'));
+    EXPECT_EQ(download.expectedSize, 900);
+
+    const ModelCatalogue::Result unpinned = ModelCatalogue::parse(catalogueWith(""));
+    ASSERT_EQ(unpinned.entries.size(), 1);
+    EXPECT_EQ(
+        std::get<QString>(catalogueDownloadRequest(unpinned.entries[0], QStringLiteral("/data/models"))),
+        QStringLiteral("M has no download pinned to a checked revision yet, so Parlune does not fetch it."));
 }
 
 CatalogueEntry entry(const char* id, double parameters, qint64 size, int rank, bool downloadable = true) {
