@@ -81,6 +81,7 @@ ModelDiscovery::ModelDiscovery(std::shared_ptr<const ModelFileInspector> inspect
 QList<DiscoveredModel> ModelDiscovery::scan(const QList<ModelStoreRoot>& roots) {
     QList<DiscoveredModel> found;
     scannedStats_.clear();
+    listed_.clear();
     for (const ModelStoreRoot& root : roots) {
         switch (root.source) {
         case ModelSource::parluneFolder:
@@ -187,12 +188,9 @@ void ModelDiscovery::addFile(ModelSource source, const QString& path, QString st
         return;
     }
     const RegularFileStat stat = scannedStats_.value(path);
-    const bool seen = std::any_of(found.cbegin(), found.cend(), [&](const DiscoveredModel& other) {
-        const auto otherStat = scannedStats_.constFind(other.path);
-        return other.displayName == model->displayName && otherStat != scannedStats_.cend() &&
-               otherStat->sameFile(stat);
-    });
-    if (!seen) {
+    const QString identity = QStringLiteral("%1:%2:").arg(stat.device).arg(stat.inode) + model->displayName;
+    if (!listed_.contains(identity)) {
+        listed_.insert(identity);
         found.append(std::move(*model));
     }
 }

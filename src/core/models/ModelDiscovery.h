@@ -7,6 +7,7 @@
 
 #include <QHash>
 #include <QList>
+#include <QSet>
 
 #include <memory>
 
@@ -40,7 +41,8 @@ private:
 
     std::shared_ptr<const ModelFileInspector> inspector_;
     QHash<QString, CachedFacts> cache_;
-    QHash<QString, RegularFileStat> scannedStats_; // this scan's files, for listing each once
+    QHash<QString, RegularFileStat> scannedStats_; // this scan's files
+    QSet<QString> listed_;                         // device, inode and name of what this scan listed
 };
 
 } // namespace parlune

@@ -96,8 +96,9 @@ void VerifiedDownload::start() {
     }
     qint64 partSize = 0;
     if (QFileInfo(partPath()).exists() || QFileInfo(partPath()).isSymLink()) {
+        // Appending through a link would write into whatever file it points at.
         const std::optional<RegularFileStat> stat = RegularFile::stat(partPath());
-        if (!stat) {
+        if (!stat || QFileInfo(partPath()).isSymLink()) {
             fail(QStringLiteral("%1 is in the way and is not a file Parlune wrote.").arg(partPath()));
             return;
         }

@@ -192,6 +192,20 @@ TEST_F(VerifiedDownloadTest, ServerErrorsAndUnsafeAddressesEndInOneSentenceAndTo
     EXPECT_EQ(model->failure(),
               destination() + QStringLiteral(" already exists, so nothing was downloaded."));
     EXPECT_EQ(read(destination()), QByteArray("the user's own file"));
+
+    // A .part that is a link would have the download appended to the file it points at.
+    ASSERT_TRUE(QFile::remove(destination()));
+    const QString elsewhere = target_.filePath(QStringLiteral("elsewhere"));
+    QFile other(elsewhere);
+    ASSERT_TRUE(other.open(QIODevice::WriteOnly));
+    other.write("someone's data");
+    other.close();
+    ASSERT_TRUE(QFile::link(elsewhere, destination() + QStringLiteral(".part")));
+    auto linked = download(QStringLiteral("/files/model.bin"), sha256_);
+    ASSERT_EQ(run(*linked), State::failed);
+    EXPECT_EQ(linked->failure(),
+              linked->partPath() + QStringLiteral(" is in the way and is not a file Parlune wrote."));
+    EXPECT_EQ(read(elsewhere), QByteArray("someone's data"));
 }
 
 TEST_F(VerifiedDownloadTest, AStalledServerFailsWithinTheTimeOutAndKeepsWhatArrived) {
