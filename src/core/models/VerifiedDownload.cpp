@@ -79,6 +79,7 @@ void VerifiedDownload::start() {
         return;
     }
     failure_.clear();
+    expectedSha256_ = request_.expectedSha256; // else what this session's responses publish
     const QString name = QFileInfo(request_.destinationPath).fileName();
     if (request_.url.scheme() != QStringLiteral("https") || request_.url.host().isEmpty()) {
         fail(QStringLiteral("Parlune downloads only over https, and %1 is not an https address.")
