@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 namespace parlune {
 
@@ -75,6 +76,10 @@ QString ollamaName(const QStringList& parts) {
 
 } // namespace
 
+QString ModelDiscovery::identity(const RegularFileStat& stat) {
+    return QStringLiteral("%1:%2").arg(stat.device).arg(stat.inode);
+}
+
 ModelDiscovery::ModelDiscovery(std::shared_ptr<const ModelFileInspector> inspector)
     : inspector_(std::move(inspector)) {}
 
@@ -103,8 +108,12 @@ QList<DiscoveredModel> ModelDiscovery::scan(const QList<ModelStoreRoot>& roots) 
         }
     }
     // Files that disappeared are forgotten, so the cache never outgrows what is on disk.
+    QSet<QString> present;
+    for (const RegularFileStat& stat : std::as_const(scannedStats_)) {
+        present.insert(identity(stat));
+    }
     for (auto it = cache_.begin(); it != cache_.end();) {
-        it = scannedStats_.contains(it.key()) ? std::next(it) : cache_.erase(it);
+        it = present.contains(it.key()) ? std::next(it) : cache_.erase(it);
     }
     return found;
 }
@@ -188,9 +197,9 @@ void ModelDiscovery::addFile(ModelSource source, const QString& path, QString st
         return;
     }
     const RegularFileStat stat = scannedStats_.value(path);
-    const QString identity = QStringLiteral("%1:%2:").arg(stat.device).arg(stat.inode) + model->displayName;
-    if (!listed_.contains(identity)) {
-        listed_.insert(identity);
+    const QString listing = identity(stat) + u':' + model->displayName;
+    if (!listed_.contains(listing)) {
+        listed_.insert(listing);
         found.append(std::move(*model));
     }
 }
@@ -225,13 +234,15 @@ std::optional<DiscoveredModel> ModelDiscovery::describe(ModelSource source, cons
 }
 
 ModelFileFacts ModelDiscovery::inspect(const QString& path, const RegularFileStat& stat) {
-    const auto cached = cache_.constFind(path);
+    // Keyed by the file itself, so links to one blob (snapshots of a cache) are read once.
+    const QString key = identity(stat);
+    const auto cached = cache_.constFind(key);
     if (cached != cache_.cend() && cached->stat.size == stat.size &&
-        cached->stat.modifiedNanoseconds == stat.modifiedNanoseconds && cached->stat.sameFile(stat)) {
+        cached->stat.modifiedNanoseconds == stat.modifiedNanoseconds) {
         return cached->facts;
     }
     ModelFileFacts facts = inspector_->inspect(path);
-    cache_.insert(path, CachedFacts{stat, facts});
+    cache_.insert(key, CachedFacts{stat, facts});
     return facts;
 }
 

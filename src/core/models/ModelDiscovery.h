@@ -38,9 +38,10 @@ private:
     void addFile(ModelSource source, const QString& path, QString storeName, QList<DiscoveredModel>& found);
     std::optional<DiscoveredModel> describe(ModelSource source, const QString& path, QString storeName);
     ModelFileFacts inspect(const QString& path, const RegularFileStat& stat);
+    static QString identity(const RegularFileStat& stat); // device and inode
 
     std::shared_ptr<const ModelFileInspector> inspector_;
-    QHash<QString, CachedFacts> cache_;
+    QHash<QString, CachedFacts> cache_;            // by identity
     QHash<QString, RegularFileStat> scannedStats_; // this scan's files
     QSet<QString> listed_;                         // device, inode and name of what this scan listed
 };

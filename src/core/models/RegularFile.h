@@ -14,10 +14,6 @@ struct RegularFileStat {
     std::int64_t modifiedNanoseconds = 0;
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
-
-    bool sameFile(const RegularFileStat& other) const {
-        return device == other.device && inode == other.inode;
-    }
 };
 
 // Scanning folders the user does not control must never hang on a FIFO or a device node, so

@@ -231,9 +231,14 @@ TEST_F(ModelDiscoveryTest, FifosAreNeitherListedNorWaitedOn) {
 TEST_F(ModelDiscoveryTest, RescansInspectOnlyFilesThatChanged) {
     write(QStringLiteral(".local/share/parlune/models/a.gguf"), "A|");
     write(QStringLiteral(".local/share/parlune/models/b.gguf"), "B|");
+    for (const char* repository : {"one", "two", "three"}) {
+        link(path(QStringLiteral(".local/share/parlune/models/b.gguf")),
+             QStringLiteral(".lmstudio/models/p/%1/b.gguf").arg(QLatin1String(repository)));
+    }
     ModelDiscovery discovery(inspector_);
-    EXPECT_EQ(discovery.scan(roots()).size(), 2);
-    EXPECT_EQ(inspector_->calls, 2);
+    EXPECT_EQ(discovery.scan(roots()).size(), 2)
+        << "links to a listed file under its name are not listed again";
+    EXPECT_EQ(inspector_->calls, 2) << "nor read again";
 
     EXPECT_EQ(discovery.scan(roots()).size(), 2);
     EXPECT_EQ(inspector_->calls, 2);
