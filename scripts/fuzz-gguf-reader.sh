@@ -9,9 +9,7 @@ build="$root/build/fuzz"
 seconds=${1:-600}
 shift || true
 
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-  -DPARLUNE_BUILD_FUZZERS=ON -DPARLUNE_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j2 --target gguf_reader_fuzz gguf_fuzz_seeds
+"$root/scripts/fuzz-build.sh" gguf_reader_fuzz gguf_fuzz_seeds
 
 "$build/tests/fuzz/gguf_fuzz_seeds" "$build/gguf-seeds"
 mkdir -p "$build/gguf-corpus" "$build/gguf-findings"

@@ -7,11 +7,13 @@ packages=(
   build-essential cmake ninja-build pkg-config git
   # core and shell
   qt6-base-dev qcoro-qt6-dev libsecret-1-dev
+  # update signatures
+  libsodium-dev
   # X11 ports
   libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev libxcb-xinput-dev
   libxtst-dev libatspi2.0-dev
   # tests: unit, engine oracle, real desktop
-  libgtest-dev libgmock-dev python3 python3-numpy
+  libgtest-dev libgmock-dev python3 python3-numpy openssl
   xvfb openbox xdotool xclip x11-utils dbus-x11 dbus-daemon at-spi2-core mousepad
 )
 

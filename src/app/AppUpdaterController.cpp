@@ -4,25 +4,12 @@
 
 namespace parlune::app {
 
-AppUpdaterController::AppUpdaterController(UpdateConfiguration configuration, BuildMetadata metadata,
+AppUpdaterController::AppUpdaterController(UpdateConfiguration configuration, UpdateBuildMetadata metadata,
                                            OpenUrl openUrl)
     : service_{std::move(configuration)},
-      signedUpdatesAllowed_(service_.configuration.canUseSparkle(metadata.feedURL, metadata.publicEDKey)),
+      signedUpdatesAllowed_(service_.configuration.canUseSparkle(metadata.feedUrl, metadata.publicKey)),
       openUrl_(openUrl ? std::move(openUrl)
                        : OpenUrl([](const QUrl& url) { return QDesktopServices::openUrl(url); })) {}
-
-AppUpdaterController::BuildMetadata AppUpdaterController::buildMetadata() {
-    BuildMetadata metadata;
-    const QString feed = QStringLiteral(PARLUNE_UPDATE_FEED_URL);
-    const QString key = QStringLiteral(PARLUNE_UPDATE_PUBLIC_KEY);
-    if (!feed.isEmpty()) {
-        metadata.feedURL = feed;
-    }
-    if (!key.isEmpty()) {
-        metadata.publicEDKey = key;
-    }
-    return metadata;
-}
 
 QString AppUpdaterController::versionText(const QString& shortVersion) {
     return shortVersion.isEmpty() ? QStringLiteral("Development version")

@@ -2,6 +2,7 @@
 
 #include "core/shell/UpdateConfiguration.h"
 #include "core/shell/UpdaterService.h"
+#include "core/updates/UpdateBuildMetadata.h"
 
 #include <QString>
 
@@ -14,16 +15,10 @@ namespace parlune::app {
 // may check the signed feed; every other build opens the download page in the browser.
 class AppUpdaterController {
 public:
-    // The feed address and public key this build carries (both absent in a development build).
-    struct BuildMetadata {
-        std::optional<QString> feedURL;
-        std::optional<QString> publicEDKey;
-    };
     using OpenUrl = std::function<bool(const QUrl&)>;
 
-    AppUpdaterController(UpdateConfiguration configuration, BuildMetadata metadata, OpenUrl openUrl = {});
+    AppUpdaterController(UpdateConfiguration configuration, UpdateBuildMetadata metadata, OpenUrl openUrl = {});
 
-    static BuildMetadata buildMetadata();
     // "Version 1.2.3", or "Development version" when the build has no version.
     static QString versionText(const QString& shortVersion);
 

@@ -100,7 +100,7 @@ ApplicationServices::ApplicationServices(Options options) {
     }
     // 8. updates and start at login
     updater_ = std::make_unique<AppUpdaterController>(UpdateConfiguration::production(),
-                                                      AppUpdaterController::buildMetadata());
+                                                      UpdateBuildMetadata::ofThisBuild());
     autostart_ = std::make_unique<AutostartEntry>(options.executable);
 }
 

@@ -1,6 +1,7 @@
 #include "cli/CliCommand.h"
 #include "cli/ModelClientCommands.h"
 #include "cli/ModelCommands.h"
+#include "cli/ModelLibraryCommands.h"
 #include "cli/SettingsCommands.h"
 
 #include <QCoreApplication>
@@ -18,6 +19,9 @@ std::vector<CliCommand> allCommands() {
     commands.push_back(parlune::cli::settingsCommand());
     commands.push_back(parlune::cli::modelCommand());
     commands.push_back(parlune::cli::modelsCommand());
+    commands.push_back(parlune::cli::discoverCommand());
+    commands.push_back(parlune::cli::catalogueCommand());
+    commands.push_back(parlune::cli::downloadCommand());
     commands.push_back(parlune::cli::rewriteCommand());
     return commands;
 }
@@ -56,6 +60,7 @@ int main(int argc, char** argv) {
             return command.run(std::vector<std::string>(arguments.begin() + 1, arguments.end()));
         }
     }
-    std::fprintf(stderr, "parlune-cli: unknown command '%s' (see parlune-cli --help)\n", arguments[0].c_str());
+    std::fprintf(stderr, "parlune-cli: unknown command '%s' (see parlune-cli --help)\n",
+                 arguments[0].c_str());
     return 2;
 }

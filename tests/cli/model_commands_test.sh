@@ -4,11 +4,7 @@ set -uo pipefail
 cli="$1"
 dir="$(mktemp -d)"
 trap 'rm -rf "$dir"' EXIT
-failures=0
-check() { # description, then a command that must succeed
-  local what="$1"; shift
-  if ! "$@"; then echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
+source "$(dirname "$0")/check.sh"
 
 check "make-test writes a model" "$cli" model make-test --arch qwen3 --shape tiny --type q4_k_m --seed 3 "$dir/m.gguf"
 info="$("$cli" model info "$dir/m.gguf")"

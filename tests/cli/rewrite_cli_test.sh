@@ -8,11 +8,7 @@ trap 'rm -rf "$dir"' EXIT
 export HOME="$dir/home" XDG_DATA_HOME="$dir/data" XDG_CONFIG_HOME="$dir/config"
 unset PARLUNE_MODEL
 mkdir -p "$HOME"
-failures=0
-check() { # description, then a command that must succeed
-  local what="$1"; shift
-  if ! "$@"; then echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
+source "$(dirname "$0")/check.sh"
 
 "$cli" models >"$dir/out"
 check "no model is an error (1)" test $? -eq 1
