@@ -17,7 +17,8 @@ class AppUpdaterController {
 public:
     using OpenUrl = std::function<bool(const QUrl&)>;
 
-    AppUpdaterController(UpdateConfiguration configuration, UpdateBuildMetadata metadata, OpenUrl openUrl = {});
+    AppUpdaterController(UpdateConfiguration configuration, UpdateBuildMetadata metadata,
+                         OpenUrl openUrl = {});
 
     // "Version 1.2.3", or "Development version" when the build has no version.
     static QString versionText(const QString& shortVersion);

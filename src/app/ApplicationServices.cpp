@@ -4,6 +4,8 @@
 #include "app/DesktopUnavailableReplacer.h"
 #include "core/diagnostics/DiagnosticsLogger.h"
 #include "core/hotkeys/HotKeyManager.h"
+#include "core/models/ModelScanner.h"
+#include "core/models/ModelStorePlaces.h"
 #include "core/pipeline/RewriteCoordinator.h"
 #include "core/platform/PlatformTerms.h"
 #include "core/selection/AccessibilityPermission.h"
@@ -12,6 +14,7 @@
 #include "core/settings/SettingsStore.h"
 #include "core/shell/AppReadiness.h"
 #include "core/shell/WorkflowTest.h"
+#include "engine/LlmModelFileInspector.h"
 #include "engine/ModelLocator.h"
 #include "engine/OnDeviceEngine.h"
 #include "platform/linux/AutostartEntry.h"
@@ -102,10 +105,16 @@ ApplicationServices::ApplicationServices(Options options) {
     updater_ = std::make_unique<AppUpdaterController>(UpdateConfiguration::production(),
                                                       UpdateBuildMetadata::ofThisBuild());
     autostart_ = std::make_unique<AutostartEntry>(options.executable);
+    modelScanner_ = std::make_unique<ModelScanner>(std::make_shared<LlmModelFileInspector>(),
+                                                   ModelStorePlaces::fromSystemEnvironment());
+    ModelCatalogue::Result catalogue = ModelCatalogue::load(ModelCatalogue::installedPath());
+    catalogue_ = std::move(catalogue.entries);
+    catalogueProblem_ = std::move(catalogue.problem);
 }
 
 ApplicationServices::~ApplicationServices() {
     shutdown();
+    modelScanner_.reset();
     autostart_.reset();
     updater_.reset();
     workflowTest_.reset();
@@ -140,6 +149,18 @@ QString ApplicationServices::modelFileSummary() {
         return file + QStringLiteral(": ") + QString::fromStdString(chosen->problem);
     }
     return QStringLiteral("Model: %1 (%2)").arg(QString::fromStdString(chosen->name), file);
+}
+
+void ApplicationServices::useModel(const QString& path) {
+    settings_->setLocalModelPath(path);
+    engine_->framework().reconsiderModel();
+    engine_->client()->invalidateWarmup();
+    readiness_->refreshSystemChecks();
+}
+
+QString ApplicationServices::currentModelPath() {
+    const std::optional<ModelFileReport>& chosen = engine_->framework().chosenModel();
+    return chosen ? QString::fromStdString(chosen->path.string()) : QString();
 }
 
 FieldClipboard ApplicationServices::fieldClipboard() {

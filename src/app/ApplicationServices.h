@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/WorkflowTestView.h"
+#include "core/models/ModelCatalogue.h"
 
 #include <QString>
 
@@ -17,6 +18,7 @@ class DiagnosticsLogger;
 class HotKeyManager;
 class LocalRewriteEngine;
 class MemoryPressureSource;
+class ModelScanner;
 class OnDeviceEngine;
 class QSettingsUserDefaults;
 class RewriteCoordinator;
@@ -73,6 +75,14 @@ public:
     AppReadiness& readiness() { return *readiness_; }
     AppUpdaterController& updater() { return *updater_; }
     AutostartEntry& autostart() { return *autostart_; }
+    // Model files on this computer, scanned off the main thread; the catalogue of downloads.
+    ModelScanner& modelScanner() { return *modelScanner_; }
+    const QList<CatalogueEntry>& catalogue() const { return catalogue_; }
+    const QString& catalogueProblem() const { return catalogueProblem_; }
+    // Makes `path` the model rewrites use and prepares it.
+    void useModel(const QString& path);
+    // The file rewrites use now; empty when there is none.
+    QString currentModelPath();
     WorkflowTest& workflowTest() { return *workflowTest_; }
 
     // Absent when the session offers no ports we can use; `desktopProblem()` then says why.
@@ -113,6 +123,9 @@ private:
     std::unique_ptr<WorkflowTest> workflowTest_;
     std::unique_ptr<AppUpdaterController> updater_;
     std::unique_ptr<AutostartEntry> autostart_;
+    std::unique_ptr<ModelScanner> modelScanner_;
+    QList<CatalogueEntry> catalogue_;
+    QString catalogueProblem_;
     bool shutDown_ = false;
 };
 

@@ -10,6 +10,7 @@
 #include "core/diagnostics/DiagnosticsLogger.h"
 #include "core/engine/OnDeviceModelClient.h"
 #include "core/hotkeys/HotKeyManager.h"
+#include "core/models/ModelScanner.h"
 #include "core/pipeline/RewriteCoordinator.h"
 #include "core/pipeline/RewriteStatusReporting.h"
 #include "core/selection/AccessibilityPermission.h"
@@ -19,6 +20,7 @@
 #include "core/shell/ShortcutRegistration.h"
 #include "core/shell/StatusMenuModel.h"
 #include "core/shell/TransientStatus.h"
+#include "engine/ModelLocator.h"
 #include "engine/OnDeviceEngine.h"
 #include "platform/linux/SystemTransitionWatcher.h"
 
@@ -312,18 +314,55 @@ SettingsWindowController& ParluneApplication::settingsWindow() {
                         permission->requestAndOpenSettings([readiness] { readiness->refreshSystemChecks(); });
                     }
                 },
-            .modelFileSummary = [this] { return services_.modelFileSummary(); },
+            .modelFileSummary =
+                [this] {
+                    ModelLibraryView* library = settingsWindow_ ? settingsWindow_->modelLibrary() : nullptr;
+                    const QString download = library ? library->downloadSummary() : QString();
+                    return download.isEmpty() ? services_.modelFileSummary() : download;
+                },
             .versionText = AppUpdaterController::versionText(shortVersion_),
             .autostart = &services_.autostart(),
             .fieldClipboard = services_.fieldClipboard(),
             .quit = [this] { quit(); },
+            .modelLibrary =
+                ModelLibraryView::Dependencies{
+                    .scanner = services_.modelScanner(),
+                    .catalogue = services_.catalogue(),
+                    .catalogueProblem = services_.catalogueProblem(),
+                    .modelsFolder = QString::fromStdString(ModelLocator::defaultModelsFolder().string()),
+                    .currentModelPath = [this] { return services_.currentModelPath(); },
+                    .useModel = [this](const QString& path) { useModel(path); },
+                },
         });
     }
     return *settingsWindow_;
 }
 
 void ParluneApplication::showSettings() {
-    settingsWindow().present();
+    SettingsWindowController& window = settingsWindow();
+    window.present();
+    if (!subscribedToDownloads_ && window.modelLibrary()) {
+        subscribedToDownloads_ = true;
+        services_.modelScanner().rescan();
+        subscriptions_.push_back(window.modelLibrary()->downloadChanged.connect([this] {
+            // The tray says how a download goes while it runs; the model row says it as well.
+            const QString summary = settingsWindow_->modelLibrary()->downloadSummary();
+            trayIcon_->setToolTip(summary.isEmpty() ? status_->toolTip() : summary);
+            settingsWindow_->refresh();
+        }));
+    }
+}
+
+void ParluneApplication::useModel(const QString& path) {
+    services_.useModel(path);
+    activePreparation_ = spawnTask([weak = lifetime_.weak(this)](std::stop_token) -> QCoro::Task<void> {
+        if (ParluneApplication* self = weak.lock()) {
+            co_await self->services_.readiness().prepareModel();
+        }
+        if (ParluneApplication* self = weak.lock()) {
+            self->rebuildStatusMenu();
+        }
+    });
 }
 
 void ParluneApplication::checkForUpdates() {

@@ -55,6 +55,8 @@ public:
     void quit();
     // A press of the shortcut, or the same asked for over D-Bus.
     void rewriteSelection();
+    // Makes `path` the model to use and prepares it.
+    void useModel(const QString& path);
 
     bool shouldPresentOnboardingImmediately() const;
     bool shouldShowOnboarding() const;
@@ -88,6 +90,7 @@ private:
     std::unique_ptr<SettingsWindowController> settingsWindow_;
     std::vector<Subscription> subscriptions_;
     std::vector<QMetaObject::Connection> connections_;
+    bool subscribedToDownloads_ = false;
     TaskHandle warmth_;
     TaskHandle launchPreparation_;
     TaskHandle activePreparation_;

@@ -40,6 +40,11 @@ SettingsWindowController::SettingsWindowController(Dependencies dependencies)
     column->setSpacing(16);
     column->addWidget(header_);
     column->addWidget(setup_);
+    if (dependencies_.modelLibrary) {
+        modelLibrary_ = new ModelLibraryView(std::move(*dependencies_.modelLibrary), content);
+        dependencies_.modelLibrary.reset();
+        column->addWidget(modelLibrary_);
+    }
     column->addWidget(preferences_);
     column->addWidget(diagnosticsView_);
     column->addStretch(1);
@@ -76,6 +81,9 @@ void SettingsWindowController::refresh() {
     setup_->refresh();
     preferences_->refresh();
     workflowTest_->refresh();
+    if (modelLibrary_) {
+        modelLibrary_->refresh();
+    }
 }
 
 void SettingsWindowController::present() {

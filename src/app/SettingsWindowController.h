@@ -1,11 +1,13 @@
 #pragma once
 
+#include "app/ModelLibraryView.h"
 #include "app/WorkflowTestView.h"
 #include "core/async/ChangeSignal.h"
 
 #include <QWidget>
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 namespace parlune {
@@ -39,6 +41,7 @@ public:
         AutostartEntry* autostart = nullptr;
         FieldClipboard fieldClipboard;
         std::function<void()> quit;
+        std::optional<ModelLibraryView::Dependencies> modelLibrary;
     };
 
     explicit SettingsWindowController(Dependencies dependencies);
@@ -53,6 +56,8 @@ public:
     PreferencesSectionView& preferences() { return *preferences_; }
     DiagnosticsSectionView& diagnosticsView() { return *diagnosticsView_; }
     WorkflowTestView& workflowTestView() { return *workflowTest_; }
+    // Absent when the window was built without one.
+    ModelLibraryView* modelLibrary() { return modelLibrary_; }
 
 protected:
     void hideEvent(QHideEvent* event) override;
@@ -64,6 +69,7 @@ private:
     SetupSectionView* setup_;
     PreferencesSectionView* preferences_;
     DiagnosticsSectionView* diagnosticsView_;
+    ModelLibraryView* modelLibrary_ = nullptr;
     std::vector<Subscription> subscriptions_;
 };
 

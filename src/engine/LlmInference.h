@@ -47,6 +47,9 @@ public:
     // setting or a newly installed file is noticed. None: no candidate at all.
     const std::optional<ModelFileReport>& chosenModel();
 
+    // Looks for the model file again at the next request (the user chose another one).
+    void reconsiderModel() { chosenAt_.reset(); }
+
     // Drops the prefilled instructions (memory pressure); the model stays loaded.
     void releaseCaches() { prefixCache_->clear(); }
     InstructionPrefixCache& prefixCache() { return *prefixCache_; }

@@ -26,6 +26,8 @@ public:
 
     // Ends every request at its next token and refuses new ones; for shutting down.
     void stopAllWork() { inference_->stopAllWork(); }
+    // Looks for the model file again at the next request instead of trusting the last lookup.
+    void reconsiderModel() { inference_->reconsiderModel(); }
     // Drops cached instruction states; call on memory pressure.
     void releaseCaches() { inference_->releaseCaches(); }
     const std::optional<ModelFileReport>& chosenModel() const { return inference_->chosenModel(); }

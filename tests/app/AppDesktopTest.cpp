@@ -4,12 +4,14 @@
 #include "DesktopTest.h"
 #include "app/ApplicationServices.h"
 #include "app/CompactErrorPresenter.h"
+#include "app/ModelLibraryView.h"
 #include "app/ParluneApplication.h"
 #include "app/SettingsHeaderView.h"
 #include "app/SettingsWindowController.h"
 #include "app/SetupSectionView.h"
 #include "app/WorkflowTestView.h"
 #include "core/hotkeys/HotKeyShortcut.h"
+#include "core/models/LoopbackHttpsServer.h"
 #include "core/settings/SettingsStore.h"
 #include "core/shell/AppReadiness.h"
 #include "core/shell/TransientStatus.h"
@@ -19,7 +21,10 @@
 #include "support/RunTask.h"
 #include "support/ScriptedRewriteEngine.h"
 
+#include <QCryptographicHash>
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QMenu>
 #include <QPushButton>
 #include <QSettings>
@@ -185,6 +190,88 @@ TEST_F(AppDesktopTest, TrayMenuFollowsTheModeAndPanelShowsOnTopRight) {
     pumpFor(300);
     screenshot(menu, QStringLiteral("tray-menu.png"));
     menu.hide();
+}
+
+// A model that another tool keeps (a Hugging Face cache snapshot) is found and chosen in the window,
+// and a catalogue model comes from a real HTTPS server, survives a broken transfer, resumes from its
+// .part and is verified before it is used.
+TEST_F(AppDesktopTest, ModelLibraryChoosesAFoundModelAndDownloadsAVerifiedOne) {
+    const QString snapshot = home.filePath(QStringLiteral("hf/models--acme--tiny/snapshots/0123abcd"));
+    ASSERT_TRUE(QDir().mkpath(snapshot));
+    const QString found = snapshot + QStringLiteral("/tiny-q8.gguf");
+    llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
+    recipe.tiedOutput = false;
+    llm::TestModelMaker::write(recipe, found.toStdString());
+    qputenv("HF_HUB_CACHE", home.filePath(QStringLiteral("hf")).toUtf8());
+    launch();
+    qunsetenv("HF_HUB_CACHE");
+
+    app::SettingsWindowController* window = application->settingsWindowIfCreated();
+    ASSERT_NE(window, nullptr);
+    app::ModelLibraryView* library = window->modelLibrary();
+    ASSERT_NE(library, nullptr);
+    ASSERT_TRUE(pumpUntil([&] { return library->useButton(found) && library->useButton(found)->isEnabled(); },
+                          15000));
+    EXPECT_FALSE(services->readiness().modelReady());
+    library->useButton(found)->click();
+    ASSERT_TRUE(pumpUntil([&] { return services->readiness().modelReady(); }, 20000))
+        << services->readiness().modelStatusMessage().toStdString();
+    EXPECT_EQ(
+        QSettings(settingsPath(), QSettings::IniFormat).value(QStringLiteral("localModelPath")).toString(),
+        found);
+
+    // The server sends half of the file the first time and closes the connection.
+    QTemporaryDir served;
+    QFile::copy(found, served.filePath(QStringLiteral("served.gguf")));
+    QFile file(found);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray sha256 = QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex();
+    parlune::testing::LoopbackHttpsServer server;
+    const QString problem = server.start(served.path());
+    if (!problem.isEmpty()) {
+        GTEST_SKIP() << problem.toStdString();
+    }
+    CatalogueEntry entry;
+    entry.id = QStringLiteral("served");
+    entry.displayName = QStringLiteral("Served test model");
+    entry.fileName = QStringLiteral("served.gguf");
+    entry.url = server.url(QStringLiteral("/flaky/served.gguf"));
+    entry.sha256 = sha256;
+    entry.sizeBytes = QFileInfo(found).size();
+    const QString modelsFolder = home.filePath(QStringLiteral("data/parlune/models"));
+    ASSERT_TRUE(QDir().mkpath(modelsFolder));
+    DownloadTransport transport;
+    transport.extraTrustedCertificates = server.certificates();
+    app::ModelLibraryView downloads(app::ModelLibraryView::Dependencies{
+        .scanner = services->modelScanner(),
+        .catalogue = {entry},
+        .modelsFolder = modelsFolder,
+        .currentModelPath = [&] { return services->currentModelPath(); },
+        .useModel = [&](const QString& path) { application->useModel(path); },
+        .transport = transport,
+    });
+    ASSERT_NE(downloads.downloadButton(QStringLiteral("served")), nullptr);
+    downloads.downloadButton(QStringLiteral("served"))->click();
+    ASSERT_TRUE(
+        pumpUntil([&] { return downloads.download()->state() == VerifiedDownload::State::failed; }, 15000));
+    EXPECT_GT(downloads.download()->progress().receivedBytes, 0);
+    EXPECT_TRUE(QFileInfo::exists(modelsFolder + QStringLiteral("/served.gguf.part")));
+    EXPECT_EQ(downloads.pauseButton().text(), QStringLiteral("Resume"));
+    downloads.pauseButton().click();
+    ASSERT_TRUE(
+        pumpUntil([&] { return downloads.download()->state() == VerifiedDownload::State::finished; }, 15000))
+        << downloads.downloadSummary().toStdString();
+    const QString downloaded = modelsFolder + QStringLiteral("/served.gguf");
+    EXPECT_TRUE(QFileInfo::exists(downloaded));
+    EXPECT_FALSE(QFileInfo::exists(downloaded + QStringLiteral(".part")));
+    EXPECT_EQ(
+        QSettings(settingsPath(), QSettings::IniFormat).value(QStringLiteral("localModelPath")).toString(),
+        downloaded);
+    ASSERT_TRUE(pumpUntil([&] { return services->readiness().modelReady(); }, 20000));
+    EXPECT_EQ(QFileInfo(services->currentModelPath()).canonicalFilePath(),
+              QFileInfo(downloaded).canonicalFilePath());
+    pumpFor(300);
+    screenshot(*window, QStringLiteral("settings-models.png"));
 }
 
 } // namespace

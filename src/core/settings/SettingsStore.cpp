@@ -17,7 +17,9 @@ namespace parlune {
 
 namespace {
 
-QString key(const char* name) { return QString::fromLatin1(name); }
+QString key(const char* name) {
+    return QString::fromLatin1(name);
+}
 
 QString modeTitle(RewriteMode mode) {
     const std::string_view raw = rewrite_mode::rawValue(mode);
@@ -56,7 +58,9 @@ QMap<QString, QString> decodePreferences(const std::optional<QString>& stored) {
     return preferences;
 }
 
-bool isBlank(const QString& text) { return text.trimmed().isEmpty(); }
+bool isBlank(const QString& text) {
+    return text.trimmed().isEmpty();
+}
 
 } // namespace
 
@@ -70,7 +74,8 @@ SettingsStore::SettingsStore(UserDefaults& defaults, CredentialStore& credential
 }
 
 void SettingsStore::load() {
-    hotKeyIdentifier_ = defaults_.string(key(hotKeyIdentifierKey)).value_or(HotKeyPreset::defaultID.toString());
+    hotKeyIdentifier_ =
+        defaults_.string(key(hotKeyIdentifierKey)).value_or(HotKeyPreset::defaultID.toString());
 
     const std::uint32_t keyCode = storedUInt32(defaults_, hotKeyKeyCodeKey);
     const std::uint32_t modifiers = storedUInt32(defaults_, hotKeyModifiersKey);
@@ -155,6 +160,15 @@ void SettingsStore::setHasCompletedTestRewrite(bool completed) {
     hasCompletedTestRewrite_ = completed;
     defaults_.setBoolean(key(workflowTestKey), completed);
     changed.emit(Field::hasCompletedTestRewrite);
+}
+
+void SettingsStore::setLocalModelPath(const QString& path) {
+    if (path.trimmed().isEmpty()) {
+        defaults_.remove(key(localModelPathKey));
+    } else {
+        defaults_.setString(key(localModelPathKey), path);
+    }
+    changed.emit(Field::localModelPath);
 }
 
 QString SettingsStore::writingPreferences(RewriteMode mode) const {

@@ -27,6 +27,7 @@ public:
         rewriteMode,
         writingPreferencesByMode,
         hasCompletedTestRewrite,
+        localModelPath,
     };
 
     // Keys in the user-defaults store.
@@ -70,6 +71,8 @@ public:
     void setRewriteMode(RewriteMode mode);
     void setWritingPreferencesByMode(QMap<QString, QString> preferences);
     void setHasCompletedTestRewrite(bool completed);
+    // An explicit model file; empty removes the setting, so the usual places apply again.
+    void setLocalModelPath(const QString& path);
 
     // The mode's preferences text, or "" when it has none.
     QString writingPreferences(RewriteMode mode) const;
