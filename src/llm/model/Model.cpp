@@ -4,6 +4,7 @@
 #include "llm/model/ModelError.h"
 #include "llm/tensor/Quantization.h"
 
+#include <cmath>
 #include <cstring>
 #include <string>
 
@@ -83,7 +84,8 @@ private:
                              std::to_string(length) + " values");
         }
         bytes_ += data.size();
-        if (info.type == GgmlType::F32 && reinterpret_cast<std::uintptr_t>(data.data()) % alignof(float) == 0) {
+        if (info.type == GgmlType::F32 &&
+            reinterpret_cast<std::uintptr_t>(data.data()) % alignof(float) == 0) {
             return {reinterpret_cast<const float*>(data.data()), static_cast<std::size_t>(length)};
         }
         std::vector<float>& decoded = decoded_.emplace_back(static_cast<std::size_t>(length));
@@ -132,7 +134,8 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
         layer.query = bind.matrix(prefix + "attn_q.weight", config.queryWidth(), hidden);
         layer.key = bind.matrix(prefix + "attn_k.weight", config.keyWidth(), hidden);
         layer.value = bind.matrix(prefix + "attn_v.weight", config.valueWidth(), hidden);
-        layer.attentionOutput = bind.matrix(prefix + "attn_output.weight", hidden, config.headCount * config.valueDim);
+        layer.attentionOutput =
+            bind.matrix(prefix + "attn_output.weight", hidden, config.headCount * config.valueDim);
         if (biases) {
             layer.queryBias = bind.vector(prefix + "attn_q.bias", config.queryWidth());
             layer.keyBias = bind.vector(prefix + "attn_k.bias", config.keyWidth());
@@ -151,6 +154,14 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
         layer.gate = bind.matrix(prefix + "ffn_gate.weight", config.feedForwardSize, hidden);
         layer.up = bind.matrix(prefix + "ffn_up.weight", config.feedForwardSize, hidden);
         layer.down = bind.matrix(prefix + "ffn_down.weight", hidden, config.feedForwardSize);
+    }
+    model->ropeFrequencyFactors_ = bind.optionalVector("rope_freqs.weight", config.ropeDims / 2);
+    for (const float factor : model->ropeFrequencyFactors_) {
+        if (!(factor > 0.0f) || !std::isfinite(factor)) {
+            throw ModelError(
+                "model tensor 'rope_freqs.weight' holds a factor that is not a positive number (" +
+                std::to_string(factor) + ")");
+        }
     }
     model->outputNorm_ = bind.vector("output_norm.weight", hidden);
     if (bind.find("output.weight")) {

@@ -34,7 +34,8 @@ struct LayerWeights {
 // A loaded model: hyper-parameters and weights, immutable and shareable across sessions.
 class Model {
 public:
-    static std::shared_ptr<const Model> load(const std::filesystem::path& path); // throws GgufError, ModelError
+    static std::shared_ptr<const Model>
+    load(const std::filesystem::path& path); // throws GgufError, ModelError
     static std::shared_ptr<const Model> fromFile(std::shared_ptr<const GgufFile> file); // throws ModelError
 
     const ModelConfig& config() const { return config_; }
@@ -46,6 +47,8 @@ public:
     std::span<const float> outputNorm() const { return outputNorm_; }
     const WeightMatrix& output() const { return output_; }
     bool tiedOutput() const { return tiedOutput_; }
+    // Per-pair divisors of the RoPE frequencies (`rope_freqs.weight`), empty when absent.
+    std::span<const float> ropeFrequencyFactors() const { return ropeFrequencyFactors_; }
 
     // Bytes of all weight tensors (what generating a token reads).
     std::size_t weightBytes() const { return weightBytes_; }
@@ -63,6 +66,7 @@ private:
     std::span<const float> outputNorm_;
     WeightMatrix output_{};
     bool tiedOutput_ = false;
+    std::span<const float> ropeFrequencyFactors_;
     std::size_t weightBytes_ = 0;
     std::vector<std::vector<float>> decodedVectors_; // vectors not stored as F32
 };

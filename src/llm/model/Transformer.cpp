@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <functional>
 #include <cmath>
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -124,7 +124,8 @@ struct Transformer::Scratch {
 };
 
 Transformer::Transformer(std::shared_ptr<const Model> model, ThreadPool& pool)
-    : model_(std::move(model)), pool_(pool), rope_(model_->config()), scratch_(std::make_unique<Scratch>()) {}
+    : model_(std::move(model)), pool_(pool), rope_(model_->config(), model_->ropeFrequencyFactors()),
+      scratch_(std::make_unique<Scratch>()) {}
 
 Transformer::~Transformer() = default;
 
@@ -154,8 +155,8 @@ void Transformer::forward(std::span<const std::int32_t> tokens, KvCache& cache, 
             const bool last = done + batch == count;
             float* out = allPositions ? logits.data() + static_cast<std::size_t>(done) * vocabulary
                                       : (last ? logits.data() : nullptr);
-            forwardBatch(tokens.subspan(static_cast<std::size_t>(done), static_cast<std::size_t>(batch)), cache, out,
-                         allPositions);
+            forwardBatch(tokens.subspan(static_cast<std::size_t>(done), static_cast<std::size_t>(batch)),
+                         cache, out, allPositions);
         }
     } catch (...) {
         cache.truncate(start);
@@ -223,7 +224,8 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
 
         // Attention block.
         for (std::int64_t t = 0; t < n; ++t) {
-            rmsNorm(s.x.data() + t * hidden, w.attentionNorm.data(), s.normed.data() + t * hidden, hidden, c.rmsEpsilon);
+            rmsNorm(s.x.data() + t * hidden, w.attentionNorm.data(), s.normed.data() + t * hidden, hidden,
+                    c.rmsEpsilon);
         }
         s.inputs.reset();
         const MatmulJob qkv[] = {
@@ -240,7 +242,8 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
             float* k = s.key.data() + t * kWidth;
             if (!w.queryNorm.empty()) {
                 for (std::int64_t h = 0; h < c.headCount; ++h) {
-                    rmsNorm(q + h * c.headDim, w.queryNorm.data(), q + h * c.headDim, c.headDim, c.rmsEpsilon);
+                    rmsNorm(q + h * c.headDim, w.queryNorm.data(), q + h * c.headDim, c.headDim,
+                            c.rmsEpsilon);
                 }
                 for (std::int64_t h = 0; h < c.kvHeadCount; ++h) {
                     rmsNorm(k + h * c.headDim, w.keyNorm.data(), k + h * c.headDim, c.headDim, c.rmsEpsilon);
@@ -274,7 +277,8 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
 
         // Feed-forward block (SwiGLU).
         for (std::int64_t t = 0; t < n; ++t) {
-            rmsNorm(s.x.data() + t * hidden, w.ffnNorm.data(), s.normed.data() + t * hidden, hidden, c.rmsEpsilon);
+            rmsNorm(s.x.data() + t * hidden, w.ffnNorm.data(), s.normed.data() + t * hidden, hidden,
+                    c.rmsEpsilon);
         }
         s.inputs.reset();
         const MatmulJob gateUp[] = {
@@ -307,8 +311,8 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
     const std::int64_t firstRow = allPositions ? 0 : n - 1;
     const std::int64_t rows = n - firstRow;
     for (std::int64_t t = firstRow; t < n; ++t) {
-        rmsNorm(s.x.data() + t * hidden, model.outputNorm().data(), s.normed.data() + (t - firstRow) * hidden, hidden,
-                c.rmsEpsilon);
+        rmsNorm(s.x.data() + t * hidden, model.outputNorm().data(), s.normed.data() + (t - firstRow) * hidden,
+                hidden, c.rmsEpsilon);
     }
     s.inputs.reset();
     const MatmulJob head[] = {
@@ -318,7 +322,8 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
     runMatmuls(head);
 }
 
-void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t firstPosition, std::int64_t count) {
+void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t firstPosition,
+                            std::int64_t count) {
     const ModelConfig& c = model_->config();
     Scratch& s = *scratch_;
     const std::int64_t group = c.headCount / c.kvHeadCount;
@@ -372,7 +377,8 @@ void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t fir
         prepareActivations(GgmlType::F32, scores.data(), tokens, positions, weightInput);
         const WeightMatrix values{GgmlType::F32, cache.values(layer, g), c.valueDim, positions,
                                   static_cast<std::size_t>(cache.valueStride()) * sizeof(float)};
-        matmulRows(values, weightInput, 0, c.valueDim, s.attention.data() + t0 * aWidth + h * c.valueDim, aWidth);
+        matmulRows(values, weightInput, 0, c.valueDim, s.attention.data() + t0 * aWidth + h * c.valueDim,
+                   aWidth);
     };
     // A short decoding step is cheaper on this thread than a hand-off to the workers and back.
     const std::int64_t work = c.headCount * count * (firstPosition + count) * c.headDim;

@@ -6,6 +6,7 @@
 #include "llm/model/Transformer.h"
 #include "llm/runtime/GenerationSession.h"
 #include "llm/runtime/ThreadPool.h"
+#include "llm/testing/TestModelMaker.h"
 #include "llm/tokenizer/Tokenizer.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +23,8 @@ namespace {
 
 const std::filesystem::path fixtures = PARLUNE_LLM_FIXTURES;
 
-const std::vector<std::int32_t> llamaSequence = {1338, 8289, 40160, 315, 1290, 44600, 2308, 341, 13679, 27511, 51};
+const std::vector<std::int32_t> llamaSequence = {1338, 8289, 40160, 315,   1290, 44600,
+                                                 2308, 341,  13679, 27511, 51};
 const std::vector<std::int32_t> qwenSequence = {464, 2068, 7586, 21831, 18045, 625, 262, 16931, 3290, 13};
 
 struct Bounds {
@@ -46,6 +48,14 @@ struct ConformanceCase {
 constexpr Bounds exact{1e-4f, 2e-5f};
 constexpr Bounds halfActivations{4e-4f, 7e-5f};
 constexpr Bounds byteActivations{1.1e-2f, 1.8e-3f};
+// The second set's peaked attention (query/key std 0.1) amplifies activation rounding: the
+// README measures the reference's Q8_0 llama3-tiny-ropefreqs logits 0.070 / 0.0097 from exact
+// arithmetic on the same weights, flat over positions, and allows about 0.1.
+constexpr Bounds peakedByteActivations{0.1f, 1e-2f};
+// K-quant rows of 256: the reference's activation rounding alone moves these files 0.026 / 0.0057
+// from exact arithmetic on their weights (README). This engine rounds activations in its own
+// block layout, an independent error of about that size, so twice the reference's own.
+constexpr Bounds superBlocks{5e-2f, 1.2e-2f};
 
 std::vector<ConformanceCase> cases() {
     return {
@@ -60,17 +70,37 @@ std::vector<ConformanceCase> cases() {
         {"qwen2-tiny-Q8_0", exact},
         {"qwen2-tiny-Q4_K_M", byteActivations},
         {"qwen2-tiny-untied-Q8_0", exact},
+        {"llama3-tiny-ropefreqs-f32", exact},
+        {"llama3-tiny-ropefreqs-Q8_0", peakedByteActivations},
+        {"qwen3-tiny-f32", exact},
+        {"qwen3-tiny-Q8_0", byteActivations},
+        {"llama-w256-f32", exact},
+        {"llama-w256-Q4_K_M", superBlocks},
+        {"llama-w256-Q5_K_M", superBlocks},
+        {"llama-w256-Q6_K", superBlocks},
     };
 }
 
-const std::vector<std::int32_t>& sequenceFor(const std::string& model) {
+// The second set keeps each family's sequence in expected/FAMILY.tokens.txt.
+std::vector<std::int32_t> sequenceFor(const std::string& model) {
+    const std::filesystem::path listed =
+        fixtures / "expected" / (model.substr(0, model.rfind('-')) + ".tokens.txt");
+    if (std::filesystem::exists(listed)) {
+        std::ifstream in(listed);
+        std::vector<std::int32_t> tokens;
+        for (std::int32_t token = 0; in >> token;) {
+            tokens.push_back(token);
+        }
+        return tokens;
+    }
     return model.starts_with("llama") ? llamaSequence : qwenSequence;
 }
 
 std::vector<float> readFloats(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     std::vector<float> values(std::filesystem::file_size(path) / sizeof(float));
-    in.read(reinterpret_cast<char*>(values.data()), static_cast<std::streamsize>(values.size() * sizeof(float)));
+    in.read(reinterpret_cast<char*>(values.data()),
+            static_cast<std::streamsize>(values.size() * sizeof(float)));
     return values;
 }
 
@@ -87,7 +117,7 @@ TEST_P(ModelConformance, LogitsOfEveryPositionMatchTheReference) {
     const ConformanceCase& c = GetParam();
     const auto model = Model::load(fixtures / "models" / (c.model + ".gguf"));
     const std::vector<float> expected = readFloats(fixtures / "expected" / (c.model + ".logits.f32"));
-    const std::vector<std::int32_t>& tokens = sequenceFor(c.model);
+    const std::vector<std::int32_t> tokens = sequenceFor(c.model);
     ASSERT_EQ(expected.size(), tokens.size() * static_cast<std::size_t>(model->config().vocabularySize));
 
     ThreadPool pool(2);
@@ -164,7 +194,10 @@ TEST_P(GreedyConformance, ContinuationMatchesUpToTheFirstNearTie) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Fixtures, GreedyConformance,
-                         ::testing::Values("llama-tiny-untied-Q8_0", "qwen2-tiny-untied-Q8_0"),
+                         ::testing::Values("llama-tiny-untied-Q8_0", "qwen2-tiny-untied-Q8_0",
+                                           "llama3-tiny-ropefreqs-f32", "llama3-tiny-ropefreqs-Q8_0",
+                                           "qwen3-tiny-f32", "qwen3-tiny-Q8_0", "llama-w256-f32",
+                                           "llama-w256-Q6_K"),
                          [](const ::testing::TestParamInfo<std::string>& test) {
                              std::string name = test.param;
                              for (char& ch : name) {
@@ -172,6 +205,49 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, GreedyConformance,
                              }
                              return name;
                          });
+
+// Real trained weights have activation statistics random ones lack; an F32 engine must follow
+// the reference's greedy story from BOS token for token, to the end of the model's context.
+TEST(RealWeights, Stories260KReproducesItsGreedyStory) {
+    const std::filesystem::path real = fixtures / "real";
+    if (!std::filesystem::exists(real / "stories260K.gguf")) {
+        GTEST_SKIP() << "real-weight fixture not found at " << real << " (a plain clone has none)";
+    }
+    const auto file = GgufFile::open(real / "stories260K.gguf");
+    const auto model = Model::fromFile(file);
+    std::ifstream in(real / "stories260K.greedy-from-bos.ids");
+    std::vector<std::int32_t> expected;
+    for (std::int32_t token = 0; in >> token;) {
+        expected.push_back(token);
+    }
+    ASSERT_GE(expected.size(), 200u);
+
+    ThreadPool pool(2);
+    const std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(*file);
+    GenerationSession session(model, tokenizer, pool);
+    GenerationOptions options;
+    options.maxNewTokens = static_cast<std::int64_t>(expected.size());
+    options.ignoreEndOfGeneration = true;
+    const std::int32_t bos[] = {*tokenizer->bosToken()};
+    const GenerationResult result = session.generate(bos, options, {});
+    EXPECT_EQ(result.tokens, expected);
+}
+
+// The fixture's `rope_freqs` were derived by the reference converter from Llama 3.x scaling
+// settings; the test-model maker derives the same divisors from the same settings.
+TEST(RealWeights, Llama3FrequencyFactorsMatchTheConverters) {
+    const std::filesystem::path path = fixtures / "models" / "llama3-tiny-ropefreqs-f32.gguf";
+    if (!std::filesystem::exists(path)) {
+        GTEST_SKIP() << "shared engine fixtures not found at " << fixtures << " (a plain clone has none)";
+    }
+    const auto model = Model::load(path);
+    const std::span<const float> stored = model->ropeFrequencyFactors();
+    const std::vector<float> derived = llama3RopeFrequencyFactors(500000.0, 64, 32.0, 1.0, 4.0, 8192);
+    ASSERT_EQ(stored.size(), derived.size());
+    for (std::size_t i = 0; i < derived.size(); ++i) {
+        EXPECT_NEAR(stored[i], derived[i], 1e-5f * derived[i]) << "pair " << i;
+    }
+}
 
 } // namespace
 } // namespace parlune::llm

@@ -84,10 +84,10 @@ def rms_norm(x, weight, eps):
     return x / np.sqrt(np.mean(x * x, axis=-1, keepdims=True) + eps) * weight
 
 
-def rope(x, positions, base, layout, scale):
-    # x: [tokens, heads, head_dim]
+def rope(x, positions, base, layout, scale, factors):
+    # x: [tokens, heads, head_dim]; factors divide each pair's frequency (Llama 3.x rope_freqs)
     dim = x.shape[-1]
-    inv = base ** (-np.arange(0, dim, 2, dtype=np.float64) / dim)
+    inv = base ** (-np.arange(0, dim, 2, dtype=np.float64) / dim) / factors
     theta = (positions[:, None] * scale) * inv[None, :]
     cos, sin = np.cos(theta)[:, None, :], np.sin(theta)[:, None, :]
     out = x.copy()
@@ -116,6 +116,7 @@ def forward(meta, t, tokens):
     if meta.get(p + "rope.scaling.type", "none") == "linear":
         scale = 1.0 / meta[p + "rope.scaling.factor"]
     layout = "normal" if arch == "llama" else "neox"
+    factors = t.get("rope_freqs.weight", np.ones(head_dim // 2))
     n = len(tokens)
     positions = np.arange(n, dtype=np.float64)
     x = t["token_embd.weight"][tokens]
@@ -132,7 +133,8 @@ def forward(meta, t, tokens):
         if b + "attn_q_norm.weight" in t:
             q = rms_norm(q, t[b + "attn_q_norm.weight"], eps)
             k = rms_norm(k, t[b + "attn_k_norm.weight"], eps)
-        q, k = rope(q, positions, base, layout, scale), rope(k, positions, base, layout, scale)
+        q = rope(q, positions, base, layout, scale, factors)
+        k = rope(k, positions, base, layout, scale, factors)
         group = heads // kv_heads
         out = np.empty((n, heads, head_dim))
         for hd in range(heads):
