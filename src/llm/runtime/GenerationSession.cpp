@@ -1,11 +1,13 @@
 #include "llm/runtime/GenerationSession.h"
 
 #include "llm/model/Model.h"
+#include "llm/runtime/TokenConstraint.h"
 #include "llm/tokenizer/TokenDecoder.h"
 #include "llm/tokenizer/Tokenizer.h"
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <stdexcept>
 
 namespace parlune::llm {
@@ -18,10 +20,10 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
 
 } // namespace
 
-GenerationSession::GenerationSession(std::shared_ptr<const Model> model, std::shared_ptr<const Tokenizer> tokenizer,
-                                     ThreadPool& pool)
-    : model_(std::move(model)), tokenizer_(std::move(tokenizer)), transformer_(model_, pool),
-      state_{KvCache(model_->config()), {}, {}} {}
+GenerationSession::GenerationSession(std::shared_ptr<const Model> model,
+                                     std::shared_ptr<const Tokenizer> tokenizer, ThreadPool& pool)
+    : model_(std::move(model)), tokenizer_(std::move(tokenizer)),
+      transformer_(model_, pool), state_{KvCache(model_->config()), {}, {}} {}
 
 std::int32_t GenerationSession::argmax(std::span<const float> logits) {
     if (logits.empty()) {
@@ -56,8 +58,28 @@ std::int64_t GenerationSession::prefill(std::span<const std::int32_t> tokens) {
     return static_cast<std::int64_t>(tokens.size() - keep);
 }
 
-GenerationResult GenerationSession::generate(std::span<const std::int32_t> prompt, const GenerationOptions& options,
-                                             const TextCallback& onText) {
+std::int32_t GenerationSession::chooseToken(const GenerationOptions& options, std::int64_t remainingTokens) {
+    std::span<const float> logits = state_.logits;
+    if (options.onlyAnswerTokens) {
+        masked_.assign(logits.begin(), logits.end());
+        for (const std::int32_t token : tokenizer_->neverGenerated()) {
+            if (static_cast<std::size_t>(token) < masked_.size()) {
+                masked_[static_cast<std::size_t>(token)] = -INFINITY;
+            }
+        }
+        // Output rows past the vocabulary are padding of the weight matrix.
+        const auto known = std::min(masked_.size(), static_cast<std::size_t>(tokenizer_->vocabularySize()));
+        std::fill(masked_.begin() + static_cast<std::ptrdiff_t>(known), masked_.end(), -INFINITY);
+        logits = masked_;
+    }
+    if (options.constraint) {
+        return options.constraint->bestToken(logits, remainingTokens);
+    }
+    return argmax(logits);
+}
+
+GenerationResult GenerationSession::generate(std::span<const std::int32_t> prompt,
+                                             const GenerationOptions& options, const TextCallback& onText) {
     GenerationResult result;
     const auto promptStart = std::chrono::steady_clock::now();
     result.promptTokensComputed = prefill(prompt);
@@ -75,21 +97,39 @@ GenerationResult GenerationSession::generate(std::span<const std::int32_t> promp
             onText(piece);
         }
     };
+    const auto stopped = [&] {
+        return options.stopFlag && options.stopFlag->load(std::memory_order_relaxed);
+    };
+    TokenConstraint* constraint = options.constraint;
     result.stopReason = StopReason::maxTokens;
     for (std::int64_t produced = 0; produced < options.maxNewTokens; ++produced) {
-        if (options.stopFlag && options.stopFlag->load(std::memory_order_relaxed)) {
+        if (stopped()) {
             result.stopReason = StopReason::stopRequested;
             break;
         }
-        const std::int32_t next = argmax(state_.logits);
+        const std::int32_t next = chooseToken(options, options.maxNewTokens - produced);
+        if (produced == 0) {
+            result.firstTokenSeconds = secondsSince(promptStart);
+        }
+        if (next < 0) {
+            result.stopReason = StopReason::constraintFailed;
+            break;
+        }
         if (!options.ignoreEndOfGeneration && tokenizer_->isEndOfGeneration(next)) {
             result.stopReason = StopReason::endOfGeneration;
             break;
+        }
+        if (constraint) {
+            constraint->accept(next);
         }
         result.tokens.push_back(next);
         emit(decoder.push(next));
         if (produced + 1 == options.maxNewTokens) {
             break; // the last token's logits are never needed
+        }
+        if (constraint && constraint->isComplete()) {
+            result.stopReason = StopReason::endOfGeneration;
+            break;
         }
         if (state_.cache.length() >= state_.cache.maxPositions()) {
             result.stopReason = StopReason::contextFull;
@@ -103,10 +143,13 @@ GenerationResult GenerationSession::generate(std::span<const std::int32_t> promp
     return result;
 }
 
-GenerationSession::State GenerationSession::saveState() const { return state_; }
+GenerationSession::State GenerationSession::saveState() const {
+    return state_;
+}
 
 void GenerationSession::restoreState(const State& state) {
-    if (state.cache.headDim() != state_.cache.headDim() || state.cache.maxPositions() != state_.cache.maxPositions() ||
+    if (state.cache.headDim() != state_.cache.headDim() ||
+        state.cache.maxPositions() != state_.cache.maxPositions() ||
         state.cache.length() != static_cast<std::int64_t>(state.tokens.size())) {
         throw std::invalid_argument("session state does not belong to this model");
     }

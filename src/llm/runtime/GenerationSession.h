@@ -18,13 +18,19 @@ class Model;
 class Tokenizer;
 class ThreadPool;
 
+class TokenConstraint;
+
 struct GenerationOptions {
     std::int64_t maxNewTokens = 256;
     const std::atomic<bool>* stopFlag = nullptr; // checked between tokens
-    bool ignoreEndOfGeneration = false;         // benchmarks: always produce maxNewTokens
+    bool ignoreEndOfGeneration = false;          // benchmarks: always produce maxNewTokens
+    // Control (other than end of generation), unused and padding tokens are never chosen.
+    // Off only to follow a reference decoder that picks the plain argmax.
+    bool onlyAnswerTokens = true;
+    TokenConstraint* constraint = nullptr; // chooses the tokens instead of greedy argmax
 };
 
-enum class StopReason { endOfGeneration, maxTokens, stopRequested, contextFull };
+enum class StopReason { endOfGeneration, maxTokens, stopRequested, contextFull, constraintFailed };
 
 struct GenerationResult {
     std::vector<std::int32_t> tokens; // generated, without the end-of-generation token
@@ -33,6 +39,7 @@ struct GenerationResult {
     std::int64_t promptTokensComputed = 0; // prompt tokens not found in the cache
     std::int64_t promptTokensReused = 0;
     double promptSeconds = 0.0;
+    double firstTokenSeconds = 0.0; // from the call to the first token chosen
     double generationSeconds = 0.0; // from the first generated token's logits to the end
 };
 
@@ -58,7 +65,9 @@ public:
     // Returns the number of tokens computed. Throws std::length_error past the context.
     std::int64_t prefill(std::span<const std::int32_t> tokens);
 
-    // Prefills `prompt` then decodes greedily, streaming text to `onText` (may be empty).
+    // Prefills `prompt` then decodes greedily (or as the constraint chooses) up to the token
+    // limit, an end-of-generation token, a stop request or the end of the context, streaming
+    // text to `onText` (may be empty). Every generating caller goes through this loop.
     GenerationResult generate(std::span<const std::int32_t> prompt, const GenerationOptions& options,
                               const TextCallback& onText);
 
@@ -77,11 +86,13 @@ public:
 
 private:
     void append(std::span<const std::int32_t> tokens);
+    std::int32_t chooseToken(const GenerationOptions& options, std::int64_t remainingTokens);
 
     std::shared_ptr<const Model> model_;
     std::shared_ptr<const Tokenizer> tokenizer_;
     Transformer transformer_;
     State state_;
+    std::vector<float> masked_; // logits with the tokens an answer never holds removed
 };
 
 } // namespace parlune::llm

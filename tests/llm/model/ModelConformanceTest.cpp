@@ -14,6 +14,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -187,6 +188,7 @@ TEST_P(GreedyConformance, ContinuationMatchesUpToTheFirstNearTie) {
     GenerationOptions options;
     options.maxNewTokens = static_cast<std::int64_t>(expected.size());
     options.ignoreEndOfGeneration = true;
+    options.onlyAnswerTokens = false; // the reference picks the plain argmax
     const GenerationResult result = session.generate(sequenceFor(name), options, {});
     // The last listed step is a near tie: either of the two best tokens is right there.
     std::vector<std::int32_t> agreed(result.tokens.begin(), result.tokens.end() - 1);
@@ -228,9 +230,13 @@ TEST(RealWeights, Stories260KReproducesItsGreedyStory) {
     GenerationOptions options;
     options.maxNewTokens = static_cast<std::int64_t>(expected.size());
     options.ignoreEndOfGeneration = true;
+    options.onlyAnswerTokens = false; // the reference picks the plain argmax
     const std::int32_t bos[] = {*tokenizer->bosToken()};
     const GenerationResult result = session.generate(bos, options, {});
     EXPECT_EQ(result.tokens, expected);
+    std::ifstream textFile(real / "stories260K.greedy-from-bos.txt");
+    const std::string text((std::istreambuf_iterator<char>(textFile)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(result.text, text);
 }
 
 // The fixture's `rope_freqs` were derived by the reference converter from Llama 3.x scaling
@@ -247,6 +253,38 @@ TEST(RealWeights, Llama3FrequencyFactorsMatchTheConverters) {
     for (std::size_t i = 0; i < derived.size(); ++i) {
         EXPECT_NEAR(stored[i], derived[i], 1e-5f * derived[i]) << "pair " << i;
     }
+}
+
+// The reference's greedy pick after the qwen2-tiny sentence is "[PAD151785]", one of the
+// unused slots real Qwen2 vocabularies pad their tables with. It stands for no text, and an
+// answer never holds it.
+TEST(AnswerTokens, UnusedSlotsTheReferenceWouldPickAreNeverGenerated) {
+    const std::filesystem::path path = fixtures / "models" / "qwen2-tiny-untied-Q8_0.gguf";
+    if (!std::filesystem::exists(path)) {
+        GTEST_SKIP() << "shared engine fixtures not found at " << fixtures << " (a plain clone has none)";
+    }
+    const auto file = GgufFile::open(path);
+    const auto model = Model::fromFile(file);
+    const std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(*file);
+    ThreadPool pool(2);
+    GenerationOptions options;
+    options.maxNewTokens = 8;
+    options.ignoreEndOfGeneration = true;
+    options.onlyAnswerTokens = false;
+    const GenerationResult plain =
+        GenerationSession(model, tokenizer, pool).generate(qwenSequence, options, {});
+    ASSERT_EQ(plain.tokens.front(), 151785);
+    EXPECT_EQ(tokenizer->tokenText(151785), "[PAD151785]");
+    EXPECT_EQ(plain.text.find("[PAD"), std::string::npos) << "unused tokens print nothing";
+
+    options.onlyAnswerTokens = true;
+    const GenerationResult answer =
+        GenerationSession(model, tokenizer, pool).generate(qwenSequence, options, {});
+    ASSERT_EQ(answer.tokens.size(), 8u);
+    for (const std::int32_t token : answer.tokens) {
+        EXPECT_TRUE(tokenizer->mayGenerate(token)) << token << " " << tokenizer->tokenText(token);
+    }
+    EXPECT_EQ(answer.text, tokenizer->decode(answer.tokens));
 }
 
 } // namespace
