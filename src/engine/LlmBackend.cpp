@@ -40,8 +40,10 @@ void throwIfStopped(const std::atomic<bool>& stop) {
 } // namespace
 
 LlmBackend::LlmBackend(std::filesystem::path path, int threadCount,
-                       std::shared_ptr<InstructionPrefixCache> prefixCache)
-    : path_(std::move(path)), threadCount_(std::max(1, threadCount)), prefixCache_(std::move(prefixCache)) {}
+                       std::shared_ptr<InstructionPrefixCache> prefixCache,
+                       InstructionPrefixCache::Ticket ticket)
+    : path_(std::move(path)), threadCount_(std::max(1, threadCount)), prefixCache_(std::move(prefixCache)),
+      ticket_(ticket) {}
 
 LlmBackend::~LlmBackend() = default;
 
@@ -106,7 +108,7 @@ std::int64_t LlmBackend::prefill(llm::GenerationSession& session, const std::vec
     const bool prefixFits = !prefix.empty() && prefix.size() <= tokens.size() &&
                             std::equal(prefix.begin(), prefix.end(), tokens.begin());
     if (prefixFits) {
-        if (auto cached = prefixCache_->find(prefix)) {
+        if (auto cached = prefixCache_->find(model_->identity(), prefix)) {
             session.restoreState(*cached);
             reused = static_cast<std::int64_t>(prefix.size());
         }
@@ -121,7 +123,8 @@ std::int64_t LlmBackend::prefill(llm::GenerationSession& session, const std::vec
     try {
         if (prefixFits && reused == 0) {
             computeUpTo(prefix.size());
-            prefixCache_->insert(std::make_shared<const InstructionPrefixCache::State>(session.saveState()));
+            prefixCache_->insert(ticket_,
+                                 std::make_shared<const InstructionPrefixCache::State>(session.saveState()));
         }
         computeUpTo(tokens.size());
     } catch (const std::length_error&) {
@@ -133,7 +136,7 @@ std::int64_t LlmBackend::prefill(llm::GenerationSession& session, const std::vec
 void LlmBackend::prewarm(const std::string& instructions, const std::atomic<bool>& stop) {
     load();
     const std::vector<std::int32_t> prefix = systemPrefixTokens(instructions);
-    if (prefixCache_->find(prefix)) {
+    if (prefixCache_->find(model_->identity(), prefix)) {
         return;
     }
     llm::GenerationSession session(model_, tokenizer_, *pool_);

@@ -110,6 +110,7 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
     const GgufFile& gguf = *model->file_;
     ModelConfig& config = model->config_;
     config = ModelConfig::fromGguf(gguf);
+    model->identity_ = ModelIdentity::of(gguf);
     WeightBinder bind(gguf, model->decodedVectors_, model->weightBytes_);
 
     const GgufTensorInfo& embedding = bind.require("token_embd.weight");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "llm/model/ModelConfig.h"
+#include "llm/model/ModelIdentity.h"
 #include "llm/tensor/MatMul.h"
 
 #include <filesystem>
@@ -39,6 +40,7 @@ public:
     static std::shared_ptr<const Model> fromFile(std::shared_ptr<const GgufFile> file); // throws ModelError
 
     const ModelConfig& config() const { return config_; }
+    const ModelIdentity& identity() const { return identity_; }
     const GgufFile& file() const { return *file_; }
     const std::shared_ptr<const GgufFile>& fileHandle() const { return file_; }
 
@@ -61,6 +63,7 @@ private:
 
     std::shared_ptr<const GgufFile> file_;
     ModelConfig config_;
+    ModelIdentity identity_;
     WeightMatrix tokenEmbedding_{};
     std::vector<LayerWeights> layers_;
     std::span<const float> outputNorm_;

@@ -23,7 +23,7 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
 GenerationSession::GenerationSession(std::shared_ptr<const Model> model,
                                      std::shared_ptr<const Tokenizer> tokenizer, ThreadPool& pool)
     : model_(std::move(model)), tokenizer_(std::move(tokenizer)),
-      transformer_(model_, pool), state_{KvCache(model_->config()), {}, {}} {}
+      transformer_(model_, pool), state_{model_->identity(), KvCache(model_->config()), {}, {}} {}
 
 std::int32_t GenerationSession::argmax(std::span<const float> logits) {
     if (logits.empty()) {
@@ -148,7 +148,7 @@ GenerationSession::State GenerationSession::saveState() const {
 }
 
 void GenerationSession::restoreState(const State& state) {
-    if (state.cache.headDim() != state_.cache.headDim() ||
+    if (state.model != state_.model || state.cache.headDim() != state_.cache.headDim() ||
         state.cache.maxPositions() != state_.cache.maxPositions() ||
         state.cache.length() != static_cast<std::int64_t>(state.tokens.size())) {
         throw std::invalid_argument("session state does not belong to this model");

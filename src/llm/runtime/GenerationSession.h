@@ -1,6 +1,7 @@
 #pragma once
 
 #include "llm/model/KvCache.h"
+#include "llm/model/ModelIdentity.h"
 #include "llm/model/Transformer.h"
 
 #include <atomic>
@@ -53,6 +54,7 @@ using TextCallback = std::function<void(std::string_view piece)>;
 class GenerationSession {
 public:
     struct State {
+        ModelIdentity model; // whose computation this is
         KvCache cache;
         std::vector<std::int32_t> tokens;
         std::vector<float> logits; // after the last token; empty when none was processed
@@ -72,6 +74,7 @@ public:
                               const TextCallback& onText);
 
     State saveState() const;
+    // Throws std::invalid_argument for a state another model (or weight type) computed.
     void restoreState(const State& state);
     void truncate(std::int64_t length); // forget tokens after the first `length`
 
