@@ -4,6 +4,7 @@
 #include "llm/model/ModelError.h"
 #include "llm/tensor/Quantization.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -98,18 +99,30 @@ private:
     std::size_t& bytes_;
 };
 
-} // namespace
-
-std::shared_ptr<const Model> Model::load(const std::filesystem::path& path) {
-    return fromFile(GgufFile::open(path));
+// Rows [first, first + count) of a bound matrix, as a matrix of their own.
+WeightMatrix rowBlock(const WeightMatrix& whole, std::int64_t first, std::int64_t count) {
+    WeightMatrix block = whole;
+    block.data = static_cast<const std::byte*>(whole.data) + static_cast<std::size_t>(first) * whole.rowBytes;
+    block.rows = count;
+    return block;
 }
 
-std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> file) {
+} // namespace
+
+std::shared_ptr<const Model> Model::load(const std::filesystem::path& path, std::int64_t contextLimit) {
+    return fromFile(GgufFile::open(path), contextLimit);
+}
+
+std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> file,
+                                             std::int64_t contextLimit) {
     std::shared_ptr<Model> model(new Model());
     model->file_ = std::move(file);
     const GgufFile& gguf = *model->file_;
     ModelConfig& config = model->config_;
     config = ModelConfig::fromGguf(gguf);
+    if (contextLimit > 0) {
+        config.contextLength = std::min(config.contextLength, contextLimit);
+    }
     model->identity_ = ModelIdentity::of(gguf);
     WeightBinder bind(gguf, model->decodedVectors_, model->weightBytes_);
 
@@ -132,9 +145,19 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
         const std::string prefix = "blk." + std::to_string(i) + ".";
         LayerWeights& layer = model->layers_[static_cast<std::size_t>(i)];
         layer.attentionNorm = bind.vector(prefix + "attn_norm.weight", hidden);
-        layer.query = bind.matrix(prefix + "attn_q.weight", config.queryWidth(), hidden);
-        layer.key = bind.matrix(prefix + "attn_k.weight", config.keyWidth(), hidden);
-        layer.value = bind.matrix(prefix + "attn_v.weight", config.valueWidth(), hidden);
+        if (bind.find(prefix + "attn_qkv.weight")) {
+            // Phi-3 stores q, k and v as consecutive row blocks of one matrix.
+            const WeightMatrix qkv =
+                bind.matrix(prefix + "attn_qkv.weight",
+                            config.queryWidth() + config.keyWidth() + config.valueWidth(), hidden);
+            layer.query = rowBlock(qkv, 0, config.queryWidth());
+            layer.key = rowBlock(qkv, config.queryWidth(), config.keyWidth());
+            layer.value = rowBlock(qkv, config.queryWidth() + config.keyWidth(), config.valueWidth());
+        } else {
+            layer.query = bind.matrix(prefix + "attn_q.weight", config.queryWidth(), hidden);
+            layer.key = bind.matrix(prefix + "attn_k.weight", config.keyWidth(), hidden);
+            layer.value = bind.matrix(prefix + "attn_v.weight", config.valueWidth(), hidden);
+        }
         layer.attentionOutput =
             bind.matrix(prefix + "attn_output.weight", hidden, config.headCount * config.valueDim);
         if (biases) {
@@ -152,16 +175,31 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
             layer.keyNorm = bind.vector(prefix + "attn_k_norm.weight", config.headDim);
         }
         layer.ffnNorm = bind.vector(prefix + "ffn_norm.weight", hidden);
-        layer.gate = bind.matrix(prefix + "ffn_gate.weight", config.feedForwardSize, hidden);
-        layer.up = bind.matrix(prefix + "ffn_up.weight", config.feedForwardSize, hidden);
+        if (bind.find(prefix + "ffn_gate.weight")) {
+            layer.gate = bind.matrix(prefix + "ffn_gate.weight", config.feedForwardSize, hidden);
+            layer.up = bind.matrix(prefix + "ffn_up.weight", config.feedForwardSize, hidden);
+        } else {
+            // Phi-3: the gate's rows, then the up projection's, in one matrix.
+            const WeightMatrix gateUp =
+                bind.matrix(prefix + "ffn_up.weight", 2 * config.feedForwardSize, hidden);
+            layer.gate = rowBlock(gateUp, 0, config.feedForwardSize);
+            layer.up = rowBlock(gateUp, config.feedForwardSize, config.feedForwardSize);
+        }
         layer.down = bind.matrix(prefix + "ffn_down.weight", hidden, config.feedForwardSize);
     }
-    model->ropeFrequencyFactors_ = bind.optionalVector("rope_freqs.weight", config.ropeDims / 2);
+    std::string factorsName = "rope_freqs.weight";
+    if (bind.find("rope_factors_long.weight") || bind.find("rope_factors_short.weight")) {
+        const bool extended = config.ropeScaling.originalContext > 0 &&
+                              config.contextLength > config.ropeScaling.originalContext;
+        factorsName = extended ? "rope_factors_long.weight" : "rope_factors_short.weight";
+        bind.require(factorsName);
+    }
+    model->ropeFrequencyFactors_ = bind.optionalVector(factorsName, config.ropeDims / 2);
     for (const float factor : model->ropeFrequencyFactors_) {
         if (!(factor > 0.0f) || !std::isfinite(factor)) {
-            throw ModelError(
-                "model tensor 'rope_freqs.weight' holds a factor that is not a positive number (" +
-                std::to_string(factor) + ")");
+            throw ModelError("model tensor '" + factorsName +
+                             "' holds a factor that is not a positive number (" + std::to_string(factor) +
+                             ")");
         }
     }
     model->outputNorm_ = bind.vector("output_norm.weight", hidden);

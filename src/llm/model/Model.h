@@ -35,9 +35,13 @@ struct LayerWeights {
 // A loaded model: hyper-parameters and weights, immutable and shareable across sessions.
 class Model {
 public:
-    static std::shared_ptr<const Model>
-    load(const std::filesystem::path& path); // throws GgufError, ModelError
-    static std::shared_ptr<const Model> fromFile(std::shared_ptr<const GgufFile> file); // throws ModelError
+    // `contextLimit` (when positive) caps the context below the file's: the context a session
+    // can fill, which also picks between context-dependent RoPE factors (Phi-3's short and long).
+    // Throw GgufError (load only) and ModelError.
+    static std::shared_ptr<const Model> load(const std::filesystem::path& path,
+                                             std::int64_t contextLimit = 0);
+    static std::shared_ptr<const Model> fromFile(std::shared_ptr<const GgufFile> file,
+                                                 std::int64_t contextLimit = 0);
 
     const ModelConfig& config() const { return config_; }
     const ModelIdentity& identity() const { return identity_; }
@@ -49,7 +53,9 @@ public:
     std::span<const float> outputNorm() const { return outputNorm_; }
     const WeightMatrix& output() const { return output_; }
     bool tiedOutput() const { return tiedOutput_; }
-    // Per-pair divisors of the RoPE frequencies (`rope_freqs.weight`), empty when absent.
+    // Per-pair divisors of the RoPE frequencies, empty when the file has none: Llama 3.x's
+    // `rope_freqs.weight`, or Phi-3's `rope_factors_short`/`_long` (long when the context
+    // exceeds the original one).
     std::span<const float> ropeFrequencyFactors() const { return ropeFrequencyFactors_; }
 
     // Bytes of all weight tensors (what generating a token reads).

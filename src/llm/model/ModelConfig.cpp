@@ -80,8 +80,11 @@ Architecture parseArchitecture(std::string_view name) {
     if (name == "qwen3") {
         return Architecture::qwen3;
     }
+    if (name == "phi3") {
+        return Architecture::phi3;
+    }
     throw ModelError("unsupported model architecture '" + std::string(name) +
-                     "' (supported: llama, qwen2, qwen3)");
+                     "' (supported: llama, qwen2, qwen3, phi3)");
 }
 
 RopeScaling readRopeScaling(const MetadataReader& meta, std::int64_t contextLength) {
@@ -98,6 +101,13 @@ RopeScaling readRopeScaling(const MetadataReader& meta, std::int64_t contextLeng
         }
     }
     if (type == "none") {
+        // Phi-3 long-context files scale the rotated values without naming a scaling type; the
+        // original context decides which of their per-pair factors apply.
+        scaling.attentionFactor = meta.real("rope.scaling.attn_factor").value_or(1.0);
+        scaling.originalContext = meta.integer("rope.scaling.original_context_length").value_or(0);
+        if (scaling.attentionFactor <= 0.0) {
+            throw ModelError("'" + meta.prefix() + "rope.scaling.attn_factor' must be positive");
+        }
         return scaling;
     }
     if (type != "linear" && type != "yarn") {
@@ -132,6 +142,8 @@ std::string_view architectureName(Architecture architecture) {
         return "qwen2";
     case Architecture::qwen3:
         return "qwen3";
+    case Architecture::phi3:
+        return "phi3";
     }
     return "unknown";
 }

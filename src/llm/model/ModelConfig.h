@@ -8,7 +8,7 @@ namespace parlune::llm {
 
 class GgufFile;
 
-enum class Architecture { llama, qwen2, qwen3 };
+enum class Architecture { llama, qwen2, qwen3, phi3 };
 
 // How the rotary embedding pairs up the dimensions of a head: `normal` rotates (2i, 2i+1),
 // `neox` rotates (i, i + rotated/2).
@@ -20,7 +20,7 @@ struct RopeScaling {
     RopeScalingKind kind = RopeScalingKind::none;
     double factor = 1.0;               // context extension factor (positions are divided by it)
     std::int64_t originalContext = 0;  // training context the extension is relative to (yarn)
-    double attentionFactor = 1.0;      // yarn magnitude scale of the rotated values
+    double attentionFactor = 1.0;      // magnitude scale of the rotated values (yarn, Phi-3 long context)
     double betaFast = 32.0;
     double betaSlow = 1.0;
 };

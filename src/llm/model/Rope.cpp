@@ -32,6 +32,7 @@ Rope::Rope(const ModelConfig& config, std::span<const float> frequencyFactors)
         }
     }
     const RopeScaling& scaling = config.ropeScaling;
+    magnitude_ = scaling.attentionFactor;
     if (scaling.kind == RopeScalingKind::none) {
         return;
     }
@@ -49,7 +50,7 @@ Rope::Rope(const ModelConfig& config, std::span<const float> frequencyFactors)
             const double y = (static_cast<double>(i) - low) / std::max(0.001, high - low);
             extrapolationMix_[static_cast<std::size_t>(i)] = 1.0 - std::clamp(y, 0.0, 1.0);
         }
-        magnitude_ = scaling.attentionFactor * (1.0 + 0.1 * std::log(scaling.factor));
+        magnitude_ *= 1.0 + 0.1 * std::log(scaling.factor);
     }
 }
 

@@ -392,9 +392,14 @@ GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
     for (std::int64_t l = 0; l < recipe.layerCount; ++l) {
         const std::string p = "blk." + std::to_string(l) + ".";
         tensors.norm(p + "attn_norm.weight", hidden);
-        tensors.projection(p + "attn_q.weight", l, hidden, hidden, recipe.queryKeyStdDev);
-        tensors.projection(p + "attn_k.weight", l, kvWidth, hidden, recipe.queryKeyStdDev);
-        tensors.matrix(p + "attn_v.weight", l, kvWidth, hidden);
+        const bool fused = recipe.architecture == Architecture::phi3;
+        if (fused) {
+            tensors.projection(p + "attn_qkv.weight", l, hidden + 2 * kvWidth, hidden, recipe.queryKeyStdDev);
+        } else {
+            tensors.projection(p + "attn_q.weight", l, hidden, hidden, recipe.queryKeyStdDev);
+            tensors.projection(p + "attn_k.weight", l, kvWidth, hidden, recipe.queryKeyStdDev);
+            tensors.matrix(p + "attn_v.weight", l, kvWidth, hidden);
+        }
         if (recipe.architecture == Architecture::qwen2) {
             tensors.bias(p + "attn_q.bias", hidden);
             tensors.bias(p + "attn_k.bias", kvWidth);
@@ -406,8 +411,12 @@ GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
         }
         tensors.matrix(p + "attn_output.weight", l, hidden, hidden);
         tensors.norm(p + "ffn_norm.weight", hidden);
-        tensors.matrix(p + "ffn_gate.weight", l, recipe.feedForwardSize, hidden);
-        tensors.matrix(p + "ffn_up.weight", l, recipe.feedForwardSize, hidden);
+        if (fused) {
+            tensors.matrix(p + "ffn_up.weight", l, 2 * recipe.feedForwardSize, hidden);
+        } else {
+            tensors.matrix(p + "ffn_gate.weight", l, recipe.feedForwardSize, hidden);
+            tensors.matrix(p + "ffn_up.weight", l, recipe.feedForwardSize, hidden);
+        }
         tensors.matrix(p + "ffn_down.weight", l, hidden, recipe.feedForwardSize);
     }
     tensors.norm("output_norm.weight", hidden);

@@ -79,11 +79,30 @@ std::vector<ConformanceCase> cases() {
         {"llama-w256-Q4_K_M", superBlocks},
         {"llama-w256-Q5_K_M", superBlocks},
         {"llama-w256-Q6_K", superBlocks},
+        {"phi3-tiny-f32", exact},
+        {"phi3-tiny-f32.ctx8192", exact},
+        {"phi3-tiny-Q8_0", byteActivations},
     };
 }
 
+// Expected files named NAME.ctxN were computed with a runtime context of N, the others with
+// one of at most 4096 (which selects Phi-3's short RoPE factors).
+struct FixtureRun {
+    std::string modelFile;
+    std::int64_t contextLimit;
+};
+
+FixtureRun runFor(const std::string& expectedName) {
+    const std::size_t mark = expectedName.find(".ctx");
+    if (mark == std::string::npos) {
+        return {expectedName, 4096};
+    }
+    return {expectedName.substr(0, mark), std::stoll(expectedName.substr(mark + 4))};
+}
+
 // The second set keeps each family's sequence in expected/FAMILY.tokens.txt.
-std::vector<std::int32_t> sequenceFor(const std::string& model) {
+std::vector<std::int32_t> sequenceFor(const std::string& expectedName) {
+    const std::string model = runFor(expectedName).modelFile;
     const std::filesystem::path listed =
         fixtures / "expected" / (model.substr(0, model.rfind('-')) + ".tokens.txt");
     if (std::filesystem::exists(listed)) {
@@ -116,7 +135,8 @@ protected:
 
 TEST_P(ModelConformance, LogitsOfEveryPositionMatchTheReference) {
     const ConformanceCase& c = GetParam();
-    const auto model = Model::load(fixtures / "models" / (c.model + ".gguf"));
+    const FixtureRun run = runFor(c.model);
+    const auto model = Model::load(fixtures / "models" / (run.modelFile + ".gguf"), run.contextLimit);
     const std::vector<float> expected = readFloats(fixtures / "expected" / (c.model + ".logits.f32"));
     const std::vector<std::int32_t> tokens = sequenceFor(c.model);
     ASSERT_EQ(expected.size(), tokens.size() * static_cast<std::size_t>(model->config().vocabularySize));
@@ -162,8 +182,9 @@ protected:
 
 TEST_P(GreedyConformance, ContinuationMatchesUpToTheFirstNearTie) {
     const std::string name = GetParam();
-    const auto file = GgufFile::open(fixtures / "models" / (name + ".gguf"));
-    const auto model = Model::fromFile(file);
+    const FixtureRun run = runFor(name);
+    const auto file = GgufFile::open(fixtures / "models" / (run.modelFile + ".gguf"));
+    const auto model = Model::fromFile(file, run.contextLimit);
     std::ifstream in(fixtures / "expected" / (name + ".greedy.txt"));
     std::vector<std::int32_t> expected;
     std::string line;

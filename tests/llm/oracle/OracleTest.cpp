@@ -35,7 +35,8 @@ struct OracleCase {
 
 std::vector<OracleCase> cases() {
     std::vector<OracleCase> all;
-    for (const Architecture architecture : {Architecture::llama, Architecture::qwen2, Architecture::qwen3}) {
+    for (const Architecture architecture :
+         {Architecture::llama, Architecture::qwen2, Architecture::qwen3, Architecture::phi3}) {
         OracleCase c{std::string(architectureName(architecture)),
                      *TestModelRecipe::shape("tiny", architecture)};
         c.recipe.seed = 7;
