@@ -256,6 +256,20 @@ TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
 // Families the engine supports beyond the built-in test vocabulary, each with a real
 // vocabulary and its real chat template from the shared fixtures: the client's whole rewrite
 // runs on them, cache included.
+void expectRewritesEndToEnd(const std::filesystem::path& path, std::string_view architecture) {
+    const ModelFileReport report = ModelLocator::inspect(path, ModelFileReport::Source::setting);
+    ASSERT_TRUE(report.usable()) << report.problem;
+    EXPECT_EQ(report.architecture, architecture);
+
+    LlmLanguageModelFramework framework(optionsFor(path));
+    OnDeviceModelClient client(framework, nullptr);
+    const QString expected = expectedConciseRewrite(path, text);
+    ASSERT_FALSE(expected.trimmed().isEmpty());
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
+    EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
+}
+
 struct FamilyCase {
     const char* name;
     llm::Architecture architecture;
@@ -288,17 +302,7 @@ TEST_P(FamilyRewriteTest, RewritesEndToEndWithItsRealTemplate) {
     const std::filesystem::path path = std::filesystem::path(folder.path().toStdString()) / "model.gguf";
     llm::TestModelMaker::write(recipe, path);
 
-    const ModelFileReport report = ModelLocator::inspect(path, ModelFileReport::Source::setting);
-    ASSERT_TRUE(report.usable()) << report.problem;
-    EXPECT_EQ(report.architecture, llm::architectureName(c.architecture));
-
-    LlmLanguageModelFramework framework(optionsFor(path));
-    OnDeviceModelClient client(framework, nullptr);
-    const QString expected = expectedConciseRewrite(path, text);
-    ASSERT_FALSE(expected.trimmed().isEmpty());
-    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
-    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
-    EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
+    expectRewritesEndToEnd(path, llm::architectureName(c.architecture));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -308,6 +312,25 @@ INSTANTIATE_TEST_SUITE_P(
                                  "microsoft-Phi-3.5-mini-instruct.jinja"},
                       FamilyCase{"smollm3", llm::Architecture::llama, "", "HuggingFaceTB-SmolLM3-3B.jinja"}),
     [](const ::testing::TestParamInfo<FamilyCase>& test) { return std::string(test.param.name); });
+
+// The shared random-weight files of the families, as a user would install them.
+class FixtureModelRewriteTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(FixtureModelRewriteTest, RewritesEndToEnd) {
+    const std::filesystem::path path = std::filesystem::path(PARLUNE_LLM_FIXTURES) / "models" / GetParam();
+    if (!std::filesystem::exists(path)) {
+        GTEST_SKIP() << "shared engine fixture " << path << " not found (a plain clone has none)";
+    }
+    if (!LlmLanguageModelFramework::processorIsEligible()) {
+        GTEST_SKIP() << "this processor lacks AVX2/FMA, so the model reports itself unavailable";
+    }
+    const std::string name = GetParam();
+    expectRewritesEndToEnd(path, name.substr(0, name.find('-')));
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, FixtureModelRewriteTest,
+                         ::testing::Values("gemma3-tiny-Q8_0.gguf", "phi3-tiny-Q8_0.gguf",
+                                           "qwen3-tiny-Q8_0.gguf"));
 
 } // namespace
 } // namespace parlune

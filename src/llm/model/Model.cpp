@@ -139,7 +139,9 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
 
     const std::int64_t hidden = config.hiddenSize;
     const bool biases = config.architecture == Architecture::qwen2;
-    const bool headNorms = config.architecture == Architecture::qwen3;
+    const bool headNorms =
+        config.architecture == Architecture::qwen3 || config.architecture == Architecture::gemma3;
+    const bool postNorms = config.architecture == Architecture::gemma3;
     model->layers_.resize(static_cast<std::size_t>(config.layerCount));
     for (std::int64_t i = 0; i < config.layerCount; ++i) {
         const std::string prefix = "blk." + std::to_string(i) + ".";
@@ -175,6 +177,10 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
             layer.keyNorm = bind.vector(prefix + "attn_k_norm.weight", config.headDim);
         }
         layer.ffnNorm = bind.vector(prefix + "ffn_norm.weight", hidden);
+        if (postNorms) {
+            layer.postAttentionNorm = bind.vector(prefix + "post_attention_norm.weight", hidden);
+            layer.postFeedForwardNorm = bind.vector(prefix + "post_ffw_norm.weight", hidden);
+        }
         if (bind.find(prefix + "ffn_gate.weight")) {
             layer.gate = bind.matrix(prefix + "ffn_gate.weight", config.feedForwardSize, hidden);
             layer.up = bind.matrix(prefix + "ffn_up.weight", config.feedForwardSize, hidden);

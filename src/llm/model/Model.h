@@ -24,9 +24,11 @@ struct LayerWeights {
     std::span<const float> queryBias; // empty when the architecture has none
     std::span<const float> keyBias;
     std::span<const float> valueBias;
-    std::span<const float> queryNorm; // per-head RMSNorm (qwen3), empty otherwise
+    std::span<const float> queryNorm; // per-head RMSNorm (qwen3, gemma3), empty otherwise
     std::span<const float> keyNorm;
+    std::span<const float> postAttentionNorm; // Gemma 3: on the attention output, empty otherwise
     std::span<const float> ffnNorm;
+    std::span<const float> postFeedForwardNorm; // Gemma 3: on the feed-forward output
     WeightMatrix gate;
     WeightMatrix up;
     WeightMatrix down;

@@ -330,6 +330,14 @@ GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
     writer.setUInt32(arch + ".attention.head_count_kv", static_cast<std::uint32_t>(recipe.kvHeadCount));
     writer.setFloat32(arch + ".attention.layer_norm_rms_epsilon", static_cast<float>(recipe.rmsEpsilon));
     writer.setFloat32(arch + ".rope.freq_base", static_cast<float>(recipe.ropeFreqBase));
+    if (recipe.slidingWindow > 0) {
+        writer.setUInt32(arch + ".attention.sliding_window",
+                         static_cast<std::uint32_t>(recipe.slidingWindow));
+    }
+    if (recipe.slidingWindowPeriod > 0) {
+        writer.setUInt32(arch + ".attention.sliding_window_pattern",
+                         static_cast<std::uint32_t>(recipe.slidingWindowPeriod));
+    }
     if (recipe.ropeScaling.kind != RopeScalingKind::none) {
         writer.setString(arch + ".rope.scaling.type",
                          recipe.ropeScaling.kind == RopeScalingKind::yarn ? "yarn" : "linear");
@@ -405,9 +413,14 @@ GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
             tensors.bias(p + "attn_k.bias", kvWidth);
             tensors.bias(p + "attn_v.bias", kvWidth);
         }
-        if (recipe.architecture == Architecture::qwen3) {
+        const bool gemma = recipe.architecture == Architecture::gemma3;
+        if (recipe.architecture == Architecture::qwen3 || gemma) {
             tensors.norm(p + "attn_q_norm.weight", headDim);
             tensors.norm(p + "attn_k_norm.weight", headDim);
+        }
+        if (gemma) {
+            tensors.norm(p + "post_attention_norm.weight", hidden);
+            tensors.norm(p + "post_ffw_norm.weight", hidden);
         }
         tensors.matrix(p + "attn_output.weight", l, hidden, hidden);
         tensors.norm(p + "ffn_norm.weight", hidden);

@@ -42,6 +42,10 @@ struct TestModelRecipe {
     double ropeFreqBase = 10000.0;
     double rmsEpsilon = 1e-5;
     RopeScaling ropeScaling;
+    // Gemma 3 only: `attention.sliding_window` and `attention.sliding_window_pattern` (0: not
+    // written, so the engine's defaults apply).
+    std::int64_t slidingWindow = 0;
+    std::int64_t slidingWindowPeriod = 0;
     // Written as `rope_freqs.weight` when not empty (one divisor per rotated pair).
     std::vector<float> ropeFrequencyFactors;
     // Standard deviation of the query and key projections: larger values make attention peaked,

@@ -49,6 +49,13 @@ std::vector<OracleCase> cases() {
     grouped.recipe.kvHeadCount = 2;
     grouped.recipe.tiedOutput = false;
     all.push_back(grouped);
+    // Windows of 8 over 40 positions, every second layer global, so both kinds are checked.
+    OracleCase gemma{"gemma3_sliding_window", *TestModelRecipe::shape("tiny", Architecture::gemma3)};
+    gemma.recipe.layerCount = 4;
+    gemma.recipe.slidingWindow = 8;
+    gemma.recipe.slidingWindowPeriod = 2;
+    gemma.recipe.queryKeyStdDev = 0.1;
+    all.push_back(gemma);
     OracleCase wide{"llama_one_kv_head_linear_rope", *TestModelRecipe::shape("tiny", Architecture::llama)};
     wide.recipe.headCount = 2;
     wide.recipe.kvHeadCount = 1;

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Independent NumPy forward pass of a GGUF decoder (llama, qwen2, qwen3, phi3) in float64.
+"""Independent NumPy forward pass of a GGUF decoder (llama, qwen2, qwen3, phi3, gemma3) in float64.
 
 Usage: forward.py [--context N] MODEL.gguf OUT.f32 TOKEN [TOKEN ...]
 --context is the runtime context (default: the file's); it picks Phi-3's short or long factors.
@@ -127,9 +127,20 @@ def forward(meta, t, tokens, context=None):
     n = len(tokens)
     positions = np.arange(n, dtype=np.float64)
     x = t["token_embd.weight"][tokens]
-    mask = np.triu(np.full((n, n), -np.inf), 1)
+    causal = np.triu(np.full((n, n), -np.inf), 1)
+    gemma = arch == "gemma3"
+    window, period, base_local = 0, 0, base
+    if gemma:
+        x = x * np.sqrt(hidden)
+        window = meta.get(p + "attention.sliding_window", 0)
+        period = meta.get(p + "attention.sliding_window_pattern", 6)
+        base_local = meta.get(p + "rope.freq_base_swa", 10000.0)
+    distance = positions[:, None] - positions[None, :]
     for i in range(layers):
         b = f"blk.{i}."
+        local = window > 0 and (period <= 0 or (i + 1) % period != 0)
+        mask = np.where(distance >= window, -np.inf, causal) if local else causal
+        layer_base, layer_scale = (base_local, 1.0) if local else (base, scale)
         h = rms_norm(x, t[b + "attn_norm.weight"], eps)
         if b + "attn_qkv.weight" in t:
             qkv = h @ t[b + "attn_qkv.weight"].T
@@ -144,8 +155,8 @@ def forward(meta, t, tokens, context=None):
         if b + "attn_q_norm.weight" in t:
             q = rms_norm(q, t[b + "attn_q_norm.weight"], eps)
             k = rms_norm(k, t[b + "attn_k_norm.weight"], eps)
-        q = rope(q, positions, base, layout, scale, factors, magnitude)
-        k = rope(k, positions, base, layout, scale, factors, magnitude)
+        q = rope(q, positions, layer_base, layout, layer_scale, factors, magnitude)
+        k = rope(k, positions, layer_base, layout, layer_scale, factors, magnitude)
         group = heads // kv_heads
         out = np.empty((n, heads, head_dim))
         for hd in range(heads):
@@ -153,13 +164,23 @@ def forward(meta, t, tokens, context=None):
             weights = np.exp(scores - scores.max(axis=1, keepdims=True))
             weights /= weights.sum(axis=1, keepdims=True)
             out[:, hd] = weights @ v[:, hd // group]
-        x = x + out.reshape(n, heads * head_dim) @ t[b + "attn_output.weight"].T
+        attended = out.reshape(n, heads * head_dim) @ t[b + "attn_output.weight"].T
+        if gemma:
+            attended = rms_norm(attended, t[b + "post_attention_norm.weight"], eps)
+        x = x + attended
         h = rms_norm(x, t[b + "ffn_norm.weight"], eps)
         if b + "ffn_gate.weight" in t:
             gate, up = h @ t[b + "ffn_gate.weight"].T, h @ t[b + "ffn_up.weight"].T
         else:
             gate, up = np.split(h @ t[b + "ffn_up.weight"].T, 2, axis=1)
-        x = x + (gate / (1.0 + np.exp(-gate)) * up) @ t[b + "ffn_down.weight"].T
+        if gemma:
+            active = 0.5 * gate * (1.0 + np.tanh(np.sqrt(2.0 / np.pi) * (gate + 0.044715 * gate ** 3)))
+        else:
+            active = gate / (1.0 + np.exp(-gate))
+        ffn_out = (active * up) @ t[b + "ffn_down.weight"].T
+        if gemma:
+            ffn_out = rms_norm(ffn_out, t[b + "post_ffw_norm.weight"], eps)
+        x = x + ffn_out
     x = rms_norm(x, t["output_norm.weight"], eps)
     output = t.get("output.weight", t["token_embd.weight"])
     return x @ output.T
