@@ -1,6 +1,7 @@
 #include "llm/runtime/GenerationSession.h"
 
 #include "llm/model/Model.h"
+#include "llm/runtime/DraftSource.h"
 #include "llm/runtime/TokenConstraint.h"
 #include "llm/tokenizer/TokenDecoder.h"
 #include "llm/tokenizer/Tokenizer.h"
@@ -131,16 +132,73 @@ GenerationResult GenerationSession::generate(std::span<const std::int32_t> promp
             result.stopReason = StopReason::endOfGeneration;
             break;
         }
-        if (state_.cache.length() >= state_.cache.maxPositions()) {
+        const auto pendingDraft = static_cast<std::int64_t>(draftTokens_.size() - draftTaken_);
+        if (state_.cache.length() - pendingDraft >= state_.cache.maxPositions()) {
             result.stopReason = StopReason::contextFull;
             break;
         }
-        const std::int32_t step[] = {next};
-        append(step);
+        if (advance(next, options, options.maxNewTokens - produced - 1)) {
+            ++result.draftTokensAccepted;
+        }
     }
+    dropDraft();
     emit(decoder.flush());
     result.generationSeconds = secondsSince(generationStart);
     return result;
+}
+
+bool GenerationSession::advance(std::int32_t token, const GenerationOptions& options,
+                                std::int64_t remainingTokens) {
+    if (draftTaken_ < draftTokens_.size()) {
+        if (draftTokens_[draftTaken_] == token) {
+            const auto vocabulary = static_cast<std::ptrdiff_t>(state_.logits.size());
+            const auto row = draftLogits_.begin() + static_cast<std::ptrdiff_t>(draftTaken_) * vocabulary;
+            std::copy(row, row + vocabulary, state_.logits.begin());
+            ++draftTaken_;
+            return true;
+        }
+        dropDraft();
+    }
+    std::vector<std::int32_t> batch{token};
+    if (options.draft && remainingTokens > 1) {
+        // The last token generated is never fed, so guesses beyond remainingTokens - 1 are waste.
+        const std::int64_t room = state_.cache.maxPositions() - state_.cache.length() - 1;
+        const std::int64_t most = std::min({options.maxDraftTokens, remainingTokens - 1, room});
+        if (most > 0) {
+            std::vector<std::int32_t> guess = options.draft->propose(
+                [&] {
+                    std::vector<std::int32_t> context = state_.tokens;
+                    context.push_back(token);
+                    return context;
+                }(),
+                most);
+            guess.resize(std::min<std::size_t>(guess.size(), static_cast<std::size_t>(most)));
+            batch.insert(batch.end(), guess.begin(), guess.end());
+        }
+    }
+    if (batch.size() == 1) {
+        append(batch);
+        return false;
+    }
+    std::vector<float> rows;
+    transformer_.forward(batch, state_.cache, rows, true);
+    state_.tokens.insert(state_.tokens.end(), batch.begin(), batch.end());
+    const std::size_t vocabulary = rows.size() / batch.size();
+    state_.logits.assign(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(vocabulary));
+    draftTokens_.assign(batch.begin() + 1, batch.end());
+    draftLogits_.assign(rows.begin() + static_cast<std::ptrdiff_t>(vocabulary), rows.end());
+    draftTaken_ = 0;
+    return false;
+}
+
+void GenerationSession::dropDraft() {
+    const auto unused = static_cast<std::int64_t>(draftTokens_.size() - draftTaken_);
+    const auto length = static_cast<std::int64_t>(state_.tokens.size()) - unused;
+    state_.cache.truncate(length);
+    state_.tokens.resize(static_cast<std::size_t>(length));
+    draftTokens_.clear();
+    draftLogits_.clear();
+    draftTaken_ = 0;
 }
 
 GenerationSession::State GenerationSession::saveState() const {

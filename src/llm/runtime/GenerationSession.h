@@ -19,6 +19,7 @@ class Model;
 class Tokenizer;
 class ThreadPool;
 
+class DraftSource;
 class TokenConstraint;
 
 struct GenerationOptions {
@@ -29,6 +30,8 @@ struct GenerationOptions {
     // Off only to follow a reference decoder that picks the plain argmax.
     bool onlyAnswerTokens = true;
     TokenConstraint* constraint = nullptr; // chooses the tokens instead of greedy argmax
+    DraftSource* draft = nullptr;          // guesses checked in one batch each step
+    std::int64_t maxDraftTokens = 4;
 };
 
 enum class StopReason { endOfGeneration, maxTokens, stopRequested, contextFull, constraintFailed };
@@ -40,8 +43,9 @@ struct GenerationResult {
     std::int64_t promptTokensComputed = 0; // prompt tokens not found in the cache
     std::int64_t promptTokensReused = 0;
     double promptSeconds = 0.0;
-    double firstTokenSeconds = 0.0; // from the call to the first token chosen
-    double generationSeconds = 0.0; // from the first generated token's logits to the end
+    double firstTokenSeconds = 0.0;       // from the call to the first token chosen
+    double generationSeconds = 0.0;       // from the first generated token's logits to the end
+    std::int64_t draftTokensAccepted = 0; // generated tokens that needed no step of their own
 };
 
 // Receives decoded text as it is generated, in whole UTF-8 characters.
@@ -90,12 +94,22 @@ public:
 private:
     void append(std::span<const std::int32_t> tokens);
     std::int32_t chooseToken(const GenerationOptions& options, std::int64_t remainingTokens);
+    // Feeds the chosen token: taken from the verified draft when it is the draft's next token,
+    // else computed, together with a new draft when there is a source. Returns whether the
+    // draft already held it.
+    bool advance(std::int32_t token, const GenerationOptions& options, std::int64_t remainingTokens);
+    // Forgets the drafted tokens not taken, keeping the current logits.
+    void dropDraft();
 
     std::shared_ptr<const Model> model_;
     std::shared_ptr<const Tokenizer> tokenizer_;
     Transformer transformer_;
     State state_;
     std::vector<float> masked_; // logits with the tokens an answer never holds removed
+    // Drafted tokens already in the cache after the current logits, and the logits after each.
+    std::vector<std::int32_t> draftTokens_;
+    std::vector<float> draftLogits_;
+    std::size_t draftTaken_ = 0;
 };
 
 } // namespace parlune::llm
