@@ -168,6 +168,15 @@ int info(Arguments args) {
         std::printf(", %s scaling x%g", c.ropeScaling.kind == RopeScalingKind::yarn ? "yarn" : "linear",
                     c.ropeScaling.factor);
     }
+    if (!model->ropeFrequencyFactors().empty()) {
+        std::printf(", per-pair frequency factors %g..%g", model->ropeFrequencyFactors().front(),
+                    model->ropeFrequencyFactors().back());
+    }
+    if (c.slidingWindow > 0) {
+        std::printf(", sliding window %lld in all but every %lld-th layer (base %g)",
+                    static_cast<long long>(c.slidingWindow), static_cast<long long>(c.slidingWindowPeriod),
+                    c.slidingRopeFreqBase);
+    }
     std::printf(")\n");
     std::printf(
         "shape:         hidden %lld, layers %lld, heads %lld, kv heads %lld, head dim %lld, ffn %lld, "
