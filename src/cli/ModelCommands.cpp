@@ -14,11 +14,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -35,8 +37,11 @@ constexpr const char* usageText =
     "usage:\n"
     "  parlune-cli model info FILE\n"
     "  parlune-cli model generate FILE --prompt TEXT [--system TEXT] [--max N] [--raw] [--threads N]\n"
+    "  parlune-cli model logits FILE --tokens IDS -o OUT [--threads N]\n"
+    "                              (IDS: token ids separated by spaces or commas;\n"
+    "                              OUT: float32 logits of every position, [positions][vocabulary])\n"
     "  parlune-cli model bench FILE [--threads N] [--prompt-tokens 128] [--gen-tokens 64] [--runs 5]\n"
-    "  parlune-cli model make-test --arch llama|qwen2|qwen3 --shape tiny|135m|0.5b --type TYPE\n"
+    "  parlune-cli model make-test --arch llama|qwen2|qwen3|phi3|gemma3 --shape tiny|135m|0.5b --type TYPE\n"
     "                              [--vocab VOCAB.gguf] [--untied] [--seed N] OUT\n"
     "  TYPE: f32 f16 bf16 q4_0 q4_1 q5_0 q5_1 q8_0 q4_k q5_k q6_k q4_k_m\n";
 
@@ -51,7 +56,7 @@ public:
     Arguments(const std::vector<std::string>& arguments, const std::vector<std::string>& flags) {
         for (std::size_t i = 0; i < arguments.size(); ++i) {
             const std::string& a = arguments[i];
-            if (!a.starts_with("--")) {
+            if (!a.starts_with("--") && a != "-o") {
                 positional_.push_back(a);
             } else if (std::find(flags.begin(), flags.end(), a) != flags.end()) {
                 options_[a] = "";
@@ -112,7 +117,9 @@ private:
     std::map<std::string, std::string> options_;
 };
 
-int defaultThreads() { return static_cast<int>(std::max(1u, std::thread::hardware_concurrency())); }
+int defaultThreads() {
+    return static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+}
 
 double peakRssMiB() {
     rusage usage{};
@@ -138,8 +145,8 @@ std::string typeSummary(const GgufFile& file) {
     std::string text;
     for (const auto& [name, entry] : byType) {
         char line[96];
-        std::snprintf(line, sizeof line, "%s%s x%d (%.1f MB)", text.empty() ? "" : ", ", name.c_str(), entry.first,
-                      static_cast<double>(entry.second) / 1e6);
+        std::snprintf(line, sizeof line, "%s%s x%d (%.1f MB)", text.empty() ? "" : ", ", name.c_str(),
+                      entry.first, static_cast<double>(entry.second) / 1e6);
         text += line;
     }
     return text;
@@ -161,14 +168,25 @@ int info(Arguments args) {
         std::printf(", %s scaling x%g", c.ropeScaling.kind == RopeScalingKind::yarn ? "yarn" : "linear",
                     c.ropeScaling.factor);
     }
+    if (!model->ropeFrequencyFactors().empty()) {
+        std::printf(", per-pair frequency factors %g..%g", model->ropeFrequencyFactors().front(),
+                    model->ropeFrequencyFactors().back());
+    }
+    if (c.slidingWindow > 0) {
+        std::printf(", sliding window %lld in all but every %lld-th layer (base %g)",
+                    static_cast<long long>(c.slidingWindow), static_cast<long long>(c.slidingWindowPeriod),
+                    c.slidingRopeFreqBase);
+    }
     std::printf(")\n");
-    std::printf("shape:         hidden %lld, layers %lld, heads %lld, kv heads %lld, head dim %lld, ffn %lld, "
-                "vocabulary %lld\n",
-                static_cast<long long>(c.hiddenSize), static_cast<long long>(c.layerCount),
-                static_cast<long long>(c.headCount), static_cast<long long>(c.kvHeadCount),
-                static_cast<long long>(c.headDim), static_cast<long long>(c.feedForwardSize),
-                static_cast<long long>(c.vocabularySize));
-    std::printf("output:        %s\n", model->tiedOutput() ? "tied to the token embedding" : "separate matrix");
+    std::printf(
+        "shape:         hidden %lld, layers %lld, heads %lld, kv heads %lld, head dim %lld, ffn %lld, "
+        "vocabulary %lld\n",
+        static_cast<long long>(c.hiddenSize), static_cast<long long>(c.layerCount),
+        static_cast<long long>(c.headCount), static_cast<long long>(c.kvHeadCount),
+        static_cast<long long>(c.headDim), static_cast<long long>(c.feedForwardSize),
+        static_cast<long long>(c.vocabularySize));
+    std::printf("output:        %s\n",
+                model->tiedOutput() ? "tied to the token embedding" : "separate matrix");
     std::printf("weights:       %.1f MB: %s\n", static_cast<double>(model->weightBytes()) / 1e6,
                 typeSummary(*file).c_str());
     std::printf("context:       %lld tokens\n", static_cast<long long>(c.contextLength));
@@ -202,11 +220,16 @@ int info(Arguments args) {
 
 std::atomic<bool> interrupted{false};
 
-extern "C" void onInterrupt(int) { interrupted.store(true); }
+extern "C" void onInterrupt(int) {
+    interrupted.store(true);
+}
 
-std::vector<std::int32_t> promptTokens(const Tokenizer& tokenizer, const GgufFile& file, const std::string& system,
-                                       const std::string& user, bool raw) {
-    std::string text = user;
+// The prompt as the product sends it: the chat template's turns around the user's text, which
+// stays literal (a "<|im_end|>" typed in it is text, not the end of the turn). With `raw`, the
+// text goes to the model as given and special-token spellings in it are those tokens.
+std::vector<std::int32_t> promptTokens(const Tokenizer& tokenizer, const GgufFile& file,
+                                       const std::string& system, const std::string& user, bool raw) {
+    ChatPrompt prompt{user, {}};
     bool bos = tokenizer.addBosByDefault();
     if (!raw) {
         const auto chatTemplate = file.getString("tokenizer.chat_template");
@@ -214,14 +237,14 @@ std::vector<std::int32_t> promptTokens(const Tokenizer& tokenizer, const GgufFil
             throw UsageError("the model has no chat template; use --raw");
         }
         const ChatFormat format = ChatFormat::fromTemplate(*chatTemplate);
-        text = format.formatPrompt(system, user);
+        prompt = format.buildPrompt(system, user);
         bos = bos && !format.includesBos();
     }
     std::vector<std::int32_t> tokens;
     if (bos && tokenizer.bosToken()) {
         tokens.push_back(*tokenizer.bosToken());
     }
-    const std::vector<std::int32_t> body = tokenizer.encode(text, !raw);
+    const std::vector<std::int32_t> body = tokenizer.encode(prompt.text, prompt.content);
     tokens.insert(tokens.end(), body.begin(), body.end());
     return tokens;
 }
@@ -253,12 +276,74 @@ int generate(Arguments args) {
         std::fflush(stdout);
     });
     std::signal(SIGINT, SIG_DFL);
-    static constexpr const char* reasons[] = {"end of turn", "token limit", "interrupted", "context full"};
+    static constexpr const char* reasons[] = {"end of turn", "token limit", "interrupted", "context full",
+                                              "no token fits the constraint"};
     std::fprintf(stderr, "\n[%zu prompt tokens at %.1f tok/s; %zu generated at %.1f tok/s; stopped: %s]\n",
                  tokens.size(), static_cast<double>(tokens.size()) / std::max(result.promptSeconds, 1e-9),
                  result.tokens.size(),
                  static_cast<double>(result.tokens.size()) / std::max(result.generationSeconds, 1e-9),
                  reasons[static_cast<int>(result.stopReason)]);
+    return 0;
+}
+
+std::vector<std::int32_t> parseTokenIds(const std::string& text) {
+    std::vector<std::int32_t> ids;
+    std::size_t at = 0;
+    while (at < text.size()) {
+        if (text[at] == ' ' || text[at] == ',' || text[at] == '\n' || text[at] == '\t') {
+            ++at;
+            continue;
+        }
+        std::size_t used = 0;
+        long long value = -1;
+        try {
+            value = std::stoll(text.substr(at), &used);
+        } catch (const std::exception&) {
+            used = 0;
+        }
+        if (used == 0 || value < 0 || value > std::numeric_limits<std::int32_t>::max()) {
+            throw UsageError("--tokens: '" + text.substr(at, 12) + "' is not a token id");
+        }
+        ids.push_back(static_cast<std::int32_t>(value));
+        at += used;
+    }
+    if (ids.empty()) {
+        throw UsageError("--tokens needs at least one token id");
+    }
+    return ids;
+}
+
+// Raw logits for comparing the engine with a reference offline: the tokens run as one batch
+// and every position's row is written as little-endian float32.
+int logits(Arguments args) {
+    const std::optional<std::string> tokenText = args.take("--tokens");
+    std::optional<std::string> out = args.take("-o");
+    if (!out) {
+        out = args.take("--output");
+    }
+    const int threads = static_cast<int>(args.number("--threads", defaultThreads(), 1, 256));
+    const std::string path = args.onlyPositional("model file");
+    args.finish();
+    if (!tokenText || !out) {
+        throw UsageError("logits needs --tokens IDS and -o OUT");
+    }
+    const std::vector<std::int32_t> tokens = parseTokenIds(*tokenText);
+    const auto model = Model::load(path);
+    ThreadPool pool(threads);
+    Transformer transformer(model, pool);
+    KvCache cache(model->config());
+    std::vector<float> values;
+    transformer.forward(tokens, cache, values, true);
+    static_assert(std::endian::native == std::endian::little);
+    std::ofstream file(*out, std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(values.data()),
+               static_cast<std::streamsize>(values.size() * sizeof(float)));
+    file.close();
+    if (!file) {
+        throw std::runtime_error("cannot write " + *out);
+    }
+    std::fprintf(stderr, "wrote %zu positions x %lld logits to %s\n", tokens.size(),
+                 static_cast<long long>(model->config().vocabularySize), out->c_str());
     return 0;
 }
 
@@ -288,35 +373,30 @@ int bench(Arguments args) {
     if (promptCount + genCount > c.contextLength) {
         throw UsageError("--prompt-tokens plus --gen-tokens exceed the model's context");
     }
+    // Through the generation loop the product uses; end-of-generation tokens are ignored so
+    // every run generates exactly genCount tokens.
     ThreadPool pool(threads);
-    Transformer transformer(model, pool);
-    KvCache cache(c);
-    std::vector<float> logits;
+    const std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(model->file());
     std::vector<std::int32_t> prompt(static_cast<std::size_t>(promptCount));
+    const auto vocabulary = static_cast<std::uint64_t>(tokenizer->vocabularySize());
     for (std::size_t i = 0; i < prompt.size(); ++i) {
-        prompt[i] = static_cast<std::int32_t>((i * 2654435761u + 17) % static_cast<std::uint64_t>(c.vocabularySize));
+        prompt[i] = static_cast<std::int32_t>((i * 2654435761u + 17) % vocabulary);
     }
+    GenerationOptions options;
+    options.maxNewTokens = genCount + 1; // the first comes from the prompt's logits
+    options.ignoreEndOfGeneration = true;
     std::vector<double> promptRates;
     std::vector<double> genRates;
     double generatingRss = 0.0;
+    std::size_t cacheBytes = 0;
     for (std::int64_t run = -1; run < runs; ++run) { // run -1 warms caches and the page mapping
-        cache.clear();
-        auto start = std::chrono::steady_clock::now();
-        transformer.forward(prompt, cache, logits);
-        const double promptSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        cache.clear();
-        std::int32_t token = prompt.front();
-        start = std::chrono::steady_clock::now();
-        for (std::int64_t i = 0; i < genCount; ++i) {
-            const std::int32_t step[] = {token};
-            transformer.forward(step, cache, logits);
-            token = GenerationSession::argmax(logits);
-        }
-        const double genSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        GenerationSession session(model, tokenizer, pool);
+        const GenerationResult result = session.generate(prompt, options, {});
         generatingRss = std::max(generatingRss, currentRssMiB());
+        cacheBytes = session.cache().allocatedBytes();
         if (run >= 0) {
-            promptRates.push_back(static_cast<double>(promptCount) / promptSeconds);
-            genRates.push_back(static_cast<double>(genCount) / genSeconds);
+            promptRates.push_back(static_cast<double>(promptCount) / result.promptSeconds);
+            genRates.push_back(static_cast<double>(genCount) / result.generationSeconds);
         }
     }
     const Spread p = spread(promptRates);
@@ -324,13 +404,13 @@ int bench(Arguments args) {
     std::printf("model:       %s (%s, %.1f MB of weights)\n", path.c_str(), c.architectureName.c_str(),
                 static_cast<double>(model->weightBytes()) / 1e6);
     std::printf("threads:     %d, runs: %lld (after one warm-up)\n", threads, static_cast<long long>(runs));
-    std::printf("prompt %-5lld %8.1f tok/s median (min %.1f, max %.1f)\n", static_cast<long long>(promptCount),
-                p.median, p.low, p.high);
+    std::printf("prompt %-5lld %8.1f tok/s median (min %.1f, max %.1f)\n",
+                static_cast<long long>(promptCount), p.median, p.low, p.high);
     std::printf("generate %-3lld %8.1f tok/s median (min %.1f, max %.1f), weights read at %.1f GB/s\n",
                 static_cast<long long>(genCount), g.median, g.low, g.high,
                 g.median * static_cast<double>(model->weightBytes()) / 1e9);
-    std::printf("memory:      peak RSS %.1f MiB, RSS while generating %.1f MiB, KV cache %.1f MiB\n", peakRssMiB(),
-                generatingRss, static_cast<double>(cache.allocatedBytes()) / (1024.0 * 1024.0));
+    std::printf("memory:      peak RSS %.1f MiB, RSS while generating %.1f MiB, KV cache %.1f MiB\n",
+                peakRssMiB(), generatingRss, static_cast<double>(cacheBytes) / (1024.0 * 1024.0));
     return 0;
 }
 
@@ -345,7 +425,8 @@ int makeTest(Arguments args) {
     args.finish();
 
     std::optional<Architecture> architecture;
-    for (const Architecture a : {Architecture::llama, Architecture::qwen2, Architecture::qwen3}) {
+    for (const Architecture a :
+         {Architecture::llama, Architecture::qwen2, Architecture::qwen3, Architecture::phi3}) {
         if (architectureName(a) == archName) {
             architecture = a;
         }
@@ -369,7 +450,8 @@ int makeTest(Arguments args) {
     }
     recipe->name = "random " + archName + " " + shapeName + " " + scheme->name();
     TestModelMaker::write(*recipe, out);
-    std::printf("wrote %s (%s %s, %s)\n", out.c_str(), archName.c_str(), shapeName.c_str(), scheme->name().c_str());
+    std::printf("wrote %s (%s %s, %s)\n", out.c_str(), archName.c_str(), shapeName.c_str(),
+                scheme->name().c_str());
     return 0;
 }
 
@@ -386,6 +468,9 @@ int run(const std::vector<std::string>& arguments) {
         }
         if (sub == "generate") {
             return generate(Arguments(rest, {"--raw"}));
+        }
+        if (sub == "logits") {
+            return logits(Arguments(rest, {}));
         }
         if (sub == "bench") {
             return bench(Arguments(rest, {}));
@@ -406,7 +491,7 @@ int run(const std::vector<std::string>& arguments) {
 } // namespace
 
 CliCommand modelCommand() {
-    return {"model", "model info|generate|bench|make-test ...",
+    return {"model", "model info|generate|logits|bench|make-test ...",
             "inspect, run and benchmark a GGUF model with the on-device engine", run};
 }
 

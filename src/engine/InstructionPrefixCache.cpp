@@ -12,11 +12,24 @@ std::size_t InstructionPrefixCache::bytesOf(const State& state) {
            state.logits.size() * sizeof(float);
 }
 
-std::shared_ptr<const InstructionPrefixCache::State>
-InstructionPrefixCache::find(const std::vector<std::int32_t>& tokens) {
+InstructionPrefixCache::Ticket InstructionPrefixCache::reset() {
     std::lock_guard lock(mutex_);
-    const auto found = std::find_if(entries_.begin(), entries_.end(),
-                                    [&](const auto& entry) { return entry->tokens == tokens; });
+    entries_.clear();
+    bytes_ = 0;
+    return ++ticket_;
+}
+
+InstructionPrefixCache::Ticket InstructionPrefixCache::ticket() const {
+    std::lock_guard lock(mutex_);
+    return ticket_;
+}
+
+std::shared_ptr<const InstructionPrefixCache::State>
+InstructionPrefixCache::find(const llm::ModelIdentity& model, const std::vector<std::int32_t>& tokens) {
+    std::lock_guard lock(mutex_);
+    const auto found = std::find_if(entries_.begin(), entries_.end(), [&](const auto& entry) {
+        return entry->model == model && entry->tokens == tokens;
+    });
     if (found == entries_.end()) {
         return nullptr;
     }
@@ -24,13 +37,17 @@ InstructionPrefixCache::find(const std::vector<std::int32_t>& tokens) {
     return entries_.front();
 }
 
-void InstructionPrefixCache::insert(std::shared_ptr<const State> state) {
+void InstructionPrefixCache::insert(Ticket ticket, std::shared_ptr<const State> state) {
     if (!state || bytesOf(*state) > maximumBytes_ || maximumEntries_ == 0) {
         return;
     }
     std::lock_guard lock(mutex_);
-    const auto same = std::find_if(entries_.begin(), entries_.end(),
-                                   [&](const auto& entry) { return entry->tokens == state->tokens; });
+    if (ticket != ticket_) {
+        return; // computed by a model that has been switched away from
+    }
+    const auto same = std::find_if(entries_.begin(), entries_.end(), [&](const auto& entry) {
+        return entry->model == state->model && entry->tokens == state->tokens;
+    });
     if (same != entries_.end()) {
         bytes_ -= bytesOf(**same);
         entries_.erase(same);

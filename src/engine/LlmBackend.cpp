@@ -40,8 +40,10 @@ void throwIfStopped(const std::atomic<bool>& stop) {
 } // namespace
 
 LlmBackend::LlmBackend(std::filesystem::path path, int threadCount,
-                       std::shared_ptr<InstructionPrefixCache> prefixCache)
-    : path_(std::move(path)), threadCount_(std::max(1, threadCount)), prefixCache_(std::move(prefixCache)) {}
+                       std::shared_ptr<InstructionPrefixCache> prefixCache,
+                       InstructionPrefixCache::Ticket ticket)
+    : path_(std::move(path)), threadCount_(std::max(1, threadCount)), prefixCache_(std::move(prefixCache)),
+      ticket_(ticket) {}
 
 LlmBackend::~LlmBackend() = default;
 
@@ -106,7 +108,7 @@ std::int64_t LlmBackend::prefill(llm::GenerationSession& session, const std::vec
     const bool prefixFits = !prefix.empty() && prefix.size() <= tokens.size() &&
                             std::equal(prefix.begin(), prefix.end(), tokens.begin());
     if (prefixFits) {
-        if (auto cached = prefixCache_->find(prefix)) {
+        if (auto cached = prefixCache_->find(model_->identity(), prefix)) {
             session.restoreState(*cached);
             reused = static_cast<std::int64_t>(prefix.size());
         }
@@ -121,7 +123,8 @@ std::int64_t LlmBackend::prefill(llm::GenerationSession& session, const std::vec
     try {
         if (prefixFits && reused == 0) {
             computeUpTo(prefix.size());
-            prefixCache_->insert(std::make_shared<const InstructionPrefixCache::State>(session.saveState()));
+            prefixCache_->insert(ticket_,
+                                 std::make_shared<const InstructionPrefixCache::State>(session.saveState()));
         }
         computeUpTo(tokens.size());
     } catch (const std::length_error&) {
@@ -133,7 +136,7 @@ std::int64_t LlmBackend::prefill(llm::GenerationSession& session, const std::vec
 void LlmBackend::prewarm(const std::string& instructions, const std::atomic<bool>& stop) {
     load();
     const std::vector<std::int32_t> prefix = systemPrefixTokens(instructions);
-    if (prefixCache_->find(prefix)) {
+    if (prefixCache_->find(model_->identity(), prefix)) {
         return;
     }
     llm::GenerationSession session(model_, tokenizer_, *pool_);
@@ -162,50 +165,36 @@ LlmResponse LlmBackend::generate(const LlmRequest& request, const std::atomic<bo
         llm::GenerationSession session(model_, tokenizer_, *pool_);
         response.promptTokensReused = prefill(session, prefix, tokens, stop);
 
-        std::vector<std::int32_t> sequence = tokens;
-        std::vector<std::int32_t> generated;
         // Only answers allowed at least the forced length are forced (not the one-token warm-up).
         const bool forced =
             forcedResponseTokens_ && !constraint && request.maximumTokens >= *forcedResponseTokens_;
-        const std::int64_t maximumTokens = forced ? *forcedResponseTokens_ : request.maximumTokens;
-        for (std::int64_t produced = 0; produced < maximumTokens; ++produced) {
-            throwIfStopped(stop);
-            std::int32_t next = 0;
-            if (constraint) {
-                if (constraint->isComplete()) {
-                    break;
-                }
-                next = constraint->bestToken(session.logits(), maximumTokens - produced);
-                if (next < 0) {
-                    throw LanguageModelGenerationError(Kind::decodingFailure);
-                }
-            } else {
-                next = llm::GenerationSession::argmax(session.logits());
-            }
-            if (produced == 0) {
-                response.secondsToFirstToken = secondsSince(started);
-            }
-            if (tokenizer_->isEndOfGeneration(next) && !forced) {
-                break;
-            }
-            if (constraint) {
-                constraint->accept(next);
-            }
-            generated.push_back(next);
-            if (produced + 1 == maximumTokens || (constraint && constraint->isComplete())) {
-                break; // the logits after the last token are never needed
-            }
-            sequence.push_back(next);
-            session.prefill(sequence);
+        llm::GenerationOptions options;
+        options.maxNewTokens = forced ? *forcedResponseTokens_ : request.maximumTokens;
+        options.stopFlag = &stop;
+        options.ignoreEndOfGeneration = forced;
+        options.constraint = constraint ? &*constraint : nullptr;
+        const double beforeGeneration = secondsSince(started);
+        const llm::GenerationResult result = session.generate(tokens, options, {});
+        switch (result.stopReason) {
+        case llm::StopReason::stopRequested:
+            throw CancellationError();
+        case llm::StopReason::contextFull:
+            throw LanguageModelGenerationError(Kind::exceededContextWindowSize);
+        case llm::StopReason::constraintFailed:
+            throw LanguageModelGenerationError(Kind::decodingFailure);
+        case llm::StopReason::endOfGeneration:
+        case llm::StopReason::maxTokens:
+            break;
         }
-        response.tokens = static_cast<std::int64_t>(generated.size());
+        response.secondsToFirstToken = beforeGeneration + result.firstTokenSeconds;
+        response.tokens = static_cast<std::int64_t>(result.tokens.size());
         if (constraint) {
             if (!constraint->isComplete()) {
                 throw LanguageModelGenerationError(Kind::decodingFailure);
             }
             response.text = constraint->text();
         } else {
-            response.text = tokenizer_->decode(generated);
+            response.text = result.text;
         }
     } catch (const std::length_error&) {
         throw LanguageModelGenerationError(Kind::exceededContextWindowSize);

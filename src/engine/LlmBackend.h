@@ -45,8 +45,9 @@ struct LlmResponse {
 // Failures are LanguageModelGenerationError; a raised stop flag gives CancellationError.
 class LlmBackend {
 public:
+    // Instruction states go to `prefixCache` under `ticket` (see InstructionPrefixCache::reset).
     LlmBackend(std::filesystem::path path, int threadCount,
-               std::shared_ptr<InstructionPrefixCache> prefixCache);
+               std::shared_ptr<InstructionPrefixCache> prefixCache, InstructionPrefixCache::Ticket ticket);
     ~LlmBackend();
     LlmBackend(const LlmBackend&) = delete;
     LlmBackend& operator=(const LlmBackend&) = delete;
@@ -80,6 +81,7 @@ private:
     std::filesystem::path path_;
     int threadCount_;
     std::shared_ptr<InstructionPrefixCache> prefixCache_;
+    InstructionPrefixCache::Ticket ticket_;
     std::shared_ptr<const llm::Model> model_;
     std::shared_ptr<const llm::Tokenizer> tokenizer_;
     std::unique_ptr<llm::ChatFormat> chatFormat_;

@@ -35,9 +35,10 @@ std::shared_ptr<LlmBackend> LlmInference::currentBackend() {
         throw LanguageModelGenerationError(LanguageModelGenerationError::Kind::assetsUnavailable);
     }
     if (!backend_ || backend_->path() != chosen->path) {
-        // A different model: states computed by the old one mean nothing to it.
-        prefixCache_->clear();
-        backend_ = std::make_shared<LlmBackend>(chosen->path, options_.threadCount, prefixCache_);
+        // A different model: states computed by the old one mean nothing to it, and jobs still
+        // queued for the old backend hold a stale ticket.
+        const InstructionPrefixCache::Ticket ticket = prefixCache_->reset();
+        backend_ = std::make_shared<LlmBackend>(chosen->path, options_.threadCount, prefixCache_, ticket);
         backend_->forceResponseTokens(options_.forcedResponseTokens);
     }
     return backend_;

@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iterator>
 
 namespace parlune {
 namespace {
@@ -70,6 +71,20 @@ GenerationOptions greedy(std::int64_t maximumTokens) {
     GenerationOptions options;
     options.maximumResponseTokens = maximumTokens;
     return options;
+}
+
+const QString text = QStringLiteral("Please could you make this sentence somewhat shorter for me.");
+
+// The answer the model gives to exactly the client's texts and budget for "Make concise",
+// cleaned the same way, computed by a framework of its own.
+QString expectedConciseRewrite(const std::filesystem::path& path, const QString& selection) {
+    const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::makeConcise, {});
+    LlmLanguageModelFramework reference(optionsFor(path));
+    const std::int64_t budget = RewritePrompt::estimatedTokenCount(selection) * 2 + 32;
+    return RewriteOutputValidator::cleanedRewrite(
+        test::runTask(reference.openSession(instructions)
+                          ->respond(RewritePrompt::prompt(selection), greedy(budget), {})),
+        selection);
 }
 
 class LlmFrameworkTest : public ::testing::Test {
@@ -221,17 +236,7 @@ TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
     }
     LlmLanguageModelFramework framework(optionsFor(modelPath));
     OnDeviceModelClient client(framework, nullptr);
-    const QString text = QStringLiteral("Please could you make this sentence somewhat shorter for me.");
-
-    // The answer the model gives to exactly the client's texts and budget, cleaned the same way.
-    const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::makeConcise, {});
-    LlmLanguageModelFramework reference(optionsFor(modelPath));
-    const std::int64_t budget = RewritePrompt::estimatedTokenCount(text) * 2 + 32;
-    const QString expected = RewriteOutputValidator::cleanedRewrite(
-        test::runTask(
-            reference.openSession(instructions)->respond(RewritePrompt::prompt(text), greedy(budget), {})),
-        text);
-
+    const QString expected = expectedConciseRewrite(modelPath, text);
     ASSERT_FALSE(expected.trimmed().isEmpty());
     EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
     EXPECT_EQ(framework.lastResponse()->promptTokensReused, 0);
@@ -247,6 +252,85 @@ TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
                                           {}, {})),
               EngineKind::selectionTooLong);
 }
+
+// Families the engine supports beyond the built-in test vocabulary, each with a real
+// vocabulary and its real chat template from the shared fixtures: the client's whole rewrite
+// runs on them, cache included.
+void expectRewritesEndToEnd(const std::filesystem::path& path, std::string_view architecture) {
+    const ModelFileReport report = ModelLocator::inspect(path, ModelFileReport::Source::setting);
+    ASSERT_TRUE(report.usable()) << report.problem;
+    EXPECT_EQ(report.architecture, architecture);
+
+    LlmLanguageModelFramework framework(optionsFor(path));
+    OnDeviceModelClient client(framework, nullptr);
+    const QString expected = expectedConciseRewrite(path, text);
+    ASSERT_FALSE(expected.trimmed().isEmpty());
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
+    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
+    EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
+}
+
+struct FamilyCase {
+    const char* name;
+    llm::Architecture architecture;
+    const char* vocabulary;   // under ../shared/llm/vocab, empty for the built-in ChatML one
+    const char* chatTemplate; // under ../shared/llm/templates
+};
+
+class FamilyRewriteTest : public ::testing::TestWithParam<FamilyCase> {};
+
+TEST_P(FamilyRewriteTest, RewritesEndToEndWithItsRealTemplate) {
+    const std::filesystem::path fixtures = PARLUNE_LLM_FIXTURES;
+    if (!std::filesystem::is_directory(fixtures / "templates")) {
+        GTEST_SKIP() << "shared engine fixtures not found at " << fixtures << " (a plain clone has none)";
+    }
+    if (!LlmLanguageModelFramework::processorIsEligible()) {
+        GTEST_SKIP() << "this processor lacks AVX2/FMA, so the model reports itself unavailable";
+    }
+    const FamilyCase& c = GetParam();
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", c.architecture);
+    recipe.weights.type = llm::GgmlType::Q8_0;
+    recipe.tiedOutput = false;
+    if (*c.vocabulary) {
+        recipe.vocabularyFile = fixtures / "vocab" / c.vocabulary;
+    }
+    std::ifstream templateFile(fixtures / "templates" / c.chatTemplate);
+    recipe.chatTemplate.assign(std::istreambuf_iterator<char>(templateFile),
+                               std::istreambuf_iterator<char>());
+    const std::filesystem::path path = std::filesystem::path(folder.path().toStdString()) / "model.gguf";
+    llm::TestModelMaker::write(recipe, path);
+
+    expectRewritesEndToEnd(path, llm::architectureName(c.architecture));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Families, FamilyRewriteTest,
+    ::testing::Values(FamilyCase{"qwen3", llm::Architecture::qwen3, "", "Qwen-Qwen3-0.6B.jinja"},
+                      FamilyCase{"phi3", llm::Architecture::phi3, "ggml-vocab-phi-3.gguf",
+                                 "microsoft-Phi-3.5-mini-instruct.jinja"},
+                      FamilyCase{"smollm3", llm::Architecture::llama, "", "HuggingFaceTB-SmolLM3-3B.jinja"}),
+    [](const ::testing::TestParamInfo<FamilyCase>& test) { return std::string(test.param.name); });
+
+// The shared random-weight files of the families, as a user would install them.
+class FixtureModelRewriteTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(FixtureModelRewriteTest, RewritesEndToEnd) {
+    const std::filesystem::path path = std::filesystem::path(PARLUNE_LLM_FIXTURES) / "models" / GetParam();
+    if (!std::filesystem::exists(path)) {
+        GTEST_SKIP() << "shared engine fixture " << path << " not found (a plain clone has none)";
+    }
+    if (!LlmLanguageModelFramework::processorIsEligible()) {
+        GTEST_SKIP() << "this processor lacks AVX2/FMA, so the model reports itself unavailable";
+    }
+    const std::string name = GetParam();
+    expectRewritesEndToEnd(path, name.substr(0, name.find('-')));
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, FixtureModelRewriteTest,
+                         ::testing::Values("gemma3-tiny-Q8_0.gguf", "phi3-tiny-Q8_0.gguf",
+                                           "qwen3-tiny-Q8_0.gguf"));
 
 } // namespace
 } // namespace parlune

@@ -1,5 +1,7 @@
 #include "engine/LlmModelFileInspector.h"
 #include "core/models/ModelDiscovery.h"
+#include "llm/gguf/GgufWriter.h"
+#include "llm/testing/TestModelMaker.h"
 #include "support/QtPrinters.h"
 
 #include <QDir>
@@ -42,13 +44,17 @@ TEST_F(LlmModelFileInspectorTest, NamesWhyAFileCannotBeRun) {
     EXPECT_EQ(noTemplate.architecture, QStringLiteral("llama"));
     EXPECT_FALSE(noTemplate.hasChatTemplate);
 
-    const ModelFileFacts otherArchitecture = inspector_.inspect(fixture("gemma3-tiny-Q8_0.gguf"));
-    EXPECT_TRUE(otherArchitecture.problem.contains(QStringLiteral("gemma3")))
-        << otherArchitecture.problem.toStdString();
-    EXPECT_EQ(otherArchitecture.architecture, QStringLiteral("gemma3"));
+    // A real file of a supported family, relabelled as one the engine does not run.
+    QTemporaryDir folder;
+    llm::GgufWriter relabelled = llm::TestModelMaker::build(*llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2));
+    relabelled.setString("general.architecture", "mamba");
+    const QString mamba = folder.filePath(QStringLiteral("mamba.gguf"));
+    relabelled.write(mamba.toStdString());
+    const ModelFileFacts otherArchitecture = inspector_.inspect(mamba);
+    EXPECT_TRUE(otherArchitecture.problem.contains(QStringLiteral("mamba"))) << otherArchitecture.problem.toStdString();
+    EXPECT_EQ(otherArchitecture.architecture, QStringLiteral("mamba"));
     EXPECT_TRUE(otherArchitecture.hasChatTemplate);
 
-    QTemporaryDir folder;
     QFile text(folder.filePath(QStringLiteral("notes.gguf")));
     ASSERT_TRUE(text.open(QIODevice::WriteOnly));
     text.write("these are notes, not a model\n");

@@ -4,6 +4,7 @@
 #include "llm/gguf/GgufValueType.h"
 #include "llm/tensor/GgmlType.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -44,6 +45,10 @@ public:
     std::size_t alignment() const { return alignment_; }
     std::uint64_t dataOffset() const { return dataOffset_; } // data section start in the file
     std::uint64_t fileSize() const { return bytes_.size(); }
+    // Header, metadata and tensor table: everything before the data section.
+    std::span<const std::byte> headerBytes() const {
+        return bytes_.first(std::min<std::size_t>(dataOffset_, bytes_.size()));
+    }
 
     bool hasKey(std::string_view key) const;
     std::vector<std::string_view> keys() const; // in file order

@@ -4,6 +4,8 @@
 #include "llm/model/ModelError.h"
 #include "llm/tensor/Quantization.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <string>
 
@@ -83,7 +85,8 @@ private:
                              std::to_string(length) + " values");
         }
         bytes_ += data.size();
-        if (info.type == GgmlType::F32 && reinterpret_cast<std::uintptr_t>(data.data()) % alignof(float) == 0) {
+        if (info.type == GgmlType::F32 &&
+            reinterpret_cast<std::uintptr_t>(data.data()) % alignof(float) == 0) {
             return {reinterpret_cast<const float*>(data.data()), static_cast<std::size_t>(length)};
         }
         std::vector<float>& decoded = decoded_.emplace_back(static_cast<std::size_t>(length));
@@ -96,18 +99,31 @@ private:
     std::size_t& bytes_;
 };
 
-} // namespace
-
-std::shared_ptr<const Model> Model::load(const std::filesystem::path& path) {
-    return fromFile(GgufFile::open(path));
+// Rows [first, first + count) of a bound matrix, as a matrix of their own.
+WeightMatrix rowBlock(const WeightMatrix& whole, std::int64_t first, std::int64_t count) {
+    WeightMatrix block = whole;
+    block.data = static_cast<const std::byte*>(whole.data) + static_cast<std::size_t>(first) * whole.rowBytes;
+    block.rows = count;
+    return block;
 }
 
-std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> file) {
+} // namespace
+
+std::shared_ptr<const Model> Model::load(const std::filesystem::path& path, std::int64_t contextLimit) {
+    return fromFile(GgufFile::open(path), contextLimit);
+}
+
+std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> file,
+                                             std::int64_t contextLimit) {
     std::shared_ptr<Model> model(new Model());
     model->file_ = std::move(file);
     const GgufFile& gguf = *model->file_;
     ModelConfig& config = model->config_;
     config = ModelConfig::fromGguf(gguf);
+    if (contextLimit > 0) {
+        config.contextLength = std::min(config.contextLength, contextLimit);
+    }
+    model->identity_ = ModelIdentity::of(gguf);
     WeightBinder bind(gguf, model->decodedVectors_, model->weightBytes_);
 
     const GgufTensorInfo& embedding = bind.require("token_embd.weight");
@@ -123,16 +139,29 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
 
     const std::int64_t hidden = config.hiddenSize;
     const bool biases = config.architecture == Architecture::qwen2;
-    const bool headNorms = config.architecture == Architecture::qwen3;
+    const bool headNorms =
+        config.architecture == Architecture::qwen3 || config.architecture == Architecture::gemma3;
+    const bool postNorms = config.architecture == Architecture::gemma3;
     model->layers_.resize(static_cast<std::size_t>(config.layerCount));
     for (std::int64_t i = 0; i < config.layerCount; ++i) {
         const std::string prefix = "blk." + std::to_string(i) + ".";
         LayerWeights& layer = model->layers_[static_cast<std::size_t>(i)];
         layer.attentionNorm = bind.vector(prefix + "attn_norm.weight", hidden);
-        layer.query = bind.matrix(prefix + "attn_q.weight", config.queryWidth(), hidden);
-        layer.key = bind.matrix(prefix + "attn_k.weight", config.keyWidth(), hidden);
-        layer.value = bind.matrix(prefix + "attn_v.weight", config.valueWidth(), hidden);
-        layer.attentionOutput = bind.matrix(prefix + "attn_output.weight", hidden, config.headCount * config.valueDim);
+        if (bind.find(prefix + "attn_qkv.weight")) {
+            // Phi-3 stores q, k and v as consecutive row blocks of one matrix.
+            const WeightMatrix qkv =
+                bind.matrix(prefix + "attn_qkv.weight",
+                            config.queryWidth() + config.keyWidth() + config.valueWidth(), hidden);
+            layer.query = rowBlock(qkv, 0, config.queryWidth());
+            layer.key = rowBlock(qkv, config.queryWidth(), config.keyWidth());
+            layer.value = rowBlock(qkv, config.queryWidth() + config.keyWidth(), config.valueWidth());
+        } else {
+            layer.query = bind.matrix(prefix + "attn_q.weight", config.queryWidth(), hidden);
+            layer.key = bind.matrix(prefix + "attn_k.weight", config.keyWidth(), hidden);
+            layer.value = bind.matrix(prefix + "attn_v.weight", config.valueWidth(), hidden);
+        }
+        layer.attentionOutput =
+            bind.matrix(prefix + "attn_output.weight", hidden, config.headCount * config.valueDim);
         if (biases) {
             layer.queryBias = bind.vector(prefix + "attn_q.bias", config.queryWidth());
             layer.keyBias = bind.vector(prefix + "attn_k.bias", config.keyWidth());
@@ -148,9 +177,36 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
             layer.keyNorm = bind.vector(prefix + "attn_k_norm.weight", config.headDim);
         }
         layer.ffnNorm = bind.vector(prefix + "ffn_norm.weight", hidden);
-        layer.gate = bind.matrix(prefix + "ffn_gate.weight", config.feedForwardSize, hidden);
-        layer.up = bind.matrix(prefix + "ffn_up.weight", config.feedForwardSize, hidden);
+        if (postNorms) {
+            layer.postAttentionNorm = bind.vector(prefix + "post_attention_norm.weight", hidden);
+            layer.postFeedForwardNorm = bind.vector(prefix + "post_ffw_norm.weight", hidden);
+        }
+        if (bind.find(prefix + "ffn_gate.weight")) {
+            layer.gate = bind.matrix(prefix + "ffn_gate.weight", config.feedForwardSize, hidden);
+            layer.up = bind.matrix(prefix + "ffn_up.weight", config.feedForwardSize, hidden);
+        } else {
+            // Phi-3: the gate's rows, then the up projection's, in one matrix.
+            const WeightMatrix gateUp =
+                bind.matrix(prefix + "ffn_up.weight", 2 * config.feedForwardSize, hidden);
+            layer.gate = rowBlock(gateUp, 0, config.feedForwardSize);
+            layer.up = rowBlock(gateUp, config.feedForwardSize, config.feedForwardSize);
+        }
         layer.down = bind.matrix(prefix + "ffn_down.weight", hidden, config.feedForwardSize);
+    }
+    std::string factorsName = "rope_freqs.weight";
+    if (bind.find("rope_factors_long.weight") || bind.find("rope_factors_short.weight")) {
+        const bool extended = config.ropeScaling.originalContext > 0 &&
+                              config.contextLength > config.ropeScaling.originalContext;
+        factorsName = extended ? "rope_factors_long.weight" : "rope_factors_short.weight";
+        bind.require(factorsName);
+    }
+    model->ropeFrequencyFactors_ = bind.optionalVector(factorsName, config.ropeDims / 2);
+    for (const float factor : model->ropeFrequencyFactors_) {
+        if (!(factor > 0.0f) || !std::isfinite(factor)) {
+            throw ModelError("model tensor '" + factorsName +
+                             "' holds a factor that is not a positive number (" + std::to_string(factor) +
+                             ")");
+        }
     }
     model->outputNorm_ = bind.vector("output_norm.weight", hidden);
     if (bind.find("output.weight")) {

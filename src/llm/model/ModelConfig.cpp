@@ -80,8 +80,14 @@ Architecture parseArchitecture(std::string_view name) {
     if (name == "qwen3") {
         return Architecture::qwen3;
     }
+    if (name == "phi3") {
+        return Architecture::phi3;
+    }
+    if (name == "gemma3") {
+        return Architecture::gemma3;
+    }
     throw ModelError("unsupported model architecture '" + std::string(name) +
-                     "' (supported: llama, qwen2, qwen3)");
+                     "' (supported: llama, qwen2, qwen3, phi3, gemma3)");
 }
 
 RopeScaling readRopeScaling(const MetadataReader& meta, std::int64_t contextLength) {
@@ -98,6 +104,13 @@ RopeScaling readRopeScaling(const MetadataReader& meta, std::int64_t contextLeng
         }
     }
     if (type == "none") {
+        // Phi-3 long-context files scale the rotated values without naming a scaling type; the
+        // original context decides which of their per-pair factors apply.
+        scaling.attentionFactor = meta.real("rope.scaling.attn_factor").value_or(1.0);
+        scaling.originalContext = meta.integer("rope.scaling.original_context_length").value_or(0);
+        if (scaling.attentionFactor <= 0.0) {
+            throw ModelError("'" + meta.prefix() + "rope.scaling.attn_factor' must be positive");
+        }
         return scaling;
     }
     if (type != "linear" && type != "yarn") {
@@ -122,6 +135,23 @@ RopeScaling readRopeScaling(const MetadataReader& meta, std::int64_t contextLeng
     return scaling;
 }
 
+// Gemma 3: GELU gate, scaled embeddings, and five sliding-window layers to one global layer
+// unless the file says otherwise; the sliding layers keep RoPE base 10000 unless given.
+void readGemma3(const MetadataReader& meta, ModelConfig& config) {
+    config.gateActivation = GateActivation::geluTanh;
+    config.embeddingScale = std::sqrt(static_cast<double>(static_cast<float>(config.hiddenSize)));
+    if (const std::optional<std::int64_t> window = meta.integer("attention.sliding_window")) {
+        config.slidingWindow = meta.positive("attention.sliding_window", *window);
+        config.slidingWindowPeriod = meta.positive(
+            "attention.sliding_window_pattern", meta.integer("attention.sliding_window_pattern").value_or(6));
+    }
+    config.slidingRopeFreqBase = meta.real("rope.freq_base_swa").value_or(10000.0);
+    if (config.slidingRopeFreqBase <= 1.0) {
+        throw ModelError("sliding-window RoPE frequency base " + std::to_string(config.slidingRopeFreqBase) +
+                         " is out of range");
+    }
+}
+
 } // namespace
 
 std::string_view architectureName(Architecture architecture) {
@@ -132,6 +162,10 @@ std::string_view architectureName(Architecture architecture) {
         return "qwen2";
     case Architecture::qwen3:
         return "qwen3";
+    case Architecture::phi3:
+        return "phi3";
+    case Architecture::gemma3:
+        return "gemma3";
     }
     return "unknown";
 }
@@ -189,6 +223,9 @@ ModelConfig ModelConfig::fromGguf(const GgufFile& file) {
     }
     config.ropeLayout = config.architecture == Architecture::llama ? RopeLayout::normal : RopeLayout::neox;
     config.ropeScaling = readRopeScaling(meta, config.contextLength);
+    if (config.architecture == Architecture::gemma3) {
+        readGemma3(meta, config);
+    }
     return config;
 }
 

@@ -8,7 +8,10 @@ namespace parlune::llm {
 
 class GgufFile;
 
-enum class Architecture { llama, qwen2, qwen3 };
+enum class Architecture { llama, qwen2, qwen3, phi3, gemma3 };
+
+// The gate's activation in the gated feed-forward block.
+enum class GateActivation { silu, geluTanh };
 
 // How the rotary embedding pairs up the dimensions of a head: `normal` rotates (2i, 2i+1),
 // `neox` rotates (i, i + rotated/2).
@@ -20,7 +23,7 @@ struct RopeScaling {
     RopeScalingKind kind = RopeScalingKind::none;
     double factor = 1.0;               // context extension factor (positions are divided by it)
     std::int64_t originalContext = 0;  // training context the extension is relative to (yarn)
-    double attentionFactor = 1.0;      // yarn magnitude scale of the rotated values
+    double attentionFactor = 1.0;      // magnitude scale of the rotated values (yarn, Phi-3 long context)
     double betaFast = 32.0;
     double betaSlow = 1.0;
 };
@@ -43,6 +46,18 @@ struct ModelConfig {
     std::int64_t ropeDims = 0;  // leading dimensions of each head that are rotated
     RopeLayout ropeLayout = RopeLayout::normal;
     RopeScaling ropeScaling;
+    GateActivation gateActivation = GateActivation::silu;
+    double embeddingScale = 1.0; // token embeddings are multiplied by it (Gemma: sqrt(hidden))
+    // Local attention (Gemma 3): in every layer but each `slidingWindowPeriod`-th, a query sees
+    // only the `slidingWindow` latest positions, itself included, and RoPE uses
+    // `slidingRopeFreqBase` without context scaling. 0: every layer is global.
+    std::int64_t slidingWindow = 0;
+    std::int64_t slidingWindowPeriod = 0;
+    double slidingRopeFreqBase = 10000.0;
+
+    bool isSlidingLayer(std::int64_t layer) const {
+        return slidingWindow > 0 && (slidingWindowPeriod <= 0 || (layer + 1) % slidingWindowPeriod != 0);
+    }
 
     std::int64_t queryWidth() const { return headCount * headDim; }
     std::int64_t keyWidth() const { return kvHeadCount * headDim; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <stdexcept>
 
 namespace parlune::llm {
 
@@ -15,15 +16,23 @@ double yarnCorrectionDim(double dims, double originalContext, double rotations, 
 
 } // namespace
 
-Rope::Rope(const ModelConfig& config) : layout_(config.ropeLayout), headDim_(config.headDim) {
+Rope::Rope(const ModelConfig& config, std::span<const float> frequencyFactors)
+    : layout_(config.ropeLayout), headDim_(config.headDim) {
     const std::int64_t pairs = config.ropeDims / 2;
     const double dims = static_cast<double>(config.ropeDims);
+    if (!frequencyFactors.empty() && static_cast<std::int64_t>(frequencyFactors.size()) != pairs) {
+        throw std::invalid_argument("RoPE needs one frequency factor per rotated pair");
+    }
     inverseFrequency_.resize(static_cast<std::size_t>(pairs));
     for (std::int64_t i = 0; i < pairs; ++i) {
-        inverseFrequency_[static_cast<std::size_t>(i)] =
-            std::pow(config.ropeFreqBase, -2.0 * static_cast<double>(i) / dims);
+        const auto pair = static_cast<std::size_t>(i);
+        inverseFrequency_[pair] = std::pow(config.ropeFreqBase, -2.0 * static_cast<double>(i) / dims);
+        if (!frequencyFactors.empty()) {
+            inverseFrequency_[pair] /= static_cast<double>(frequencyFactors[pair]);
+        }
     }
     const RopeScaling& scaling = config.ropeScaling;
+    magnitude_ = scaling.attentionFactor;
     if (scaling.kind == RopeScalingKind::none) {
         return;
     }
@@ -32,15 +41,16 @@ Rope::Rope(const ModelConfig& config) : layout_(config.ropeLayout), headDim_(con
         // Low-frequency pairs are interpolated, high-frequency pairs keep their angle, with a
         // linear ramp between the two correction dimensions.
         const double context = static_cast<double>(scaling.originalContext);
-        const double low = std::max(0.0, std::floor(yarnCorrectionDim(dims, context, scaling.betaFast, config.ropeFreqBase)));
-        const double high =
-            std::min(dims - 1.0, std::ceil(yarnCorrectionDim(dims, context, scaling.betaSlow, config.ropeFreqBase)));
+        const double low = std::max(
+            0.0, std::floor(yarnCorrectionDim(dims, context, scaling.betaFast, config.ropeFreqBase)));
+        const double high = std::min(
+            dims - 1.0, std::ceil(yarnCorrectionDim(dims, context, scaling.betaSlow, config.ropeFreqBase)));
         extrapolationMix_.resize(static_cast<std::size_t>(pairs));
         for (std::int64_t i = 0; i < pairs; ++i) {
             const double y = (static_cast<double>(i) - low) / std::max(0.001, high - low);
             extrapolationMix_[static_cast<std::size_t>(i)] = 1.0 - std::clamp(y, 0.0, 1.0);
         }
-        magnitude_ = scaling.attentionFactor * (1.0 + 0.1 * std::log(scaling.factor));
+        magnitude_ *= 1.0 + 0.1 * std::log(scaling.factor);
     }
 }
 

@@ -3,6 +3,7 @@
 #include "llm/model/ModelConfig.h"
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace parlune::llm {
@@ -11,7 +12,9 @@ namespace parlune::llm {
 // yarn context scaling, and the pairing layout. Angles are computed in double precision.
 class Rope {
 public:
-    explicit Rope(const ModelConfig& config);
+    // `frequencyFactors`, when given (one per pair, as Llama 3.x files store them in
+    // `rope_freqs.weight`), divide each pair's rotation frequency.
+    explicit Rope(const ModelConfig& config, std::span<const float> frequencyFactors = {});
 
     std::int64_t pairCount() const { return static_cast<std::int64_t>(inverseFrequency_.size()); }
 

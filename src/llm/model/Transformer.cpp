@@ -1,5 +1,6 @@
 #include "llm/model/Transformer.h"
 
+#include "llm/model/GeluGate.h"
 #include "llm/model/KvCache.h"
 #include "llm/model/ModelError.h"
 #include "llm/model/SwiGlu.h"
@@ -9,8 +10,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <functional>
 #include <cmath>
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -45,6 +46,21 @@ void addVector(float* out, std::span<const float> bias, std::int64_t rows, std::
         for (std::size_t i = 0; i < bias.size(); ++i) {
             row[i] += bias[i];
         }
+    }
+}
+
+// Sliding-window layers rotate with their own base and without context scaling.
+ModelConfig slidingRopeConfig(const ModelConfig& config) {
+    ModelConfig sliding = config;
+    sliding.ropeFreqBase = config.slidingRopeFreqBase;
+    sliding.ropeScaling = RopeScaling{};
+    return sliding;
+}
+
+void normRows(float* rows, std::span<const float> weight, std::int64_t count, std::int64_t width,
+              double epsilon) {
+    for (std::int64_t t = 0; t < count; ++t) {
+        rmsNorm(rows + t * width, weight.data(), rows + t * width, width, epsilon);
     }
 }
 
@@ -100,6 +116,8 @@ struct Transformer::Scratch {
     std::vector<float> up;        // [batch][ffn]
     std::vector<float> cosines;   // [batch][pairs]
     std::vector<float> sines;
+    std::vector<float> slidingCosines; // the same for sliding-window layers
+    std::vector<float> slidingSines;
     PreparedInputs inputs;
     std::int64_t rows = 0;
 
@@ -119,12 +137,15 @@ struct Transformer::Scratch {
         up.resize(gate.size());
         cosines.resize(n * static_cast<std::size_t>(pairs));
         sines.resize(cosines.size());
+        slidingCosines.resize(cosines.size());
+        slidingSines.resize(cosines.size());
         rows = batch;
     }
 };
 
 Transformer::Transformer(std::shared_ptr<const Model> model, ThreadPool& pool)
-    : model_(std::move(model)), pool_(pool), rope_(model_->config()), scratch_(std::make_unique<Scratch>()) {}
+    : model_(std::move(model)), pool_(pool), rope_(model_->config(), model_->ropeFrequencyFactors()),
+      slidingRope_(slidingRopeConfig(model_->config())), scratch_(std::make_unique<Scratch>()) {}
 
 Transformer::~Transformer() = default;
 
@@ -154,8 +175,8 @@ void Transformer::forward(std::span<const std::int32_t> tokens, KvCache& cache, 
             const bool last = done + batch == count;
             float* out = allPositions ? logits.data() + static_cast<std::size_t>(done) * vocabulary
                                       : (last ? logits.data() : nullptr);
-            forwardBatch(tokens.subspan(static_cast<std::size_t>(done), static_cast<std::size_t>(batch)), cache, out,
-                         allPositions);
+            forwardBatch(tokens.subspan(static_cast<std::size_t>(done), static_cast<std::size_t>(batch)),
+                         cache, out, allPositions);
         }
     } catch (...) {
         cache.truncate(start);
@@ -214,16 +235,30 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
     const std::int64_t ffn = c.feedForwardSize;
 
     for (std::int64_t t = 0; t < n; ++t) {
-        model.embed(tokens[static_cast<std::size_t>(t)], s.x.data() + t * hidden);
+        float* x = s.x.data() + t * hidden;
+        model.embed(tokens[static_cast<std::size_t>(t)], x);
+        if (c.embeddingScale != 1.0) {
+            const auto scale = static_cast<float>(c.embeddingScale);
+            std::for_each(x, x + hidden, [scale](float& value) { value *= scale; });
+        }
         rope_.angles(start + t, s.cosines.data() + t * pairs, s.sines.data() + t * pairs);
+        if (c.slidingWindow > 0) {
+            slidingRope_.angles(start + t, s.slidingCosines.data() + t * pairs,
+                                s.slidingSines.data() + t * pairs);
+        }
     }
 
     for (std::int64_t l = 0; l < c.layerCount; ++l) {
         const LayerWeights& w = model.layer(l);
+        const bool sliding = c.isSlidingLayer(l);
+        const Rope& rope = sliding ? slidingRope_ : rope_;
+        const float* layerCosines = sliding ? s.slidingCosines.data() : s.cosines.data();
+        const float* layerSines = sliding ? s.slidingSines.data() : s.sines.data();
 
         // Attention block.
         for (std::int64_t t = 0; t < n; ++t) {
-            rmsNorm(s.x.data() + t * hidden, w.attentionNorm.data(), s.normed.data() + t * hidden, hidden, c.rmsEpsilon);
+            rmsNorm(s.x.data() + t * hidden, w.attentionNorm.data(), s.normed.data() + t * hidden, hidden,
+                    c.rmsEpsilon);
         }
         s.inputs.reset();
         const MatmulJob qkv[] = {
@@ -240,16 +275,17 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
             float* k = s.key.data() + t * kWidth;
             if (!w.queryNorm.empty()) {
                 for (std::int64_t h = 0; h < c.headCount; ++h) {
-                    rmsNorm(q + h * c.headDim, w.queryNorm.data(), q + h * c.headDim, c.headDim, c.rmsEpsilon);
+                    rmsNorm(q + h * c.headDim, w.queryNorm.data(), q + h * c.headDim, c.headDim,
+                            c.rmsEpsilon);
                 }
                 for (std::int64_t h = 0; h < c.kvHeadCount; ++h) {
                     rmsNorm(k + h * c.headDim, w.keyNorm.data(), k + h * c.headDim, c.headDim, c.rmsEpsilon);
                 }
             }
-            const float* cosines = s.cosines.data() + t * pairs;
-            const float* sines = s.sines.data() + t * pairs;
-            rope_.rotate(q, c.headCount, cosines, sines);
-            rope_.rotate(k, c.kvHeadCount, cosines, sines);
+            const float* cosines = layerCosines + t * pairs;
+            const float* sines = layerSines + t * pairs;
+            rope.rotate(q, c.headCount, cosines, sines);
+            rope.rotate(k, c.kvHeadCount, cosines, sines);
             const float* v = s.value.data() + t * vWidth;
             const std::int64_t position = start + t;
             for (std::int64_t g = 0; g < c.kvHeadCount; ++g) {
@@ -260,7 +296,7 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
                 }
             }
         }
-        attention(cache, l, start, n);
+        attention(cache, l, start, n, sliding ? c.slidingWindow : 0);
 
         s.inputs.reset();
         const MatmulJob output[] = {
@@ -268,13 +304,17 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
              s.projected.data(), hidden},
         };
         runMatmuls(output);
+        if (!w.postAttentionNorm.empty()) {
+            normRows(s.projected.data(), w.postAttentionNorm, n, hidden, c.rmsEpsilon);
+        }
         for (std::int64_t i = 0; i < n * hidden; ++i) {
             s.x[static_cast<std::size_t>(i)] += s.projected[static_cast<std::size_t>(i)];
         }
 
-        // Feed-forward block (SwiGLU).
+        // Feed-forward block (gated: SwiGLU, or GELU for Gemma).
         for (std::int64_t t = 0; t < n; ++t) {
-            rmsNorm(s.x.data() + t * hidden, w.ffnNorm.data(), s.normed.data() + t * hidden, hidden, c.rmsEpsilon);
+            rmsNorm(s.x.data() + t * hidden, w.ffnNorm.data(), s.normed.data() + t * hidden, hidden,
+                    c.rmsEpsilon);
         }
         s.inputs.reset();
         const MatmulJob gateUp[] = {
@@ -283,7 +323,11 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
         };
         runMatmuls(gateUp);
         const auto activate = [&](std::int64_t begin, std::int64_t end) {
-            swiGlu(s.gate.data() + begin * ffn, s.up.data() + begin * ffn, (end - begin) * ffn);
+            if (c.gateActivation == GateActivation::geluTanh) {
+                geluGate(s.gate.data() + begin * ffn, s.up.data() + begin * ffn, (end - begin) * ffn);
+            } else {
+                swiGlu(s.gate.data() + begin * ffn, s.up.data() + begin * ffn, (end - begin) * ffn);
+            }
         };
         if (n > 1) {
             pool_.parallelFor(n, activate);
@@ -295,6 +339,9 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
             {&w.down, &s.inputs.get(w.down.type, s.gate.data(), n, ffn), s.projected.data(), hidden},
         };
         runMatmuls(down);
+        if (!w.postFeedForwardNorm.empty()) {
+            normRows(s.projected.data(), w.postFeedForwardNorm, n, hidden, c.rmsEpsilon);
+        }
         for (std::int64_t i = 0; i < n * hidden; ++i) {
             s.x[static_cast<std::size_t>(i)] += s.projected[static_cast<std::size_t>(i)];
         }
@@ -307,8 +354,8 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
     const std::int64_t firstRow = allPositions ? 0 : n - 1;
     const std::int64_t rows = n - firstRow;
     for (std::int64_t t = firstRow; t < n; ++t) {
-        rmsNorm(s.x.data() + t * hidden, model.outputNorm().data(), s.normed.data() + (t - firstRow) * hidden, hidden,
-                c.rmsEpsilon);
+        rmsNorm(s.x.data() + t * hidden, model.outputNorm().data(), s.normed.data() + (t - firstRow) * hidden,
+                hidden, c.rmsEpsilon);
     }
     s.inputs.reset();
     const MatmulJob head[] = {
@@ -318,7 +365,8 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
     runMatmuls(head);
 }
 
-void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t firstPosition, std::int64_t count) {
+void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t firstPosition,
+                            std::int64_t count, std::int64_t window) {
     const ModelConfig& c = model_->config();
     Scratch& s = *scratch_;
     const std::int64_t group = c.headCount / c.kvHeadCount;
@@ -353,26 +401,29 @@ void Transformer::attention(KvCache& cache, std::int64_t layer, std::int64_t fir
         for (std::int64_t t = 0; t < tokens; ++t) {
             float* row = scores.data() + t * positions;
             const std::int64_t visible = firstPosition + t0 + t + 1;
+            const std::int64_t first = window > 0 ? std::max<std::int64_t>(0, visible - window) : 0;
             float highest = -INFINITY;
-            for (std::int64_t p = 0; p < visible; ++p) {
+            for (std::int64_t p = first; p < visible; ++p) {
                 row[p] *= scale;
                 highest = std::max(highest, row[p]);
             }
             double total = 0.0;
-            for (std::int64_t p = 0; p < visible; ++p) {
+            for (std::int64_t p = first; p < visible; ++p) {
                 row[p] = std::exp(row[p] - highest);
                 total += row[p];
             }
             const auto normaliser = static_cast<float>(1.0 / total);
-            for (std::int64_t p = 0; p < visible; ++p) {
+            for (std::int64_t p = first; p < visible; ++p) {
                 row[p] *= normaliser;
             }
+            std::fill(row, row + first, 0.0f);               // beyond the sliding window
             std::fill(row + visible, row + positions, 0.0f); // later positions are masked
         }
         prepareActivations(GgmlType::F32, scores.data(), tokens, positions, weightInput);
         const WeightMatrix values{GgmlType::F32, cache.values(layer, g), c.valueDim, positions,
                                   static_cast<std::size_t>(cache.valueStride()) * sizeof(float)};
-        matmulRows(values, weightInput, 0, c.valueDim, s.attention.data() + t0 * aWidth + h * c.valueDim, aWidth);
+        matmulRows(values, weightInput, 0, c.valueDim, s.attention.data() + t0 * aWidth + h * c.valueDim,
+                   aWidth);
     };
     // A short decoding step is cheaper on this thread than a hand-off to the workers and back.
     const std::int64_t work = c.headCount * count * (firstPosition + count) * c.headDim;

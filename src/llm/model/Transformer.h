@@ -41,13 +41,16 @@ private:
     struct MatmulJob;
 
     void forwardBatch(std::span<const std::int32_t> tokens, KvCache& cache, float* logits, bool allPositions);
-    void attention(KvCache& cache, std::int64_t layer, std::int64_t firstPosition, std::int64_t count);
+    // `window` > 0 limits each query to that many latest positions (sliding-window layers).
+    void attention(KvCache& cache, std::int64_t layer, std::int64_t firstPosition, std::int64_t count,
+                   std::int64_t window);
     void runMatmuls(std::span<const MatmulJob> jobs);
     void forEachChunk(std::int64_t count, const std::function<void(std::int64_t)>& body);
 
     std::shared_ptr<const Model> model_;
     ThreadPool& pool_;
     Rope rope_;
+    Rope slidingRope_; // sliding-window layers' RoPE (Gemma 3); unused by other models
     std::unique_ptr<Scratch> scratch_;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "llm/model/KvCache.h"
+#include "llm/model/ModelIdentity.h"
 #include "llm/model/Transformer.h"
 
 #include <atomic>
@@ -18,13 +19,22 @@ class Model;
 class Tokenizer;
 class ThreadPool;
 
+class DraftSource;
+class TokenConstraint;
+
 struct GenerationOptions {
     std::int64_t maxNewTokens = 256;
     const std::atomic<bool>* stopFlag = nullptr; // checked between tokens
-    bool ignoreEndOfGeneration = false;         // benchmarks: always produce maxNewTokens
+    bool ignoreEndOfGeneration = false;          // benchmarks: always produce maxNewTokens
+    // Control (other than end of generation), unused and padding tokens are never chosen.
+    // Off only to follow a reference decoder that picks the plain argmax.
+    bool onlyAnswerTokens = true;
+    TokenConstraint* constraint = nullptr; // chooses the tokens instead of greedy argmax
+    DraftSource* draft = nullptr;          // guesses checked in one batch each step
+    std::int64_t maxDraftTokens = 4;
 };
 
-enum class StopReason { endOfGeneration, maxTokens, stopRequested, contextFull };
+enum class StopReason { endOfGeneration, maxTokens, stopRequested, contextFull, constraintFailed };
 
 struct GenerationResult {
     std::vector<std::int32_t> tokens; // generated, without the end-of-generation token
@@ -33,7 +43,9 @@ struct GenerationResult {
     std::int64_t promptTokensComputed = 0; // prompt tokens not found in the cache
     std::int64_t promptTokensReused = 0;
     double promptSeconds = 0.0;
-    double generationSeconds = 0.0; // from the first generated token's logits to the end
+    double firstTokenSeconds = 0.0;       // from the call to the first token chosen
+    double generationSeconds = 0.0;       // from the first generated token's logits to the end
+    std::int64_t draftTokensAccepted = 0; // generated tokens that needed no step of their own
 };
 
 // Receives decoded text as it is generated, in whole UTF-8 characters.
@@ -46,6 +58,7 @@ using TextCallback = std::function<void(std::string_view piece)>;
 class GenerationSession {
 public:
     struct State {
+        ModelIdentity model; // whose computation this is
         KvCache cache;
         std::vector<std::int32_t> tokens;
         std::vector<float> logits; // after the last token; empty when none was processed
@@ -58,11 +71,14 @@ public:
     // Returns the number of tokens computed. Throws std::length_error past the context.
     std::int64_t prefill(std::span<const std::int32_t> tokens);
 
-    // Prefills `prompt` then decodes greedily, streaming text to `onText` (may be empty).
+    // Prefills `prompt` then decodes greedily (or as the constraint chooses) up to the token
+    // limit, an end-of-generation token, a stop request or the end of the context, streaming
+    // text to `onText` (may be empty). Every generating caller goes through this loop.
     GenerationResult generate(std::span<const std::int32_t> prompt, const GenerationOptions& options,
                               const TextCallback& onText);
 
     State saveState() const;
+    // Throws std::invalid_argument for a state another model (or weight type) computed.
     void restoreState(const State& state);
     void truncate(std::int64_t length); // forget tokens after the first `length`
 
@@ -77,11 +93,23 @@ public:
 
 private:
     void append(std::span<const std::int32_t> tokens);
+    std::int32_t chooseToken(const GenerationOptions& options, std::int64_t remainingTokens);
+    // Feeds the chosen token: taken from the verified draft when it is the draft's next token,
+    // else computed, together with a new draft when there is a source. Returns whether the
+    // draft already held it.
+    bool advance(std::int32_t token, const GenerationOptions& options, std::int64_t remainingTokens);
+    // Forgets the drafted tokens not taken, keeping the current logits.
+    void dropDraft();
 
     std::shared_ptr<const Model> model_;
     std::shared_ptr<const Tokenizer> tokenizer_;
     Transformer transformer_;
     State state_;
+    std::vector<float> masked_; // logits with the tokens an answer never holds removed
+    // Drafted tokens already in the cache after the current logits, and the logits after each.
+    std::vector<std::int32_t> draftTokens_;
+    std::vector<float> draftLogits_;
+    std::size_t draftTaken_ = 0;
 };
 
 } // namespace parlune::llm

@@ -60,11 +60,12 @@ struct TensorWriter {
     GgufWriter& writer;
 
     // rows x cols values mean + sd * N(0,1), encoded row by row.
-    void add(const std::string& name, std::int64_t rows, std::int64_t cols, GgmlType type, double mean, double sd) {
+    void add(const std::string& name, std::int64_t rows, std::int64_t cols, GgmlType type, double mean,
+             double sd) {
         const std::optional<std::size_t> rowBytes = ggmlRowBytes(type, cols);
         if (!rowBytes) {
-            throw std::invalid_argument("tensor " + name + ": rows of " + std::to_string(cols) + " do not fit " +
-                                        std::string(ggmlTypeTraits(type).name));
+            throw std::invalid_argument("tensor " + name + ": rows of " + std::to_string(cols) +
+                                        " do not fit " + std::string(ggmlTypeTraits(type).name));
         }
         NormalSource normal(tensorSeed(recipe.seed, name));
         std::vector<float> row(static_cast<std::size_t>(cols));
@@ -75,15 +76,24 @@ struct TensorWriter {
             }
             quantizeRow(type, row.data(), data.data() + static_cast<std::size_t>(r) * *rowBytes, cols);
         }
-        std::vector<std::int64_t> dims = rows == 1 ? std::vector<std::int64_t>{cols} : std::vector<std::int64_t>{cols, rows};
+        std::vector<std::int64_t> dims =
+            rows == 1 ? std::vector<std::int64_t>{cols} : std::vector<std::int64_t>{cols, rows};
         writer.addTensor(name, std::move(dims), type, std::move(data));
     }
 
     void matrix(const std::string& name, std::int64_t layer, std::int64_t rows, std::int64_t cols) {
-        add(name, rows, cols, TestModelMaker::matrixType(recipe.weights, name, layer, recipe.layerCount, cols), 0.0, 0.02);
+        add(name, rows, cols,
+            TestModelMaker::matrixType(recipe.weights, name, layer, recipe.layerCount, cols), 0.0, 0.02);
+    }
+    void projection(const std::string& name, std::int64_t layer, std::int64_t rows, std::int64_t cols,
+                    double sd) {
+        add(name, rows, cols,
+            TestModelMaker::matrixType(recipe.weights, name, layer, recipe.layerCount, cols), 0.0, sd);
     }
     void norm(const std::string& name, std::int64_t length) { add(name, 1, length, GgmlType::F32, 1.0, 0.1); }
-    void bias(const std::string& name, std::int64_t length) { add(name, 1, length, GgmlType::F32, 0.0, 0.05); }
+    void bias(const std::string& name, std::int64_t length) {
+        add(name, 1, length, GgmlType::F32, 0.0, 0.05);
+    }
 };
 
 // The GPT-2 byte-level alphabet: printable bytes stand for themselves, the rest are shifted
@@ -122,7 +132,8 @@ void writeBuiltInVocabulary(GgufWriter& writer, VocabularyTables& vocabulary) {
         vocabulary.types.push_back(1);
     }
     // A few merges so encoding exercises the merge loop ("Ġ" is the space).
-    const std::vector<std::string> merges = {"Ġ t", "h e", "Ġt he", "i n", "Ġ a", "e r", "o n", "Ġ s", "r e", "a t"};
+    const std::vector<std::string> merges = {"Ġ t", "h e", "Ġt he", "i n", "Ġ a",
+                                             "e r", "o n", "Ġ s",   "r e", "a t"};
     for (const std::string& merge : merges) {
         const std::size_t space = merge.find(' ');
         vocabulary.tokens.push_back(merge.substr(0, space) + merge.substr(space + 1));
@@ -209,7 +220,8 @@ void copyVocabulary(GgufWriter& writer, const std::filesystem::path& path, Vocab
 
 constexpr std::string_view chatmlTemplate =
     "{% for message in messages %}{{ '<|im_start|>' + message['role'] + '\\n' + message['content'] + "
-    "'<|im_end|>' + '\\n' }}{% endfor %}{% if add_generation_prompt %}{{ '<|im_start|>assistant\\n' }}{% endif %}";
+    "'<|im_end|>' + '\\n' }}{% endfor %}{% if add_generation_prompt %}{{ '<|im_start|>assistant\\n' }}{% "
+    "endif %}";
 
 } // namespace
 
@@ -273,8 +285,8 @@ std::optional<TestModelRecipe> TestModelRecipe::shape(std::string_view name, Arc
     return std::nullopt;
 }
 
-GgmlType TestModelMaker::matrixType(const TestWeightScheme& scheme, std::string_view tensorName, std::int64_t layer,
-                                    std::int64_t layerCount, std::int64_t rowLength) {
+GgmlType TestModelMaker::matrixType(const TestWeightScheme& scheme, std::string_view tensorName,
+                                    std::int64_t layer, std::int64_t layerCount, std::int64_t rowLength) {
     const auto fits = [&](GgmlType type) { return ggmlRowBytes(type, rowLength).has_value(); };
     if (!scheme.q4kmMix) {
         if (fits(scheme.type)) {
@@ -286,7 +298,8 @@ GgmlType TestModelMaker::matrixType(const TestWeightScheme& scheme, std::string_
         return fits(GgmlType::Q8_0) ? GgmlType::Q8_0 : GgmlType::F32;
     }
     GgmlType preferred = GgmlType::Q4_K;
-    const bool moreBits = layer < layerCount / 8 || layer >= 7 * layerCount / 8 || (layer - layerCount / 8) % 3 == 2;
+    const bool moreBits =
+        layer < layerCount / 8 || layer >= 7 * layerCount / 8 || (layer - layerCount / 8) % 3 == 2;
     if (tensorName == "output.weight" ||
         ((tensorName.ends_with("attn_v.weight") || tensorName.ends_with("ffn_down.weight")) && moreBits)) {
         preferred = GgmlType::Q6_K;
@@ -298,9 +311,10 @@ GgmlType TestModelMaker::matrixType(const TestWeightScheme& scheme, std::string_
 }
 
 GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
-    if (recipe.hiddenSize <= 0 || recipe.layerCount <= 0 || recipe.headCount <= 0 || recipe.kvHeadCount <= 0 ||
-        recipe.feedForwardSize <= 0 || recipe.contextLength <= 0 || recipe.hiddenSize % recipe.headCount != 0 ||
-        recipe.headCount % recipe.kvHeadCount != 0 || (recipe.hiddenSize / recipe.headCount) % 2 != 0) {
+    if (recipe.hiddenSize <= 0 || recipe.layerCount <= 0 || recipe.headCount <= 0 ||
+        recipe.kvHeadCount <= 0 || recipe.feedForwardSize <= 0 || recipe.contextLength <= 0 ||
+        recipe.hiddenSize % recipe.headCount != 0 || recipe.headCount % recipe.kvHeadCount != 0 ||
+        (recipe.hiddenSize / recipe.headCount) % 2 != 0) {
         throw std::invalid_argument("inconsistent test model shape");
     }
     GgufWriter writer;
@@ -316,8 +330,17 @@ GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
     writer.setUInt32(arch + ".attention.head_count_kv", static_cast<std::uint32_t>(recipe.kvHeadCount));
     writer.setFloat32(arch + ".attention.layer_norm_rms_epsilon", static_cast<float>(recipe.rmsEpsilon));
     writer.setFloat32(arch + ".rope.freq_base", static_cast<float>(recipe.ropeFreqBase));
+    if (recipe.slidingWindow > 0) {
+        writer.setUInt32(arch + ".attention.sliding_window",
+                         static_cast<std::uint32_t>(recipe.slidingWindow));
+    }
+    if (recipe.slidingWindowPeriod > 0) {
+        writer.setUInt32(arch + ".attention.sliding_window_pattern",
+                         static_cast<std::uint32_t>(recipe.slidingWindowPeriod));
+    }
     if (recipe.ropeScaling.kind != RopeScalingKind::none) {
-        writer.setString(arch + ".rope.scaling.type", recipe.ropeScaling.kind == RopeScalingKind::yarn ? "yarn" : "linear");
+        writer.setString(arch + ".rope.scaling.type",
+                         recipe.ropeScaling.kind == RopeScalingKind::yarn ? "yarn" : "linear");
         writer.setFloat32(arch + ".rope.scaling.factor", static_cast<float>(recipe.ropeScaling.factor));
         if (recipe.ropeScaling.originalContext > 0) {
             writer.setUInt32(arch + ".rope.scaling.original_context_length",
@@ -331,8 +354,9 @@ GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
     } else {
         copyVocabulary(writer, recipe.vocabularyFile, vocabulary);
     }
-    const std::int64_t vocabularySize =
-        recipe.vocabularySize > 0 ? recipe.vocabularySize : static_cast<std::int64_t>(vocabulary.tokens.size());
+    const std::int64_t vocabularySize = recipe.vocabularySize > 0
+                                            ? recipe.vocabularySize
+                                            : static_cast<std::int64_t>(vocabulary.tokens.size());
     if (vocabularySize < static_cast<std::int64_t>(vocabulary.tokens.size())) {
         throw std::invalid_argument("vocabulary size " + std::to_string(vocabularySize) + " is below the " +
                                     std::to_string(vocabulary.tokens.size()) + " tokens of the vocabulary");
@@ -341,7 +365,8 @@ GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
     // carry the ChatML control tokens when the vocabulary lacks them, as chat models add them.
     std::vector<std::string> missingControls;
     for (const char* control : {"<|im_start|>", "<|im_end|>"}) {
-        if (std::find(vocabulary.tokens.begin(), vocabulary.tokens.end(), control) == vocabulary.tokens.end()) {
+        if (std::find(vocabulary.tokens.begin(), vocabulary.tokens.end(), control) ==
+            vocabulary.tokens.end()) {
             missingControls.emplace_back(control);
         }
     }
@@ -375,31 +400,79 @@ GgufWriter TestModelMaker::build(const TestModelRecipe& recipe) {
     for (std::int64_t l = 0; l < recipe.layerCount; ++l) {
         const std::string p = "blk." + std::to_string(l) + ".";
         tensors.norm(p + "attn_norm.weight", hidden);
-        tensors.matrix(p + "attn_q.weight", l, hidden, hidden);
-        tensors.matrix(p + "attn_k.weight", l, kvWidth, hidden);
-        tensors.matrix(p + "attn_v.weight", l, kvWidth, hidden);
+        const bool fused = recipe.architecture == Architecture::phi3;
+        if (fused) {
+            tensors.projection(p + "attn_qkv.weight", l, hidden + 2 * kvWidth, hidden, recipe.queryKeyStdDev);
+        } else {
+            tensors.projection(p + "attn_q.weight", l, hidden, hidden, recipe.queryKeyStdDev);
+            tensors.projection(p + "attn_k.weight", l, kvWidth, hidden, recipe.queryKeyStdDev);
+            tensors.matrix(p + "attn_v.weight", l, kvWidth, hidden);
+        }
         if (recipe.architecture == Architecture::qwen2) {
             tensors.bias(p + "attn_q.bias", hidden);
             tensors.bias(p + "attn_k.bias", kvWidth);
             tensors.bias(p + "attn_v.bias", kvWidth);
         }
-        if (recipe.architecture == Architecture::qwen3) {
+        const bool gemma = recipe.architecture == Architecture::gemma3;
+        if (recipe.architecture == Architecture::qwen3 || gemma) {
             tensors.norm(p + "attn_q_norm.weight", headDim);
             tensors.norm(p + "attn_k_norm.weight", headDim);
         }
+        if (gemma) {
+            tensors.norm(p + "post_attention_norm.weight", hidden);
+            tensors.norm(p + "post_ffw_norm.weight", hidden);
+        }
         tensors.matrix(p + "attn_output.weight", l, hidden, hidden);
         tensors.norm(p + "ffn_norm.weight", hidden);
-        tensors.matrix(p + "ffn_gate.weight", l, recipe.feedForwardSize, hidden);
-        tensors.matrix(p + "ffn_up.weight", l, recipe.feedForwardSize, hidden);
+        if (fused) {
+            tensors.matrix(p + "ffn_up.weight", l, 2 * recipe.feedForwardSize, hidden);
+        } else {
+            tensors.matrix(p + "ffn_gate.weight", l, recipe.feedForwardSize, hidden);
+            tensors.matrix(p + "ffn_up.weight", l, recipe.feedForwardSize, hidden);
+        }
         tensors.matrix(p + "ffn_down.weight", l, hidden, recipe.feedForwardSize);
     }
     tensors.norm("output_norm.weight", hidden);
+    if (!recipe.ropeFrequencyFactors.empty()) {
+        if (static_cast<std::int64_t>(recipe.ropeFrequencyFactors.size()) != headDim / 2) {
+            throw std::invalid_argument("one RoPE frequency factor per rotated pair is needed");
+        }
+        std::vector<std::byte> data(recipe.ropeFrequencyFactors.size() * sizeof(float));
+        std::memcpy(data.data(), recipe.ropeFrequencyFactors.data(), data.size());
+        writer.addTensor("rope_freqs.weight", {headDim / 2}, GgmlType::F32, std::move(data));
+    }
     if (!recipe.tiedOutput) {
         tensors.matrix("output.weight", recipe.layerCount, vocabularySize, hidden);
     }
     return writer;
 }
 
-void TestModelMaker::write(const TestModelRecipe& recipe, const std::filesystem::path& path) { build(recipe).write(path); }
+std::vector<float> llama3RopeFrequencyFactors(double base, std::int64_t ropeDims, double factor,
+                                              double lowFrequencyFactor, double highFrequencyFactor,
+                                              std::int64_t originalContext) {
+    const auto context = static_cast<float>(originalContext);
+    const float lowWavelength = context / static_cast<float>(lowFrequencyFactor);
+    const float highWavelength = context / static_cast<float>(highFrequencyFactor);
+    std::vector<float> factors;
+    for (std::int64_t i = 0; i < ropeDims / 2; ++i) {
+        const float frequency =
+            std::pow(static_cast<float>(base), -2.0f * static_cast<float>(i) / static_cast<float>(ropeDims));
+        const float wavelength = 2.0f * std::numbers::pi_v<float> / frequency;
+        if (wavelength < highWavelength) {
+            factors.push_back(1.0f);
+        } else if (wavelength > lowWavelength) {
+            factors.push_back(static_cast<float>(factor));
+        } else {
+            const float smooth = (context / wavelength - static_cast<float>(lowFrequencyFactor)) /
+                                 static_cast<float>(highFrequencyFactor - lowFrequencyFactor);
+            factors.push_back(1.0f / ((1.0f - smooth) / static_cast<float>(factor) + smooth));
+        }
+    }
+    return factors;
+}
+
+void TestModelMaker::write(const TestModelRecipe& recipe, const std::filesystem::path& path) {
+    build(recipe).write(path);
+}
 
 } // namespace parlune::llm

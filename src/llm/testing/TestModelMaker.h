@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace parlune::llm {
 
@@ -41,6 +42,15 @@ struct TestModelRecipe {
     double ropeFreqBase = 10000.0;
     double rmsEpsilon = 1e-5;
     RopeScaling ropeScaling;
+    // Gemma 3 only: `attention.sliding_window` and `attention.sliding_window_pattern` (0: not
+    // written, so the engine's defaults apply).
+    std::int64_t slidingWindow = 0;
+    std::int64_t slidingWindowPeriod = 0;
+    // Written as `rope_freqs.weight` when not empty (one divisor per rotated pair).
+    std::vector<float> ropeFrequencyFactors;
+    // Standard deviation of the query and key projections: larger values make attention peaked,
+    // so that positions visibly change the logits.
+    double queryKeyStdDev = 0.02;
     // A GGUF file whose `tokenizer.*` metadata is copied; empty for a small built-in byte-level
     // vocabulary (256 byte tokens, a few merges, ChatML control tokens).
     std::filesystem::path vocabularyFile;
@@ -51,6 +61,13 @@ struct TestModelRecipe {
     // "0.5b" (896/24/14/2/4864, vocab 151936, theta 1e6). nullopt for an unknown name.
     static std::optional<TestModelRecipe> shape(std::string_view name, Architecture architecture);
 };
+
+// The per-pair RoPE divisors Llama 3.1/3.2 checkpoints derive from their `rope_scaling` settings
+// (type "llama3"): pairs that turn slowly over the original context are stretched by `factor`,
+// fast ones are kept, with a smooth ramp between. Computed in float32 as converters do.
+std::vector<float> llama3RopeFrequencyFactors(double base, std::int64_t ropeDims, double factor,
+                                              double lowFrequencyFactor, double highFrequencyFactor,
+                                              std::int64_t originalContext);
 
 // Writes random-weight models of real structure for tests and benchmarks: weights N(0, 0.02),
 // norm weights 1 + N(0, 0.1), biases N(0, 0.05), drawn from a generator seeded by the recipe's
@@ -64,8 +81,8 @@ public:
 
     // Type used for one matrix (exposed for tests): the scheme's type where the row length
     // allows it, else the nearest type that fits.
-    static GgmlType matrixType(const TestWeightScheme& scheme, std::string_view tensorName, std::int64_t layer,
-                               std::int64_t layerCount, std::int64_t rowLength);
+    static GgmlType matrixType(const TestWeightScheme& scheme, std::string_view tensorName,
+                               std::int64_t layer, std::int64_t layerCount, std::int64_t rowLength);
 };
 
 } // namespace parlune::llm

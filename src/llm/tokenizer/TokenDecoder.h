@@ -9,7 +9,8 @@ class Tokenizer;
 
 // Turns generated tokens into text as they arrive. A character whose bytes are split over
 // several tokens comes out whole once its last byte arrives; bytes that can never form a
-// character come out as U+FFFD.
+// character come out as U+FFFD. Like Tokenizer::decode, the space a SentencePiece vocabulary
+// puts before the first word is dropped.
 class TokenDecoder {
 public:
     explicit TokenDecoder(const Tokenizer& tokenizer) : tokenizer_(tokenizer) {}
@@ -20,8 +21,11 @@ public:
     std::string flush();
 
 private:
+    std::string release(std::string text);
+
     const Tokenizer& tokenizer_;
     std::string pending_;
+    bool atStart_ = true;
 };
 
 } // namespace parlune::llm

@@ -13,8 +13,8 @@ namespace parlune::llm {
 namespace {
 
 // Texts of the end-of-turn tokens of the chat families we format for.
-constexpr std::string_view kEndOfTurnTexts[] = {"<|im_end|>", "<|eot_id|>", "<|eom_id|>", "<|end|>",
-                                                "<end_of_turn>", "<|endoftext|>"};
+constexpr std::string_view kEndOfTurnTexts[] = {"<|im_end|>", "<|eot_id|>",    "<|eom_id|>",
+                                                "<|end|>",    "<end_of_turn>", "<|endoftext|>"};
 
 std::optional<std::int32_t> checkedId(std::optional<std::int32_t> id, const Vocabulary& vocabulary,
                                       const char* name, bool required) {
@@ -110,9 +110,11 @@ std::unique_ptr<Tokenizer> Tokenizer::fromConfig(TokenizerConfig config) {
     bool defaultAddBos = false;
     if (config.model == "gpt2") {
         const PreTokenizerKind pre = PreTokenizer::kindForName(config.pre);
-        model = std::make_unique<ByteLevelBpe>(*vocabulary, config.merges, pre, pre == PreTokenizerKind::llama3);
+        model =
+            std::make_unique<ByteLevelBpe>(*vocabulary, config.merges, pre, pre == PreTokenizerKind::llama3);
     } else if (config.model == "llama") {
-        model = std::make_unique<SentencePieceBpe>(*vocabulary, config.addSpacePrefix.value_or(true), unknown);
+        model =
+            std::make_unique<SentencePieceBpe>(*vocabulary, config.addSpacePrefix.value_or(true), unknown);
         defaultAddBos = true;
     } else {
         throw TokenizerError("unsupported tokenizer model \"" + config.model + "\"");
@@ -137,13 +139,19 @@ void Tokenizer::indexSpecialTokens() {
         if (const auto id = vocabulary_->find(text))
             endOfGeneration_.push_back(*id);
     std::sort(endOfGeneration_.begin(), endOfGeneration_.end());
-    endOfGeneration_.erase(std::unique(endOfGeneration_.begin(), endOfGeneration_.end()), endOfGeneration_.end());
+    endOfGeneration_.erase(std::unique(endOfGeneration_.begin(), endOfGeneration_.end()),
+                           endOfGeneration_.end());
 
     for (std::int32_t id = 0; id < vocabulary_->size(); ++id) {
         const TokenType type = vocabulary_->type(id);
         const std::string& text = vocabulary_->text(id);
         if ((type == TokenType::control || type == TokenType::userDefined) && !text.empty())
             specialByFirstByte_[static_cast<unsigned char>(text[0])].push_back(id);
+        // Some vocabularies mark their padding slots unknown rather than unused.
+        const bool structural = type == TokenType::control || type == TokenType::unused ||
+                                type == TokenType::unknown || id == padding_;
+        if (structural && !isEndOfGeneration(id))
+            neverGenerated_.push_back(id);
     }
     for (auto& bucket : specialByFirstByte_)
         std::stable_sort(bucket.begin(), bucket.end(), [this](std::int32_t a, std::int32_t b) {
@@ -172,7 +180,8 @@ std::vector<std::int32_t> Tokenizer::encode(std::string_view text, bool parseSpe
 
 std::vector<std::int32_t> Tokenizer::encode(std::string_view text, std::span<const TextRange> literal) const {
     for (std::size_t i = 0; i < literal.size(); ++i) {
-        const bool ordered = literal[i].begin <= literal[i].end && (i == 0 || literal[i - 1].end <= literal[i].begin);
+        const bool ordered =
+            literal[i].begin <= literal[i].end && (i == 0 || literal[i - 1].end <= literal[i].begin);
         if (!ordered || literal[i].end > text.size())
             throw std::invalid_argument("literal ranges must be sorted, disjoint and inside the text");
     }
@@ -211,7 +220,14 @@ bool Tokenizer::isEndOfGeneration(std::int32_t token) const {
     return std::binary_search(endOfGeneration_.begin(), endOfGeneration_.end(), token);
 }
 
-std::optional<std::int32_t> Tokenizer::findToken(std::string_view text) const { return vocabulary_->find(text); }
+bool Tokenizer::mayGenerate(std::int32_t token) const {
+    return vocabulary_->contains(token) &&
+           !std::binary_search(neverGenerated_.begin(), neverGenerated_.end(), token);
+}
+
+std::optional<std::int32_t> Tokenizer::findToken(std::string_view text) const {
+    return vocabulary_->find(text);
+}
 
 TokenType Tokenizer::tokenType(std::int32_t token) const {
     return vocabulary_->contains(token) ? vocabulary_->type(token) : TokenType::undefined;
@@ -222,12 +238,17 @@ const std::string& Tokenizer::tokenText(std::int32_t token) const {
     return vocabulary_->contains(token) ? vocabulary_->text(token) : empty;
 }
 
-std::string Tokenizer::tokenBytes(std::int32_t token) const { return model_->tokenBytes(token); }
+std::string Tokenizer::tokenBytes(std::int32_t token) const {
+    // Unused slots (e.g. "[PAD151]") are spelled like text but stand for nothing.
+    if (tokenType(token) == TokenType::unused)
+        return {};
+    return model_->tokenBytes(token);
+}
 
 std::string Tokenizer::decode(std::span<const std::int32_t> tokens) const {
     std::string out;
     for (const std::int32_t token : tokens)
-        out += model_->tokenBytes(token);
+        out += tokenBytes(token);
     if (model_->addsSpacePrefix() && !out.empty() && out.front() == ' ')
         out.erase(0, 1);
     return out;

@@ -48,6 +48,12 @@ public:
     // End of sequence, end of turn, end of message, and the end-of-turn tokens chat families
     // use, found by their text.
     bool isEndOfGeneration(std::int32_t token) const;
+    // Whether a generated answer may contain this token: not control tokens other than the
+    // end-of-generation ones, not unused, unknown or padding tokens, not ids past the vocabulary
+    // (a model's output rows may outnumber its tokens).
+    bool mayGenerate(std::int32_t token) const;
+    // The vocabulary's tokens for which mayGenerate is false, ascending.
+    std::span<const std::int32_t> neverGenerated() const { return neverGenerated_; }
 
     // Token whose vocabulary spelling is exactly `text` (byte-level vocabularies spell a space
     // as U+0120).
@@ -56,7 +62,7 @@ public:
     TokenType tokenType(std::int32_t token) const;
     const std::string& tokenText(std::int32_t token) const;
 
-    // Raw bytes a token stands for in generated text; control tokens stand for nothing.
+    // Raw bytes a token stands for in generated text; control and unused tokens stand for nothing.
     std::string tokenBytes(std::int32_t token) const;
     // Bytes of a whole sequence, without the space the encoder puts before the first word.
     std::string decode(std::span<const std::int32_t> tokens) const;
@@ -65,7 +71,8 @@ private:
     Tokenizer(std::unique_ptr<Vocabulary> vocabulary, std::unique_ptr<TokenModel> model);
     void indexSpecialTokens();
     // Longest special token whose text starts at `text[offset]` and ends by `limit`.
-    std::optional<std::int32_t> matchSpecial(std::string_view text, std::size_t offset, std::size_t limit) const;
+    std::optional<std::int32_t> matchSpecial(std::string_view text, std::size_t offset,
+                                             std::size_t limit) const;
 
     std::unique_ptr<Vocabulary> vocabulary_;
     std::unique_ptr<TokenModel> model_;
@@ -75,7 +82,8 @@ private:
     std::optional<std::int32_t> eom_;
     std::optional<std::int32_t> padding_;
     bool addBos_ = false;
-    std::vector<std::int32_t> endOfGeneration_;             // sorted
+    std::vector<std::int32_t> endOfGeneration_;                     // sorted
+    std::vector<std::int32_t> neverGenerated_;                      // sorted
     std::array<std::vector<std::int32_t>, 256> specialByFirstByte_; // longest text first
 };
 

@@ -13,9 +13,9 @@ namespace {
 
 const std::filesystem::path kFixtures = PARLUNE_LLM_FIXTURES;
 
-#define SKIP_WITHOUT_FIXTURES()                                                                        \
-    if (!std::filesystem::is_directory(kFixtures / "models")) {                                        \
-        GTEST_SKIP() << "model fixtures not found at " << kFixtures << " (they live beside the clone)"; \
+#define SKIP_WITHOUT_FIXTURES()                                                                              \
+    if (!std::filesystem::is_directory(kFixtures / "models")) {                                              \
+        GTEST_SKIP() << "model fixtures not found at " << kFixtures << " (they live beside the clone)";      \
     }
 
 std::vector<std::filesystem::path> ggufFilesIn(const std::filesystem::path& dir) {
@@ -98,6 +98,11 @@ TEST(GgufConformanceTest, TinyModelsHaveTheirShapeTensorsAndTypes) {
     const auto files = ggufFilesIn(kFixtures / "models");
     EXPECT_GE(files.size(), 11u);
     for (const auto& path : files) {
+        // The second set (cut vocabularies, other architectures, types this engine lacks) is
+        // checked file by file by the model conformance tests.
+        if (!startsWith(path, "llama-tiny") && !startsWith(path, "qwen2-tiny")) {
+            continue;
+        }
         const std::string name = path.filename().string();
         SCOPED_TRACE(name);
         const auto file = GgufFile::open(path);

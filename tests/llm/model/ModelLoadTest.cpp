@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
+#include <vector>
 
 namespace parlune::llm {
 namespace {
@@ -72,7 +74,8 @@ TEST(ModelLoad, RejectsUnusableMetadataWithTheKeyNamed) {
                      "unsupported model architecture 'gpt-neo'");
     expectModelError(fileWith([](GgufWriter& w) { w.setUInt32("llama.attention.head_count_kv", 3); }),
                      "not a multiple of the key/value head count");
-    expectModelError(fileWith([](GgufWriter& w) { w.setInt32("llama.block_count", -1); }), "llama.block_count");
+    expectModelError(fileWith([](GgufWriter& w) { w.setInt32("llama.block_count", -1); }),
+                     "llama.block_count");
     expectModelError(fileWith([](GgufWriter& w) { w.setString("llama.rope.scaling.type", "ntk-magic"); }),
                      "unsupported RoPE scaling type");
     expectModelError(fileWith([](GgufWriter& w) { w.setString("llama.context_length", "many"); }),
@@ -109,11 +112,65 @@ TEST(ModelLoad, ReadsRopeScaling) {
     EXPECT_EQ(scaling.originalContext, 512);
 }
 
+void addFloats(GgufWriter& writer, const std::string& name, const std::vector<float>& values) {
+    std::vector<std::byte> bytes(values.size() * sizeof(float));
+    std::memcpy(bytes.data(), values.data(), bytes.size());
+    writer.addTensor(name, {static_cast<std::int64_t>(values.size())}, GgmlType::F32, std::move(bytes));
+}
+
+TEST(ModelLoad, RopeFactorsAreCheckedAndFollowTheContext) {
+    // Head size 16: eight rotated pairs.
+    expectModelError(
+        fileWith([](GgufWriter& w) { addFloats(w, "rope_freqs.weight", std::vector<float>(8, 0.0f)); }),
+        "'rope_freqs.weight' holds a factor that is not a positive number");
+    expectModelError(
+        fileWith([](GgufWriter& w) { addFloats(w, "rope_freqs.weight", std::vector<float>(6, 1.0f)); }),
+        "'rope_freqs.weight' has shape [6], expected [8]");
+
+    // Phi-3.5: short factors within the original context, long ones beyond it.
+    const auto phi3 = [](bool withLong) {
+        return fileWith(
+            [withLong](GgufWriter& w) {
+                w.setUInt32("phi3.rope.scaling.original_context_length", 1024);
+                w.setFloat32("phi3.rope.scaling.attn_factor", 1.25f);
+                addFloats(w, "rope_factors_short.weight", std::vector<float>(8, 1.5f));
+                if (withLong) {
+                    addFloats(w, "rope_factors_long.weight", std::vector<float>(8, 4.0f));
+                }
+            },
+            Architecture::phi3);
+    };
+    const auto within = Model::fromFile(phi3(true), 1024);
+    EXPECT_EQ(within->config().contextLength, 1024);
+    EXPECT_EQ(within->ropeFrequencyFactors()[0], 1.5f);
+    EXPECT_DOUBLE_EQ(within->config().ropeScaling.attentionFactor, 1.25);
+    EXPECT_EQ(Model::fromFile(phi3(true))->ropeFrequencyFactors()[7], 4.0f); // the file's 2048
+    expectModelError(phi3(false), "'rope_factors_long.weight' is missing");
+}
+
+TEST(ModelLoad, ReadsGemma3Layout) {
+    const auto plain = makeTinyModel(tinySpec(Architecture::gemma3));
+    EXPECT_EQ(plain->config().gateActivation, GateActivation::geluTanh);
+    EXPECT_FLOAT_EQ(static_cast<float>(plain->config().embeddingScale), 8.0f);
+    EXPECT_FALSE(plain->config().isSlidingLayer(0)) << "no window key: every layer global";
+    EXPECT_FALSE(plain->layer(1).postFeedForwardNorm.empty());
+
+    TestModelRecipe recipe = tinySpec(Architecture::gemma3);
+    recipe.layerCount = 6;
+    recipe.slidingWindow = 32;
+    const ModelConfig windowed = makeTinyModel(recipe)->config();
+    EXPECT_TRUE(windowed.isSlidingLayer(0));
+    EXPECT_TRUE(windowed.isSlidingLayer(4));
+    EXPECT_FALSE(windowed.isSlidingLayer(5)) << "every sixth layer is global by default";
+    EXPECT_DOUBLE_EQ(windowed.slidingRopeFreqBase, 10000.0);
+}
+
 TEST(ModelLoad, EmbeddingRejectsTokensOutsideTheVocabulary) {
     const auto model = makeTinyModel(tinySpec(Architecture::llama));
     std::vector<float> row(64);
     EXPECT_THROW(model->embed(-1, row.data()), ModelError);
-    EXPECT_THROW(model->embed(static_cast<std::int32_t>(model->config().vocabularySize), row.data()), ModelError);
+    EXPECT_THROW(model->embed(static_cast<std::int32_t>(model->config().vocabularySize), row.data()),
+                 ModelError);
     model->embed(5, row.data());
     EXPECT_NE(row[0], 0.0f);
 }

@@ -16,10 +16,11 @@ namespace {
 
 const std::filesystem::path kFixtures = PARLUNE_LLM_FIXTURES;
 
-#define SKIP_WITHOUT_FIXTURES()                                                                                  \
-    do {                                                                                                         \
-        if (!std::filesystem::is_directory(kFixtures))                                                           \
-            GTEST_SKIP() << "engine fixtures not found at " << kFixtures << " (they live beside the project)";  \
+#define SKIP_WITHOUT_FIXTURES()                                                                              \
+    do {                                                                                                     \
+        if (!std::filesystem::is_directory(kFixtures))                                                       \
+            GTEST_SKIP() << "engine fixtures not found at " << kFixtures                                     \
+                         << " (they live beside the project)";                                               \
     } while (false)
 
 using Ids = std::vector<std::int32_t>;
@@ -82,8 +83,6 @@ TEST_P(VocabularyConformanceTest, EncodesEveryCaseExactlyAndDecodesItBack) {
         for (const std::int32_t id : ids)
             streamed += decoder.push(id);
         streamed += decoder.flush();
-        if (tokenizer->addsSpacePrefix() && streamed.starts_with(' '))
-            streamed.erase(0, 1);
         EXPECT_EQ(streamed, c.text);
     }
     std::cout << "[ conformance ] " << name << ": " << passed << "/" << cases.size() << " cases\n";
@@ -92,6 +91,27 @@ TEST_P(VocabularyConformanceTest, EncodesEveryCaseExactlyAndDecodesItBack) {
 INSTANTIATE_TEST_SUITE_P(Fixtures, VocabularyConformanceTest,
                          ::testing::Values("ggml-vocab-gpt-2.gguf", "ggml-vocab-starcoder.gguf",
                                            "ggml-vocab-llama-spm.gguf", "ggml-vocab-phi-3.gguf"));
+
+// Phi-3's real vocabulary marks its chat markers and placeholders as control tokens and its
+// padding slots ("[PAD32011]"...) as unknown: none of them may be generated as answer text,
+// while the end-of-turn markers stay available to end the answer.
+TEST(TokenizerConformanceTest, OnlyTextAndEndOfTurnTokensMayBeGenerated) {
+    SKIP_WITHOUT_FIXTURES();
+    const auto phi3 = loadTokenizer(kFixtures / "vocab" / "ggml-vocab-phi-3.gguf");
+    for (const char* text :
+         {"<|system|>", "<|user|>", "<|assistant|>", "<|placeholder1|>", "[PAD32011]", "<unk>"}) {
+        const auto id = phi3->findToken(text);
+        ASSERT_TRUE(id) << text;
+        EXPECT_FALSE(phi3->mayGenerate(*id)) << text;
+    }
+    EXPECT_EQ(phi3->tokenBytes(*phi3->findToken("<|system|>")), "");
+    for (const char* text : {"<|end|>", "<|endoftext|>", "\xE2\x96\x81Hello", "<0x0A>"}) {
+        const auto id = phi3->findToken(text);
+        ASSERT_TRUE(id) << text;
+        EXPECT_TRUE(phi3->mayGenerate(*id)) << text;
+    }
+    EXPECT_FALSE(phi3->mayGenerate(phi3->vocabularySize())) << "past the vocabulary";
+}
 
 TEST(TokenizerConformanceTest, SpecialTokensOfTheVocabularies) {
     SKIP_WITHOUT_FIXTURES();
@@ -127,7 +147,8 @@ TEST(TokenizerConformanceTest, ChatPromptsOfTheQwenModelShareTheSystemPrefixToke
     SKIP_WITHOUT_FIXTURES();
     const auto file = GgufFile::open(kFixtures / "models" / "qwen2-tiny-Q8_0.gguf");
     const auto tokenizer = Tokenizer::fromGguf(*file);
-    const ChatFormat format = ChatFormat::fromTemplate(file->getString("tokenizer.chat_template").value_or(""));
+    const ChatFormat format =
+        ChatFormat::fromTemplate(file->getString("tokenizer.chat_template").value_or(""));
     EXPECT_EQ(format.family(), ChatFamily::chatml);
     constexpr std::int32_t imStart = 151644;
     constexpr std::int32_t imEnd = 151645;
@@ -156,17 +177,21 @@ TEST(TokenizerConformanceTest, RecognisesAndRendersEveryTemplate) {
     };
     const Expected expectations[] = {
         {"Qwen-Qwen2.5-7B-Instruct.jinja", ChatFamily::chatml,
-         "<|im_start|>system\nBe terse.<|im_end|>\n<|im_start|>user\nFix: teh cat<|im_end|>\n<|im_start|>assistant\n"},
+         "<|im_start|>system\nBe terse.<|im_end|>\n<|im_start|>user\nFix: teh "
+         "cat<|im_end|>\n<|im_start|>assistant\n"},
         {"Qwen-Qwen3-0.6B.jinja", ChatFamily::chatml,
-         "<|im_start|>system\nBe terse.<|im_end|>\n<|im_start|>user\nFix: teh cat<|im_end|>\n<|im_start|>assistant\n"
+         "<|im_start|>system\nBe terse.<|im_end|>\n<|im_start|>user\nFix: teh "
+         "cat<|im_end|>\n<|im_start|>assistant\n"
          "<think>\n\n</think>\n\n"},
         {"HuggingFaceTB-SmolLM3-3B.jinja", ChatFamily::chatml,
          "<|im_start|>system\n## Metadata\n\nKnowledge Cutoff Date: June 2025\nReasoning Mode: /no_think\n\n"
          "## Custom Instructions\n\nBe terse.\n\n<|im_end|>\n<|im_start|>user\nFix: teh cat<|im_end|>\n"
          "<|im_start|>assistant\n<think>\n\n</think>\n"},
         {"meta-llama-Llama-3.2-3B-Instruct.jinja", ChatFamily::llama3,
-         "<|begin_of_text|><|start_header_id|>system<|end_header_id|>\n\nCutting Knowledge Date: December 2023\n"
-         "Today Date: 26 Jul 2024\n\nBe terse.<|eot_id|><|start_header_id|>user<|end_header_id|>\n\nFix: teh cat"
+         "<|begin_of_text|><|start_header_id|>system<|end_header_id|>\n\nCutting Knowledge Date: December "
+         "2023\n"
+         "Today Date: 26 Jul 2024\n\nBe terse.<|eot_id|><|start_header_id|>user<|end_header_id|>\n\nFix: teh "
+         "cat"
          "<|eot_id|><|start_header_id|>assistant<|end_header_id|>\n\n"},
         {"google-gemma-2-2b-it.jinja", ChatFamily::gemma,
          "<bos><start_of_turn>user\nBe terse.\n\nFix: teh cat<end_of_turn>\n<start_of_turn>model\n"},
@@ -179,7 +204,8 @@ TEST(TokenizerConformanceTest, RecognisesAndRendersEveryTemplate) {
         EXPECT_EQ(format.formatPrompt("Be terse.", "Fix: teh cat"), e.prompt) << e.file;
     }
     const auto phi3 = GgufFile::open(kFixtures / "vocab" / "ggml-vocab-phi-3.gguf");
-    const ChatFormat embedded = ChatFormat::fromTemplate(phi3->getString("tokenizer.chat_template").value_or(""));
+    const ChatFormat embedded =
+        ChatFormat::fromTemplate(phi3->getString("tokenizer.chat_template").value_or(""));
     EXPECT_EQ(embedded.family(), ChatFamily::phi3);
     EXPECT_TRUE(embedded.includesBos());
 }
