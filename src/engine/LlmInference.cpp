@@ -30,14 +30,20 @@ const std::optional<ModelFileReport>& LlmInference::chosenModel() {
 }
 
 std::shared_ptr<LlmBackend> LlmInference::currentBackend() {
+    if (backend_ && ModelLocator::identityOf(backend_->path()) != backend_->identity()) {
+        chosenAt_.reset(); // the file was replaced or rewritten: look again now, not in a while
+    }
     const std::optional<ModelFileReport>& chosen = chosenModel();
     if (!chosen || !chosen->usable()) {
-        throw LanguageModelGenerationError(LanguageModelGenerationError::Kind::assetsUnavailable);
+        const std::string detail = chosen ? chosen->explanation() : ModelLocator::noModelExplanation();
+        throw LanguageModelGenerationError(LanguageModelGenerationError::Kind::assetsUnavailable,
+                                           QString::fromStdString(detail));
     }
-    if (!backend_ || backend_->path() != chosen->path) {
+    if (!backend_ || backend_->path() != chosen->path || backend_->identity() != chosen->identity) {
         // A different model: states computed by the old one mean nothing to it.
         prefixCache_->clear();
-        backend_ = std::make_shared<LlmBackend>(chosen->path, options_.threadCount, prefixCache_);
+        backend_ =
+            std::make_shared<LlmBackend>(chosen->path, chosen->identity, options_.threadCount, prefixCache_);
         backend_->forceResponseTokens(options_.forcedResponseTokens);
     }
     return backend_;

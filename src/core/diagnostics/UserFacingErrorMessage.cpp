@@ -82,6 +82,19 @@ QString UserFacingErrorMessage::message(const std::exception& error) {
     return QString::fromUtf8(description);
 }
 
+QString UserFacingErrorMessage::detail(const std::exception_ptr& error) {
+    if (!error) {
+        return {};
+    }
+    try {
+        std::rethrow_exception(error);
+    } catch (const LocalRewriteEngineError& engine) {
+        return engine.detail();
+    } catch (...) {
+        return {};
+    }
+}
+
 QString UserFacingErrorMessage::message(const std::exception_ptr& error) {
     if (!error) {
         return text(undescribedError);

@@ -1,6 +1,8 @@
 #include "llm/runtime/GenerationSession.h"
 
+#include "llm/gguf/GgufFile.h"
 #include "llm/model/Model.h"
+#include "llm/model/ModelError.h"
 #include "llm/tokenizer/TokenDecoder.h"
 #include "llm/tokenizer/Tokenizer.h"
 
@@ -35,6 +37,9 @@ void GenerationSession::append(std::span<const std::int32_t> tokens) {
         return;
     }
     transformer_.forward(tokens, state_.cache, state_.logits);
+    if (model_->file().changedSinceOpened()) {
+        throw ModelFileChangedError(model_->file().source()); // these logits may come from other bytes
+    }
     state_.tokens.insert(state_.tokens.end(), tokens.begin(), tokens.end());
 }
 
