@@ -125,6 +125,12 @@ int runRewrite(const std::vector<std::string>& arguments) {
     }
     const std::string input((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
     const QString text = QString::fromStdString(input);
+    if (text.trimmed().isEmpty()) {
+        // As for a selection of blanks: nothing to rewrite, and the model would only invent text.
+        std::fprintf(stderr, "parlune-cli rewrite: no text to rewrite on standard input (it is empty or only "
+                             "whitespace)\n");
+        return 1;
+    }
 
     LlmInference::Options options;
     const std::string explicitModel = parsed->model;

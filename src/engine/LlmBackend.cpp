@@ -233,6 +233,8 @@ LlmResponse LlmBackend::generate(const LlmRequest& request, const std::atomic<bo
         throw LanguageModelGenerationError(Kind::decodingFailure,
                                            QString::fromStdString("The model file changed while in use: " +
                                                                   printableText(path_.string()) + "."));
+    } catch (const llm::ModelError& failure) {
+        throw LanguageModelGenerationError(Kind::decodingFailure, QString::fromStdString(failure.what()));
     } catch (const std::bad_alloc&) {
         throw LanguageModelGenerationError(Kind::assetsUnavailable);
     } catch (const LanguageModelGenerationError&) {

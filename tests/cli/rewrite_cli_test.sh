@@ -45,6 +45,17 @@ printf 'plan a trip' | "$cli" rewrite --mode "Improve prompt" >/dev/null 2>"$dir
 check "an unusable improved prompt fails (1)" test $? -eq 1
 check "its sentence is shown" grep -q "could not complete that rewrite" "$dir/err"
 
+printf ' \n\t ' | "$cli" rewrite --mode "Casual" >"$dir/out" 2>"$dir/err"
+check "blank input fails (1)" test $? -eq 1
+check "blank input is named" grep -q "no text to rewrite" "$dir/err"
+prefs="$(head -c 20000 /dev/zero | tr '\0' 'p')"
+printf 'Two words' | "$cli" rewrite --mode "Casual" --preferences "$prefs" >"$dir/out" 2>"$dir/err"
+check "long preferences fail (1)" test $? -eq 1
+check "the preferences are named, not the selection" grep -q "writing preferences for this mode are too long" "$dir/err"
+head -c 1000000 /dev/zero | tr '\0' 'w' | "$cli" rewrite --mode "Casual" >"$dir/out" 2>"$dir/err"
+check "a long selection fails (1)" test $? -eq 1
+check "the selection is named" grep -q "That selection is too long" "$dir/err"
+
 printf 'x' | "$cli" rewrite --mode "Shout" 2>/dev/null
 check "an unknown mode is a usage error (2)" test $? -eq 2
 printf 'x' | PARLUNE_MODEL="$models/a-broken.gguf" "$cli" rewrite --mode "Casual" 2>"$dir/err"

@@ -53,6 +53,9 @@ std::string_view engineMessage(LocalRewriteEngineError::Kind kind, std::string& 
         return "The on-device model does not support the current language or locale.";
     case Kind::selectionTooLong:
         return "That selection is too long for the on-device model. Select a shorter passage.";
+    case Kind::preferencesTooLong:
+        return "The writing preferences for this mode are too long for the on-device model. Shorten them in "
+               "Parlune Settings.";
     case Kind::safetyRestricted:
         return "The on-device model could not rewrite that selection.";
     case Kind::modelBusy:

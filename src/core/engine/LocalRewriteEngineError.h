@@ -16,6 +16,7 @@ public:
         modelNotReady,
         unsupportedLocale,
         selectionTooLong,
+        preferencesTooLong,
         safetyRestricted,
         modelBusy,
         generationFailed,

@@ -244,6 +244,8 @@ QCoro::Task<QString> OnDeviceModelClient::generate(const QString& text, RewriteM
     if (token.stop_requested()) {
         throw CancellationError{};
     }
+    // Arithmetic first: a refusal never waits for the model, its warm-up or another rewrite.
+    RewritePrompt::refuseIfTooLong(text, preferences, mode);
     ensureAvailable();
     if (mode == RewriteMode::improveClarity) {
         if (std::optional<QString> fixed = DeterministicTextNormalizer::rewriteIfTriviallySafe(text)) {

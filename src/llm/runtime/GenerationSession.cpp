@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <stdexcept>
 
 namespace parlune::llm {
@@ -39,6 +40,13 @@ void GenerationSession::append(std::span<const std::int32_t> tokens) {
     transformer_.forward(tokens, state_.cache, state_.logits);
     if (model_->file().changedSinceOpened()) {
         throw ModelFileChangedError(model_->file().source()); // these logits may come from other bytes
+    }
+    // NaN or infinite scales in the weights poison every score; an answer picked from them is noise.
+    if (!std::all_of(state_.logits.begin(), state_.logits.end(),
+                     [](float value) { return std::isfinite(value); })) {
+        throw ModelError(
+            "the model computed scores that are not finite numbers (its weights hold NaN or infinite "
+            "values)");
     }
     state_.tokens.insert(state_.tokens.end(), tokens.begin(), tokens.end());
 }

@@ -56,7 +56,8 @@ public:
 
     // Makes the session's tokens exactly `tokens`, computing only what the cache lacks.
     // Returns the number of tokens computed. Throws std::length_error past the context, and
-    // ModelFileChangedError when the model's file changed on disk meanwhile.
+    // ModelFileChangedError when the model's file changed on disk meanwhile, ModelError when the
+    // scores are not finite.
     std::int64_t prefill(std::span<const std::int32_t> tokens);
 
     // Prefills `prompt` then decodes greedily, streaming text to `onText` (may be empty).
