@@ -3,6 +3,7 @@
 #include "core/async/RunUntilDone.h"
 #include "core/diagnostics/PrintableText.h"
 #include "core/diagnostics/UserFacingErrorMessage.h"
+#include "core/engine/LocalRewriteEngineError.h"
 #include "core/engine/OnDeviceModelClient.h"
 #include "core/pipeline/RewriteMode.h"
 #include "core/settings/SettingsStore.h"
@@ -123,7 +124,18 @@ int runRewrite(const std::vector<std::string>& arguments) {
         std::fprintf(stderr, "usage: parlune-cli %s\n", rewriteUsage);
         return 2;
     }
-    const std::string input((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
+    // Far more than any rewrite can take: a longer input is refused before it is read whole.
+    constexpr std::size_t maximumInputBytes = std::size_t{1} << 20;
+    std::string input(maximumInputBytes + 1, '\0');
+    input.resize(std::fread(input.data(), 1, input.size(), stdin));
+    if (input.size() > maximumInputBytes) {
+        std::fprintf(stderr, "parlune-cli rewrite: %s\n",
+                     UserFacingErrorMessage::message(
+                         LocalRewriteEngineError(LocalRewriteEngineError::Kind::selectionTooLong))
+                         .toStdString()
+                         .c_str());
+        return 1;
+    }
     const QString text = QString::fromStdString(input);
     if (text.trimmed().isEmpty()) {
         // As for a selection of blanks: nothing to rewrite, and the model would only invent text.

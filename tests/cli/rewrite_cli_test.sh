@@ -55,6 +55,9 @@ check "the preferences are named, not the selection" grep -q "writing preference
 head -c 1000000 /dev/zero | tr '\0' 'w' | "$cli" rewrite --mode "Casual" >"$dir/out" 2>"$dir/err"
 check "a long selection fails (1)" test $? -eq 1
 check "the selection is named" grep -q "That selection is too long" "$dir/err"
+head -c 100000000 /dev/zero | tr '\0' 'w' | "$cli" rewrite --mode "Casual" >"$dir/out" 2>"$dir/err"
+check "a 100 MB selection fails (1)" test $? -eq 1
+check "it is refused as too long" grep -q "That selection is too long" "$dir/err"
 
 printf 'x' | "$cli" rewrite --mode "Shout" 2>/dev/null
 check "an unknown mode is a usage error (2)" test $? -eq 2
