@@ -1,7 +1,9 @@
 #include "cli/ModelClientCommands.h"
 
 #include "core/async/RunUntilDone.h"
+#include "core/diagnostics/PrintableText.h"
 #include "core/diagnostics/UserFacingErrorMessage.h"
+#include "core/engine/LocalRewriteEngineError.h"
 #include "core/pipeline/RewriteMode.h"
 #include "core/settings/SettingsStore.h"
 #include "engine/OnDeviceEngine.h"
@@ -34,14 +36,14 @@ std::string settingModelPath() {
 }
 
 void printReport(const ModelFileReport& report, bool chosen) {
-    std::printf("%s %s  (%s)\n", chosen ? "*" : " ", report.path.string().c_str(),
+    std::printf("%s %s  (%s)\n", chosen ? "*" : " ", printableText(report.path.string()).c_str(),
                 ModelLocator::sourceName(report.source));
     if (report.usable()) {
         std::printf("    usable: %s, %s, context %lld tokens%s\n", report.name.c_str(),
                     report.architecture.c_str(), static_cast<long long>(report.contextLength),
                     report.languages.empty() ? "" : ", languages stated");
     } else {
-        std::printf("    unusable: %s\n", report.problem.c_str());
+        std::printf("    unusable: %s\n", printableText(report.problem, 1024).c_str());
     }
 }
 
@@ -53,7 +55,7 @@ int runModels(const std::vector<std::string>& arguments) {
     const ModelLocator::Places places = ModelLocator::placesFromEnvironment(settingModelPath());
     const std::vector<ModelFileReport> reports = ModelLocator::survey(places);
     const std::optional<ModelFileReport> chosen = ModelLocator::choose(places);
-    std::printf("Models folder: %s\n", places.modelsFolder.string().c_str());
+    std::printf("Models folder: %s\n", printableText(places.modelsFolder.string()).c_str());
     if (reports.empty()) {
         std::printf("No model file found. Put a GGUF model in the models folder, set PARLUNE_MODEL, or set "
                     "localModelPath in the settings.\n");
@@ -121,8 +123,25 @@ int runRewrite(const std::vector<std::string>& arguments) {
         std::fprintf(stderr, "usage: parlune-cli %s\n", rewriteUsage);
         return 2;
     }
-    const std::string input((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
+    // Far more than any rewrite can take: a longer input is refused before it is read whole.
+    constexpr std::size_t maximumInputBytes = std::size_t{1} << 20;
+    std::string input(maximumInputBytes + 1, '\0');
+    input.resize(std::fread(input.data(), 1, input.size(), stdin));
+    if (input.size() > maximumInputBytes) {
+        std::fprintf(stderr, "parlune-cli rewrite: %s\n",
+                     UserFacingErrorMessage::message(
+                         LocalRewriteEngineError(LocalRewriteEngineError::Kind::selectionTooLong))
+                         .toStdString()
+                         .c_str());
+        return 1;
+    }
     const QString text = QString::fromStdString(input);
+    if (text.trimmed().isEmpty()) {
+        // As for a selection of blanks: nothing to rewrite, and the model would only invent text.
+        std::fprintf(stderr, "parlune-cli rewrite: no text to rewrite on standard input (it is empty or only "
+                             "whitespace)\n");
+        return 1;
+    }
 
     OnDeviceEngine engine(OnDeviceEngine::Options{
         .explicitModelPath = parsed->model,
@@ -157,6 +176,10 @@ int runRewrite(const std::vector<std::string>& arguments) {
     if (error) {
         std::fprintf(stderr, "parlune-cli rewrite: %s\n",
                      UserFacingErrorMessage::message(error).toStdString().c_str());
+        if (const QString detail = UserFacingErrorMessage::detail(error); !detail.isEmpty()) {
+            std::fprintf(stderr, "parlune-cli rewrite: %s\n",
+                         printableText(detail.toStdString(), 2048).c_str());
+        }
         return 1;
     }
     const std::string output = result->toStdString();

@@ -1,5 +1,6 @@
 #include "cli/ModelCommands.h"
 
+#include "core/diagnostics/PrintableText.h"
 #include "llm/gguf/GgufFile.h"
 #include "llm/model/KvCache.h"
 #include "llm/model/Model.h"
@@ -158,9 +159,9 @@ int info(Arguments args) {
     const auto file = GgufFile::open(path);
     const auto model = Model::fromFile(file);
     const ModelConfig& c = model->config();
-    std::printf("file:          %s\n", path.c_str());
+    std::printf("file:          %s\n", printableText(path).c_str());
     if (const auto name = file->getString("general.name")) {
-        std::printf("name:          %.*s\n", static_cast<int>(name->size()), name->data());
+        std::printf("name:          %s\n", printableText(*name).c_str());
     }
     std::printf("architecture:  %s (RoPE %s, base %g", c.architectureName.c_str(),
                 c.ropeLayout == RopeLayout::neox ? "neox" : "normal", c.ropeFreqBase);
@@ -194,14 +195,14 @@ int info(Arguments args) {
         const auto tokenizer = Tokenizer::fromGguf(*file);
         const auto model_ = file->getString("tokenizer.ggml.model").value_or("?");
         const auto pre = file->getString("tokenizer.ggml.pre").value_or("default");
-        std::printf("tokenizer:     %.*s (pre-tokenizer %.*s), %d tokens", static_cast<int>(model_.size()),
-                    model_.data(), static_cast<int>(pre.size()), pre.data(), tokenizer->vocabularySize());
+        std::printf("tokenizer:     %s (pre-tokenizer %s), %d tokens", printableText(model_).c_str(),
+                    printableText(pre).c_str(), tokenizer->vocabularySize());
         if (const auto eos = tokenizer->eosToken()) {
             std::printf(", eos %d", *eos);
         }
         std::printf("\n");
     } catch (const std::exception& error) {
-        std::printf("tokenizer:     unusable (%s)\n", error.what());
+        std::printf("tokenizer:     unusable (%s)\n", printableText(error.what(), 1024).c_str());
     }
     const auto chatTemplate = file->getString("tokenizer.chat_template");
     if (!chatTemplate) {
@@ -212,7 +213,7 @@ int info(Arguments args) {
             std::printf("chat format:   %s\n",
                         families[static_cast<int>(ChatFormat::fromTemplate(*chatTemplate).family())]);
         } catch (const std::exception& error) {
-            std::printf("chat format:   %s\n", error.what());
+            std::printf("chat format:   %s\n", printableText(error.what(), 1024).c_str());
         }
     }
     return 0;
@@ -483,7 +484,7 @@ int run(const std::vector<std::string>& arguments) {
         std::fprintf(stderr, "parlune-cli model: %s\n%s", error.what(), usageText);
         return 2;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "parlune-cli model: %s\n", error.what());
+        std::fprintf(stderr, "parlune-cli model: %s\n", printableText(error.what(), 1024).c_str());
         return 1;
     }
 }

@@ -1,5 +1,6 @@
 #include "cli/SettingsCommands.h"
 
+#include "core/diagnostics/PrintableText.h"
 #include "core/pipeline/RewriteMode.h"
 #include "core/settings/SettingsStore.h"
 #include "platform/linux/QSettingsUserDefaults.h"
@@ -44,7 +45,9 @@ int show(const SettingsStore& store, const QSettingsUserDefaults& defaults) {
         }
     }
     print(QStringLiteral("Rewrite mode: ") + title(store.rewriteMode()));
-    print(QStringLiteral("Shortcut: ") + store.hotKeyDisplayName());
+    // The name is stored text: a hand-edited file could hold terminal escape sequences.
+    print(QStringLiteral("Shortcut: ") +
+          QString::fromStdString(printableText(store.hotKeyDisplayName().toStdString(), 64)));
     print(QStringLiteral("Writing preferences for: ") +
           (modesWithPreferences.isEmpty() ? QStringLiteral("no mode") : modesWithPreferences.join(QStringLiteral(", "))));
     print(QStringLiteral("Workflow test completed: ") +

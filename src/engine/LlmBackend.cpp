@@ -1,11 +1,14 @@
 #include "engine/LlmBackend.h"
 
 #include "core/async/CancellationError.h"
+#include "core/diagnostics/PrintableText.h"
 #include "core/platform/LanguageModelFramework.h"
+#include "engine/ModelBundle.h"
 #include "llm/constrained/JsonObjectConstraint.h"
 #include "llm/constrained/TokenByteTable.h"
 #include "llm/gguf/GgufFile.h"
 #include "llm/model/Model.h"
+#include "llm/model/ModelError.h"
 #include "llm/runtime/GenerationSession.h"
 #include "llm/runtime/ThreadPool.h"
 #include "llm/tokenizer/ChatFormat.h"
@@ -39,35 +42,48 @@ void throwIfStopped(const std::atomic<bool>& stop) {
 
 } // namespace
 
-LlmBackend::LlmBackend(std::filesystem::path path, int threadCount,
-                       std::shared_ptr<InstructionPrefixCache> prefixCache,
-                       InstructionPrefixCache::Ticket ticket)
-    : path_(std::move(path)), threadCount_(std::max(1, threadCount)), prefixCache_(std::move(prefixCache)),
-      ticket_(ticket) {}
+LlmBackend::LlmBackend(std::filesystem::path path, ModelFileIdentity identity, int threadCount,
+                       std::shared_ptr<InstructionPrefixCache> prefixCache, InstructionPrefixCache::Ticket ticket)
+    : path_(std::move(path)), identity_(identity), threadCount_(std::max(1, threadCount)),
+      prefixCache_(std::move(prefixCache)), ticket_(ticket) {}
 
 LlmBackend::~LlmBackend() = default;
 
 void LlmBackend::load() {
+    if (model_ && model_->file().changedSinceOpened()) {
+        unload(); // changed while idle: nothing computed from it is trusted, the file is read again
+    }
     if (model_) {
         return;
     }
     // Everything is built first and kept only when all of it loaded, so a failure leaves the
     // backend unloaded and the next request tries again.
     try {
-        auto model = llm::Model::load(path_);
-        std::shared_ptr<const llm::Tokenizer> tokenizer = llm::Tokenizer::fromGguf(model->file());
-        const auto chatTemplate = model->file().getString("tokenizer.chat_template");
-        if (!chatTemplate) {
-            throw std::runtime_error("no chat template");
+        ModelBundle bundle = ModelBundle::load(path_);
+        if (!pool_) {
+            pool_ = std::make_unique<llm::ThreadPool>(threadCount_);
         }
-        auto chatFormat = std::make_unique<llm::ChatFormat>(llm::ChatFormat::fromTemplate(*chatTemplate));
-        pool_ = std::make_unique<llm::ThreadPool>(threadCount_);
-        chatFormat_ = std::move(chatFormat);
-        tokenizer_ = std::move(tokenizer);
-        model_ = std::move(model);
-    } catch (const std::exception&) { // unreadable, unsupported or out of memory alike
+        chatFormat_ = std::move(bundle.chatFormat);
+        tokenizer_ = std::move(bundle.tokenizer);
+        model_ = std::move(bundle.model);
+    } catch (const ModelBundle::Unusable& failure) {
+        ModelFileReport report;
+        report.path = path_;
+        report.problem = failure.what();
+        throw LanguageModelGenerationError(Kind::assetsUnavailable,
+                                           QString::fromStdString(report.explanation()));
+    } catch (const std::exception&) { // out of memory for the thread pool
         throw LanguageModelGenerationError(Kind::assetsUnavailable);
     }
+}
+
+void LlmBackend::unload() {
+    model_.reset();
+    tokenizer_.reset();
+    chatFormat_.reset();
+    tokenBytes_.reset();
+    promptOverhead_.reset();
+    prefixCache_->clear(); // states computed from the old bytes
 }
 
 std::vector<std::int32_t> LlmBackend::encode(const std::string& text,
@@ -198,6 +214,14 @@ LlmResponse LlmBackend::generate(const LlmRequest& request, const std::atomic<bo
         }
     } catch (const std::length_error&) {
         throw LanguageModelGenerationError(Kind::exceededContextWindowSize);
+    } catch (const llm::ModelFileChangedError&) {
+        // The mapping may hold other bytes now: drop it all; the next request loads the file again.
+        unload();
+        throw LanguageModelGenerationError(Kind::decodingFailure,
+                                           QString::fromStdString("The model file changed while in use: " +
+                                                                  printableText(path_.string()) + "."));
+    } catch (const llm::ModelError& failure) {
+        throw LanguageModelGenerationError(Kind::decodingFailure, QString::fromStdString(failure.what()));
     } catch (const std::bad_alloc&) {
         throw LanguageModelGenerationError(Kind::assetsUnavailable);
     } catch (const LanguageModelGenerationError&) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engine/InstructionPrefixCache.h"
+#include "engine/ModelLocator.h"
 
 #include <atomic>
 #include <cstdint>
@@ -42,17 +43,20 @@ struct LlmResponse {
 // The model file loaded for inference: weights, tokenizer, chat format and threads, plus the
 // cache of prefilled instructions. Loaded on first use. Every member function runs on the
 // inference worker thread only (the prefix cache itself may be cleared from anywhere).
-// Failures are LanguageModelGenerationError; a raised stop flag gives CancellationError.
+// Failures are LanguageModelGenerationError; a raised stop flag gives CancellationError. A file
+// that changes on disk while loaded ends the request using it with an error and is loaded again
+// by the next one.
 class LlmBackend {
 public:
     // Instruction states go to `prefixCache` under `ticket` (see InstructionPrefixCache::reset).
-    LlmBackend(std::filesystem::path path, int threadCount,
+    LlmBackend(std::filesystem::path path, ModelFileIdentity identity, int threadCount,
                std::shared_ptr<InstructionPrefixCache> prefixCache, InstructionPrefixCache::Ticket ticket);
     ~LlmBackend();
     LlmBackend(const LlmBackend&) = delete;
     LlmBackend& operator=(const LlmBackend&) = delete;
 
     const std::filesystem::path& path() const { return path_; }
+    const ModelFileIdentity& identity() const { return identity_; } // of the file when chosen
     void load();
     bool isLoaded() const { return model_ != nullptr; }
 
@@ -78,13 +82,16 @@ private:
     std::int64_t prefill(llm::GenerationSession& session, const std::vector<std::int32_t>& prefix,
                          const std::vector<std::int32_t>& tokens, const std::atomic<bool>& stop);
 
+    void unload();
+
     std::filesystem::path path_;
+    ModelFileIdentity identity_;
     int threadCount_;
     std::shared_ptr<InstructionPrefixCache> prefixCache_;
     InstructionPrefixCache::Ticket ticket_;
     std::shared_ptr<const llm::Model> model_;
     std::shared_ptr<const llm::Tokenizer> tokenizer_;
-    std::unique_ptr<llm::ChatFormat> chatFormat_;
+    std::shared_ptr<const llm::ChatFormat> chatFormat_;
     std::unique_ptr<llm::ThreadPool> pool_;
     std::shared_ptr<const llm::TokenByteTable> tokenBytes_; // built on the first constrained request
     std::optional<std::int64_t> promptOverhead_;

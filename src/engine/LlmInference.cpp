@@ -30,15 +30,21 @@ const std::optional<ModelFileReport>& LlmInference::chosenModel() {
 }
 
 std::shared_ptr<LlmBackend> LlmInference::currentBackend() {
+    if (backend_ && ModelLocator::identityOf(backend_->path()) != backend_->identity()) {
+        chosenAt_.reset(); // the file was replaced or rewritten: look again now, not in a while
+    }
     const std::optional<ModelFileReport>& chosen = chosenModel();
     if (!chosen || !chosen->usable()) {
-        throw LanguageModelGenerationError(LanguageModelGenerationError::Kind::assetsUnavailable);
+        const std::string detail = chosen ? chosen->explanation() : ModelLocator::noModelExplanation();
+        throw LanguageModelGenerationError(LanguageModelGenerationError::Kind::assetsUnavailable,
+                                           QString::fromStdString(detail));
     }
-    if (!backend_ || backend_->path() != chosen->path) {
+    if (!backend_ || backend_->path() != chosen->path || backend_->identity() != chosen->identity) {
         // A different model: states computed by the old one mean nothing to it, and jobs still
         // queued for the old backend hold a stale ticket.
         const InstructionPrefixCache::Ticket ticket = prefixCache_->reset();
-        backend_ = std::make_shared<LlmBackend>(chosen->path, options_.threadCount, prefixCache_, ticket);
+        backend_ = std::make_shared<LlmBackend>(chosen->path, chosen->identity, options_.threadCount, prefixCache_,
+                                                ticket);
         backend_->forceResponseTokens(options_.forcedResponseTokens);
     }
     return backend_;

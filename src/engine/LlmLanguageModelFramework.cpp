@@ -72,11 +72,19 @@ bool LlmLanguageModelFramework::coversLanguage(const std::vector<std::string>& l
 
 LanguageModelAvailabilityStatus LlmLanguageModelFramework::availability() const {
     const std::optional<ModelFileReport>& chosen = inference_->chosenModel();
-    if (!chosen || chosen->problem == "no such file") {
-        return LanguageModelAvailabilityStatus::unavailable(Reason::modelNotReady);
+    // A missing or unusable file is not this computer's fault; the detail names file and reason.
+    if (!chosen) {
+        return LanguageModelAvailabilityStatus::unavailable(
+            Reason::modelNotReady, QString::fromStdString(ModelLocator::noModelExplanation()));
     }
-    if (!chosen->usable() || !processorIsEligible()) {
-        return LanguageModelAvailabilityStatus::unavailable(Reason::deviceNotEligible);
+    if (!chosen->usable()) {
+        return LanguageModelAvailabilityStatus::unavailable(Reason::modelNotReady,
+                                                            QString::fromStdString(chosen->explanation()));
+    }
+    if (!processorIsEligible()) {
+        return LanguageModelAvailabilityStatus::unavailable(
+            Reason::deviceNotEligible,
+            QStringLiteral("This processor lacks AVX2 and FMA, which the on-device engine needs."));
     }
     return LanguageModelAvailabilityStatus::available();
 }

@@ -90,6 +90,32 @@ run readonly set-mode "Make concise"
 expect_eq "unsaved exit" "$rc" 1
 expect_contains "unsaved stderr" "$err" "could not save the rewrite mode"
 
+# A line the reader cannot use: the file is set aside at opening, so the save is done and says so.
+mkdir -p "$scratch/badline/parlune"
+printf '[General]\nxxxx\nrewriteMode=Casual\n' > "$scratch/badline/parlune/parlune.conf"
+run badline set-mode "Professional"
+expect_eq "bad line exit" "$rc" 0
+expect_eq "bad line output" "$out" "Rewrite mode: Professional"
+grep -q '^xxxx$' "$scratch"/badline/parlune/parlune.conf.corrupt-* || fail "the unreadable file was not kept aside"
+grep -qx 'rewriteMode=Professional' "$scratch/badline/parlune/parlune.conf" || fail "bad line: mode not saved"
+expect_eq "settings file mode" "$(stat -c %a "$scratch/badline/parlune/parlune.conf")" 600
+
+# A lock that can never be created (a directory in its place) ends the save, it does not hang.
+mkdir -p "$scratch/locked/parlune/parlune.conf.lock"
+out="$(XDG_CONFIG_HOME="$scratch/locked" timeout 30 "$cli" settings set-mode "Casual" 2>"$scratch/stderr")"
+rc=$?
+expect_eq "locked exit" "$rc" 1
+expect_contains "locked stderr" "$(cat "$scratch/stderr")" "could not save the rewrite mode"
+
+# Stored text is escaped before it reaches the terminal.
+mkdir -p "$scratch/escapes/parlune"
+printf '[General]\nhotKeyKeyCode=15\nhotKeyModifiers=6144\nhotKeyDisplayName=\033[2J\033[31mRed\007\n' \
+  > "$scratch/escapes/parlune/parlune.conf"
+run escapes
+expect_eq "escapes exit" "$rc" 0
+[[ "$out" == *$'\033'* ]] && fail "an escape character reached the terminal"
+expect_contains "escaped shortcut" "$out" 'Shortcut: \x1b[2J\x1b[31mRed\x07'
+
 if [ "$failures" -ne 0 ]; then
   echo "$failures check(s) failed" >&2
   exit 1

@@ -1,6 +1,7 @@
 #include "engine/LlmLanguageModelFramework.h"
 
 #include "core/async/CancellationError.h"
+#include "core/diagnostics/UserFacingErrorMessage.h"
 #include "core/engine/ImprovedPromptOutput.h"
 #include "core/engine/LocalRewriteEngineError.h"
 #include "core/engine/OnDeviceModelClient.h"
@@ -18,8 +19,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace parlune {
 namespace {
@@ -123,17 +130,98 @@ TEST_F(LlmFrameworkTest, DiscoveryPrefersExplicitChoicesAndExplainsUnusableFiles
     EXPECT_EQ(ModelLocator::survey(places).size(), 4u);
 }
 
+TEST_F(LlmFrameworkTest, OneLoadDecidesUsabilityForDiscoveryAvailabilityAndRewrites) {
+    const std::filesystem::path dir(folder.path().toStdString());
+    // Metadata that reads fine, a tensor table that cannot hold it: only a real load tells.
+    llm::GgufWriter writer =
+        llm::TestModelMaker::build(*llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2));
+    writer.setUInt32("qwen2.block_count", 5);
+    writer.write(dir / "three-layers.gguf");
+    const ModelFileReport report =
+        ModelLocator::inspect(dir / "three-layers.gguf", ModelFileReport::Source::setting);
+    EXPECT_FALSE(report.usable());
+    EXPECT_NE(report.problem.find("says 5 layers"), std::string::npos) << report.problem;
+
+    LlmLanguageModelFramework framework(optionsFor(dir / "three-layers.gguf"));
+    OnDeviceModelClient client(framework, nullptr);
+    EXPECT_EQ(client.availability(), LocalModelAvailability::modelNotReady);
+    EXPECT_EQ(client.availabilityDetail().toStdString(), report.explanation());
+    try {
+        (void)test::runTask(client.rewrite(QStringLiteral("Some words"), RewriteMode::casual, {}, {}));
+        FAIL() << "an unusable file cannot rewrite";
+    } catch (const LocalRewriteEngineError& failure) {
+        EXPECT_EQ(failure.kind(), EngineKind::modelNotReady);
+        EXPECT_EQ(UserFacingErrorMessage::detail(std::current_exception()).toStdString(),
+                  report.explanation());
+    }
+
+    // The report is kept while the file stays the same and made again when it is replaced.
+    std::filesystem::copy_file(modelPath, dir / "three-layers.gguf",
+                               std::filesystem::copy_options::overwrite_existing);
+    EXPECT_TRUE(ModelLocator::inspect(dir / "three-layers.gguf", ModelFileReport::Source::setting).usable());
+
+    // Control characters in a file's name never reach a terminal.
+    llm::GgufWriter named =
+        llm::TestModelMaker::build(*llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2));
+    named.setString("general.name", "\x1b]0;pwned\x07\x1b[2J" + std::string(5000, 'n'));
+    named.write(dir / "named.gguf");
+    const ModelFileReport shown = ModelLocator::inspect(dir / "named.gguf", ModelFileReport::Source::setting);
+    ASSERT_TRUE(shown.usable()) << shown.problem;
+    EXPECT_EQ(shown.name.find('\x1b'), std::string::npos);
+    EXPECT_TRUE(shown.name.starts_with("\\x1b]0;pwned\\x07\\x1b[2J")) << shown.name;
+    EXPECT_LT(shown.name.size(), 300u);
+}
+
+TEST_F(LlmFrameworkTest, EntriesThatAreNotRegularFilesAreNamedWithoutBeingOpened) {
+    const std::filesystem::path models = std::filesystem::path(folder.path().toStdString()) / "models";
+    std::filesystem::create_directories(models / "b-folder.gguf");
+    ASSERT_EQ(::mkfifo((models / "a-fifo.gguf").c_str(), 0600), 0); // opening it would wait for a writer
+    std::filesystem::create_symlink("/dev/null", models / "c-device.gguf");
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", (models / "d-socket.gguf").c_str());
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    std::filesystem::copy_file(modelPath, models / "e-good.gguf");
+
+    const ModelLocator::Places places{{}, {}, models};
+    const std::vector<ModelFileReport> found = ModelLocator::survey(places);
+    ASSERT_EQ(found.size(), 5u);
+    EXPECT_EQ(found[0].problem, "is not a regular file (a FIFO)");
+    EXPECT_EQ(found[1].problem, "is not a regular file (a directory)");
+    EXPECT_EQ(found[2].problem, "is not a regular file (a device)");
+    EXPECT_EQ(found[3].problem, "is not a regular file (a socket)");
+    EXPECT_TRUE(found[4].usable()) << found[4].problem;
+    EXPECT_EQ(ModelLocator::choose(places)->path, models / "e-good.gguf");
+    // Named explicitly, the FIFO stands as the choice and says why it cannot be used.
+    const std::optional<ModelFileReport> chosen =
+        ModelLocator::choose({(models / "a-fifo.gguf").string(), {}, models});
+    EXPECT_EQ(chosen->explanation(), "The model file " + (models / "a-fifo.gguf").string() +
+                                         " cannot be used: is not a regular file (a FIFO).");
+    ::close(listener);
+}
+
 TEST_F(LlmFrameworkTest, AvailabilityReasonsAndLanguages) {
     const std::filesystem::path dir(folder.path().toStdString());
     LlmLanguageModelFramework missing(optionsFor(dir / "missing.gguf"));
     EXPECT_EQ(missing.availability().unavailableReason, LanguageModelUnavailableReason::modelNotReady);
+    EXPECT_TRUE(
+        missing.availability().detail.endsWith(QStringLiteral("missing.gguf cannot be used: no such file.")))
+        << missing.availability().detail.toStdString();
     EXPECT_EQ(frameworkKindOf(
                   missing.openSession(QStringLiteral("x"))->respond(QStringLiteral("y"), greedy(4), {})),
               FrameworkKind::assetsUnavailable);
 
+    // A file the engine cannot run is the file's problem, not this computer's.
     std::ofstream(dir / "broken.gguf") << "GGUF but not really";
     LlmLanguageModelFramework broken(optionsFor(dir / "broken.gguf"));
-    EXPECT_EQ(broken.availability().unavailableReason, LanguageModelUnavailableReason::deviceNotEligible);
+    EXPECT_EQ(broken.availability().unavailableReason, LanguageModelUnavailableReason::modelNotReady);
+    EXPECT_TRUE(broken.availability().detail.contains(QStringLiteral("broken.gguf cannot be used: ")));
+
+    LlmInference::Options none;
+    none.locate = [] { return std::optional<ModelFileReport>(); };
+    LlmLanguageModelFramework nothing(std::move(none));
+    EXPECT_TRUE(nothing.availability().detail.startsWith(QStringLiteral("No model file was found.")));
 
     LlmLanguageModelFramework good(optionsFor(modelPath));
     EXPECT_EQ(good.availability().isAvailable(), LlmLanguageModelFramework::processorIsEligible());

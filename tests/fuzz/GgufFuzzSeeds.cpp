@@ -2,8 +2,9 @@
 // files covering every metadata type, nested arrays, a vocabulary, a tiny model with each block
 // type and a custom alignment. Kept tiny so the fuzzer mutates structure, not bulk data.
 
-#include "llm/gguf/GgufWriter.h"
 #include "llm/gguf/GgufTestBytes.h"
+#include "llm/gguf/GgufWriter.h"
+#include "llm/testing/TestModelMaker.h"
 
 #include <filesystem>
 #include <fstream>
@@ -100,6 +101,20 @@ std::vector<std::byte> nestedArrays() {
     return b.bytes;
 }
 
+// A whole model the engine loads, with the built-in byte-level vocabulary, as small as it goes.
+GgufWriter loadableModel(Architecture architecture, GgmlType type) {
+    TestModelRecipe recipe;
+    recipe.architecture = architecture;
+    recipe.hiddenSize = 32;
+    recipe.layerCount = 1;
+    recipe.headCount = 2;
+    recipe.kvHeadCount = 1;
+    recipe.feedForwardSize = 32;
+    recipe.contextLength = 64;
+    recipe.weights.type = type;
+    return TestModelMaker::build(recipe);
+}
+
 void save(const std::filesystem::path& path, const std::vector<std::byte>& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -123,6 +138,9 @@ int main(int argc, char** argv) {
     save(dir / "aligned-64.gguf", aligned().toBytes());
     save(dir / "nested-arrays.gguf", nestedArrays());
     save(dir / "empty.gguf", GgufWriter().toBytes());
+    save(dir / "model-llama-q8_0.gguf", loadableModel(Architecture::llama, GgmlType::Q8_0).toBytes());
+    save(dir / "model-qwen2-f16.gguf", loadableModel(Architecture::qwen2, GgmlType::F16).toBytes());
+    save(dir / "model-qwen3-q4_0.gguf", loadableModel(Architecture::qwen3, GgmlType::Q4_0).toBytes());
     std::cout << "seeds written to " << dir.string() << "\n";
     return 0;
 }

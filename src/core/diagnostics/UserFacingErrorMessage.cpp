@@ -53,6 +53,9 @@ std::string_view engineMessage(LocalRewriteEngineError::Kind kind, std::string& 
         return "The on-device model does not support the current language or locale.";
     case Kind::selectionTooLong:
         return "That selection is too long for the on-device model. Select a shorter passage.";
+    case Kind::preferencesTooLong:
+        return "The writing preferences for this mode are too long for the on-device model. Shorten them in "
+               "Parlune Settings.";
     case Kind::safetyRestricted:
         return "The on-device model could not rewrite that selection.";
     case Kind::modelBusy:
@@ -80,6 +83,19 @@ QString UserFacingErrorMessage::message(const std::exception& error) {
         return text(undescribedError);
     }
     return QString::fromUtf8(description);
+}
+
+QString UserFacingErrorMessage::detail(const std::exception_ptr& error) {
+    if (!error) {
+        return {};
+    }
+    try {
+        std::rethrow_exception(error);
+    } catch (const LocalRewriteEngineError& engine) {
+        return engine.detail();
+    } catch (...) {
+        return {};
+    }
 }
 
 QString UserFacingErrorMessage::message(const std::exception_ptr& error) {

@@ -16,6 +16,8 @@ std::string_view LocalRewriteEngineError::description(Kind kind) {
         return "The current language or locale is not supported by the on-device model.";
     case Kind::selectionTooLong:
         return "The selection is too long for the on-device model.";
+    case Kind::preferencesTooLong:
+        return "The writing preferences are too long for the on-device model.";
     case Kind::safetyRestricted:
         return "The on-device model could not rewrite that selection.";
     case Kind::modelBusy:

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QString>
+
 #include <exception>
 #include <string_view>
 
@@ -14,15 +16,20 @@ public:
         modelNotReady,
         unsupportedLocale,
         selectionTooLong,
+        preferencesTooLong,
         safetyRestricted,
         modelBusy,
         generationFailed,
         emptyRewrite,
     };
 
-    explicit LocalRewriteEngineError(Kind kind) : kind_(kind) {}
+    explicit LocalRewriteEngineError(Kind kind, QString detail = {})
+        : kind_(kind), detail_(std::move(detail)) {}
 
     Kind kind() const { return kind_; }
+    // What exactly is wrong, beyond the kind's sentence: e.g. which model file cannot be used
+    // and why. Printable; may be empty.
+    const QString& detail() const { return detail_; }
     const char* what() const noexcept override;
     static std::string_view description(Kind kind);
 
@@ -32,6 +39,7 @@ public:
 
 private:
     Kind kind_;
+    QString detail_;
 };
 
 } // namespace parlune

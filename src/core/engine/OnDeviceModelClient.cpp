@@ -116,16 +116,20 @@ LocalModelAvailability OnDeviceModelClient::availability() const {
     return LocalModelAvailability::modelNotReady;
 }
 
+QString OnDeviceModelClient::availabilityDetail() const {
+    return framework_.availability().detail;
+}
+
 void OnDeviceModelClient::ensureAvailable() const {
     switch (availability()) {
     case LocalModelAvailability::available:
         return;
     case LocalModelAvailability::deviceNotEligible:
-        throw LocalRewriteEngineError(EngineKind::deviceNotEligible);
+        throw LocalRewriteEngineError(EngineKind::deviceNotEligible, availabilityDetail());
     case LocalModelAvailability::appleIntelligenceNotEnabled:
-        throw LocalRewriteEngineError(EngineKind::appleIntelligenceNotEnabled);
+        throw LocalRewriteEngineError(EngineKind::appleIntelligenceNotEnabled, availabilityDetail());
     case LocalModelAvailability::modelNotReady:
-        throw LocalRewriteEngineError(EngineKind::modelNotReady);
+        throw LocalRewriteEngineError(EngineKind::modelNotReady, availabilityDetail());
     case LocalModelAvailability::unsupportedLocale:
         throw LocalRewriteEngineError(EngineKind::unsupportedLocale);
     }
@@ -139,7 +143,7 @@ std::exception_ptr OnDeviceModelClient::sanitized(std::exception_ptr error) {
     } catch (const LocalRewriteEngineError&) {
         return error;
     } catch (const LanguageModelGenerationError& failure) {
-        return std::make_exception_ptr(LocalRewriteEngineError(engineKind(failure.kind())));
+        return std::make_exception_ptr(LocalRewriteEngineError(engineKind(failure.kind()), failure.detail()));
     } catch (...) {
         return std::make_exception_ptr(LocalRewriteEngineError(EngineKind::generationFailed));
     }
@@ -240,6 +244,8 @@ QCoro::Task<QString> OnDeviceModelClient::generate(const QString& text, RewriteM
     if (token.stop_requested()) {
         throw CancellationError{};
     }
+    // Arithmetic first: a refusal never waits for the model, its warm-up or another rewrite.
+    RewritePrompt::refuseIfTooLong(text, preferences, mode);
     ensureAvailable();
     if (mode == RewriteMode::improveClarity) {
         if (std::optional<QString> fixed = DeterministicTextNormalizer::rewriteIfTriviallySafe(text)) {

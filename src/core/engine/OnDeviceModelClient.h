@@ -28,6 +28,7 @@ public:
     OnDeviceModelClient& operator=(const OnDeviceModelClient&) = delete;
 
     LocalModelAvailability availability() const override;
+    QString availabilityDetail() const override;
     // Throws the engine error named like the availability when the model cannot be used now.
     void ensureAvailable() const;
     QCoro::Task<void> prepare(std::stop_token token) override;

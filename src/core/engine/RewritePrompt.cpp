@@ -37,6 +37,12 @@ std::int64_t utf8Length(const QString& text) {
 
 // Above this many wanted tokens a rewrite is refused before any counting.
 constexpr std::int64_t maximumWantedTokens = 1024;
+// Preferences beyond this (about 500 tokens) would crowd out the selection in a small context.
+constexpr std::int64_t maximumPreferencesBytes = 1536;
+
+std::int64_t wantedTokens(std::int64_t estimatedTextTokens, RewriteMode mode) {
+    return checkedAdd(checkedMultiply(estimatedTextTokens, mode == RewriteMode::improvePrompt ? 3 : 2), 32);
+}
 // Without exact counting: a byte budget that surely fits, then a token estimate against this window.
 constexpr std::int64_t quickCheckBytesWithoutContextSize = 2048;
 constexpr std::int64_t estimatedContextTokens = 4096;
@@ -112,14 +118,31 @@ std::int64_t RewritePrompt::estimatedTokenCount(const QString& text) {
     return std::max<std::int64_t>(1, (bytes + 2) / 3);
 }
 
+bool RewritePrompt::preferencesAreTooLong(const QString& preferences) {
+    // UTF-8 takes at least a byte per UTF-16 unit: a long text is refused without converting it.
+    const QString trimmed = preferences.trimmed();
+    return trimmed.size() > maximumPreferencesBytes || utf8Length(trimmed) > maximumPreferencesBytes;
+}
+
+void RewritePrompt::refuseIfTooLong(const QString& text, const QString& preferences, RewriteMode mode) {
+    const std::int64_t unitsAsTokens =
+        std::max<std::int64_t>(1, (static_cast<std::int64_t>(text.size()) + 2) / 3);
+    if (wantedTokens(unitsAsTokens, mode) > maximumWantedTokens ||
+        wantedTokens(estimatedTokenCount(text), mode) > maximumWantedTokens) {
+        throw LocalRewriteEngineError(LocalRewriteEngineError::Kind::selectionTooLong);
+    }
+    if (preferencesAreTooLong(preferences)) {
+        throw LocalRewriteEngineError(LocalRewriteEngineError::Kind::preferencesTooLong);
+    }
+}
+
 QCoro::Task<std::int64_t> RewritePrompt::responseTokenBudget(LanguageModelFramework& model,
                                                              QString instructions, QString prompt,
                                                              QString text, RewriteMode mode,
                                                              std::stop_token token) {
     const bool improvesPrompt = mode == RewriteMode::improvePrompt;
 
-    const std::int64_t wanted =
-        checkedAdd(checkedMultiply(estimatedTokenCount(text), improvesPrompt ? 3 : 2), 32);
+    const std::int64_t wanted = wantedTokens(estimatedTokenCount(text), mode);
     if (wanted > maximumWantedTokens) {
         throw LocalRewriteEngineError(LocalRewriteEngineError::Kind::selectionTooLong);
     }

@@ -34,6 +34,14 @@ public:
     // A cheap upper-bound guess: a token per three UTF-8 bytes, rounded up, at least 1.
     static std::int64_t estimatedTokenCount(const QString& text);
 
+    // Whether a mode's writing preferences are longer than any rewrite can carry (the preferences
+    // editor may warn as the user types). Only the trimmed text counts.
+    static bool preferencesAreTooLong(const QString& preferences);
+    // Refuses, by arithmetic alone and before anything is built from them, a selection that can
+    // never fit (LocalRewriteEngineError selectionTooLong) or preferences that are too long
+    // (preferencesTooLong).
+    static void refuseIfTooLong(const QString& text, const QString& preferences, RewriteMode mode);
+
     // The maximum number of response tokens to request for `text`, or LocalRewriteEngineError
     // selectionTooLong when the request would not fit the model. Counts exactly where the
     // framework reports a context size; errors of its counting reach the caller unchanged.

@@ -101,6 +101,8 @@ QString category(LocalRewriteEngineError::Kind kind) {
         return QStringLiteral("unsupported_locale");
     case Kind::selectionTooLong:
         return QStringLiteral("selection_too_long");
+    case Kind::preferencesTooLong:
+        return QStringLiteral("preferences_too_long");
     case Kind::safetyRestricted:
         return QStringLiteral("safety_restricted");
     case Kind::modelBusy:

@@ -24,11 +24,13 @@ enum class LanguageModelUnavailableReason {
 // The model's availability: ready, or unavailable for a reason.
 struct LanguageModelAvailabilityStatus {
     std::optional<LanguageModelUnavailableReason> unavailableReason; // none: available
+    QString detail; // when unavailable: what exactly is wrong, e.g. the model file and its problem
 
     bool isAvailable() const { return !unavailableReason.has_value(); }
     static LanguageModelAvailabilityStatus available() { return {}; }
-    static LanguageModelAvailabilityStatus unavailable(LanguageModelUnavailableReason reason) {
-        return {reason};
+    static LanguageModelAvailabilityStatus unavailable(LanguageModelUnavailableReason reason,
+                                                       QString detail = {}) {
+        return {reason, std::move(detail)};
     }
 };
 
@@ -73,12 +75,16 @@ public:
         other,
     };
 
-    explicit LanguageModelGenerationError(Kind kind) : kind_(kind) {}
+    explicit LanguageModelGenerationError(Kind kind, QString detail = {})
+        : kind_(kind), detail_(std::move(detail)) {}
     Kind kind() const { return kind_; }
+    // What exactly went wrong (e.g. the model file and its problem); may be empty.
+    const QString& detail() const { return detail_; }
     const char* what() const noexcept override { return "The language model could not generate a response."; }
 
 private:
     Kind kind_;
+    QString detail_;
 };
 
 // One conversation with the model, opened with its instructions. Main thread only; long work runs

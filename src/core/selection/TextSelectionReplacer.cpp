@@ -146,6 +146,15 @@ void TextSelectionReplacer::verifyDirectSelection(const CapturedSelection& selec
 // MARK: capture
 
 QCoro::Task<CapturedSelection> TextSelectionReplacer::capture(std::stop_token token) {
+    CapturedSelection selection = co_await captureAnyText(token);
+    // Blanks alone are no text to rewrite; the model would only invent some.
+    if (selection.text().trimmed().isEmpty()) {
+        fail(Kind::noSelectedText);
+    }
+    co_return selection;
+}
+
+QCoro::Task<CapturedSelection> TextSelectionReplacer::captureAnyText(std::stop_token token) {
     throwIfCancelled(token);
     requireTrust();
 

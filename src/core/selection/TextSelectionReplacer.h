@@ -70,6 +70,7 @@ private:
     void verifyTargetOrFrontmost(const CapturedSelection& selection, ProcessId processIdentifier);
     std::optional<QString> string(TextRange range, const AccessibilityElement& element);
 
+    QCoro::Task<CapturedSelection> captureAnyText(std::stop_token token);
     QCoro::Task<CapturedSelection> captureOpaqueFrontmostSelection(std::stop_token token);
     QCoro::Task<CapturedSelection> captureFocusedElementByCopy(AccessibilityElementRef element,
                                                                ProcessId process,

@@ -388,7 +388,14 @@ private:
 std::shared_ptr<const GgufFile> GgufFile::open(const std::filesystem::path& path) {
     auto mapping = std::make_shared<const MappedFile>(path);
     const std::span<const std::byte> bytes = mapping->bytes();
-    return parse(std::move(mapping), bytes, path.string());
+    const MappedFile* view = mapping.get();
+    auto file = parse(std::move(mapping), bytes, path.string());
+    std::const_pointer_cast<GgufFile>(file)->mapping_ = view;
+    return file;
+}
+
+bool GgufFile::changedSinceOpened() const {
+    return mapping_ != nullptr && mapping_->changed();
 }
 
 std::shared_ptr<const GgufFile> GgufFile::fromBuffer(std::vector<std::byte> bytes, std::string sourceName) {

@@ -18,6 +18,8 @@
 
 namespace parlune::llm {
 
+class MappedFile;
+
 struct GgufTensorInfo {
     std::string name;
     std::vector<std::int64_t> dims; // dims[0] is the row length (innermost, contiguous)
@@ -41,6 +43,9 @@ public:
                                                       std::string sourceName = "<memory>");
 
     const std::string& source() const { return source_; } // the path (or buffer name) it was read from
+    // Whether the file on disk changed since it was opened, so that anything read from it since
+    // may be wrong (the mapping stays readable). Always false for a buffer.
+    bool changedSinceOpened() const;
     std::uint32_t version() const { return version_; }
     std::size_t alignment() const { return alignment_; }
     std::uint64_t dataOffset() const { return dataOffset_; } // data section start in the file
@@ -90,6 +95,7 @@ private:
     const MetadataEntry* findArray(std::string_view key) const;
 
     std::shared_ptr<const void> storage_; // keeps the mapping (or buffer) alive
+    const MappedFile* mapping_ = nullptr; // the storage when it is a mapping
     std::span<const std::byte> bytes_;
     std::string source_;
     std::uint32_t version_ = 0;

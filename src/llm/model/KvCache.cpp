@@ -8,14 +8,28 @@
 
 namespace parlune::llm {
 
-KvCache::KvCache(std::int64_t layerCount, std::int64_t kvHeadCount, std::int64_t headDim, std::int64_t maxPositions)
-    : layerCount_(layerCount), kvHeadCount_(kvHeadCount), headDim_(headDim), maxPositions_(maxPositions),
-      keys_(static_cast<std::size_t>(layerCount * kvHeadCount)),
-      values_(static_cast<std::size_t>(layerCount * kvHeadCount)) {
+namespace {
+
+// One row of keys and one of values per layer and key/value head; refused before anything is
+// allocated when the dimensions are not positive or their product does not fit.
+std::size_t headSlots(std::int64_t layerCount, std::int64_t kvHeadCount, std::int64_t headDim,
+                      std::int64_t maxPositions) {
+    std::int64_t slots = 0;
     if (layerCount <= 0 || kvHeadCount <= 0 || headDim <= 0 || maxPositions <= 0) {
         throw std::invalid_argument("KvCache needs positive dimensions");
     }
+    if (__builtin_mul_overflow(layerCount, kvHeadCount, &slots)) {
+        throw std::invalid_argument("KvCache dimensions overflow");
+    }
+    return static_cast<std::size_t>(slots);
 }
+
+} // namespace
+
+KvCache::KvCache(std::int64_t layerCount, std::int64_t kvHeadCount, std::int64_t headDim,
+                 std::int64_t maxPositions)
+    : layerCount_(layerCount), kvHeadCount_(kvHeadCount), headDim_(headDim), maxPositions_(maxPositions),
+      keys_(headSlots(layerCount, kvHeadCount, headDim, maxPositions)), values_(keys_.size()) {}
 
 KvCache::KvCache(const ModelConfig& config)
     : KvCache(config.layerCount, config.kvHeadCount, config.headDim, config.contextLength) {}

@@ -56,7 +56,9 @@ public:
                              " are not whole blocks of " + std::string(ggmlTypeTraits(info.type).name));
         }
         const std::span<const std::byte> data = file_.tensorBytes(info);
-        if (data.size() < *rowBytes * static_cast<std::size_t>(rows)) {
+        std::size_t needed = 0;
+        if (__builtin_mul_overflow(*rowBytes, static_cast<std::size_t>(rows), &needed) ||
+            data.size() < needed) {
             throw ModelError("model tensor '" + info.name + "' data is truncated");
         }
         bytes_ += data.size();
@@ -137,6 +139,16 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
         throw ModelError("model tensor 'token_embd.weight' type cannot be decoded");
     }
 
+    // Every layer has at least this many tensors (Phi-3's fused layers: norms, qkv, output, up,
+    // down): the count is checked against the file before anything is sized from it.
+    constexpr std::int64_t kTensorsPerLayer = 6;
+    const auto tensorCount = static_cast<std::int64_t>(gguf.tensors().size());
+    if (config.layerCount > tensorCount / kTensorsPerLayer) {
+        throw ModelError("model metadata '" + config.architectureName + ".block_count' says " +
+                         std::to_string(config.layerCount) + " layers, but the file holds only " +
+                         std::to_string(tensorCount) + " tensors");
+    }
+
     const std::int64_t hidden = config.hiddenSize;
     const bool biases = config.architecture == Architecture::qwen2;
     const bool headNorms =
@@ -161,7 +173,7 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
             layer.value = bind.matrix(prefix + "attn_v.weight", config.valueWidth(), hidden);
         }
         layer.attentionOutput =
-            bind.matrix(prefix + "attn_output.weight", hidden, config.headCount * config.valueDim);
+            bind.matrix(prefix + "attn_output.weight", hidden, config.attentionWidth());
         if (biases) {
             layer.queryBias = bind.vector(prefix + "attn_q.bias", config.queryWidth());
             layer.keyBias = bind.vector(prefix + "attn_k.bias", config.keyWidth());

@@ -10,6 +10,19 @@ namespace parlune::llm {
 
 namespace {
 
+// Every width the engine sizes buffers and checks tensor shapes with stays below this, so sums
+// and products of two of them never overflow 64 bits.
+constexpr std::int64_t kMaxWidth = std::int64_t{1} << 31;
+
+std::int64_t checkedProduct(std::int64_t a, std::int64_t b, const char* what) {
+    std::int64_t product = 0;
+    if (__builtin_mul_overflow(a, b, &product) || product > kMaxWidth) {
+        throw ModelError(std::string(what) + " " + std::to_string(a) + " x " + std::to_string(b) +
+                         " is too large");
+    }
+    return product;
+}
+
 class MetadataReader {
 public:
     MetadataReader(const GgufFile& file, std::string prefix) : file_(file), prefix_(std::move(prefix)) {}
@@ -154,6 +167,22 @@ void readGemma3(const MetadataReader& meta, ModelConfig& config) {
 
 } // namespace
 
+std::int64_t ModelConfig::queryWidth() const {
+    return checkedProduct(headCount, headDim, "query width (heads x key length)");
+}
+
+std::int64_t ModelConfig::keyWidth() const {
+    return checkedProduct(kvHeadCount, headDim, "key width (key/value heads x key length)");
+}
+
+std::int64_t ModelConfig::valueWidth() const {
+    return checkedProduct(kvHeadCount, valueDim, "value width (key/value heads x value length)");
+}
+
+std::int64_t ModelConfig::attentionWidth() const {
+    return checkedProduct(headCount, valueDim, "attention width (heads x value length)");
+}
+
 std::string_view architectureName(Architecture architecture) {
     switch (architecture) {
     case Architecture::llama:
@@ -184,19 +213,21 @@ ModelConfig ModelConfig::fromGguf(const GgufFile& file) {
     config.hiddenSize = meta.requiredPositive("embedding_length");
     config.feedForwardSize = meta.requiredPositive("feed_forward_length");
     config.headCount = meta.requiredPositive("attention.head_count");
-    config.kvHeadCount =
-        meta.positive("attention.head_count_kv", meta.integer("attention.head_count_kv").value_or(config.headCount));
+    config.kvHeadCount = meta.positive("attention.head_count_kv",
+                                       meta.integer("attention.head_count_kv").value_or(config.headCount));
     config.contextLength = meta.requiredPositive("context_length");
     if (config.headCount % config.kvHeadCount != 0) {
         throw ModelError("attention head count " + std::to_string(config.headCount) +
-                         " is not a multiple of the key/value head count " + std::to_string(config.kvHeadCount));
+                         " is not a multiple of the key/value head count " +
+                         std::to_string(config.kvHeadCount));
     }
     const std::optional<std::int64_t> keyLength = meta.integer("attention.key_length");
     if (!keyLength && config.hiddenSize % config.headCount != 0) {
         throw ModelError("embedding length " + std::to_string(config.hiddenSize) +
                          " is not a multiple of the head count and no key length is given");
     }
-    config.headDim = meta.positive("attention.key_length", keyLength.value_or(config.hiddenSize / config.headCount));
+    config.headDim =
+        meta.positive("attention.key_length", keyLength.value_or(config.hiddenSize / config.headCount));
     config.valueDim = meta.positive("attention.value_length",
                                     meta.integer("attention.value_length").value_or(config.headDim));
     if (config.valueDim != config.headDim) {
@@ -221,6 +252,11 @@ ModelConfig ModelConfig::fromGguf(const GgufFile& file) {
         throw ModelError("RoPE dimension count " + std::to_string(config.ropeDims) +
                          " does not fit the head dimension " + std::to_string(config.headDim));
     }
+    // Each throws on a product that does not fit.
+    (void)config.queryWidth();
+    (void)config.keyWidth();
+    (void)config.valueWidth();
+    (void)config.attentionWidth();
     config.ropeLayout = config.architecture == Architecture::llama ? RopeLayout::normal : RopeLayout::neox;
     config.ropeScaling = readRopeScaling(meta, config.contextLength);
     if (config.architecture == Architecture::gemma3) {

@@ -59,9 +59,12 @@ struct ModelConfig {
         return slidingWindow > 0 && (slidingWindowPeriod <= 0 || (layer + 1) % slidingWindowPeriod != 0);
     }
 
-    std::int64_t queryWidth() const { return headCount * headDim; }
-    std::int64_t keyWidth() const { return kvHeadCount * headDim; }
-    std::int64_t valueWidth() const { return kvHeadCount * valueDim; }
+    // Row counts of the attention projections. fromGguf guarantees they fit; for any other
+    // configuration a product that overflows throws ModelError.
+    std::int64_t queryWidth() const;
+    std::int64_t keyWidth() const;
+    std::int64_t valueWidth() const;
+    std::int64_t attentionWidth() const; // headCount * valueDim, the attention output's length
 
     // Reads and validates the hyper-parameters; throws ModelError naming the offending key.
     // vocabularySize is left for the caller (it comes from the embedding tensor).

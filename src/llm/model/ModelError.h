@@ -12,4 +12,12 @@ public:
     explicit ModelError(const std::string& message) : std::runtime_error(message) {}
 };
 
+// The model's file changed on disk while the model was in use: whatever was computed from its
+// weights since may be wrong. The model must be loaded again.
+class ModelFileChangedError : public ModelError {
+public:
+    explicit ModelFileChangedError(const std::string& path)
+        : ModelError("The model file changed while in use: " + path) {}
+};
+
 } // namespace parlune::llm

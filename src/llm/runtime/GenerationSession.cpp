@@ -1,6 +1,8 @@
 #include "llm/runtime/GenerationSession.h"
 
+#include "llm/gguf/GgufFile.h"
 #include "llm/model/Model.h"
+#include "llm/model/ModelError.h"
 #include "llm/runtime/DraftSource.h"
 #include "llm/runtime/TokenConstraint.h"
 #include "llm/tokenizer/TokenDecoder.h"
@@ -38,6 +40,16 @@ void GenerationSession::append(std::span<const std::int32_t> tokens) {
         return;
     }
     transformer_.forward(tokens, state_.cache, state_.logits);
+    if (model_->file().changedSinceOpened()) {
+        throw ModelFileChangedError(model_->file().source()); // these logits may come from other bytes
+    }
+    // NaN or infinite scales in the weights poison every score; an answer picked from them is noise.
+    if (!std::all_of(state_.logits.begin(), state_.logits.end(),
+                     [](float value) { return std::isfinite(value); })) {
+        throw ModelError(
+            "the model computed scores that are not finite numbers (its weights hold NaN or infinite "
+            "values)");
+    }
     state_.tokens.insert(state_.tokens.end(), tokens.begin(), tokens.end());
 }
 

@@ -68,7 +68,9 @@ public:
                       ThreadPool& pool);
 
     // Makes the session's tokens exactly `tokens`, computing only what the cache lacks.
-    // Returns the number of tokens computed. Throws std::length_error past the context.
+    // Returns the number of tokens computed. Throws std::length_error past the context, and
+    // ModelFileChangedError when the model's file changed on disk meanwhile, ModelError when the
+    // scores are not finite.
     std::int64_t prefill(std::span<const std::int32_t> tokens);
 
     // Prefills `prompt` then decodes greedily (or as the constraint chooses) up to the token

@@ -4,15 +4,26 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLockFile>
 #include <QSettings>
 #include <QStringDecoder>
 #include <QStringList>
 
+#include <chrono>
 #include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace parlune {
 
 namespace {
+
+// How long a save waits for another process's lock before giving up on this save.
+constexpr std::chrono::seconds lockWait{2};
+
+// The file holds the user's writing preferences: readable by them alone.
+constexpr QFileDevice::Permissions ownerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
 
 // Why an existing settings file cannot be used, or an empty string when it can.
 QString problemWith(const QString& path) {
@@ -39,6 +50,7 @@ QString problemWith(const QString& path) {
         return QStringLiteral("it is not a valid settings file");
     }
     const QSettings probe(path, QSettings::IniFormat);
+    (void)probe.allKeys(); // the file is read on first use; its status means nothing before
     switch (probe.status()) {
     case QSettings::NoError:
         return {};
@@ -72,7 +84,26 @@ QString QSettingsUserDefaults::defaultPath() {
     return configHome + QStringLiteral("/parlune/parlune.conf");
 }
 
+bool QSettingsUserDefaults::lockIsAvailable() const {
+    // QSettings waits for its lock without end, even only to read (forever when the lock cannot
+    // be created, e.g. a directory in its place): it is taken here first, with a bound.
+    QLockFile lock(path_ + QStringLiteral(".lock"));
+    if (!lock.tryLock(lockWait)) {
+        return false;
+    }
+    lock.unlock();
+    return true;
+}
+
 void QSettingsUserDefaults::open() {
+    if (QFileInfo::exists(path_) && !lockIsAvailable()) {
+        persisting_ = false;
+        warn(QStringLiteral(
+                 "settings file %1 was not read because its lock %1.lock cannot be taken; the default "
+                 "settings apply and changes last until Parlune quits")
+                 .arg(path_));
+        return;
+    }
     const QString problem = problemWith(path_);
     if (!problem.isEmpty()) {
         const QString aside =
@@ -95,11 +126,11 @@ void QSettingsUserDefaults::open() {
 }
 
 QVariant QSettingsUserDefaults::value(const QString& key) const {
-    if (!settings_) {
-        const auto it = memoryOnly_.find(key);
-        return it == memoryOnly_.end() ? QVariant() : it->second;
+    const auto it = memoryOnly_.find(key);
+    if (it != memoryOnly_.end()) {
+        return it->second;
     }
-    return settings_->value(key);
+    return settings_ ? settings_->value(key) : QVariant();
 }
 
 std::optional<QString> QSettingsUserDefaults::string(const QString& key) const {
@@ -138,26 +169,56 @@ void QSettingsUserDefaults::remove(const QString& key) {
         return;
     }
     // Removing what is not there must not rewrite (or create) the file.
-    if (!settings_->contains(key)) {
+    if (!settings_->contains(key) && !memoryOnly_.contains(key)) {
         return;
     }
-    settings_->remove(key);
-    save();
+    store(key, QVariant());
 }
 
 void QSettingsUserDefaults::store(const QString& key, const QVariant& value) {
     if (!settings_) {
-        memoryOnly_[key] = value;
+        if (value.isValid()) {
+            memoryOnly_[key] = value;
+        } else {
+            memoryOnly_.erase(key);
+        }
         return;
     }
-    settings_->setValue(key, value);
+    // Changes wait here (an invalid value: removed) until a save can take the lock, so QSettings
+    // never holds a change it would try to write, and wait for, when it is destroyed.
+    memoryOnly_[key] = value;
     save();
 }
 
 void QSettingsUserDefaults::save() {
     QDir().mkpath(QFileInfo(path_).absolutePath());
-    settings_->sync();
-    if (settings_->status() == QSettings::NoError) {
+    // The writer creates the new file with the old one's permissions: start from owner-only.
+    if (const int fd =
+            ::open(QFile::encodeName(path_).constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        fd >= 0) {
+        ::close(fd);
+    }
+    const bool locked = lockIsAvailable();
+    if (locked) {
+        for (const auto& [key, value] : memoryOnly_) {
+            if (value.isValid()) {
+                settings_->setValue(key, value);
+            } else {
+                settings_->remove(key);
+            }
+        }
+        memoryOnly_.clear();
+        settings_->sync();
+    }
+    // A file that turned unreadable since it was opened is still replaced by a whole new one;
+    // what counts is whether what is there now reads back.
+    const bool saved =
+        locked && (settings_->status() == QSettings::NoError ||
+                   (settings_->status() == QSettings::FormatError && problemWith(path_).isEmpty()));
+    if (saved) {
+        if ((QFile::permissions(path_) & ~ownerOnly) != QFileDevice::Permissions()) {
+            QFile::setPermissions(path_, ownerOnly);
+        }
         persisting_ = true;
         return;
     }

@@ -18,7 +18,9 @@ namespace parlune {
 //
 // A file that cannot be read or parsed is never overwritten: it is moved aside to
 // "<file>.corrupt-<time>", reported once on stderr, and the store starts from defaults. When even
-// that is impossible the store keeps changes in memory for this run only.
+// that is impossible the store keeps changes in memory for this run only. A lock that cannot be
+// taken within two seconds ends a save as not saved (the change is kept and saved with the next).
+// The file is readable by its owner only.
 class QSettingsUserDefaults final : public UserDefaults {
 public:
     explicit QSettingsUserDefaults(QString path = defaultPath());
@@ -50,13 +52,15 @@ private:
     void store(const QString& key, const QVariant& value);
     void save();
     void warn(const QString& message);
+    bool lockIsAvailable() const;
 
     QString path_;
     QString setAsidePath_;
     bool persisting_ = true;
     bool warnedAboutSaving_ = false;
     std::unique_ptr<QSettings> settings_;
-    // Used instead of the file when the file can be neither read nor moved aside.
+    // Used instead of the file when the file can be neither read nor moved aside (or its lock
+    // taken at opening); otherwise the changes not saved yet, an invalid value for a removal.
     std::map<QString, QVariant> memoryOnly_;
 };
 

@@ -1,4 +1,5 @@
 #include "core/engine/OnDeviceModelClient.h"
+#include "core/diagnostics/UserFacingErrorMessage.h"
 
 #include "core/async/CancellationError.h"
 #include "core/engine/LocalRewriteEngineError.h"
@@ -111,6 +112,50 @@ TEST_F(OnDeviceModelClientTest, UnavailableModelFailsBeforeTheGateAndTrivialClar
         QStringLiteral("Hello world"));
     EXPECT_TRUE(framework.openedWith.empty());
     EXPECT_FALSE(client.generationGate().isAcquired());
+}
+
+TEST_F(OnDeviceModelClientTest, LengthRefusalsComeFirstAndNameWhatIsTooLong) {
+    OnDeviceModelClient client(framework, nullptr);
+    // Unavailable too: a refusal by arithmetic is given before the model is even asked about.
+    framework.status = LanguageModelAvailabilityStatus::unavailable(Reason::modelNotReady);
+    const QString huge(5'000'000, QLatin1Char('x'));
+    EXPECT_EQ(engineKindOf(rewriteError(client, huge, RewriteMode::casual)), EngineKind::selectionTooLong);
+    EXPECT_EQ(engineKindOf(rewriteError(client, huge, RewriteMode::improveClarity)),
+              EngineKind::selectionTooLong);
+
+    framework.status = LanguageModelAvailabilityStatus::available();
+    const QString preferences = QString(QStringLiteral("Use short words. ")).repeated(1200); // 20 KB
+    try {
+        (void)test::runTask(
+            client.rewrite(QStringLiteral("Two words"), RewriteMode::casual, preferences, {}));
+        FAIL() << "long preferences were accepted";
+    } catch (const LocalRewriteEngineError& failure) {
+        EXPECT_EQ(failure.kind(), EngineKind::preferencesTooLong);
+        EXPECT_EQ(
+            UserFacingErrorMessage::message(failure),
+            QStringLiteral("The writing preferences for this mode are too long for the on-device model. "
+                           "Shorten them in Parlune Settings."));
+    }
+    EXPECT_TRUE(RewritePrompt::preferencesAreTooLong(preferences));
+    EXPECT_FALSE(RewritePrompt::preferencesAreTooLong(QStringLiteral("  Short lines.  ")));
+    // Neither waited for the warm-up, took the gate or opened a session.
+    EXPECT_TRUE(framework.openedWith.empty());
+    EXPECT_FALSE(client.isWarming());
+    EXPECT_FALSE(client.generationGate().isAcquired());
+}
+
+TEST_F(OnDeviceModelClientTest, UnavailabilityCarriesTheFrameworksDetail) {
+    OnDeviceModelClient client(framework, nullptr);
+    framework.status = LanguageModelAvailabilityStatus::unavailable(
+        Reason::modelNotReady, QStringLiteral("The model file /m/x.gguf cannot be used: not a GGUF file."));
+    EXPECT_EQ(client.availabilityDetail(),
+              QStringLiteral("The model file /m/x.gguf cannot be used: not a GGUF file."));
+    const std::exception_ptr error =
+        rewriteError(client, QStringLiteral("Some text here"), RewriteMode::casual);
+    EXPECT_EQ(engineKindOf(error), EngineKind::modelNotReady);
+    EXPECT_EQ(UserFacingErrorMessage::message(error),
+              QStringLiteral("The on-device model is still preparing. Try again when it is ready."));
+    EXPECT_EQ(UserFacingErrorMessage::detail(error), client.availabilityDetail());
 }
 
 TEST_F(OnDeviceModelClientTest, StyleRewriteWarmsOnceAndUsesAFreshSessionEachTime) {

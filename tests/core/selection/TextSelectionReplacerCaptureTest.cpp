@@ -67,6 +67,17 @@ TEST_F(CaptureTest, CaretWithoutSelectionIsNoSelectedText) {
     EXPECT_TRUE(desktop.sentKeys().empty());
 }
 
+TEST_F(CaptureTest, BlanksAloneAreNoSelectedTextWhicheverWayTheyAreRead) {
+    desktop.field(fieldA)->text = QStringLiteral("a \t\n\u00a0 b");
+    desktop.select(fieldA, {1, 5});
+    EXPECT_EQ(failureOf(replacer->capture({})), Kind::noSelectedText);
+    EXPECT_TRUE(pasteboardUntouched());
+    // Read by copying instead: the user's pasteboard is back as it was.
+    makeUnreadable(fieldA);
+    EXPECT_EQ(failureOf(replacer->capture({})), Kind::noSelectedText);
+    EXPECT_TRUE(pasteboardIsUsers());
+}
+
 TEST_F(CaptureTest, FailuresBeforeAnyPasteboardUseLeaveItUntouched) {
     desktop.trusted = false;
     EXPECT_EQ(failureOf(replacer->capture({})), Kind::accessibilityPermissionMissing);

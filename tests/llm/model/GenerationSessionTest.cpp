@@ -1,6 +1,7 @@
 #include "TinyModel.h"
 
 #include "llm/model/KvCache.h"
+#include "llm/model/ModelError.h"
 #include "llm/runtime/DraftSource.h"
 #include "llm/runtime/GenerationSession.h"
 #include "llm/runtime/ThreadPool.h"
@@ -10,6 +11,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <limits>
 #include <vector>
 
 namespace parlune::llm {
@@ -239,6 +242,34 @@ TEST(GenerationSessionArgmax, TiesGoToTheLowestId) {
     const std::vector<float> logits = {0.5f, 2.0f, -1.0f, 2.0f};
     EXPECT_EQ(GenerationSession::argmax(logits), 1);
     EXPECT_THROW(GenerationSession::argmax({}), std::invalid_argument);
+}
+
+} // namespace
+} // namespace parlune::llm
+
+namespace parlune::llm {
+namespace {
+
+TEST(GenerationSessionScores, NonFiniteScoresAreAFailureNotAnAnswer) {
+    // A file whose final norm holds NaN and infinity, as a damaged download might.
+    std::vector<std::byte> bytes = TestModelMaker::build(testing::tinySpec(Architecture::llama)).toBytes();
+    const auto parsed = GgufFile::fromBuffer(bytes);
+    const GgufTensorInfo* norm = parsed->findTensor("output_norm.weight");
+    ASSERT_NE(norm, nullptr);
+    ASSERT_EQ(norm->type, GgmlType::F32);
+    const float poison[] = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()};
+    std::memcpy(bytes.data() + parsed->dataOffset() + norm->offset, poison, sizeof poison);
+
+    const auto model = Model::fromFile(GgufFile::fromBuffer(std::move(bytes), "poisoned"));
+    ThreadPool pool{2};
+    GenerationSession session(model, Tokenizer::fromGguf(model->file()), pool);
+    const std::vector<std::int32_t> prompt{1, 2, 3};
+    try {
+        session.prefill(prompt);
+        FAIL() << "scores that are not numbers gave an answer";
+    } catch (const ModelError& error) {
+        EXPECT_NE(std::string(error.what()).find("not finite"), std::string::npos) << error.what();
+    }
 }
 
 } // namespace

@@ -58,6 +58,8 @@ TEST(KvCache, CopiesAreIndependentSnapshots) {
 
 TEST(KvCache, RejectsMisuse) {
     EXPECT_THROW(KvCache(0, 1, 1, 1), std::invalid_argument);
+    EXPECT_THROW(KvCache(std::int64_t{1} << 40, std::int64_t{1} << 40, 1, 1),
+                 std::invalid_argument); // before any allocation
     KvCache cache(1, 1, 2, 16);
     cache.reserve(4);
     EXPECT_THROW(cache.append(17), std::logic_error); // past the 16 reserved

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
+
 namespace parlune::llm {
 namespace {
 
@@ -83,9 +85,9 @@ TEST(ModelLoad, RejectsUnusableMetadataWithTheKeyNamed) {
 }
 
 TEST(ModelLoad, RejectsMissingOrMisshapenTensors) {
-    // A third layer announced but not present.
-    expectModelError(fileWith([](GgufWriter& w) { w.setUInt32("llama.block_count", 3); }),
-                     "'blk.2.attn_norm.weight' is missing");
+    // A third layer announced but not present: more layers than the file has tensors for.
+    expectModelError(fileWith([](GgufWriter& w) { w.setUInt32("llama.block_count", 4); }),
+                     "says 4 layers, but the file holds only 20 tensors");
     // Wider feed-forward than the tensors have.
     expectModelError(fileWith([](GgufWriter& w) { w.setUInt32("llama.feed_forward_length", 512); }),
                      "'blk.0.ffn_gate.weight' has shape [64, 256], expected [64, 512]");
@@ -99,6 +101,36 @@ TEST(ModelLoad, RejectsMissingOrMisshapenTensors) {
     writer.setUInt32("qwen2.attention.head_count_kv", 2);
     writer.setUInt32("qwen2.context_length", 128);
     expectModelError(GgufFile::fromBuffer(writer.toBytes(), "no biases"), "'blk.0.attn_q.bias' is missing");
+}
+
+TEST(ModelLoad, CountsFromTheFileAreCheckedBeforeAnythingIsSizedFromThem) {
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    // Ten million layers once cost gigabytes of layer records before a tensor was looked at.
+    expectModelError(fileWith([](GgufWriter& w) { w.setUInt32("llama.block_count", 10'000'000); }),
+                     "says 10000000 layers, but the file holds only 20 tensors");
+    expectModelError(
+        fileWith([](GgufWriter& w) { w.setUInt64("llama.block_count", std::uint64_t{1} << 32); }),
+        "says 4294967296 layers");
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "peak memory grew by KiB";
+}
+
+TEST(ModelLoad, WidthsThatOverflowAreRefusedNotComputed) {
+    // Each factor passes its own range check; their product does not fit.
+    expectModelError(fileWith([](GgufWriter& w) {
+                         w.setUInt64("llama.attention.head_count", std::uint64_t{1} << 32);
+                         w.setUInt64("llama.attention.head_count_kv", std::uint64_t{1} << 32);
+                         w.setUInt64("llama.attention.key_length", std::uint64_t{1} << 32);
+                         w.setUInt64("llama.attention.value_length", std::uint64_t{1} << 32);
+                         w.setUInt64("llama.rope.dimension_count", 64);
+                     }),
+                     "query width (heads x key length) 4294967296 x 4294967296 is too large");
+    ModelConfig config;
+    config.headCount = std::int64_t{1} << 40;
+    config.headDim = std::int64_t{1} << 40;
+    EXPECT_THROW((void)config.queryWidth(), ModelError);
 }
 
 TEST(ModelLoad, ReadsRopeScaling) {

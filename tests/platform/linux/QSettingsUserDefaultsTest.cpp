@@ -154,6 +154,61 @@ TEST_F(QSettingsUserDefaultsTest, FilesTheReaderCannotParseOrThatAreNotTextAreSe
     }
 }
 
+TEST_F(QSettingsUserDefaultsTest, LinesTheReaderSkipsAreSetAsideAtOpeningSoASaveNeverDropsThem) {
+    QDir().mkpath(dir_.filePath("parlune"));
+    const QByteArray samples[] = {
+        QByteArray("[General]\nxxxx\nrewriteMode=Casual\n"),
+        QByteArray("\xef\xbb\xbf[General]\nrewriteMode=Casual\n"),
+        QByteArray("[General]\n\\=1\nrewriteMode=Casual\n"),
+        QByteArray(50 * 1024 * 1024, 'x'),
+    };
+    for (const QByteArray& sample : samples) {
+        writeAll(file(), sample);
+        QSettingsUserDefaults defaults(file());
+        ASSERT_FALSE(defaults.setAsidePath().isEmpty()) << sample.left(40).toStdString();
+        defaults.setString("rewriteMode", "Professional");
+        EXPECT_TRUE(defaults.isPersisting()) << "the save is done and reported so";
+        EXPECT_EQ(readAll(defaults.setAsidePath()), sample);
+        EXPECT_EQ(QSettingsUserDefaults(file()).string("rewriteMode"), QStringLiteral("Professional"));
+        QFile::remove(defaults.setAsidePath());
+        QThread::msleep(2); // distinct time stamps in the set-aside names
+    }
+}
+
+TEST_F(QSettingsUserDefaultsTest, ASaveWhoseLockCannotBeTakenEndsAsNotSaved) {
+    QSettingsUserDefaults defaults(file());
+    defaults.setString("rewriteMode", "Casual");
+    ASSERT_TRUE(defaults.isPersisting());
+    // A directory where the lock file goes: the lock can never be created.
+    ASSERT_TRUE(QDir().mkpath(file() + ".lock"));
+    defaults.setString("rewriteMode", "Professional");
+    EXPECT_FALSE(defaults.isPersisting());
+    EXPECT_EQ(defaults.string("rewriteMode"), QStringLiteral("Professional")); // kept for this run
+    EXPECT_TRUE(readAll(file()).contains("rewriteMode=Casual"));
+    // Opening waits no longer either: the defaults apply for that run.
+    const QSettingsUserDefaults blocked(file());
+    EXPECT_FALSE(blocked.isPersisting());
+    EXPECT_EQ(blocked.string("rewriteMode"), std::nullopt);
+    ASSERT_TRUE(QDir(file() + ".lock").removeRecursively());
+    defaults.setString("workflow", "done");
+    EXPECT_TRUE(defaults.isPersisting());
+    EXPECT_EQ(QSettingsUserDefaults(file()).string("rewriteMode"), QStringLiteral("Professional"));
+}
+
+TEST_F(QSettingsUserDefaultsTest, TheFileIsReadableByItsOwnerOnly) {
+    const auto ownerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+    const auto others = QFileDevice::ReadGroup | QFileDevice::ReadOther | QFileDevice::WriteGroup |
+                        QFileDevice::WriteOther | QFileDevice::ReadUser | QFileDevice::WriteUser;
+    QSettingsUserDefaults defaults(file());
+    defaults.setString("writingPreferences", "Short lines");
+    EXPECT_EQ(QFile::permissions(file()) & ~(QFileDevice::ReadUser | QFileDevice::WriteUser), ownerOnly);
+    // A file an older version left readable by everyone is tightened at the next save.
+    ASSERT_TRUE(QFile::setPermissions(file(), ownerOnly | QFileDevice::ReadGroup | QFileDevice::ReadOther));
+    defaults.setString("writingPreferences", "Long lines");
+    EXPECT_EQ(QFile::permissions(file()) & others & ~(QFileDevice::ReadUser | QFileDevice::WriteUser),
+              QFileDevice::Permissions());
+}
+
 TEST_F(QSettingsUserDefaultsTest, UnreadablePathIsSetAsideToo) {
     // Root reads any file, so a directory in the file's place stands for one that cannot be read.
     ASSERT_TRUE(QDir().mkpath(file()));
