@@ -15,6 +15,7 @@
 #include "core/selection/TextSelectionReplacer.h"
 #include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
+#include "platform/x11/X11Desktop.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/XTestKeyboardEvents.h"
 #include "platform/x11/XcbConnection.h"
@@ -46,7 +47,9 @@ struct Stat {
     }
 };
 
-double since(const QElapsedTimer& timer) { return static_cast<double>(timer.nsecsElapsed()) / 1e6; }
+double since(const QElapsedTimer& timer) {
+    return static_cast<double>(timer.nsecsElapsed()) / 1e6;
+}
 
 } // namespace
 
@@ -61,6 +64,7 @@ int main(int argc, char** argv) {
             useAccessibility = false;
         }
     }
+    x11::X11Desktop::prepareProcess();
     test::DesktopSession session;
     if (!session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC))) {
         std::fprintf(stderr, "no desktop: %s\n", qPrintable(session.failure()));
@@ -83,8 +87,9 @@ int main(int argc, char** argv) {
     HotKeyManager hotkeys(*service);
 
     // The user's clipboard: something of their own for every restore to bring back.
-    QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"),
-                                                   QStringLiteral("printf 'kept' | xclip -selection clipboard -i")});
+    QProcess::startDetached(
+        QStringLiteral("sh"),
+        {QStringLiteral("-c"), QStringLiteral("printf 'kept' | xclip -selection clipboard -i")});
     test::pumpFor(300);
 
     test::EditorWindow editor(workspace);
@@ -130,14 +135,15 @@ int main(int argc, char** argv) {
         test::pumpFor(100);
         running = true;
         press.start();
-        QProcess::startDetached(QStringLiteral("xdotool"), {QStringLiteral("key"), QStringLiteral("alt+space")});
+        QProcess::startDetached(QStringLiteral("xdotool"),
+                                {QStringLiteral("key"), QStringLiteral("alt+space")});
         test::pumpUntil([&] { return !running && delivered.isValid(); }, 10000);
         delivered.invalidate();
         test::pumpFor(150);
     }
 
     // A restore on its own: the snapshot of the user's clipboard put back while we hold ours.
-    const ClipboardSnapshot user = clipboard.capture();
+    const ClipboardSnapshot user = test::runTask(clipboard.capture());
     for (int run = 0; run < runs; ++run) {
         clipboard.setTransientLocalString(QStringLiteral("transient"));
         QElapsedTimer step;

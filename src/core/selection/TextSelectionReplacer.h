@@ -63,12 +63,14 @@ private:
     };
 
     void requireTrust() const;
-    void verifyFocusedTarget(const AccessibilityElement& element, std::optional<TextRange> range,
-                             ProcessId processIdentifier);
+    QCoro::Task<void> verifyFocusedTarget(const AccessibilityElementRef& element,
+                                          std::optional<TextRange> range, ProcessId processIdentifier);
     void verifyFrontmostProcess(ProcessId processIdentifier);
-    void verifyDirectSelection(const CapturedSelection& selection, const AccessibilityElement& target);
-    void verifyTargetOrFrontmost(const CapturedSelection& selection, ProcessId processIdentifier);
-    std::optional<QString> string(TextRange range, const AccessibilityElement& element);
+    QCoro::Task<void> verifyDirectSelection(const CapturedSelection& selection,
+                                            const AccessibilityElementRef& target);
+    QCoro::Task<void> verifyTargetOrFrontmost(const CapturedSelection& selection,
+                                              ProcessId processIdentifier);
+    QCoro::Task<std::optional<QString>> string(TextRange range, const AccessibilityElementRef& element);
 
     QCoro::Task<CapturedSelection> captureOpaqueFrontmostSelection(std::stop_token token);
     QCoro::Task<CapturedSelection> captureFocusedElementByCopy(AccessibilityElementRef element,
@@ -92,8 +94,8 @@ private:
     // How strongly the target shows the paste: its text read back (seen), or only a caret, a
     // selection or a quiet moment consistent with it (likely).
     enum class PasteEvidence { none, likely, seen };
-    PasteEvidence pasteEvidence(const QString& replacement, const CapturedSelection& selection,
-                                std::int64_t pasteboardChangeCount, double elapsed);
+    QCoro::Task<PasteEvidence> pasteEvidence(const QString& replacement, const CapturedSelection& selection,
+                                             std::int64_t pasteboardChangeCount, double elapsed);
 
     AccessibilityApi& accessibility_;
     Workspace& workspace_;

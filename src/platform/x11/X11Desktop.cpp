@@ -11,6 +11,12 @@
 
 namespace parlune::x11 {
 
+void X11Desktop::prepareProcess() {
+    if (!qEnvironmentVariableIsSet("QT_NO_GLIB")) {
+        qputenv("QT_NO_GLIB", "1");
+    }
+}
+
 X11Desktop::Result X11Desktop::connect() {
     const X11Session::Kind kind = X11Session::detectFromEnvironment();
     if (std::optional<QString> reason = X11Session::unsupportedReason(kind)) {
@@ -27,14 +33,16 @@ X11Desktop::Result X11Desktop::connect() {
     desktop->pasteboard_ = std::make_unique<X11Pasteboard>(connection);
     desktop->keyboard_ = std::make_unique<XTestKeyboardEvents>(connection, *desktop->workspace_);
     if (!desktop->pasteboard_->isUsable()) {
-        return QStringLiteral("The X server lacks the XFixes extension, which Parlune needs to watch the clipboard.");
+        return QStringLiteral(
+            "The X server lacks the XFixes extension, which Parlune needs to watch the clipboard.");
     }
     if (!desktop->keyboard_->isAvailable()) {
-        return QStringLiteral("The X server lacks the XTest extension, which Parlune needs to copy and paste.");
+        return QStringLiteral(
+            "The X server lacks the XTest extension, which Parlune needs to copy and paste.");
     }
     XTestKeyboardEvents* keyboard = desktop->keyboard_.get();
-    desktop->accessibility_ =
-        std::make_unique<AtspiAccessibility>(*desktop->workspace_, [keyboard] { return keyboard->isAvailable(); });
+    desktop->accessibility_ = std::make_unique<AtspiAccessibility>(
+        *desktop->workspace_, [keyboard] { return keyboard->isAvailable(); });
     desktop->memoryPressure_ = std::make_unique<LinuxMemoryPressureSource>();
     return desktop;
 }

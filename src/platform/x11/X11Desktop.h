@@ -24,6 +24,12 @@ public:
     using Result = std::variant<std::unique_ptr<X11Desktop>, QString>;
     static Result connect();
 
+    // Call before the QGuiApplication is made. libatspi attaches the private connections it opens
+    // to applications to GLib's default context; a GLib-based Qt event loop would then dispatch
+    // them on the main thread, beside the accessibility worker that owns them. This keeps Qt's loop
+    // off GLib (QT_NO_GLIB), so only the worker ever dispatches them.
+    static void prepareProcess();
+
     ~X11Desktop();
     X11Desktop(const X11Desktop&) = delete;
     X11Desktop& operator=(const X11Desktop&) = delete;

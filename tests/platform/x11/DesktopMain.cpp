@@ -2,6 +2,7 @@
 // connects to it, so it is started here rather than in a test fixture. Listing the tests (CTest's
 // discovery) starts nothing.
 #include "DesktopSession.h"
+#include "platform/x11/X11Desktop.h"
 
 #include <QGuiApplication>
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@ int main(int argc, char** argv) {
     if (listing) {
         return RUN_ALL_TESTS();
     }
+    parlune::x11::X11Desktop::prepareProcess();
     parlune::test::DesktopSession session;
     session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC));
     parlune::test::DesktopSession::setCurrent(&session);
