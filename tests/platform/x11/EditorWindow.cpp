@@ -15,16 +15,13 @@ QString readFile(const QString& path) {
 }
 
 void key(const QStringList& keys) {
-    QStringList command{QStringLiteral("xdotool"), QStringLiteral("key"), QStringLiteral("--delay"),
-                        QStringLiteral("15")};
+    QStringList command{QStringLiteral("xdotool"), QStringLiteral("key"), QStringLiteral("--delay"), QStringLiteral("15")};
     command += keys;
     DesktopSession::run(command);
 }
 } // namespace
 
-EditorWindow::~EditorWindow() {
-    DesktopSession::terminate(pid_);
-}
+EditorWindow::~EditorWindow() { DesktopSession::terminate(pid_); }
 
 bool EditorWindow::open(const QString& text, const QString& name) {
     DesktopSession* session = DesktopSession::current();
@@ -60,8 +57,7 @@ bool EditorWindow::activate() {
     if (first.isEmpty()) {
         return false;
     }
-    DesktopSession::run(
-        {QStringLiteral("xdotool"), QStringLiteral("windowactivate"), QString::fromLatin1(first)});
+    DesktopSession::run({QStringLiteral("xdotool"), QStringLiteral("windowactivate"), QString::fromLatin1(first)});
     return waitUntilActive();
 }
 

@@ -43,8 +43,8 @@ protected:
     }
 
     bool numLockIsOn() {
-        auto* reply = xcb_query_pointer_reply(
-            connection->raw(), xcb_query_pointer(connection->raw(), connection->root()), nullptr);
+        auto* reply = xcb_query_pointer_reply(connection->raw(), xcb_query_pointer(connection->raw(), connection->root()),
+                                              nullptr);
         const bool on = reply && (reply->mask & XCB_MOD_MASK_2);
         std::free(reply);
         return on;
@@ -94,9 +94,8 @@ TEST_F(HotKeyDesktopTest, CombinationHeldByAnotherClientFailsWithTheXErrorAndDro
     const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(other)).data->root;
     xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(other);
     xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, XK_space);
-    xcb_generic_error_t* grabError =
-        xcb_request_check(other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0],
-                                                      XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
+    xcb_generic_error_t* grabError = xcb_request_check(
+        other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0], XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
     EXPECT_EQ(grabError, nullptr);
     std::free(grabError);
     std::free(codes);
@@ -126,9 +125,8 @@ TEST_F(HotKeyDesktopTest, UnregisteredShortcutReachesTheFocusedApplicationAgain)
     const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(other)).data->root;
     xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(other);
     xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, XK_space);
-    xcb_generic_error_t* grabError =
-        xcb_request_check(other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0],
-                                                      XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
+    xcb_generic_error_t* grabError = xcb_request_check(
+        other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0], XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
     EXPECT_EQ(grabError, nullptr);
     std::free(grabError);
     std::free(codes);

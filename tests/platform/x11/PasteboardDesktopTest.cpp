@@ -10,10 +10,9 @@ namespace {
 
 QByteArray readTarget(const QString& target, int* status = nullptr) {
     QByteArray bytes;
-    const int code =
-        DesktopSession::run({QStringLiteral("xclip"), QStringLiteral("-o"), QStringLiteral("-selection"),
-                             QStringLiteral("clipboard"), QStringLiteral("-t"), target},
-                            &bytes);
+    const int code = DesktopSession::run({QStringLiteral("xclip"), QStringLiteral("-o"), QStringLiteral("-selection"),
+                                          QStringLiteral("clipboard"), QStringLiteral("-t"), target},
+                                         &bytes);
     if (status) {
         *status = code;
     }
@@ -33,8 +32,7 @@ using PasteboardDesktopTest = DesktopTest;
 
 TEST_F(PasteboardDesktopTest, OwnWritesCountOnceAndOtherWritersCountToo) {
     const std::int64_t start = pasteboard->changeCount();
-    ASSERT_TRUE(pasteboard->writeItems(
-        {PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("one")}}}}));
+    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("one")}}}}));
     EXPECT_EQ(pasteboard->changeCount(), start + 1);
     pumpFor(200); // the server's report of our own ownership must not count again
     EXPECT_EQ(pasteboard->changeCount(), start + 1);
@@ -53,9 +51,8 @@ TEST_F(PasteboardDesktopTest, OwnWritesCountOnceAndOtherWritersCountToo) {
 }
 
 TEST_F(PasteboardDesktopTest, FetchIsReportedOnlyForRealDataOfThatWrite) {
-    ASSERT_TRUE(
-        pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("text")},
-                                                {QStringLiteral("org.nspasteboard.TransientType"), {}}}}}));
+    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("text")},
+                                                        {QStringLiteral("org.nspasteboard.TransientType"), {}}}}}));
     const std::int64_t written = pasteboard->changeCount();
     EXPECT_FALSE(pasteboard->contentsWereFetched(written));
 
@@ -68,15 +65,13 @@ TEST_F(PasteboardDesktopTest, FetchIsReportedOnlyForRealDataOfThatWrite) {
     EXPECT_TRUE(pasteboard->contentsWereFetched(written));
     EXPECT_FALSE(pasteboard->contentsWereFetched(written - 1));
 
-    ASSERT_TRUE(pasteboard->writeItems(
-        {PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("more")}}}}));
+    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("more")}}}}));
     EXPECT_FALSE(pasteboard->contentsWereFetched(pasteboard->changeCount()));
 }
 
 TEST_F(PasteboardDesktopTest, LargeDataTravelsIncrementallyBothWaysByteForByte) {
     const QByteArray bytes = largeBinary();
-    ASSERT_TRUE(
-        pasteboard->writeItems({PasteboardItem{{{QStringLiteral("application/octet-stream"), bytes}}}}));
+    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("application/octet-stream"), bytes}}}}));
     int status = -1;
     EXPECT_EQ(readTarget(QStringLiteral("application/octet-stream"), &status), bytes);
     EXPECT_EQ(status, 0);
@@ -88,8 +83,7 @@ TEST_F(PasteboardDesktopTest, LargeDataTravelsIncrementallyBothWaysByteForByte) 
     out.write(bytes);
     out.close();
     DesktopSession::run({QStringLiteral("xclip"), QStringLiteral("-selection"), QStringLiteral("clipboard"),
-                         QStringLiteral("-t"), QStringLiteral("application/octet-stream"),
-                         QStringLiteral("-i"), file});
+                         QStringLiteral("-t"), QStringLiteral("application/octet-stream"), QStringLiteral("-i"), file});
     ASSERT_TRUE(pumpUntil([&] { return !pasteboard->ownsSelection(); }, 3000));
     EXPECT_EQ(pasteboard->types(0), std::vector<QString>{QStringLiteral("application/octet-stream")});
     EXPECT_EQ(pasteboard->data(0, QStringLiteral("application/octet-stream")), bytes);
@@ -100,8 +94,7 @@ TEST_F(PasteboardDesktopTest, LargeDataTravelsIncrementallyBothWaysByteForByte) 
 TEST_F(PasteboardDesktopTest, EditorSnapshotDropsPseudoTargets) {
     DesktopSession::run({QStringLiteral("sh"), QStringLiteral("-c"),
                          QStringLiteral("printf abc | xclip -selection clipboard -t text/plain -i")});
-    ASSERT_TRUE(
-        pumpUntil([&] { return !pasteboard->ownsSelection() && pasteboard->itemCount() == 1; }, 3000));
+    ASSERT_TRUE(pumpUntil([&] { return !pasteboard->ownsSelection() && pasteboard->itemCount() == 1; }, 3000));
     const std::vector<QString> types = pasteboard->types(0);
     EXPECT_EQ(types, std::vector<QString>{QStringLiteral("text/plain")}) << "xclip offers TARGETS too";
     pasteboard->clearContents();
