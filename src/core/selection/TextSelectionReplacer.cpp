@@ -6,6 +6,7 @@
 #include "core/platform/AccessibilityApi.h"
 #include "core/platform/KeyboardEvents.h"
 #include "core/platform/Pasteboard.h"
+#include "core/platform/PrimarySelection.h"
 #include "core/platform/Workspace.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
@@ -209,11 +210,10 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureOpaqueFrontmostSele
     const ProcessId process = frontmost->processIdentifier;
     PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
     verifyFrontmostProcess(process);
-    auto copied = co_await copySelectedTextRestoringClipboard(process, token);
+    QString copied = co_await copySelectedTextRestoringClipboard(process, frontmost->bundleIdentifier, token);
     verifyFrontmostProcess(process);
-    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), frontmost->bundleIdentifier,
-                                process, std::nullopt, SelectionReplacementStrategy::clipboardFallback,
-                                nullptr);
+    co_return CapturedSelection(QUuid::createUuid(), std::move(copied), frontmost->bundleIdentifier, process,
+                                std::nullopt, SelectionReplacementStrategy::clipboardFallback, nullptr);
 }
 
 QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCopy(
@@ -221,25 +221,37 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCop
     std::optional<QString> bundleIdentifier, std::stop_token token) {
     PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
     co_await verifyFocusedTarget(element, range, process);
-    auto copied = co_await copySelectedTextRestoringClipboard(process, token);
+    QString copied = co_await copySelectedTextRestoringClipboard(process, bundleIdentifier, token);
     co_await verifyFocusedTarget(element, range, process);
-    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), std::move(bundleIdentifier),
-                                process, range, SelectionReplacementStrategy::clipboardFallback,
-                                std::move(element));
+    co_return CapturedSelection(QUuid::createUuid(), std::move(copied), std::move(bundleIdentifier), process,
+                                range, SelectionReplacementStrategy::clipboardFallback, std::move(element));
 }
 
 // MARK: copy through the pasteboard
 
-QCoro::Task<std::pair<QString, ClipboardSnapshot>>
-TextSelectionReplacer::copySelectedTextRestoringClipboard(ProcessId process, std::stop_token token) {
+QCoro::Task<QString> TextSelectionReplacer::copySelectedTextRestoringClipboard(
+    ProcessId process, const std::optional<QString>& bundleIdentifier, std::stop_token token) {
     requireTrust();
+    const std::optional<KeyChord> copyChord = compatibilityRegistry_.chordsFor(bundleIdentifier).copy;
+    if (!copyChord) {
+        // No key may be sent here: the selection is taken from where the application already put it.
+        std::optional<QString> text;
+        if (primarySelection_) {
+            text = co_await primarySelection_->textHeldBy(process);
+            throwIfCancelled(token);
+        }
+        if (!text || text->isEmpty()) {
+            fail(Kind::noSelectedText);
+        }
+        co_return *text;
+    }
     const ClipboardSnapshot original = co_await clipboard_.capture();
     throwIfCancelled(token);
     clipboard_.prepareForLocalCapture();
     const std::int64_t baseline = clipboard_.changeCount();
     PendingRestore restore(clipboard_, original, baseline);
 
-    if (!co_await keyboard_.sendCommandKey(KeyboardEvents::keyCodeC, process, token)) {
+    if (!co_await keyboard_.sendChord(*copyChord, process, token)) {
         fail(Kind::unableToCreateKeyboardEvent);
     }
     const auto copied = co_await waitForCopiedString(baseline, timing_.copyTimeout, token);
@@ -251,7 +263,7 @@ TextSelectionReplacer::copySelectedTextRestoringClipboard(ProcessId process, std
     clipboard_.setTransientLocalString(copied->text);
     restore.setSince(clipboard_.changeCount());
     restore.restoreNow();
-    co_return std::pair<QString, ClipboardSnapshot>{copied->text, original};
+    co_return copied->text;
 }
 
 QCoro::Task<std::optional<TextSelectionReplacer::CopiedText>>
@@ -321,9 +333,10 @@ QCoro::Task<void> TextSelectionReplacer::verifyClipboardFallbackSelection(Captur
     if (!holdsPasteboard) {
         lease = co_await pasteboardGuard_.acquire(token);
     }
-    const auto copied = co_await copySelectedTextRestoringClipboard(*process, token);
+    const QString copied =
+        co_await copySelectedTextRestoringClipboard(*process, selection.applicationBundleIdentifier(), token);
     co_await verifyTargetOrFrontmost(selection, *process);
-    if (copied.first != selection.text()) {
+    if (copied != selection.text()) {
         fail(Kind::selectionChanged);
     }
 }
@@ -359,6 +372,9 @@ QCoro::Task<void> TextSelectionReplacer::replace(QString replacement, CapturedSe
 
 QCoro::Task<void> TextSelectionReplacer::replaceByPasting(QString replacement, CapturedSelection selection,
                                                           std::stop_token token) {
+    if (!compatibilityRegistry_.chordsFor(selection.applicationBundleIdentifier()).paste) {
+        fail(Kind::unsupportedTarget); // before anything is written or sent
+    }
     PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
     co_await verifyClipboardFallbackSelection(selection, true, token);
     ClipboardSnapshot original = co_await clipboard_.capture();
@@ -381,7 +397,8 @@ QCoro::Task<void> TextSelectionReplacer::paste(QString replacement, CapturedSele
     if (clipboard_.changeCount() != mark) {
         fail(Kind::selectionChanged); // another writer came in between
     }
-    if (!co_await keyboard_.sendCommandKey(KeyboardEvents::keyCodeV, *process, token)) {
+    const auto pasteChord = compatibilityRegistry_.chordsFor(selection.applicationBundleIdentifier()).paste;
+    if (!pasteChord || !co_await keyboard_.sendChord(*pasteChord, *process, token)) {
         fail(Kind::unableToCreateKeyboardEvent);
     }
     const bool confirmed = co_await waitForPasteConfirmation(replacement, selection, mark,

@@ -4,6 +4,7 @@
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/LinuxMemoryPressureSource.h"
 #include "platform/x11/X11Pasteboard.h"
+#include "platform/x11/X11PrimarySelection.h"
 #include "platform/x11/X11Session.h"
 #include "platform/x11/XTestKeyboardEvents.h"
 #include "platform/x11/XcbConnection.h"
@@ -31,6 +32,7 @@ X11Desktop::Result X11Desktop::connect() {
     XcbConnection& connection = *desktop->connection_;
     desktop->workspace_ = std::make_unique<EwmhWorkspace>(connection);
     desktop->pasteboard_ = std::make_unique<X11Pasteboard>(connection);
+    desktop->primarySelection_ = std::make_unique<X11PrimarySelection>(connection, *desktop->workspace_);
     desktop->keyboard_ = std::make_unique<XTestKeyboardEvents>(connection, *desktop->workspace_);
     if (!desktop->pasteboard_->isUsable()) {
         return QStringLiteral(
@@ -52,6 +54,7 @@ X11Desktop::~X11Desktop() {
     memoryPressure_.reset();
     accessibility_.reset();
     keyboard_.reset();
+    primarySelection_.reset();
     pasteboard_.reset();
     workspace_.reset();
     hotKeys_.reset();

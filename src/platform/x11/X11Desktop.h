@@ -11,6 +11,7 @@ class AtspiAccessibility;
 class EwmhWorkspace;
 class LinuxMemoryPressureSource;
 class X11Pasteboard;
+class X11PrimarySelection;
 class XTestKeyboardEvents;
 class XcbConnection;
 class XcbHotKeyService;
@@ -36,6 +37,8 @@ public:
 
     XcbHotKeyService& hotKeys() { return *hotKeys_; }
     X11Pasteboard& pasteboard() { return *pasteboard_; }
+    // For TextSelectionReplacer::setPrimarySelection: how terminals' selections are captured.
+    X11PrimarySelection& primarySelection() { return *primarySelection_; }
     XTestKeyboardEvents& keyboard() { return *keyboard_; }
     EwmhWorkspace& workspace() { return *workspace_; }
     AtspiAccessibility& accessibility() { return *accessibility_; }
@@ -48,6 +51,7 @@ private:
     std::unique_ptr<XcbHotKeyService> hotKeys_;
     std::unique_ptr<EwmhWorkspace> workspace_;
     std::unique_ptr<X11Pasteboard> pasteboard_;
+    std::unique_ptr<X11PrimarySelection> primarySelection_;
     std::unique_ptr<XTestKeyboardEvents> keyboard_;
     std::unique_ptr<AtspiAccessibility> accessibility_;
     std::unique_ptr<LinuxMemoryPressureSource> memoryPressure_;

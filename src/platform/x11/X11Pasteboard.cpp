@@ -45,8 +45,8 @@ bool X11Pasteboard::isPseudoTarget(const QString& target) {
     return std::find(std::begin(pseudo), std::end(pseudo), target) != std::end(pseudo);
 }
 
-X11Pasteboard::X11Pasteboard(XcbConnection& connection)
-    : x_(connection), clipboard_(connection.atom("CLIPBOARD")) {
+X11Pasteboard::X11Pasteboard(XcbConnection& connection, const char* selection)
+    : x_(connection), clipboard_(connection.atom(selection)), selectionName_(QString::fromLatin1(selection)) {
     xcb_connection_t* c = x_.raw();
     const xcb_query_extension_reply_t* xfixes = xcb_get_extension_data(c, &xcb_xfixes_id);
     if (xfixes && xfixes->present) {
@@ -110,7 +110,7 @@ QCoro::Task<std::optional<QByteArray>> X11Pasteboard::convert(xcb_atom_t target)
     // Each read lands in a property of its own, so that reads may overlap.
     auto read = std::make_shared<PendingRead>();
     read->target = target;
-    read->property = x_.atom(QStringLiteral("_PARLUNE_SELECTION_%1").arg(readSerial_++ % 16));
+    read->property = x_.atom(QStringLiteral("_PARLUNE_%1_%2").arg(selectionName_).arg(readSerial_++ % 16));
     if (reads_.count(read->property)) {
         co_return std::nullopt; // sixteen reads in flight: the owner is not answering anyway
     }

@@ -36,7 +36,8 @@ class XcbConnection;
 // The clipboard holds one item: what its owner offers.
 class X11Pasteboard final : public Pasteboard {
 public:
-    explicit X11Pasteboard(XcbConnection& connection);
+    // `selection` names the X selection spoken for: CLIPBOARD, or PRIMARY for reading only.
+    explicit X11Pasteboard(XcbConnection& connection, const char* selection = "CLIPBOARD");
     ~X11Pasteboard() override;
     X11Pasteboard(const X11Pasteboard&) = delete;
     X11Pasteboard& operator=(const X11Pasteboard&) = delete;
@@ -119,6 +120,7 @@ private:
 
     XcbConnection& x_;
     xcb_atom_t clipboard_;
+    QString selectionName_;
     std::uint8_t xfixesEvent_ = 0;
     int listener_ = 0;
     std::int64_t changeCount_ = 0;

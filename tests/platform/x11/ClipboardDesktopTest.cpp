@@ -146,6 +146,31 @@ TEST_F(ClipboardDesktopTest, CaptureWithAltStillHeldWaitsAndStillCopies) {
     EXPECT_TRUE(keyboard->keysDown().none());
 }
 
+TEST_F(ClipboardDesktopTest, KeyHeldThroughAWholeRewriteIsWaitedForOnceNotPerChord) {
+    // Shift, not Alt: lifting and pressing again a held Alt twice leaves mousepad in its menu bar.
+    giveUserRichClipboard();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+    xdotool({QStringLiteral("keydown"), QStringLiteral("shift")});
+    const CapturedSelection selection = capture(); // waits the bound once
+    QElapsedTimer timer;
+    timer.start();
+    // Validation copies again and the replacement pastes: two more chords, no more waiting.
+    finish(replacer->replace(QStringLiteral("DELTA"), selection, {}));
+    EXPECT_LT(timer.elapsed(), 1900);
+    xdotool({QStringLiteral("keyup"), QStringLiteral("shift")});
+    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha DELTA gamma"));
+    expectUserClipboardRestored();
+
+    // Let go and held again: a new hold is waited for again.
+    editor->select(0, 5);
+    xdotool({QStringLiteral("keydown"), QStringLiteral("shift")});
+    QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("sleep 0.4; xdotool keyup shift")});
+    timer.restart();
+    EXPECT_EQ(capture().text(), QStringLiteral("alpha"));
+    EXPECT_GE(timer.elapsed(), 350);
+}
+
 TEST_F(ClipboardDesktopTest, KeysReleasedDuringTheWaitAreNotPressedAgain) {
     ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
     editor->select(0, 5);
