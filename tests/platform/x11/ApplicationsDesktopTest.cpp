@@ -11,7 +11,6 @@
 #include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/X11PrimarySelection.h"
 
-#include <QFile>
 #include <QStandardPaths>
 
 #include <signal.h>
@@ -19,11 +18,6 @@
 
 namespace parlune::test {
 namespace {
-
-QString readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
 
 void keys(const QStringList& chords) {
     DesktopSession::run(QStringList{QStringLiteral("xdotool"), QStringLiteral("key"),
@@ -96,7 +90,6 @@ TEST_F(ApplicationsDesktopTest, TerminalSelectionIsReadFromPrimaryAndNeitherProg
                            QStringLiteral("sh"), QStringLiteral("-c"),
                            QStringLiteral("echo alpha beta gamma; exec cat > \"$0\"")});
     ASSERT_TRUE(terminal.open(QString(), QStringLiteral("typed.txt")));
-    const QString output = DesktopSession::current()->directory() + QStringLiteral("/typed.txt");
     DesktopSession::run({QStringLiteral("xdotool"), QStringLiteral("type"), QStringLiteral("--delay"),
                          QStringLiteral("20"), QStringLiteral("typed line")});
     // Double-click "beta" (columns 6 to 9 of the first row; 6x13 cells inside a 2-pixel border).
@@ -122,8 +115,8 @@ TEST_F(ApplicationsDesktopTest, TerminalSelectionIsReadFromPrimaryAndNeitherProg
 
     // The line typed before is still there, intact, and cat still reads it.
     keys({QStringLiteral("Return")});
-    EXPECT_TRUE(pumpUntil([&] { return readFile(output) == QStringLiteral("typed line\n"); }, 3000))
-        << readFile(output).toStdString();
+    EXPECT_TRUE(pumpUntil([&] { return terminal.fileText() == QStringLiteral("typed line\n"); }, 3000))
+        << terminal.fileText().toStdString();
     EXPECT_EQ(::kill(terminal.pid(), 0), 0) << "xterm is still running";
 }
 
