@@ -34,12 +34,13 @@ public:
         pid_ = DesktopSession::current()->spawn(QStringList{QStringLiteral(PARLUNE_CLIPBOARD_OWNER)} +
                                                 targetsAndData);
         const QString first = targetsAndData.front();
+        // Generous: on a loaded machine a Qt client can take seconds to start.
         owns_ = pumpUntil(
             [&] {
                 const auto types = observer.types(0);
                 return std::find(types.begin(), types.end(), first) != types.end();
             },
-            5000);
+            10000);
     }
     ~OtherClipboardClient() { DesktopSession::terminate(pid_); }
     OtherClipboardClient(const OtherClipboardClient&) = delete;
