@@ -50,7 +50,8 @@ X11Pasteboard::X11Pasteboard(XcbConnection& connection, const char* selection)
     xcb_connection_t* c = x_.raw();
     const xcb_query_extension_reply_t* xfixes = xcb_get_extension_data(c, &xcb_xfixes_id);
     if (xfixes && xfixes->present) {
-        auto* version = xcb_xfixes_query_version_reply(c, xcb_xfixes_query_version(c, 5, 0), nullptr);
+        const XcbReply<xcb_xfixes_query_version_reply_t> version(
+            xcb_xfixes_query_version_reply(c, xcb_xfixes_query_version(c, 5, 0), nullptr));
         if (version) {
             xfixesEvent_ = xfixes->first_event;
             xcb_xfixes_select_selection_input(c, x_.window(), clipboard_,
@@ -59,7 +60,6 @@ X11Pasteboard::X11Pasteboard(XcbConnection& connection, const char* selection)
                                                   XCB_XFIXES_SELECTION_EVENT_MASK_SELECTION_CLIENT_CLOSE);
             xcb_flush(c);
         }
-        std::free(version);
     }
     listener_ = x_.addListener([this](const xcb_generic_event_t* event) { return handleEvent(event); });
     transferSweep_.setInterval(abandonedTransferMs / 2);
@@ -87,9 +87,7 @@ X11Pasteboard::~X11Pasteboard() {
 
 void X11Pasteboard::sync() const {
     // A round trip: every event the server sent before its reply is then in our queue.
-    auto* reply =
-        xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
-    std::free(reply);
+    x_.selectionOwner(clipboard_);
     x_.dispatchPending();
 }
 
@@ -198,12 +196,7 @@ int X11Pasteboard::itemCount() const {
     if (owned_) {
         return owned_->values.empty() ? 0 : 1;
     }
-    auto* reply =
-        xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
-    const bool hasOwner = reply && reply->owner != XCB_NONE;
-    std::free(reply);
-    x_.scheduleDispatch();
-    return hasOwner ? 1 : 0;
+    return x_.selectionOwner(clipboard_) != XCB_NONE ? 1 : 0;
 }
 
 std::vector<QString> X11Pasteboard::types(int index) const {
@@ -321,10 +314,7 @@ bool X11Pasteboard::setOwner(xcb_window_t owner) {
     ownChanges_.insert(time);
     lastOwnTime_ = time;
     const xcb_void_cookie_t request = xcb_set_selection_owner(c, owner, clipboard_, time);
-    auto* reply = xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, clipboard_), nullptr);
-    const bool taken = reply && reply->owner == owner;
-    std::free(reply);
-    x_.scheduleDispatch();
+    const bool taken = x_.selectionOwner(clipboard_) == owner;
     lastOwnerRequest_ = request.sequence;
     if (!taken) {
         // The server ignored the request (an older time stamp): no report will come for it.
@@ -352,10 +342,7 @@ void X11Pasteboard::retire(std::uint32_t until) {
 
 void X11Pasteboard::clearContents() {
     sync();
-    auto* reply =
-        xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
-    const bool hasOwner = reply && reply->owner != XCB_NONE;
-    std::free(reply);
+    const bool hasOwner = x_.selectionOwner(clipboard_) != XCB_NONE;
     if (!hasOwner || !setOwner(XCB_NONE)) {
         ++changeCount_;
     }
@@ -424,13 +411,10 @@ bool X11Pasteboard::handleEvent(const xcb_generic_event_t* event) {
             return false;
         }
         // The clear may be stale (we took the selection back since): ask who owns it now.
-        auto* reply =
-            xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
-        if (!reply || reply->owner != x_.window()) {
+        if (x_.selectionOwner(clipboard_) != x_.window()) {
             // Someone else owns it now; requests already sent to us still get what they asked for.
             retire(event->full_sequence);
         }
-        std::free(reply);
         return true;
     }
     case XCB_PROPERTY_NOTIFY: {
@@ -586,22 +570,18 @@ void X11Pasteboard::continueTransfer(xcb_window_t window, xcb_atom_t property) {
 void X11Pasteboard::handOverToClipboardManager() {
     xcb_connection_t* c = x_.raw();
     const xcb_atom_t manager = x_.atom("CLIPBOARD_MANAGER");
-    auto* reply = xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, manager), nullptr);
-    const bool present = reply && reply->owner != XCB_NONE;
-    std::free(reply);
-    if (!present) {
+    if (x_.selectionOwner(manager) == XCB_NONE) {
         return;
     }
     const xcb_atom_t saveTargets = x_.atom("SAVE_TARGETS");
     xcb_convert_selection(c, x_.window(), manager, saveTargets, XCB_NONE, XCB_CURRENT_TIME);
     // While waiting, our listener keeps serving the manager's requests for the data.
-    xcb_generic_event_t* done = x_.waitForEvent(
+    const XcbReply<xcb_generic_event_t> done(x_.waitForEvent(
         [&](const xcb_generic_event_t* e) {
             return (e->response_type & 0x7f) == XCB_SELECTION_NOTIFY &&
                    as<xcb_selection_notify_event_t>(e)->selection == manager;
         },
-        handOverTimeoutMs);
-    std::free(done);
+        handOverTimeoutMs));
 }
 
 } // namespace parlune::x11

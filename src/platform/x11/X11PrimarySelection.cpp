@@ -3,8 +3,6 @@
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/XcbConnection.h"
 
-#include <cstdlib>
-
 namespace parlune::x11 {
 
 namespace {
@@ -17,16 +15,14 @@ X11PrimarySelection::X11PrimarySelection(XcbConnection& connection, EwmhWorkspac
 
 std::optional<ProcessId> X11PrimarySelection::holder() {
     xcb_connection_t* c = x_.raw();
-    auto* owner = xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, XCB_ATOM_PRIMARY), nullptr);
-    xcb_window_t window = owner ? owner->owner : XCB_NONE;
-    std::free(owner);
+    xcb_window_t window = x_.selectionOwner(XCB_ATOM_PRIMARY);
     for (int depth = 0; window != XCB_NONE && window != x_.root() && depth < maxAncestors; ++depth) {
         if (const std::optional<ProcessId> process = workspace_.processOf(window)) {
             return process;
         }
-        auto* tree = xcb_query_tree_reply(c, xcb_query_tree(c, window), nullptr);
+        const XcbReply<xcb_query_tree_reply_t> tree(
+            xcb_query_tree_reply(c, xcb_query_tree(c, window), nullptr));
         window = tree ? tree->parent : XCB_NONE;
-        std::free(tree);
     }
     x_.scheduleDispatch();
     return std::nullopt;

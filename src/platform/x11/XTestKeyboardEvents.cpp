@@ -42,10 +42,9 @@ XTestKeyboardEvents::XTestKeyboardEvents(XcbConnection& connection, Workspace& w
     // Per-device key state needs XInput 2 (to list the devices) and its 1.x state request.
     const xcb_query_extension_reply_t* xinput = xcb_get_extension_data(x_.raw(), &xcb_input_id);
     if (xinput && xinput->present) {
-        auto* version =
-            xcb_input_xi_query_version_reply(x_.raw(), xcb_input_xi_query_version(x_.raw(), 2, 2), nullptr);
+        const XcbReply<xcb_input_xi_query_version_reply_t> version(
+            xcb_input_xi_query_version_reply(x_.raw(), xcb_input_xi_query_version(x_.raw(), 2, 2), nullptr));
         xinput_ = version && version->major_version >= 2;
-        std::free(version);
     }
 }
 
@@ -56,13 +55,13 @@ XTestKeyboardEvents::HeldKeys XTestKeyboardEvents::heldKeys() const {
         return held;
     }
     xcb_connection_t* c = x_.raw();
-    auto* devices =
-        xcb_input_xi_query_device_reply(c, xcb_input_xi_query_device(c, XCB_INPUT_DEVICE_ALL), nullptr);
+    const XcbReply<xcb_input_xi_query_device_reply_t> devices(
+        xcb_input_xi_query_device_reply(c, xcb_input_xi_query_device(c, XCB_INPUT_DEVICE_ALL), nullptr));
     if (!devices) {
         held.physical = keysDown();
         return held;
     }
-    for (auto it = xcb_input_xi_query_device_infos_iterator(devices); it.rem;
+    for (auto it = xcb_input_xi_query_device_infos_iterator(devices.get()); it.rem;
          xcb_input_xi_device_info_next(&it)) {
         const xcb_input_xi_device_info_t* info = it.data;
         if (info->type != XCB_INPUT_DEVICE_TYPE_SLAVE_KEYBOARD) {
@@ -70,12 +69,12 @@ XTestKeyboardEvents::HeldKeys XTestKeyboardEvents::heldKeys() const {
         }
         const QByteArray name(xcb_input_xi_device_info_name(info),
                               xcb_input_xi_device_info_name_length(info));
-        auto* state = xcb_input_query_device_state_reply(
-            c, xcb_input_query_device_state(c, static_cast<std::uint8_t>(info->deviceid)), nullptr);
+        const XcbReply<xcb_input_query_device_state_reply_t> state(xcb_input_query_device_state_reply(
+            c, xcb_input_query_device_state(c, static_cast<std::uint8_t>(info->deviceid)), nullptr));
         if (!state) {
             continue;
         }
-        for (auto cls = xcb_input_query_device_state_classes_iterator(state); cls.rem;
+        for (auto cls = xcb_input_query_device_state_classes_iterator(state.get()); cls.rem;
              xcb_input_input_state_next(&cls)) {
             if (cls.data->class_id != XCB_INPUT_INPUT_CLASS_KEY) {
                 continue;
@@ -83,9 +82,7 @@ XTestKeyboardEvents::HeldKeys XTestKeyboardEvents::heldKeys() const {
             const auto* keys = reinterpret_cast<const xcb_input_key_state_t*>(cls.data);
             (name.contains("XTEST") ? held.synthetic : held.physical) |= keyBits(keys->keys);
         }
-        std::free(state);
     }
-    std::free(devices);
     x_.scheduleDispatch();
     return held;
 }
@@ -113,20 +110,21 @@ std::optional<xcb_keycode_t> XTestKeyboardEvents::keycodeFor(std::uint32_t keysy
 
 std::bitset<256> XTestKeyboardEvents::keysDown() const {
     std::bitset<256> down;
-    auto* reply = xcb_query_keymap_reply(x_.raw(), xcb_query_keymap(x_.raw()), nullptr);
+    const XcbReply<xcb_query_keymap_reply_t> reply(
+        xcb_query_keymap_reply(x_.raw(), xcb_query_keymap(x_.raw()), nullptr));
     if (reply) {
         down = keyBits(reply->keys);
     }
-    std::free(reply);
     x_.scheduleDispatch();
     return down;
 }
 
 std::bitset<256> XTestKeyboardEvents::modifierKeys() const {
     std::bitset<256> keys;
-    auto* reply = xcb_get_modifier_mapping_reply(x_.raw(), xcb_get_modifier_mapping(x_.raw()), nullptr);
+    const XcbReply<xcb_get_modifier_mapping_reply_t> reply(
+        xcb_get_modifier_mapping_reply(x_.raw(), xcb_get_modifier_mapping(x_.raw()), nullptr));
     if (reply) {
-        const xcb_keycode_t* codes = xcb_get_modifier_mapping_keycodes(reply);
+        const xcb_keycode_t* codes = xcb_get_modifier_mapping_keycodes(reply.get());
         const int total = 8 * reply->keycodes_per_modifier;
         for (int i = 0; i < total; ++i) {
             if (codes[i] != 0) {
@@ -134,7 +132,6 @@ std::bitset<256> XTestKeyboardEvents::modifierKeys() const {
             }
         }
     }
-    std::free(reply);
     return keys;
 }
 
@@ -230,9 +227,9 @@ QCoro::Task<bool> XTestKeyboardEvents::sendChord(KeyChord chord, ProcessId targe
         }
     }
     // A round trip makes sure the server has processed the events before we report success.
-    auto* focus = xcb_get_input_focus_reply(x_.raw(), xcb_get_input_focus(x_.raw()), nullptr);
+    const XcbReply<xcb_get_input_focus_reply_t> focus(
+        xcb_get_input_focus_reply(x_.raw(), xcb_get_input_focus(x_.raw()), nullptr));
     const bool delivered = focus != nullptr;
-    std::free(focus);
     x_.scheduleDispatch();
     co_return delivered;
 }
