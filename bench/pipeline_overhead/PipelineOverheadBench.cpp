@@ -7,6 +7,7 @@
 #include "DesktopSession.h"
 #include "EditorWindow.h"
 #include "NoAccessibilityBus.h"
+#include "TargetApplications.h"
 #include "core/async/Clock.h"
 #include "core/async/TaskHandle.h"
 #include "core/hotkeys/HotKeyManager.h"
@@ -56,12 +57,18 @@ double since(const QElapsedTimer& timer) {
 int main(int argc, char** argv) {
     int runs = 30;
     bool useAccessibility = true;
+    std::string target = "mousepad";
+    int holdMs = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--runs" && i + 1 < argc) {
             runs = std::max(3, std::atoi(argv[++i]));
         } else if (arg == "--no-accessibility") {
             useAccessibility = false;
+        } else if (arg == "--target" && i + 1 < argc) {
+            target = argv[++i]; // mousepad, featherpad or chromium
+        } else if (arg == "--hold-ms" && i + 1 < argc) {
+            holdMs = std::max(0, std::atoi(argv[++i])); // the shortcut stays down this long
         }
     }
     x11::X11Desktop::prepareProcess();
@@ -92,11 +99,22 @@ int main(int argc, char** argv) {
         {QStringLiteral("-c"), QStringLiteral("printf 'kept' | xclip -selection clipboard -i")});
     test::pumpFor(300);
 
-    test::EditorWindow editor(workspace);
-    if (!editor.open(QStringLiteral("alpha beta gamma"))) {
+    QStringList command{QStringLiteral("mousepad"), QStringLiteral("--disable-server")};
+    QString document = QStringLiteral("alpha beta gamma");
+    QString fileName = QStringLiteral("document.txt");
+    if (target == "featherpad") {
+        command = test::featherPadCommand(useAccessibility);
+    } else if (target == "chromium") {
+        command = test::chromiumCommand(session.directory() + QStringLiteral("/chromium-profile"));
+        document = QString::fromUtf8(test::fieldsPage);
+        fileName = QStringLiteral("fields.html");
+    }
+    test::EditorWindow editor(workspace, command);
+    if (!editor.open(document, fileName)) {
         std::fprintf(stderr, "the editor did not start\n");
         return 1;
     }
+    test::pumpFor(target == "mousepad" ? 0 : 1500); // the page or the Qt text view takes focus late
 
     std::map<std::string, Stat> stats;
     int failures = 0;
@@ -135,8 +153,16 @@ int main(int argc, char** argv) {
         test::pumpFor(100);
         running = true;
         press.start();
-        QProcess::startDetached(QStringLiteral("xdotool"),
-                                {QStringLiteral("key"), QStringLiteral("alt+space")});
+        if (holdMs > 0) {
+            QProcess::startDetached(
+                QStringLiteral("sh"),
+                {QStringLiteral("-c"), QStringLiteral("xdotool keydown alt+space; sleep %1; "
+                                                      "xdotool keyup alt+space")
+                                           .arg(holdMs / 1000.0)});
+        } else {
+            QProcess::startDetached(QStringLiteral("xdotool"),
+                                    {QStringLiteral("key"), QStringLiteral("alt+space")});
+        }
         test::pumpUntil([&] { return !running && delivered.isValid(); }, 10000);
         delivered.invalidate();
         test::pumpFor(150);
@@ -152,8 +178,8 @@ int main(int argc, char** argv) {
         stats["clipboard restore"].add(since(step));
     }
 
-    std::printf("pipeline overhead, %d runs, %s, instant model (ms)\n", runs,
-                useAccessibility ? "selection read over AT-SPI" : "selection copied (no accessibility bus)");
+    std::printf("pipeline overhead, %s, %d runs, %s, shortcut held %d ms, instant model (ms)\n",
+                target.c_str(), runs, useAccessibility ? "AT-SPI on" : "no accessibility", holdMs);
     std::printf("%-40s %8s %8s\n", "stage", "median", "p95");
     for (const auto& [name, stat] : stats) {
         if (!stat.samples.empty()) {

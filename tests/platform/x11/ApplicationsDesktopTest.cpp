@@ -3,6 +3,7 @@
 #include "DesktopTest.h"
 #include "EditorWindow.h"
 #include "OtherClipboardClient.h"
+#include "TargetApplications.h"
 #include "TaskRunner.h"
 #include "core/async/Clock.h"
 #include "core/selection/ClipboardManager.h"
@@ -14,7 +15,6 @@
 #include <QStandardPaths>
 
 #include <signal.h>
-#include <unistd.h>
 
 namespace parlune::test {
 namespace {
@@ -125,9 +125,7 @@ TEST_F(ApplicationsDesktopTest, TerminalSelectionIsReadFromPrimaryAndNeitherProg
 TEST_F(ApplicationsDesktopTest, QtFiveEditorOnTheAccessibilityBusIsReadThereAndPastedInPlace) {
     requireProgram("featherpad");
     giveUserRichClipboard();
-    EditorWindow editor(*workspace,
-                        {QStringLiteral("env"), QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1"),
-                         QStringLiteral("featherpad")});
+    EditorWindow editor(*workspace, featherPadCommand(true));
     ASSERT_TRUE(editor.open(QStringLiteral("alpha beta gamma\n"), QStringLiteral("notes.txt")));
     pumpFor(500); // FeatherPad focuses its text view after the window
     for (const QString& word : {QStringLiteral("D\u00c9LTA"), QStringLiteral("epsilon")}) {
@@ -149,11 +147,7 @@ TEST_F(ApplicationsDesktopTest, QtFiveEditorOnTheAccessibilityBusIsReadThereAndP
 TEST_F(ApplicationsDesktopTest, QtFiveEditorWithoutItsBridgeIsCopiedAndPastedInPlace) {
     requireProgram("featherpad");
     giveUserRichClipboard();
-    // Without a session bus Qt cannot find the accessibility bus, so its bridge stays off.
-    EditorWindow editor(*workspace, {QStringLiteral("env"), QStringLiteral("-u"),
-                                     QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"),
-                                     QStringLiteral("DBUS_SESSION_BUS_ADDRESS=unix:path=/nonexistent"),
-                                     QStringLiteral("featherpad")});
+    EditorWindow editor(*workspace, featherPadCommand(false));
     ASSERT_TRUE(editor.open(QStringLiteral("alpha beta gamma\n"), QStringLiteral("notes.txt")));
     pumpFor(500);
     editor.select(6, 4);
@@ -167,32 +161,12 @@ TEST_F(ApplicationsDesktopTest, QtFiveEditorWithoutItsBridgeIsCopiedAndPastedInP
 
 // --- a browser -------------------------------------------------------------------------------
 
-const char* const fieldsPage = R"(<!doctype html>
-<meta charset="utf-8"><title>fields</title>
-<textarea id="area" autofocus>alpha beta gamma</textarea>
-<input id="line" value="alpha beta gamma">
-<div id="rich" contenteditable="true">alpha beta gamma</div>
-)";
 
 TEST_F(ApplicationsDesktopTest, BrowserTextareaInputAndContentEditableAreEachReplacedInPlace) {
     requireProgram("chromium");
     giveUserRichClipboard();
     const QString profile = DesktopSession::current()->directory() + QStringLiteral("/chromium-profile");
-    QStringList command{QStringLiteral("chromium"),
-                        QStringLiteral("--user-data-dir=") + profile,
-                        QStringLiteral("--no-first-run"),
-                        QStringLiteral("--no-default-browser-check"),
-                        QStringLiteral("--password-store=basic"),
-                        QStringLiteral("--disable-gpu"),
-                        QStringLiteral("--disable-dev-shm-usage"),
-                        QStringLiteral("--disable-background-networking"),
-                        QStringLiteral("--force-renderer-accessibility")};
-    // Chromium refuses to start as root with its sandbox (CI runs the tests as root); as any
-    // other user the sandbox stays on.
-    if (::geteuid() == 0) {
-        command << QStringLiteral("--no-sandbox");
-    }
-    EditorWindow browser(*workspace, command);
+    EditorWindow browser(*workspace, chromiumCommand(profile));
     ASSERT_TRUE(browser.open(QString::fromUtf8(fieldsPage), QStringLiteral("fields.html")));
     pumpFor(1500); // the page loads and focuses its first field after the window appears
 
