@@ -15,6 +15,8 @@ packages=(
   # tests: unit, engine oracle, real desktop
   libgtest-dev libgmock-dev python3 python3-numpy openssl
   xvfb openbox xdotool xclip x11-utils dbus-x11 dbus-daemon at-spi2-core mousepad
+  # desktop tests: a terminal, a Qt 5 editor and a browser as real targets
+  xterm featherpad chromium
 )
 
 missing=()

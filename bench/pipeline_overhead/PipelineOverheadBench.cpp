@@ -7,6 +7,7 @@
 #include "DesktopSession.h"
 #include "EditorWindow.h"
 #include "NoAccessibilityBus.h"
+#include "TargetApplications.h"
 #include "core/async/Clock.h"
 #include "core/async/TaskHandle.h"
 #include "core/hotkeys/HotKeyManager.h"
@@ -15,6 +16,7 @@
 #include "core/selection/TextSelectionReplacer.h"
 #include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
+#include "platform/x11/X11Desktop.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/XTestKeyboardEvents.h"
 #include "platform/x11/XcbConnection.h"
@@ -46,21 +48,30 @@ struct Stat {
     }
 };
 
-double since(const QElapsedTimer& timer) { return static_cast<double>(timer.nsecsElapsed()) / 1e6; }
+double since(const QElapsedTimer& timer) {
+    return static_cast<double>(timer.nsecsElapsed()) / 1e6;
+}
 
 } // namespace
 
 int main(int argc, char** argv) {
     int runs = 30;
     bool useAccessibility = true;
+    std::string target = "mousepad";
+    int holdMs = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--runs" && i + 1 < argc) {
             runs = std::max(3, std::atoi(argv[++i]));
         } else if (arg == "--no-accessibility") {
             useAccessibility = false;
+        } else if (arg == "--target" && i + 1 < argc) {
+            target = argv[++i]; // mousepad, featherpad or chromium
+        } else if (arg == "--hold-ms" && i + 1 < argc) {
+            holdMs = std::max(0, std::atoi(argv[++i])); // the shortcut stays down this long
         }
     }
+    x11::X11Desktop::prepareProcess();
     test::DesktopSession session;
     if (!session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC))) {
         std::fprintf(stderr, "no desktop: %s\n", qPrintable(session.failure()));
@@ -83,15 +94,27 @@ int main(int argc, char** argv) {
     HotKeyManager hotkeys(*service);
 
     // The user's clipboard: something of their own for every restore to bring back.
-    QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"),
-                                                   QStringLiteral("printf 'kept' | xclip -selection clipboard -i")});
+    QProcess::startDetached(
+        QStringLiteral("sh"),
+        {QStringLiteral("-c"), QStringLiteral("printf 'kept' | xclip -selection clipboard -i")});
     test::pumpFor(300);
 
-    test::EditorWindow editor(workspace);
-    if (!editor.open(QStringLiteral("alpha beta gamma"))) {
+    QStringList command{QStringLiteral("mousepad"), QStringLiteral("--disable-server")};
+    QString document = QStringLiteral("alpha beta gamma");
+    QString fileName = QStringLiteral("document.txt");
+    if (target == "featherpad") {
+        command = test::featherPadCommand(useAccessibility);
+    } else if (target == "chromium") {
+        command = test::chromiumCommand(session.directory() + QStringLiteral("/chromium-profile"));
+        document = QString::fromUtf8(test::fieldsPage);
+        fileName = QStringLiteral("fields.html");
+    }
+    test::EditorWindow editor(workspace, command);
+    if (!editor.open(document, fileName)) {
         std::fprintf(stderr, "the editor did not start\n");
         return 1;
     }
+    test::pumpFor(target == "mousepad" ? 0 : 1500); // the page or the Qt text view takes focus late
 
     std::map<std::string, Stat> stats;
     int failures = 0;
@@ -130,14 +153,23 @@ int main(int argc, char** argv) {
         test::pumpFor(100);
         running = true;
         press.start();
-        QProcess::startDetached(QStringLiteral("xdotool"), {QStringLiteral("key"), QStringLiteral("alt+space")});
+        if (holdMs > 0) {
+            QProcess::startDetached(
+                QStringLiteral("sh"),
+                {QStringLiteral("-c"), QStringLiteral("xdotool keydown alt+space; sleep %1; "
+                                                      "xdotool keyup alt+space")
+                                           .arg(holdMs / 1000.0)});
+        } else {
+            QProcess::startDetached(QStringLiteral("xdotool"),
+                                    {QStringLiteral("key"), QStringLiteral("alt+space")});
+        }
         test::pumpUntil([&] { return !running && delivered.isValid(); }, 10000);
         delivered.invalidate();
         test::pumpFor(150);
     }
 
     // A restore on its own: the snapshot of the user's clipboard put back while we hold ours.
-    const ClipboardSnapshot user = clipboard.capture();
+    const ClipboardSnapshot user = test::runTask(clipboard.capture());
     for (int run = 0; run < runs; ++run) {
         clipboard.setTransientLocalString(QStringLiteral("transient"));
         QElapsedTimer step;
@@ -146,8 +178,8 @@ int main(int argc, char** argv) {
         stats["clipboard restore"].add(since(step));
     }
 
-    std::printf("pipeline overhead, %d runs, %s, instant model (ms)\n", runs,
-                useAccessibility ? "selection read over AT-SPI" : "selection copied (no accessibility bus)");
+    std::printf("pipeline overhead, %s, %d runs, %s, shortcut held %d ms, instant model (ms)\n",
+                target.c_str(), runs, useAccessibility ? "AT-SPI on" : "no accessibility", holdMs);
     std::printf("%-40s %8s %8s\n", "stage", "median", "p95");
     for (const auto& [name, stat] : stats) {
         if (!stat.samples.empty()) {

@@ -25,6 +25,7 @@
 #include "platform/x11/LinuxMemoryPressureSource.h"
 #include "platform/x11/X11Desktop.h"
 #include "platform/x11/X11Pasteboard.h"
+#include "platform/x11/X11PrimarySelection.h"
 #include "platform/x11/XTestKeyboardEvents.h"
 #include "platform/x11/XcbHotKeyService.h"
 
@@ -71,9 +72,13 @@ ApplicationServices::ApplicationServices(Options options) {
     std::shared_ptr<SelectionReplacing> replacer;
     if (desktop_) {
         clipboard_ = std::make_unique<ClipboardManager>(desktop_->pasteboard());
+        // Terminals the user named in the settings file join the shipped list.
         replacer_ = std::make_shared<TextSelectionReplacer>(
             desktop_->accessibility(), desktop_->workspace(), *clipboard_, desktop_->keyboard(),
-            AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
+            AppCompatibilityRegistry({}, AppCompatibilityRegistry::terminalsFromSettings(*userDefaults_)),
+            SystemClock::shared());
+        // Terminals such as xterm keep their selection only in PRIMARY.
+        replacer_->setPrimarySelection(&desktop_->primarySelection());
         replacer = replacer_;
         accessibilityPermission_ = std::make_unique<AccessibilityPermission>(
             desktop_->accessibility(), desktop_->workspace(), PlatformTerms::current());
@@ -176,9 +181,7 @@ FieldClipboard ApplicationServices::fieldClipboard() {
                     {PasteboardItem{{{pasteboard->plainTextType(), utf8},
                                      {QStringLiteral("text/plain;charset=utf-8"), utf8}}}});
             },
-        .ownText = [pasteboard]() -> std::optional<QString> {
-            return pasteboard->ownsSelection() ? pasteboard->string() : std::nullopt;
-        },
+        .ownText = [pasteboard]() -> std::optional<QString> { return pasteboard->fetchOwnText(); },
     };
 }
 

@@ -6,6 +6,7 @@
 #include "app/ParluneIcon.h"
 #include "platform/linux/SessionInstance.h"
 #include "platform/linux/TerminationSignals.h"
+#include "platform/x11/X11Desktop.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -58,6 +59,8 @@ int main(int argc, char** argv) {
         }
     }
 
+    // Before Qt starts its event loop: accessibility runs on a thread of its own.
+    parlune::x11::X11Desktop::prepareProcess();
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("parlune"));
     QApplication::setApplicationDisplayName(QStringLiteral("Parlune"));

@@ -45,6 +45,9 @@ protected:
             ASSERT_TRUE(host->start()) << "another tray host owns the watcher name";
         }
     }
+    // The host goes while the application and its bus connection still exist.
+    static void TearDownTestSuite() { host.reset(); }
+
     void TearDown() override {
         for (const pid_t pid : helpers) {
             DesktopSession::terminate(pid);

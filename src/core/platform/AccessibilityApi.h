@@ -4,6 +4,7 @@
 #include "core/platform/ProcessId.h"
 #include "core/platform/TextRange.h"
 
+#include <QCoro/QCoroTask>
 #include <QString>
 
 #include <optional>
@@ -41,6 +42,21 @@ public:
     virtual SettableAnswer isSelectedTextSettable(const AccessibilityElement& element) = 0;
     // Replaces the selected text; returns a status, 0 meaning the platform accepted the write.
     virtual int setSelectedText(const AccessibilityElement& element, const QString& text) = 0;
+
+    // The same questions without blocking the caller. A platform whose answers come from other
+    // processes asks them elsewhere, each within its own time budget (a question that runs out of
+    // time answers "absent", or a non-zero status), and resumes the caller on the main thread.
+    // The defaults answer at once through the calls above.
+    virtual QCoro::Task<AccessibilityElementRef> focusedElementAsync();
+    virtual QCoro::Task<std::optional<ProcessId>> processOfAsync(const AccessibilityElementRef& element);
+    virtual QCoro::Task<std::optional<TextRange>>
+    selectedTextRangeAsync(const AccessibilityElementRef& element);
+    virtual QCoro::Task<std::optional<QString>> selectedTextAsync(const AccessibilityElementRef& element);
+    virtual QCoro::Task<std::optional<QString>> stringForRangeAsync(const AccessibilityElementRef& element,
+                                                                    TextRange range);
+    virtual QCoro::Task<SettableAnswer> isSelectedTextSettableAsync(const AccessibilityElementRef& element);
+    virtual QCoro::Task<int> setSelectedTextAsync(const AccessibilityElementRef& element,
+                                                  const QString& text);
 };
 
 } // namespace parlune

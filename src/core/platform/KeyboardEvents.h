@@ -9,6 +9,18 @@
 
 namespace parlune {
 
+// A key with the modifiers pressed around it. Key codes are the stored virtual key codes.
+struct KeyChord {
+    enum Modifier : std::uint8_t {
+        command = 1, // Control on Linux
+        shift = 2,
+    };
+    std::uint16_t keyCode = 0;
+    std::uint8_t modifiers = command;
+
+    friend bool operator==(const KeyChord&, const KeyChord&) = default;
+};
+
 // Synthetic key presses sent to another application.
 class KeyboardEvents {
 public:
@@ -22,7 +34,12 @@ public:
     // whatever keys the user still holds, to the process's focused window. May wait (briefly,
     // cancellably) for the user to let go of the shortcut. Returns false when the events cannot be
     // made or delivered; throws CancellationError when `token` is stopped.
-    virtual QCoro::Task<bool> sendCommandKey(std::uint16_t keyCode, ProcessId target, std::stop_token token) = 0;
+    virtual QCoro::Task<bool> sendCommandKey(std::uint16_t keyCode, ProcessId target,
+                                             std::stop_token token) = 0;
+
+    // The same for any chord (Control+Shift+C for a terminal's copy). The default sends chords of
+    // the command modifier alone and refuses the rest.
+    virtual QCoro::Task<bool> sendChord(KeyChord chord, ProcessId target, std::stop_token token);
 };
 
 } // namespace parlune

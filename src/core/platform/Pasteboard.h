@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QCoro/QCoroTask>
 #include <QString>
 
 #include <cstdint>
@@ -39,6 +40,13 @@ public:
     virtual bool writeItems(const std::vector<PasteboardItem>& items) = 0;
     // Announces new contents that are offered to this computer only.
     virtual void prepareForNewLocalContents() = 0;
+
+    // The reads above without blocking the caller: where the contents belong to another program,
+    // the answer comes from that program, and waiting for it must leave the event loop running.
+    // The defaults answer at once through the calls above.
+    virtual QCoro::Task<std::vector<QString>> typesAsync(int index);
+    virtual QCoro::Task<std::optional<QByteArray>> dataAsync(int index, QString type);
+    virtual QCoro::Task<std::optional<QString>> stringAsync();
 
     // Whether another application fetched real data (not just the list of types) of what this
     // program wrote while the change count was `count`. Platforms that cannot tell answer false.

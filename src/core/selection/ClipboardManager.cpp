@@ -22,14 +22,14 @@ std::vector<ClipboardManager::TypedData> ClipboardManager::linuxMarkers() {
 ClipboardManager::ClipboardManager(Pasteboard& pasteboard, std::vector<TypedData> markers)
     : pasteboard_(pasteboard), markers_(std::move(markers)) {}
 
-ClipboardSnapshot ClipboardManager::capture() const {
+QCoro::Task<ClipboardSnapshot> ClipboardManager::capture() const {
     ClipboardSnapshot snapshot;
     const int count = pasteboard_.itemCount();
     snapshot.items.reserve(static_cast<std::size_t>(std::max(count, 0)));
     for (int index = 0; index < count; ++index) {
         ClipboardSnapshot::Item item;
-        for (const QString& type : pasteboard_.types(index)) {
-            if (auto data = pasteboard_.data(index, type)) {
+        for (const QString& type : co_await pasteboard_.typesAsync(index)) {
+            if (auto data = co_await pasteboard_.dataAsync(index, type)) {
                 item.values.push_back({type, std::move(*data)});
             }
         }
@@ -37,7 +37,7 @@ ClipboardSnapshot ClipboardManager::capture() const {
     }
     // Read last: a write that raced the reads above makes a later restore-if-unchanged refuse.
     snapshot.changeCount = pasteboard_.changeCount();
-    return snapshot;
+    co_return snapshot;
 }
 
 bool ClipboardManager::restore(const ClipboardSnapshot& snapshot,
@@ -77,8 +77,8 @@ void ClipboardManager::setTransientLocalString(const QString& text) {
     pasteboard_.writeItems({item});
 }
 
-std::optional<QString> ClipboardManager::currentString() const {
-    return pasteboard_.string();
+QCoro::Task<std::optional<QString>> ClipboardManager::currentString() const {
+    co_return co_await pasteboard_.stringAsync();
 }
 
 std::int64_t ClipboardManager::changeCount() const {

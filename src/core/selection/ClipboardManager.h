@@ -3,6 +3,7 @@
 #include "core/selection/ClipboardSnapshot.h"
 
 #include <QByteArray>
+#include <QCoro/QCoroTask>
 #include <QString>
 
 #include <cstdint>
@@ -29,7 +30,8 @@ public:
 
     // Every item in order, every type of an item in order; a type whose data cannot be read is
     // skipped, an item whose types all fail stays as an empty item. The change count is read last.
-    ClipboardSnapshot capture() const;
+    // Reads of another program's contents wait for that program without blocking the event loop.
+    QCoro::Task<ClipboardSnapshot> capture() const;
 
     // Puts `snapshot` back, unless `count` is given and the pasteboard changed since then (someone
     // else's newer contents win). Returns whether it restored (false also when the write was refused).
@@ -40,7 +42,7 @@ public:
     // Writes `text` as one item of plain text plus the marker types.
     void setTransientLocalString(const QString& text);
 
-    std::optional<QString> currentString() const;
+    QCoro::Task<std::optional<QString>> currentString() const;
     std::int64_t changeCount() const;
 
     Pasteboard& pasteboard() const { return pasteboard_; }

@@ -6,6 +6,7 @@
 #include "core/platform/AccessibilityApi.h"
 #include "core/platform/KeyboardEvents.h"
 #include "core/platform/Pasteboard.h"
+#include "core/platform/PrimarySelection.h"
 #include "core/platform/Workspace.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
@@ -87,26 +88,28 @@ void TextSelectionReplacer::requireTrust() const {
     }
 }
 
-std::optional<QString> TextSelectionReplacer::string(TextRange range, const AccessibilityElement& element) {
+QCoro::Task<std::optional<QString>> TextSelectionReplacer::string(TextRange range,
+                                                                  const AccessibilityElementRef& element) {
     if (!isReadableRange(range)) {
-        return std::nullopt;
+        co_return std::nullopt;
     }
-    return accessibility_.stringForRange(element, range);
+    co_return co_await accessibility_.stringForRangeAsync(element, range);
 }
 
-void TextSelectionReplacer::verifyFocusedTarget(const AccessibilityElement& element,
-                                                std::optional<TextRange> range, ProcessId processIdentifier) {
-    const AccessibilityElementRef focused = accessibility_.focusedElement();
-    if (!focused || !focused->isSameElement(element)) {
+QCoro::Task<void> TextSelectionReplacer::verifyFocusedTarget(const AccessibilityElementRef& element,
+                                                             std::optional<TextRange> range,
+                                                             ProcessId processIdentifier) {
+    const AccessibilityElementRef focused = co_await accessibility_.focusedElementAsync();
+    if (!focused || !focused->isSameElement(*element)) {
         fail(Kind::selectionChanged);
     }
-    const auto process = accessibility_.processOf(element);
+    const auto process = co_await accessibility_.processOfAsync(element);
     if (!process || *process != processIdentifier) {
         fail(Kind::selectionChanged);
     }
     verifyFrontmostProcess(processIdentifier);
     if (range) {
-        const auto current = accessibility_.selectedTextRange(element);
+        const auto current = co_await accessibility_.selectedTextRangeAsync(element);
         if (!current || *current != *range) {
             fail(Kind::selectionChanged);
         }
@@ -120,24 +123,24 @@ void TextSelectionReplacer::verifyFrontmostProcess(ProcessId processIdentifier) 
     }
 }
 
-void TextSelectionReplacer::verifyTargetOrFrontmost(const CapturedSelection& selection,
-                                                    ProcessId processIdentifier) {
+QCoro::Task<void> TextSelectionReplacer::verifyTargetOrFrontmost(const CapturedSelection& selection,
+                                                                 ProcessId processIdentifier) {
     if (const auto& target = selection.target()) {
-        verifyFocusedTarget(*target, selection.selectedRange(), processIdentifier);
+        co_await verifyFocusedTarget(target, selection.selectedRange(), processIdentifier);
     } else {
         verifyFrontmostProcess(processIdentifier);
     }
 }
 
-void TextSelectionReplacer::verifyDirectSelection(const CapturedSelection& selection,
-                                                  const AccessibilityElement& target) {
+QCoro::Task<void> TextSelectionReplacer::verifyDirectSelection(const CapturedSelection& selection,
+                                                               const AccessibilityElementRef& target) {
     const auto range = selection.selectedRange();
     const auto process = selection.applicationProcessIdentifier();
     if (!range || !process) {
         fail(Kind::unsupportedTarget);
     }
-    verifyFocusedTarget(target, range, *process);
-    const auto text = accessibility_.selectedText(target);
+    co_await verifyFocusedTarget(target, range, *process);
+    const auto text = co_await accessibility_.selectedTextAsync(target);
     if (!text || *text != selection.text()) {
         fail(Kind::selectionChanged);
     }
@@ -158,26 +161,28 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureAnyText(std::stop_t
     throwIfCancelled(token);
     requireTrust();
 
-    AccessibilityElementRef element = accessibility_.focusedElement();
+    AccessibilityElementRef element = co_await accessibility_.focusedElementAsync();
+    throwIfCancelled(token);
     if (!element) {
         co_return co_await captureOpaqueFrontmostSelection(token);
     }
-    const auto process = accessibility_.processOf(*element);
+    const auto process = co_await accessibility_.processOfAsync(element);
     if (!process) {
         fail(Kind::unableToReadFocusedElement);
     }
     // Focus may have moved between the key press and now.
     verifyFrontmostProcess(*process);
 
-    const auto range = accessibility_.selectedTextRange(*element);
+    const auto range = co_await accessibility_.selectedTextRangeAsync(element);
     if (range && range->length == 0) {
         fail(Kind::noSelectedText);
     }
 
-    const auto selectedText = accessibility_.selectedText(*element);
+    const auto selectedText = co_await accessibility_.selectedTextAsync(element);
+    throwIfCancelled(token);
     if (selectedText && !selectedText->isEmpty() && isReadableRange(range)) {
         const auto bundleIdentifier = workspace_.bundleIdentifier(*process);
-        const auto settable = accessibility_.isSelectedTextSettable(*element);
+        const auto settable = co_await accessibility_.isSelectedTextSettableAsync(element);
         const bool direct = settable.status == 0 && settable.settable && bundleIdentifier &&
                             compatibilityRegistry_.permitsDirectReplacement(bundleIdentifier);
         co_return CapturedSelection(QUuid::createUuid(), *selectedText, bundleIdentifier, process, range,
@@ -195,7 +200,8 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureAnyText(std::stop_t
         bundleIdentifier = frontmost->bundleIdentifier;
     }
     if (isReadableRange(range)) {
-        const auto text = accessibility_.stringForRange(*element, *range);
+        const auto text = co_await accessibility_.stringForRangeAsync(element, *range);
+        throwIfCancelled(token);
         if (text && !text->isEmpty()) {
             // Text read only by range may not be what a direct write would replace: always paste.
             co_return CapturedSelection(QUuid::createUuid(), *text, bundleIdentifier, process, range,
@@ -213,36 +219,48 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureOpaqueFrontmostSele
     const ProcessId process = frontmost->processIdentifier;
     PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
     verifyFrontmostProcess(process);
-    auto copied = co_await copySelectedTextRestoringClipboard(process, token);
+    QString copied = co_await copySelectedTextRestoringClipboard(process, frontmost->bundleIdentifier, token);
     verifyFrontmostProcess(process);
-    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), frontmost->bundleIdentifier,
-                                process, std::nullopt, SelectionReplacementStrategy::clipboardFallback,
-                                nullptr);
+    co_return CapturedSelection(QUuid::createUuid(), std::move(copied), frontmost->bundleIdentifier, process,
+                                std::nullopt, SelectionReplacementStrategy::clipboardFallback, nullptr);
 }
 
 QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCopy(
     AccessibilityElementRef element, ProcessId process, std::optional<TextRange> range,
     std::optional<QString> bundleIdentifier, std::stop_token token) {
     PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
-    verifyFocusedTarget(*element, range, process);
-    auto copied = co_await copySelectedTextRestoringClipboard(process, token);
-    verifyFocusedTarget(*element, range, process);
-    co_return CapturedSelection(QUuid::createUuid(), std::move(copied.first), std::move(bundleIdentifier),
-                                process, range, SelectionReplacementStrategy::clipboardFallback,
-                                std::move(element));
+    co_await verifyFocusedTarget(element, range, process);
+    QString copied = co_await copySelectedTextRestoringClipboard(process, bundleIdentifier, token);
+    co_await verifyFocusedTarget(element, range, process);
+    co_return CapturedSelection(QUuid::createUuid(), std::move(copied), std::move(bundleIdentifier), process,
+                                range, SelectionReplacementStrategy::clipboardFallback, std::move(element));
 }
 
 // MARK: copy through the pasteboard
 
-QCoro::Task<std::pair<QString, ClipboardSnapshot>>
-TextSelectionReplacer::copySelectedTextRestoringClipboard(ProcessId process, std::stop_token token) {
+QCoro::Task<QString> TextSelectionReplacer::copySelectedTextRestoringClipboard(
+    ProcessId process, const std::optional<QString>& bundleIdentifier, std::stop_token token) {
     requireTrust();
-    const ClipboardSnapshot original = clipboard_.capture();
+    const std::optional<KeyChord> copyChord = compatibilityRegistry_.chordsFor(bundleIdentifier).copy;
+    if (!copyChord) {
+        // No key may be sent here: the selection is taken from where the application already put it.
+        std::optional<QString> text;
+        if (primarySelection_) {
+            text = co_await primarySelection_->textHeldBy(process);
+            throwIfCancelled(token);
+        }
+        if (!text || text->isEmpty()) {
+            fail(Kind::noSelectedText);
+        }
+        co_return *text;
+    }
+    const ClipboardSnapshot original = co_await clipboard_.capture();
+    throwIfCancelled(token);
     clipboard_.prepareForLocalCapture();
     const std::int64_t baseline = clipboard_.changeCount();
     PendingRestore restore(clipboard_, original, baseline);
 
-    if (!co_await keyboard_.sendCommandKey(KeyboardEvents::keyCodeC, process, token)) {
+    if (!co_await keyboard_.sendChord(*copyChord, process, token)) {
         fail(Kind::unableToCreateKeyboardEvent);
     }
     std::optional<CopiedText> copied;
@@ -262,7 +280,7 @@ TextSelectionReplacer::copySelectedTextRestoringClipboard(ProcessId process, std
     clipboard_.setTransientLocalString(copied->text);
     restore.setSince(clipboard_.changeCount());
     restore.restoreNow();
-    co_return std::pair<QString, ClipboardSnapshot>{copied->text, original};
+    co_return copied->text;
 }
 
 QCoro::Task<std::optional<TextSelectionReplacer::CopiedText>>
@@ -276,7 +294,7 @@ TextSelectionReplacer::waitForCopiedString(std::int64_t baseline, double timeout
         // The count first: the string is read only once somebody wrote.
         const std::int64_t count = clipboard_.changeCount();
         if (count != baseline) {
-            auto text = clipboard_.currentString();
+            auto text = co_await clipboard_.currentString();
             if (text && !text->isEmpty()) {
                 co_return CopiedText{std::move(*text), count};
             }
@@ -295,7 +313,7 @@ QCoro::Task<void> TextSelectionReplacer::validate(CapturedSelection selection, s
     requireTrust();
     if (selection.target() &&
         selection.replacementStrategy() == SelectionReplacementStrategy::directAccessibility) {
-        verifyDirectSelection(selection, *selection.target());
+        co_await verifyDirectSelection(selection, selection.target());
         co_return;
     }
     co_await verifyClipboardFallbackSelection(std::move(selection), false, token);
@@ -308,16 +326,16 @@ QCoro::Task<void> TextSelectionReplacer::verifyClipboardFallbackSelection(Captur
     if (!process) {
         fail(Kind::unsupportedTarget);
     }
-    verifyTargetOrFrontmost(selection, *process);
+    co_await verifyTargetOrFrontmost(selection, *process);
     if (const auto& target = selection.target()) {
-        if (const auto text = accessibility_.selectedText(*target)) {
+        if (const auto text = co_await accessibility_.selectedTextAsync(target)) {
             if (*text != selection.text()) {
                 fail(Kind::selectionChanged);
             }
             co_return;
         }
         if (const auto range = selection.selectedRange()) {
-            if (const auto text = string(*range, *target)) {
+            if (const auto text = co_await string(*range, target)) {
                 if (*text != selection.text()) {
                     fail(Kind::selectionChanged);
                 }
@@ -332,9 +350,10 @@ QCoro::Task<void> TextSelectionReplacer::verifyClipboardFallbackSelection(Captur
     if (!holdsPasteboard) {
         lease = co_await pasteboardGuard_.acquire(token);
     }
-    const auto copied = co_await copySelectedTextRestoringClipboard(*process, token);
-    verifyTargetOrFrontmost(selection, *process);
-    if (copied.first != selection.text()) {
+    const QString copied =
+        co_await copySelectedTextRestoringClipboard(*process, selection.applicationBundleIdentifier(), token);
+    co_await verifyTargetOrFrontmost(selection, *process);
+    if (copied != selection.text()) {
         fail(Kind::selectionChanged);
     }
 }
@@ -347,17 +366,17 @@ QCoro::Task<void> TextSelectionReplacer::replace(QString replacement, CapturedSe
     requireTrust();
     const AccessibilityElementRef target = selection.target();
     if (target && selection.replacementStrategy() == SelectionReplacementStrategy::directAccessibility) {
-        verifyDirectSelection(selection, *target);
-        if (accessibility_.setSelectedText(*target, replacement) == 0) {
+        co_await verifyDirectSelection(selection, target);
+        if (co_await accessibility_.setSelectedTextAsync(target, replacement) == 0) {
             // Accepted: confirm at once. An unconfirmed write is not retried by pasting, which
             // could insert the text twice.
-            if (accessibility_.selectedText(*target) == replacement) {
+            if (co_await accessibility_.selectedTextAsync(target) == replacement) {
                 co_return;
             }
             if (const auto range = selection.selectedRange();
                 range && rangeReadProvesWrite(selection.text(), replacement)) {
                 const TextRange written{range->location, replacement.size()};
-                if (string(written, *target) == replacement) {
+                if (co_await string(written, target) == replacement) {
                     co_return;
                 }
             }
@@ -370,9 +389,13 @@ QCoro::Task<void> TextSelectionReplacer::replace(QString replacement, CapturedSe
 
 QCoro::Task<void> TextSelectionReplacer::replaceByPasting(QString replacement, CapturedSelection selection,
                                                           std::stop_token token) {
+    if (!compatibilityRegistry_.chordsFor(selection.applicationBundleIdentifier()).paste) {
+        fail(Kind::unsupportedTarget); // before anything is written or sent
+    }
     PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
     co_await verifyClipboardFallbackSelection(selection, true, token);
-    ClipboardSnapshot original = clipboard_.capture();
+    ClipboardSnapshot original = co_await clipboard_.capture();
+    throwIfCancelled(token);
     co_await paste(std::move(replacement), std::move(selection), std::move(original), token);
 }
 
@@ -387,11 +410,12 @@ QCoro::Task<void> TextSelectionReplacer::paste(QString replacement, CapturedSele
     const std::int64_t mark = clipboard_.changeCount();
     PendingRestore restore(clipboard_, original, mark);
 
-    verifyTargetOrFrontmost(selection, *process);
+    co_await verifyTargetOrFrontmost(selection, *process);
     if (clipboard_.changeCount() != mark) {
         fail(Kind::selectionChanged); // another writer came in between
     }
-    if (!co_await keyboard_.sendCommandKey(KeyboardEvents::keyCodeV, *process, token)) {
+    const auto pasteChord = compatibilityRegistry_.chordsFor(selection.applicationBundleIdentifier()).paste;
+    if (!pasteChord || !co_await keyboard_.sendChord(*pasteChord, *process, token)) {
         fail(Kind::unableToCreateKeyboardEvent);
     }
     const bool confirmed = co_await waitForPasteConfirmation(replacement, selection, mark,
@@ -402,10 +426,9 @@ QCoro::Task<void> TextSelectionReplacer::paste(QString replacement, CapturedSele
     }
 }
 
-TextSelectionReplacer::PasteEvidence TextSelectionReplacer::pasteEvidence(const QString& replacement,
-                                                                          const CapturedSelection& selection,
-                                                                          std::int64_t pasteboardChangeCount,
-                                                                          double elapsed) {
+QCoro::Task<TextSelectionReplacer::PasteEvidence>
+TextSelectionReplacer::pasteEvidence(const QString& replacement, const CapturedSelection& selection,
+                                     std::int64_t pasteboardChangeCount, double elapsed) {
     const qsizetype length = replacement.size(); // UTF-16 code units, as ranges count
     const auto range = selection.selectedRange();
     const AccessibilityElementRef& target = selection.target();
@@ -413,43 +436,46 @@ TextSelectionReplacer::PasteEvidence TextSelectionReplacer::pasteEvidence(const 
 
     if (target && range && range->location >= 0 && length >= 1 &&
         rangeReadProvesWrite(selection.text(), replacement)) {
-        if (accessibility_.stringForRange(*target, {range->location, length}) == replacement) {
-            return PasteEvidence::seen;
+        if (co_await accessibility_.stringForRangeAsync(target, {range->location, length}) == replacement) {
+            co_return PasteEvidence::seen;
         }
     }
-    if (target && accessibility_.selectedText(*target) == replacement) {
-        return PasteEvidence::seen;
+    if (target && co_await accessibility_.selectedTextAsync(target) == replacement) {
+        co_return PasteEvidence::seen;
     }
     const bool pasteboardSteady = clipboard_.changeCount() == pasteboardChangeCount;
     if (range) {
-        if (!pasteboardSteady || !target || accessibility_.processOf(*target) != process) {
-            return PasteEvidence::none;
+        if (!pasteboardSteady || !target || co_await accessibility_.processOfAsync(target) != process) {
+            co_return PasteEvidence::none;
         }
-        const auto current = accessibility_.selectedTextRange(*target);
+        const auto current = co_await accessibility_.selectedTextRangeAsync(target);
         // The caret right after the pasted text, or the pasted text left selected. A replacement as
         // long as the original would leave the untouched selection looking pasted, so that shape
         // counts only when the lengths differ.
         if (current == TextRange{range->location + length, 0} ||
             (current == TextRange{range->location, length} && length != range->length)) {
-            return PasteEvidence::likely;
+            co_return PasteEvidence::likely;
         }
-        return PasteEvidence::none;
+        co_return PasteEvidence::none;
     }
     // Nothing to read back: a paste that disturbed nothing for a while counts.
     if (elapsed < timing_.steadyPasteInterval || !pasteboardSteady) {
-        return PasteEvidence::none;
+        co_return PasteEvidence::none;
     }
     const auto frontmost = workspace_.frontmostApplication();
     if (!frontmost || frontmost->processIdentifier != process) {
-        return PasteEvidence::none;
+        co_return PasteEvidence::none;
     }
     if (target) {
-        const AccessibilityElementRef focused = accessibility_.focusedElement();
-        if (accessibility_.processOf(*target) != process || !focused || !focused->isSameElement(*target)) {
-            return PasteEvidence::none;
+        if (co_await accessibility_.processOfAsync(target) != process) {
+            co_return PasteEvidence::none;
+        }
+        const AccessibilityElementRef focused = co_await accessibility_.focusedElementAsync();
+        if (!focused || !focused->isSameElement(*target)) {
+            co_return PasteEvidence::none;
         }
     }
-    return PasteEvidence::likely;
+    co_return PasteEvidence::likely;
 }
 
 QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replacement,
@@ -471,7 +497,7 @@ QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replac
         throwIfCancelled(token);
         const double now = clock_.uptimeSeconds();
         if (!awaitsFetch) {
-            if (pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) !=
+            if (co_await pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) !=
                 PasteEvidence::none) {
                 co_return true;
             }
@@ -483,7 +509,7 @@ QCoro::Task<bool> TextSelectionReplacer::waitForPasteConfirmation(QString replac
                 co_return true;
             }
             if (!seen) {
-                seen = pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) ==
+                seen = co_await pasteEvidence(replacement, selection, pasteboardChangeCount, now - start) ==
                        PasteEvidence::seen;
             }
         }

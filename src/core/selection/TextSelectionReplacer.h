@@ -20,6 +20,7 @@ class AccessibilityApi;
 class ClipboardManager;
 class Clock;
 class KeyboardEvents;
+class PrimarySelection;
 class Workspace;
 
 // Reads the focused application's selection through accessibility, or copies it through the
@@ -52,6 +53,9 @@ public:
                               std::stop_token token) override;
 
     const AppCompatibilityRegistry& compatibilityRegistry() const { return compatibilityRegistry_; }
+    // Where applications that may not be sent a copy key (terminals) keep their selection. Without
+    // it their selection cannot be captured.
+    void setPrimarySelection(PrimarySelection* primary) { primarySelection_ = primary; }
     // For tests and diagnostics: whether a pasteboard operation runs now, and how many wait.
     bool isPasteboardBusy() const { return pasteboardGuard_.isHeld(); }
     std::size_t pasteboardWaiterCount() const { return pasteboardGuard_.waiterCount(); }
@@ -63,12 +67,14 @@ private:
     };
 
     void requireTrust() const;
-    void verifyFocusedTarget(const AccessibilityElement& element, std::optional<TextRange> range,
-                             ProcessId processIdentifier);
+    QCoro::Task<void> verifyFocusedTarget(const AccessibilityElementRef& element,
+                                          std::optional<TextRange> range, ProcessId processIdentifier);
     void verifyFrontmostProcess(ProcessId processIdentifier);
-    void verifyDirectSelection(const CapturedSelection& selection, const AccessibilityElement& target);
-    void verifyTargetOrFrontmost(const CapturedSelection& selection, ProcessId processIdentifier);
-    std::optional<QString> string(TextRange range, const AccessibilityElement& element);
+    QCoro::Task<void> verifyDirectSelection(const CapturedSelection& selection,
+                                            const AccessibilityElementRef& target);
+    QCoro::Task<void> verifyTargetOrFrontmost(const CapturedSelection& selection,
+                                              ProcessId processIdentifier);
+    QCoro::Task<std::optional<QString>> string(TextRange range, const AccessibilityElementRef& element);
 
     QCoro::Task<CapturedSelection> captureAnyText(std::stop_token token);
     QCoro::Task<CapturedSelection> captureOpaqueFrontmostSelection(std::stop_token token);
@@ -77,8 +83,11 @@ private:
                                                                std::optional<TextRange> range,
                                                                std::optional<QString> bundleIdentifier,
                                                                std::stop_token token);
-    QCoro::Task<std::pair<QString, ClipboardSnapshot>>
-    copySelectedTextRestoringClipboard(ProcessId process, std::stop_token token);
+    // The selection copied with the application's copy chord, or read from the primary selection
+    // where no key may be sent; the user's pasteboard is as it was afterwards.
+    QCoro::Task<QString> copySelectedTextRestoringClipboard(ProcessId process,
+                                                            const std::optional<QString>& bundleIdentifier,
+                                                            std::stop_token token);
     QCoro::Task<std::optional<CopiedText>> waitForCopiedString(std::int64_t baseline, double timeout,
                                                                std::stop_token token);
     QCoro::Task<void> verifyClipboardFallbackSelection(CapturedSelection selection, bool holdsPasteboard,
@@ -93,8 +102,8 @@ private:
     // How strongly the target shows the paste: its text read back (seen), or only a caret, a
     // selection or a quiet moment consistent with it (likely).
     enum class PasteEvidence { none, likely, seen };
-    PasteEvidence pasteEvidence(const QString& replacement, const CapturedSelection& selection,
-                                std::int64_t pasteboardChangeCount, double elapsed);
+    QCoro::Task<PasteEvidence> pasteEvidence(const QString& replacement, const CapturedSelection& selection,
+                                             std::int64_t pasteboardChangeCount, double elapsed);
 
     AccessibilityApi& accessibility_;
     Workspace& workspace_;
@@ -104,6 +113,7 @@ private:
     const Clock& clock_;
     const Timing timing_;
     PasteboardGuard pasteboardGuard_;
+    PrimarySelection* primarySelection_ = nullptr;
 };
 
 } // namespace parlune

@@ -1,12 +1,17 @@
 #include "platform/x11/AtspiAccessibility.h"
 
+#include "core/async/Continuation.h"
+#include "core/async/MainThread.h"
 #include "core/platform/Workspace.h"
 #include "platform/x11/AtspiElement.h"
+#include "platform/x11/AtspiWorker.h"
 
 #include <atspi/atspi.h>
 
-#include <QList>
+#include <QTimer>
 
+#include <atomic>
+#include <future>
 #include <limits>
 #include <memory>
 #include <vector>
@@ -18,6 +23,9 @@ namespace {
 // Bounds of the focus search inside one window; real windows are far smaller.
 constexpr int maxDepth = 48;
 constexpr int maxVisited = 4000;
+constexpr int busConnectionWaitMs = 5000;
+
+using Clock = std::chrono::steady_clock;
 
 // Owns one GObject reference.
 struct Unref {
@@ -27,8 +35,7 @@ struct Unref {
         }
     }
 };
-template <typename T>
-using Ref = std::unique_ptr<T, Unref>;
+template <typename T> using Ref = std::unique_ptr<T, Unref>;
 
 // Swallows an error: every failed query simply answers "absent".
 bool failed(GError*& error) {
@@ -45,15 +52,21 @@ bool hasState(AtspiAccessible* accessible, AtspiStateType state) {
     return states && atspi_state_set_contains(states.get(), state);
 }
 
+// --- on the worker thread --------------------------------------------------------------------
+
 struct Search {
     AtspiAccessible* best = nullptr; // borrowed from `keep`
     int bestDepth = -1;
     int visited = 0;
+    Clock::time_point deadline;
     std::vector<Ref<AtspiAccessible>> keep;
+
+    bool exhausted() const { return visited > maxVisited || Clock::now() >= deadline; }
 };
 
 void findFocusedText(AtspiAccessible* node, int depth, Search& search) {
-    if (depth > maxDepth || ++search.visited > maxVisited) {
+    ++search.visited;
+    if (depth > maxDepth || search.exhausted()) {
         return;
     }
     GError* error = nullptr;
@@ -68,7 +81,7 @@ void findFocusedText(AtspiAccessible* node, int depth, Search& search) {
     if (failed(error)) {
         return;
     }
-    for (gint i = 0; i < children; ++i) {
+    for (gint i = 0; i < children && !search.exhausted(); ++i) {
         Ref<AtspiAccessible> child(atspi_accessible_get_child_at_index(node, i, &error));
         if (failed(error) || !child) {
             continue;
@@ -83,32 +96,8 @@ void findFocusedText(AtspiAccessible* node, int depth, Search& search) {
     }
 }
 
-} // namespace
-
-AtspiAccessibility::AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable)
-    : workspace_(workspace), syntheticKeysAvailable_(std::move(syntheticKeysAvailable)) {
-    const int status = atspi_init();
-    // 0: connected now, 1: already connected earlier in this process.
-    busAvailable_ = status == 0 || status == 1;
-    // A hung application must not stall the main thread for long.
-    atspi_set_timeout(1500, 5000);
-}
-
-bool AtspiAccessibility::isProcessTrusted() const { return syntheticKeysAvailable_ && syntheticKeysAvailable_(); }
-
-bool AtspiAccessibility::requestTrustWithPrompt() {
-    // There is no permission to ask for on X11; the answer is the same as without a prompt.
-    return isProcessTrusted();
-}
-
-AccessibilityElementRef AtspiAccessibility::focusedElement() {
-    if (!busAvailable_) {
-        return nullptr;
-    }
-    const std::optional<RunningApplication> front = workspace_.frontmostApplication();
-    if (!front) {
-        return nullptr;
-    }
+AccessibilityElementRef findFocusedElement(ProcessId front, Clock::duration walkBudget,
+                                           const std::shared_ptr<AtspiWorker>& worker) {
     Ref<AtspiAccessible> desktop(atspi_get_desktop(0));
     if (!desktop) {
         return nullptr;
@@ -124,13 +113,14 @@ AccessibilityElementRef AtspiAccessibility::focusedElement() {
             continue;
         }
         const guint process = atspi_accessible_get_process_id(application.get(), &error);
-        if (failed(error) || static_cast<ProcessId>(process) != front->processIdentifier) {
+        if (failed(error) || static_cast<ProcessId>(process) != front) {
             continue;
         }
         gchar* toolkit = atspi_accessible_get_toolkit_name(application.get(), &error);
         failed(error);
-        const auto unit = toolkit && g_ascii_strcasecmp(toolkit, "Qt") == 0 ? AtspiElement::OffsetUnit::utf16
-                                                                             : AtspiElement::OffsetUnit::codePoint;
+        const auto unit = toolkit && g_ascii_strcasecmp(toolkit, "Qt") == 0
+                              ? AtspiElement::OffsetUnit::utf16
+                              : AtspiElement::OffsetUnit::codePoint;
         g_free(toolkit);
 
         const gint windows = atspi_accessible_get_child_count(application.get(), &error);
@@ -143,9 +133,10 @@ AccessibilityElementRef AtspiAccessibility::focusedElement() {
                 continue;
             }
             Search search;
+            search.deadline = Clock::now() + walkBudget;
             findFocusedText(window.get(), 0, search);
             if (search.best) {
-                return std::make_shared<AtspiElement>(search.best, unit);
+                return std::make_shared<AtspiElement>(search.best, unit, worker);
             }
             return nullptr;
         }
@@ -153,20 +144,16 @@ AccessibilityElementRef AtspiAccessibility::focusedElement() {
     return nullptr;
 }
 
-std::optional<ProcessId> AtspiAccessibility::processOf(const AccessibilityElement& element) {
-    const auto* atspi = dynamic_cast<const AtspiElement*>(&element);
-    if (!atspi) {
-        return std::nullopt;
-    }
+std::optional<ProcessId> busProcess(const AtspiElement& element) {
     GError* error = nullptr;
-    const guint process = atspi_accessible_get_process_id(atspi->accessible(), &error);
+    const guint process = atspi_accessible_get_process_id(element.accessible(), &error);
     if (failed(error) || process == 0) {
         return std::nullopt;
     }
     return static_cast<ProcessId>(process);
 }
 
-std::optional<QString> AtspiAccessibility::busText(const AtspiElement& element, int start, int end) {
+std::optional<QString> busText(const AtspiElement& element, int start, int end) {
     Ref<AtspiText> text(atspi_accessible_get_text_iface(element.accessible()));
     if (!text) {
         return std::nullopt;
@@ -182,7 +169,12 @@ std::optional<QString> AtspiAccessibility::busText(const AtspiElement& element, 
     return result;
 }
 
-std::optional<AtspiAccessibility::BusRange> AtspiAccessibility::busSelection(const AtspiElement& element) {
+struct BusRange {
+    int start = 0;
+    int end = 0;
+};
+
+std::optional<BusRange> busSelection(const AtspiElement& element) {
     Ref<AtspiText> text(atspi_accessible_get_text_iface(element.accessible()));
     if (!text) {
         return std::nullopt;
@@ -204,12 +196,13 @@ std::optional<AtspiAccessibility::BusRange> AtspiAccessibility::busSelection(con
         g_free(range);
         return std::nullopt;
     }
-    BusRange result{std::min(range->start_offset, range->end_offset), std::max(range->start_offset, range->end_offset)};
+    BusRange result{std::min(range->start_offset, range->end_offset),
+                    std::max(range->start_offset, range->end_offset)};
     g_free(range);
     return result;
 }
 
-std::optional<int> AtspiAccessibility::toUtf16(const AtspiElement& element, int busOffset) {
+std::optional<int> toUtf16(const AtspiElement& element, int busOffset) {
     if (element.offsetUnit() == AtspiElement::OffsetUnit::utf16 || busOffset <= 0) {
         return busOffset;
     }
@@ -221,7 +214,7 @@ std::optional<int> AtspiAccessibility::toUtf16(const AtspiElement& element, int 
     return static_cast<int>(prefix->size());
 }
 
-std::optional<int> AtspiAccessibility::toBusOffset(const AtspiElement& element, std::int64_t utf16Offset) {
+std::optional<int> toBusOffset(const AtspiElement& element, std::int64_t utf16Offset) {
     if (utf16Offset < 0 || utf16Offset > std::numeric_limits<int>::max()) {
         return std::nullopt;
     }
@@ -240,93 +233,311 @@ std::optional<int> AtspiAccessibility::toBusOffset(const AtspiElement& element, 
     return static_cast<int>(prefix->left(units).toUcs4().size());
 }
 
-std::optional<TextRange> AtspiAccessibility::selectedTextRange(const AccessibilityElement& element) {
-    const auto* atspi = dynamic_cast<const AtspiElement*>(&element);
-    if (!atspi) {
-        return std::nullopt;
-    }
-    const std::optional<BusRange> range = busSelection(*atspi);
+std::optional<TextRange> busSelectedRange(const AtspiElement& element) {
+    const std::optional<BusRange> range = busSelection(element);
     if (!range) {
         return std::nullopt;
     }
-    const std::optional<int> start = toUtf16(*atspi, range->start);
-    const std::optional<int> end = range->end == range->start ? start : toUtf16(*atspi, range->end);
+    const std::optional<int> start = toUtf16(element, range->start);
+    const std::optional<int> end = range->end == range->start ? start : toUtf16(element, range->end);
     if (!start || !end) {
         return std::nullopt;
     }
     return TextRange{*start, *end - *start};
 }
 
-std::optional<QString> AtspiAccessibility::selectedText(const AccessibilityElement& element) {
-    const auto* atspi = dynamic_cast<const AtspiElement*>(&element);
-    if (!atspi) {
-        return std::nullopt;
-    }
-    const std::optional<BusRange> range = busSelection(*atspi);
+std::optional<QString> busSelectedText(const AtspiElement& element) {
+    const std::optional<BusRange> range = busSelection(element);
     if (!range) {
         return std::nullopt;
     }
     if (range->start == range->end) {
         return QString();
     }
-    return busText(*atspi, range->start, range->end);
+    return busText(element, range->start, range->end);
 }
 
-std::optional<QString> AtspiAccessibility::stringForRange(const AccessibilityElement& element, TextRange range) {
-    const auto* atspi = dynamic_cast<const AtspiElement*>(&element);
-    if (!atspi || range.location < 0 || range.length < 1) {
+std::optional<QString> busStringForRange(const AtspiElement& element, TextRange range) {
+    if (range.location < 0 || range.length < 1) {
         return std::nullopt;
     }
-    const std::optional<int> start = toBusOffset(*atspi, range.location);
-    const std::optional<int> end = toBusOffset(*atspi, range.location + range.length);
+    const std::optional<int> start = toBusOffset(element, range.location);
+    const std::optional<int> end = toBusOffset(element, range.location + range.length);
     if (!start || !end) {
         return std::nullopt;
     }
-    std::optional<QString> text = busText(*atspi, *start, *end);
+    std::optional<QString> text = busText(element, *start, *end);
     if (!text || text->size() != range.length) {
         return std::nullopt; // the range runs past the end of the text
     }
     return text;
 }
 
-AccessibilityApi::SettableAnswer AtspiAccessibility::isSelectedTextSettable(const AccessibilityElement& element) {
-    const auto* atspi = dynamic_cast<const AtspiElement*>(&element);
-    if (!atspi) {
-        return {notEditableStatus, false};
-    }
-    Ref<AtspiEditableText> editable(atspi_accessible_get_editable_text_iface(atspi->accessible()));
-    return {0, editable && hasState(atspi->accessible(), ATSPI_STATE_EDITABLE)};
+AccessibilityApi::SettableAnswer busSettable(const AtspiElement& element) {
+    Ref<AtspiEditableText> editable(atspi_accessible_get_editable_text_iface(element.accessible()));
+    return {0, editable && hasState(element.accessible(), ATSPI_STATE_EDITABLE)};
 }
 
-int AtspiAccessibility::setSelectedText(const AccessibilityElement& element, const QString& text) {
-    const auto* atspi = dynamic_cast<const AtspiElement*>(&element);
-    if (!atspi) {
-        return notEditableStatus;
-    }
-    Ref<AtspiEditableText> editable(atspi_accessible_get_editable_text_iface(atspi->accessible()));
-    const std::optional<BusRange> range = busSelection(*atspi);
+int busSetSelectedText(const AtspiElement& element, const QString& text) {
+    Ref<AtspiEditableText> editable(atspi_accessible_get_editable_text_iface(element.accessible()));
+    const std::optional<BusRange> range = busSelection(element);
     if (!editable || !range) {
-        return notEditableStatus;
+        return AtspiAccessibility::notEditableStatus;
     }
     GError* error = nullptr;
     if (range->end > range->start) {
         atspi_editable_text_delete_text(editable.get(), range->start, range->end, &error);
         if (failed(error)) {
-            return writeRefusedStatus;
+            return AtspiAccessibility::writeRefusedStatus;
         }
     }
     // The insert's length is in the toolkit's own unit: UTF-8 bytes for GTK, UTF-16 units for Qt.
     const QByteArray utf8 = text.toUtf8();
-    const bool utf16 = atspi->offsetUnit() == AtspiElement::OffsetUnit::utf16;
+    const bool utf16 = element.offsetUnit() == AtspiElement::OffsetUnit::utf16;
     const gint length = utf16 ? static_cast<gint>(text.size()) : static_cast<gint>(utf8.size());
     atspi_editable_text_insert_text(editable.get(), range->start, utf8.constData(), length, &error);
     if (failed(error)) {
-        return writeRefusedStatus;
+        return AtspiAccessibility::writeRefusedStatus;
     }
     // Both toolkits answer success even when nothing was inserted: believe only what reads back.
     const int written = utf16 ? static_cast<int>(text.size()) : static_cast<int>(text.toUcs4().size());
-    const std::optional<QString> back = busText(*atspi, range->start, range->start + written);
-    return back == text ? 0 : notReadBackStatus;
+    const std::optional<QString> back = busText(element, range->start, range->start + written);
+    return back == text ? 0 : AtspiAccessibility::notReadBackStatus;
+}
+
+// --- between the threads ---------------------------------------------------------------------
+
+// Only our own elements can be asked about; any other handle answers "absent".
+std::shared_ptr<const AtspiElement> ours(const AccessibilityElementRef& element) {
+    return std::dynamic_pointer_cast<const AtspiElement>(element);
+}
+
+// Runs `question` on the worker and resumes the caller on the main thread with its answer, or with
+// `absent` once `budget` has passed. A question whose caller gave up before the worker reached it
+// is skipped, so one hung application delays the questions behind it by at most their budgets.
+// (The question is taken by reference and copied before the first suspension: callers pass a named
+// local, as non-trivial temporaries inside co_await expressions are not handled reliably by GCC 12.)
+template <typename T>
+QCoro::Task<T> ask(AtspiWorker& worker, const std::function<T()>& question, const T& absent,
+                   std::chrono::milliseconds budget) {
+    Continuation<T> answer;
+    auto abandoned = std::make_shared<std::atomic<bool>>(false);
+    worker.post([answer, question, abandoned]() mutable {
+        if (abandoned->load()) {
+            return;
+        }
+        T result = question();
+        postToMainThread(
+            [answer, result = std::move(result)]() mutable { answer.resume(std::move(result)); });
+    });
+    QTimer timer;
+    timer.setSingleShot(true);
+    QObject::connect(&timer, &QTimer::timeout, [answer, abandoned, absent]() mutable {
+        abandoned->store(true);
+        answer.resume(absent);
+    });
+    timer.start(budget);
+    co_return co_await answer.wait();
+}
+
+// The same, blocking the calling thread until the answer or the budget.
+template <typename T>
+T askAndWait(AtspiWorker& worker, std::function<T()> question, T absent, std::chrono::milliseconds budget) {
+    auto promise = std::make_shared<std::promise<T>>();
+    std::future<T> future = promise->get_future();
+    worker.post([promise, question = std::move(question)] { promise->set_value(question()); });
+    if (future.wait_for(budget) != std::future_status::ready) {
+        return absent;
+    }
+    return future.get();
+}
+
+} // namespace
+
+AtspiAccessibility::AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable)
+    : AtspiAccessibility(workspace, std::move(syntheticKeysAvailable), Budgets{}) {}
+
+AtspiAccessibility::AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable,
+                                       Budgets budgets)
+    : workspace_(workspace), syntheticKeysAvailable_(std::move(syntheticKeysAvailable)), budgets_(budgets),
+      worker_(AtspiWorker::start()) {}
+
+AtspiAccessibility::~AtspiAccessibility() = default;
+
+bool AtspiAccessibility::isBusAvailable() const {
+    return worker_->waitForBus(busConnectionWaitMs);
+}
+
+bool AtspiAccessibility::isProcessTrusted() const {
+    return syntheticKeysAvailable_ && syntheticKeysAvailable_();
+}
+
+bool AtspiAccessibility::requestTrustWithPrompt() {
+    // There is no permission to ask for on X11; the answer is the same as without a prompt.
+    return isProcessTrusted();
+}
+
+std::function<AccessibilityElementRef()> AtspiAccessibility::focusSearch() {
+    // The frontmost process comes from the X server, here on the main thread; the bus walk runs on
+    // the worker.
+    const std::optional<RunningApplication> front = workspace_.frontmostApplication();
+    if (!front) {
+        return [] { return AccessibilityElementRef(); };
+    }
+    return [process = front->processIdentifier, walk = budgets_.treeWalk, worker = worker_] {
+        return worker->waitForBus(0) ? findFocusedElement(process, walk, worker) : nullptr;
+    };
+}
+
+// --- blocking forms --------------------------------------------------------------------------
+
+AccessibilityElementRef AtspiAccessibility::focusedElement() {
+    return askAndWait<AccessibilityElementRef>(*worker_, focusSearch(), nullptr, budgets_.focusSearch);
+}
+
+std::optional<ProcessId> AtspiAccessibility::processOf(const AccessibilityElement& element) {
+    const auto* found = dynamic_cast<const AtspiElement*>(&element);
+    if (!found) {
+        return std::nullopt;
+    }
+    auto atspi = found->shared_from_this();
+    return askAndWait<std::optional<ProcessId>>(
+        *worker_, [atspi] { return busProcess(*atspi); }, std::nullopt, budgets_.query);
+}
+
+std::optional<TextRange> AtspiAccessibility::selectedTextRange(const AccessibilityElement& element) {
+    const auto* found = dynamic_cast<const AtspiElement*>(&element);
+    if (!found) {
+        return std::nullopt;
+    }
+    auto atspi = found->shared_from_this();
+    return askAndWait<std::optional<TextRange>>(
+        *worker_, [atspi] { return busSelectedRange(*atspi); }, std::nullopt, budgets_.query);
+}
+
+std::optional<QString> AtspiAccessibility::selectedText(const AccessibilityElement& element) {
+    const auto* found = dynamic_cast<const AtspiElement*>(&element);
+    if (!found) {
+        return std::nullopt;
+    }
+    auto atspi = found->shared_from_this();
+    return askAndWait<std::optional<QString>>(
+        *worker_, [atspi] { return busSelectedText(*atspi); }, std::nullopt, budgets_.query);
+}
+
+std::optional<QString> AtspiAccessibility::stringForRange(const AccessibilityElement& element,
+                                                          TextRange range) {
+    const auto* found = dynamic_cast<const AtspiElement*>(&element);
+    if (!found) {
+        return std::nullopt;
+    }
+    auto atspi = found->shared_from_this();
+    return askAndWait<std::optional<QString>>(
+        *worker_, [atspi, range] { return busStringForRange(*atspi, range); }, std::nullopt, budgets_.query);
+}
+
+AccessibilityApi::SettableAnswer
+AtspiAccessibility::isSelectedTextSettable(const AccessibilityElement& element) {
+    const auto* found = dynamic_cast<const AtspiElement*>(&element);
+    if (!found) {
+        return {notEditableStatus, false};
+    }
+    auto atspi = found->shared_from_this();
+    return askAndWait<SettableAnswer>(
+        *worker_, [atspi] { return busSettable(*atspi); }, SettableAnswer{timedOutStatus, false},
+        budgets_.query);
+}
+
+int AtspiAccessibility::setSelectedText(const AccessibilityElement& element, const QString& text) {
+    const auto* found = dynamic_cast<const AtspiElement*>(&element);
+    if (!found) {
+        return notEditableStatus;
+    }
+    auto atspi = found->shared_from_this();
+    return askAndWait<int>(
+        *worker_, [atspi, text] { return busSetSelectedText(*atspi, text); }, timedOutStatus, budgets_.write);
+}
+
+// --- asynchronous forms ----------------------------------------------------------------------
+
+QCoro::Task<AccessibilityElementRef> AtspiAccessibility::focusedElementAsync() {
+    const std::function<AccessibilityElementRef()> question = focusSearch();
+    AccessibilityElementRef answer =
+        co_await ask<AccessibilityElementRef>(*worker_, question, nullptr, budgets_.focusSearch);
+    co_return answer;
+}
+
+QCoro::Task<std::optional<ProcessId>>
+AtspiAccessibility::processOfAsync(const AccessibilityElementRef& element) {
+    auto atspi = ours(element);
+    if (!atspi) {
+        co_return std::nullopt;
+    }
+    const std::function<std::optional<ProcessId>()> question = [atspi] { return busProcess(*atspi); };
+    std::optional<ProcessId> answer =
+        co_await ask<std::optional<ProcessId>>(*worker_, question, std::nullopt, budgets_.query);
+    co_return answer;
+}
+
+QCoro::Task<std::optional<TextRange>>
+AtspiAccessibility::selectedTextRangeAsync(const AccessibilityElementRef& element) {
+    auto atspi = ours(element);
+    if (!atspi) {
+        co_return std::nullopt;
+    }
+    const std::function<std::optional<TextRange>()> question = [atspi] { return busSelectedRange(*atspi); };
+    std::optional<TextRange> answer =
+        co_await ask<std::optional<TextRange>>(*worker_, question, std::nullopt, budgets_.query);
+    co_return answer;
+}
+
+QCoro::Task<std::optional<QString>>
+AtspiAccessibility::selectedTextAsync(const AccessibilityElementRef& element) {
+    auto atspi = ours(element);
+    if (!atspi) {
+        co_return std::nullopt;
+    }
+    const std::function<std::optional<QString>()> question = [atspi] { return busSelectedText(*atspi); };
+    std::optional<QString> answer =
+        co_await ask<std::optional<QString>>(*worker_, question, std::nullopt, budgets_.query);
+    co_return answer;
+}
+
+QCoro::Task<std::optional<QString>>
+AtspiAccessibility::stringForRangeAsync(const AccessibilityElementRef& element, TextRange range) {
+    auto atspi = ours(element);
+    if (!atspi) {
+        co_return std::nullopt;
+    }
+    const std::function<std::optional<QString>()> question = [atspi, range] {
+        return busStringForRange(*atspi, range);
+    };
+    std::optional<QString> answer =
+        co_await ask<std::optional<QString>>(*worker_, question, std::nullopt, budgets_.query);
+    co_return answer;
+}
+
+QCoro::Task<AccessibilityApi::SettableAnswer>
+AtspiAccessibility::isSelectedTextSettableAsync(const AccessibilityElementRef& element) {
+    auto atspi = ours(element);
+    if (!atspi) {
+        co_return SettableAnswer{notEditableStatus, false};
+    }
+    const std::function<SettableAnswer()> question = [atspi] { return busSettable(*atspi); };
+    SettableAnswer answer = co_await ask<SettableAnswer>(
+        *worker_, question, SettableAnswer{timedOutStatus, false}, budgets_.query);
+    co_return answer;
+}
+
+QCoro::Task<int> AtspiAccessibility::setSelectedTextAsync(const AccessibilityElementRef& element,
+                                                          const QString& text) {
+    auto atspi = ours(element);
+    if (!atspi) {
+        co_return notEditableStatus;
+    }
+    const std::function<int()> question = [atspi, text] { return busSetSelectedText(*atspi, text); };
+    int answer = co_await ask<int>(*worker_, question, timedOutStatus, budgets_.write);
+    co_return answer;
 }
 
 } // namespace parlune::x11

@@ -2,10 +2,10 @@
 
 #include "core/platform/AccessibilityApi.h"
 
+#include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
-
-typedef struct _AtspiAccessible AtspiAccessible;
 
 namespace parlune {
 class Workspace;
@@ -13,27 +13,44 @@ class Workspace;
 
 namespace parlune::x11 {
 
-class AtspiElement;
+class AtspiWorker;
 
 // The accessibility interface over AT-SPI 2. The focused element is looked for only in the
 // active window of the frontmost process (a whole-desktop search would wake every application on
-// the bus): the deepest focused object there that offers text. GTK 3 applications are on the bus
-// as they are; Qt applications only with QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1. Offsets on the bus
-// count code points (GTK) or UTF-16 units (Qt) and are converted to UTF-16 both ways. Writes are
-// never trusted: both toolkits report success for inserts that did nothing, so a write reports
-// success only when the text reads back.
+// the bus): the deepest focused object there that offers text, within a node and a time budget.
+// GTK 3 applications are on the bus as they are; Qt applications only with
+// QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1. Offsets on the bus count code points (GTK) or UTF-16 units
+// (Qt) and are converted to UTF-16 both ways. Writes are never trusted: both toolkits report
+// success for inserts that did nothing, so a write reports success only when the text reads back.
+//
+// Every bus call runs on one worker thread with its own connection. An application answering a
+// call may itself be waiting for us (a Qt editor asked to paste blocks until our clipboard data
+// arrives), so the main thread must keep serving the clipboard meanwhile: the asynchronous forms
+// resume the caller when the answer comes or, when the question's budget runs out first, answer
+// "absent" and leave the late answer unused. The blocking forms exist for tools and tests.
+//
 // On X11 nothing has to be granted to drive other applications; "trusted" means the server offers
 // XTest, without which no synthetic key can be sent. Without an accessibility bus there is no
 // focused element and capture goes through the clipboard.
 class AtspiAccessibility final : public AccessibilityApi {
 public:
-    AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable);
+    struct Budgets {
+        std::chrono::milliseconds query{1000};       // one read of one element
+        std::chrono::milliseconds focusSearch{1200}; // finding the focused element, answer included
+        std::chrono::milliseconds treeWalk{600};     // of which walking the window's tree
+        std::chrono::milliseconds write{2000};       // replacing the selected text, read-back included
+    };
 
-    // Whether the accessibility bus answered at start-up.
-    bool isBusAvailable() const { return busAvailable_; }
+    AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable);
+    AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable, Budgets budgets);
+    ~AtspiAccessibility() override;
+
+    // Whether the accessibility bus answered at start-up (waits for the worker's first connection).
+    bool isBusAvailable() const;
 
     bool isProcessTrusted() const override;
     bool requestTrustWithPrompt() override;
+
     AccessibilityElementRef focusedElement() override;
     std::optional<ProcessId> processOf(const AccessibilityElement& element) override;
     std::optional<TextRange> selectedTextRange(const AccessibilityElement& element) override;
@@ -42,24 +59,30 @@ public:
     SettableAnswer isSelectedTextSettable(const AccessibilityElement& element) override;
     int setSelectedText(const AccessibilityElement& element, const QString& text) override;
 
-    // Statuses of setSelectedText.
+    QCoro::Task<AccessibilityElementRef> focusedElementAsync() override;
+    QCoro::Task<std::optional<ProcessId>> processOfAsync(const AccessibilityElementRef& element) override;
+    QCoro::Task<std::optional<TextRange>>
+    selectedTextRangeAsync(const AccessibilityElementRef& element) override;
+    QCoro::Task<std::optional<QString>> selectedTextAsync(const AccessibilityElementRef& element) override;
+    QCoro::Task<std::optional<QString>> stringForRangeAsync(const AccessibilityElementRef& element,
+                                                            TextRange range) override;
+    QCoro::Task<SettableAnswer> isSelectedTextSettableAsync(const AccessibilityElementRef& element) override;
+    QCoro::Task<int> setSelectedTextAsync(const AccessibilityElementRef& element,
+                                          const QString& text) override;
+
+    // Statuses of setSelectedText and isSelectedTextSettable.
     static constexpr int notEditableStatus = 1;
     static constexpr int writeRefusedStatus = 2;
     static constexpr int notReadBackStatus = 3;
+    static constexpr int timedOutStatus = 4;
 
 private:
-    struct BusRange {
-        int start = 0;
-        int end = 0;
-    };
-    std::optional<BusRange> busSelection(const AtspiElement& element);
-    std::optional<int> toUtf16(const AtspiElement& element, int busOffset);
-    std::optional<int> toBusOffset(const AtspiElement& element, std::int64_t utf16Offset);
-    std::optional<QString> busText(const AtspiElement& element, int start, int end);
+    std::function<AccessibilityElementRef()> focusSearch();
 
     Workspace& workspace_;
     std::function<bool()> syntheticKeysAvailable_;
-    bool busAvailable_ = false;
+    Budgets budgets_;
+    std::shared_ptr<AtspiWorker> worker_;
 };
 
 } // namespace parlune::x11

@@ -1,5 +1,7 @@
 #include "platform/x11/AtspiElement.h"
 
+#include "platform/x11/AtspiWorker.h"
+
 #include <QCryptographicHash>
 
 #include <atspi/atspi.h>
@@ -8,15 +10,22 @@
 
 namespace parlune::x11 {
 
-AtspiElement::AtspiElement(AtspiAccessible* accessible, OffsetUnit unit)
-    : accessible_(static_cast<AtspiAccessible*>(g_object_ref(accessible))), unit_(unit) {
+AtspiElement::AtspiElement(AtspiAccessible* accessible, OffsetUnit unit, std::shared_ptr<AtspiWorker> worker)
+    : accessible_(static_cast<AtspiAccessible*>(g_object_ref(accessible))), unit_(unit),
+      worker_(std::move(worker)) {
     const AtspiObject* object = ATSPI_OBJECT(accessible_);
     const char* busName = object->app ? object->app->bus_name : nullptr;
     address_ = QString::fromUtf8(busName ? busName : "") + QLatin1Char(':') +
                QString::fromUtf8(object->path ? object->path : "");
 }
 
-AtspiElement::~AtspiElement() { g_object_unref(accessible_); }
+AtspiElement::~AtspiElement() {
+    if (worker_->isWorkerThread()) {
+        g_object_unref(accessible_);
+    } else {
+        worker_->post([accessible = accessible_] { g_object_unref(accessible); });
+    }
+}
 
 bool AtspiElement::isSameElement(const AccessibilityElement& other) const {
     const auto* element = dynamic_cast<const AtspiElement*>(&other);

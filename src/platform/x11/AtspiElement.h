@@ -4,6 +4,8 @@
 
 #include <QString>
 
+#include <memory>
+
 typedef struct _AtspiAccessible AtspiAccessible;
 
 namespace parlune::x11 {
@@ -12,12 +14,16 @@ namespace parlune::x11 {
 // application's bus name plus the object path, which is what the bus itself addresses; how the
 // application counts text offsets (code points for GTK and most toolkits, UTF-16 units for Qt)
 // travels with the element.
-class AtspiElement final : public AccessibilityElement {
+class AtspiWorker;
+
+// Made and read only on the worker thread; its reference is given back there too, whichever thread
+// drops the last copy of the handle.
+class AtspiElement final : public AccessibilityElement, public std::enable_shared_from_this<AtspiElement> {
 public:
     enum class OffsetUnit { codePoint, utf16 };
 
-    // Takes a reference of `accessible`.
-    AtspiElement(AtspiAccessible* accessible, OffsetUnit unit);
+    // Takes a reference of `accessible`. On the worker thread only.
+    AtspiElement(AtspiAccessible* accessible, OffsetUnit unit, std::shared_ptr<AtspiWorker> worker);
     ~AtspiElement() override;
     AtspiElement(const AtspiElement&) = delete;
     AtspiElement& operator=(const AtspiElement&) = delete;
@@ -32,6 +38,7 @@ public:
 private:
     AtspiAccessible* accessible_;
     OffsetUnit unit_;
+    std::shared_ptr<AtspiWorker> worker_;
     QString address_;
 };
 

@@ -4,12 +4,19 @@
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/LinuxMemoryPressureSource.h"
 #include "platform/x11/X11Pasteboard.h"
+#include "platform/x11/X11PrimarySelection.h"
 #include "platform/x11/X11Session.h"
 #include "platform/x11/XTestKeyboardEvents.h"
 #include "platform/x11/XcbConnection.h"
 #include "platform/x11/XcbHotKeyService.h"
 
 namespace parlune::x11 {
+
+void X11Desktop::prepareProcess() {
+    if (!qEnvironmentVariableIsSet("QT_NO_GLIB")) {
+        qputenv("QT_NO_GLIB", "1");
+    }
+}
 
 X11Desktop::Result X11Desktop::connect() {
     const X11Session::Kind kind = X11Session::detectFromEnvironment();
@@ -25,16 +32,19 @@ X11Desktop::Result X11Desktop::connect() {
     XcbConnection& connection = *desktop->connection_;
     desktop->workspace_ = std::make_unique<EwmhWorkspace>(connection);
     desktop->pasteboard_ = std::make_unique<X11Pasteboard>(connection);
+    desktop->primarySelection_ = std::make_unique<X11PrimarySelection>(connection, *desktop->workspace_);
     desktop->keyboard_ = std::make_unique<XTestKeyboardEvents>(connection, *desktop->workspace_);
     if (!desktop->pasteboard_->isUsable()) {
-        return QStringLiteral("The X server lacks the XFixes extension, which Parlune needs to watch the clipboard.");
+        return QStringLiteral(
+            "The X server lacks the XFixes extension, which Parlune needs to watch the clipboard.");
     }
     if (!desktop->keyboard_->isAvailable()) {
-        return QStringLiteral("The X server lacks the XTest extension, which Parlune needs to copy and paste.");
+        return QStringLiteral(
+            "The X server lacks the XTest extension, which Parlune needs to copy and paste.");
     }
     XTestKeyboardEvents* keyboard = desktop->keyboard_.get();
-    desktop->accessibility_ =
-        std::make_unique<AtspiAccessibility>(*desktop->workspace_, [keyboard] { return keyboard->isAvailable(); });
+    desktop->accessibility_ = std::make_unique<AtspiAccessibility>(
+        *desktop->workspace_, [keyboard] { return keyboard->isAvailable(); });
     desktop->memoryPressure_ = std::make_unique<LinuxMemoryPressureSource>();
     return desktop;
 }
@@ -44,6 +54,7 @@ X11Desktop::~X11Desktop() {
     memoryPressure_.reset();
     accessibility_.reset();
     keyboard_.reset();
+    primarySelection_.reset();
     pasteboard_.reset();
     workspace_.reset();
     hotKeys_.reset();

@@ -11,6 +11,7 @@ class AtspiAccessibility;
 class EwmhWorkspace;
 class LinuxMemoryPressureSource;
 class X11Pasteboard;
+class X11PrimarySelection;
 class XTestKeyboardEvents;
 class XcbConnection;
 class XcbHotKeyService;
@@ -24,12 +25,20 @@ public:
     using Result = std::variant<std::unique_ptr<X11Desktop>, QString>;
     static Result connect();
 
+    // Call before the QGuiApplication is made. libatspi attaches the private connections it opens
+    // to applications to GLib's default context; a GLib-based Qt event loop would then dispatch
+    // them on the main thread, beside the accessibility worker that owns them. This keeps Qt's loop
+    // off GLib (QT_NO_GLIB), so only the worker ever dispatches them.
+    static void prepareProcess();
+
     ~X11Desktop();
     X11Desktop(const X11Desktop&) = delete;
     X11Desktop& operator=(const X11Desktop&) = delete;
 
     XcbHotKeyService& hotKeys() { return *hotKeys_; }
     X11Pasteboard& pasteboard() { return *pasteboard_; }
+    // For TextSelectionReplacer::setPrimarySelection: how terminals' selections are captured.
+    X11PrimarySelection& primarySelection() { return *primarySelection_; }
     XTestKeyboardEvents& keyboard() { return *keyboard_; }
     EwmhWorkspace& workspace() { return *workspace_; }
     AtspiAccessibility& accessibility() { return *accessibility_; }
@@ -42,6 +51,7 @@ private:
     std::unique_ptr<XcbHotKeyService> hotKeys_;
     std::unique_ptr<EwmhWorkspace> workspace_;
     std::unique_ptr<X11Pasteboard> pasteboard_;
+    std::unique_ptr<X11PrimarySelection> primarySelection_;
     std::unique_ptr<XTestKeyboardEvents> keyboard_;
     std::unique_ptr<AtspiAccessibility> accessibility_;
     std::unique_ptr<LinuxMemoryPressureSource> memoryPressure_;

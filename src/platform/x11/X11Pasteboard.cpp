@@ -1,6 +1,9 @@
 #include "platform/x11/X11Pasteboard.h"
 
+#include "core/async/RunUntilDone.h"
 #include "platform/x11/XcbConnection.h"
+
+#include <QDateTime>
 
 #include <xcb/xfixes.h>
 
@@ -20,27 +23,35 @@ const QString utf8String = QStringLiteral("UTF8_STRING");
 
 constexpr int readTimeoutMs = 1000;
 constexpr int handOverTimeoutMs = 2000;
+// Ownerships kept after they ended, for requests still on their way to us.
+constexpr std::size_t retiredKept = 8;
 
-template <typename Event>
-const Event* as(const xcb_generic_event_t* event) {
+qint64 nowMs() {
+    return QDateTime::currentMSecsSinceEpoch();
+}
+
+template <typename Event> const Event* as(const xcb_generic_event_t* event) {
     return reinterpret_cast<const Event*>(event);
 }
 
 } // namespace
 
 bool X11Pasteboard::isPseudoTarget(const QString& target) {
-    static const QString pseudo[] = {QStringLiteral("TARGETS"),      QStringLiteral("MULTIPLE"),
-                                     QStringLiteral("TIMESTAMP"),    QStringLiteral("SAVE_TARGETS"),
-                                     QStringLiteral("DELETE"),       QStringLiteral("INSERT_SELECTION"),
-                                     QStringLiteral("INSERT_PROPERTY"), QStringLiteral("GTK_TEXT_BUFFER_CONTENTS")};
+    static const QString pseudo[] = {
+        QStringLiteral("TARGETS"),         QStringLiteral("MULTIPLE"),
+        QStringLiteral("TIMESTAMP"),       QStringLiteral("SAVE_TARGETS"),
+        QStringLiteral("DELETE"),          QStringLiteral("INSERT_SELECTION"),
+        QStringLiteral("INSERT_PROPERTY"), QStringLiteral("GTK_TEXT_BUFFER_CONTENTS")};
     return std::find(std::begin(pseudo), std::end(pseudo), target) != std::end(pseudo);
 }
 
-X11Pasteboard::X11Pasteboard(XcbConnection& connection) : x_(connection), clipboard_(connection.atom("CLIPBOARD")) {
+X11Pasteboard::X11Pasteboard(XcbConnection& connection, const char* selection)
+    : x_(connection), clipboard_(connection.atom(selection)), selectionName_(QString::fromLatin1(selection)) {
     xcb_connection_t* c = x_.raw();
     const xcb_query_extension_reply_t* xfixes = xcb_get_extension_data(c, &xcb_xfixes_id);
     if (xfixes && xfixes->present) {
-        auto* version = xcb_xfixes_query_version_reply(c, xcb_xfixes_query_version(c, 5, 0), nullptr);
+        const XcbReply<xcb_xfixes_query_version_reply_t> version(
+            xcb_xfixes_query_version_reply(c, xcb_xfixes_query_version(c, 5, 0), nullptr));
         if (version) {
             xfixesEvent_ = xfixes->first_event;
             xcb_xfixes_select_selection_input(c, x_.window(), clipboard_,
@@ -49,9 +60,10 @@ X11Pasteboard::X11Pasteboard(XcbConnection& connection) : x_(connection), clipbo
                                                   XCB_XFIXES_SELECTION_EVENT_MASK_SELECTION_CLIENT_CLOSE);
             xcb_flush(c);
         }
-        std::free(version);
     }
     listener_ = x_.addListener([this](const xcb_generic_event_t* event) { return handleEvent(event); });
+    transferSweep_.setInterval(abandonedTransferMs / 2);
+    QObject::connect(&transferSweep_, &QTimer::timeout, [this] { dropAbandonedTransfers(); });
 }
 
 X11Pasteboard::~X11Pasteboard() {
@@ -65,6 +77,9 @@ X11Pasteboard::~X11Pasteboard() {
         }
     }
     x_.removeListener(listener_);
+    for (const auto& [property, read] : reads_) {
+        read->done.resume(std::nullopt);
+    }
     xcb_flush(x_.raw());
 }
 
@@ -72,8 +87,7 @@ X11Pasteboard::~X11Pasteboard() {
 
 void X11Pasteboard::sync() const {
     // A round trip: every event the server sent before its reply is then in our queue.
-    auto* reply = xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
-    std::free(reply);
+    x_.selectionOwner(clipboard_);
     x_.dispatchPending();
 }
 
@@ -90,62 +104,91 @@ X11Pasteboard::ReadCache& X11Pasteboard::cache() const {
     return cache_;
 }
 
-std::optional<QByteArray> X11Pasteboard::convert(xcb_atom_t selection, xcb_atom_t target) const {
+QCoro::Task<std::optional<QByteArray>> X11Pasteboard::convert(xcb_atom_t target) const {
+    // Each read lands in a property of its own, so that reads may overlap.
+    auto read = std::make_shared<PendingRead>();
+    read->target = target;
+    read->property = x_.atom(QStringLiteral("_PARLUNE_%1_%2").arg(selectionName_).arg(readSerial_++ % 16));
+    if (reads_.count(read->property)) {
+        co_return std::nullopt; // sixteen reads in flight: the owner is not answering anyway
+    }
     xcb_connection_t* c = x_.raw();
-    const xcb_window_t window = x_.window();
-    const xcb_atom_t property = x_.atom("_PARLUNE_SELECTION");
-    xcb_delete_property(c, window, property);
-    xcb_convert_selection(c, window, selection, target, property, XCB_CURRENT_TIME);
-    xcb_generic_event_t* event = x_.waitForEvent(
-        [&](const xcb_generic_event_t* e) {
-            if ((e->response_type & 0x7f) != XCB_SELECTION_NOTIFY) {
-                return false;
+    xcb_delete_property(c, x_.window(), read->property);
+    xcb_convert_selection(c, x_.window(), clipboard_, target, read->property, XCB_CURRENT_TIME);
+    xcb_flush(c);
+    reads_.emplace(read->property, read);
+
+    QTimer timeout;
+    timeout.setSingleShot(true);
+    QObject::connect(&timeout, &QTimer::timeout, [this, read] { finishRead(read, std::nullopt); });
+    timeout.start(readTimeoutMs);
+    std::optional<QByteArray> bytes = co_await read->done.wait();
+    co_return bytes;
+}
+
+void X11Pasteboard::finishRead(const std::shared_ptr<PendingRead>& read,
+                               std::optional<QByteArray> bytes) const {
+    auto it = reads_.find(read->property);
+    if (it != reads_.end() && it->second == read) {
+        reads_.erase(it);
+    }
+    read->done.resume(std::move(bytes));
+}
+
+bool X11Pasteboard::continueRead(const xcb_generic_event_t* event) {
+    const std::uint8_t type = event->response_type & 0x7f;
+    std::shared_ptr<PendingRead> read;
+    if (type == XCB_SELECTION_NOTIFY) {
+        const auto* notify = as<xcb_selection_notify_event_t>(event);
+        if (notify->requestor != x_.window() || notify->selection != clipboard_) {
+            return false;
+        }
+        // A refusal names no property: it answers the oldest read of that target.
+        for (const auto& [property, pending] : reads_) {
+            if (!pending->incremental && pending->target == notify->target &&
+                (notify->property == XCB_NONE || notify->property == property)) {
+                read = pending;
+                break;
             }
-            const auto* n = as<xcb_selection_notify_event_t>(e);
-            return n->requestor == window && n->selection == selection && n->target == target;
-        },
-        readTimeoutMs);
-    if (!event) {
-        return std::nullopt;
-    }
-    const bool refused = as<xcb_selection_notify_event_t>(event)->property == XCB_NONE;
-    std::free(event);
-    if (refused) {
-        return std::nullopt;
-    }
-    std::optional<XcbConnection::Property> first = x_.property(window, property, true);
-    if (!first) {
-        return std::nullopt;
-    }
-    if (first->type != x_.atom("INCR")) {
-        return first->bytes;
-    }
-    // Incremental transfer: each deletion of the property asks for the next chunk; an empty
-    // chunk ends it.
-    QByteArray bytes;
-    for (;;) {
-        xcb_generic_event_t* chunk = x_.waitForEvent(
-            [&](const xcb_generic_event_t* e) {
-                if ((e->response_type & 0x7f) != XCB_PROPERTY_NOTIFY) {
-                    return false;
-                }
-                const auto* p = as<xcb_property_notify_event_t>(e);
-                return p->window == window && p->atom == property && p->state == XCB_PROPERTY_NEW_VALUE;
-            },
-            readTimeoutMs);
-        if (!chunk) {
-            return std::nullopt;
         }
-        std::free(chunk);
-        std::optional<XcbConnection::Property> part = x_.property(window, property, true);
+        if (!read) {
+            return false;
+        }
+        if (notify->property == XCB_NONE) {
+            finishRead(read, std::nullopt);
+            return true;
+        }
+        std::optional<XcbConnection::Property> first = x_.property(x_.window(), read->property, true);
+        if (!first) {
+            finishRead(read, std::nullopt);
+        } else if (first->type == x_.atom("INCR")) {
+            // Incremental transfer: each deletion of the property asks for the next chunk; an
+            // empty chunk ends it.
+            read->incremental = true;
+        } else {
+            finishRead(read, std::move(first->bytes));
+        }
+        return true;
+    }
+    if (type == XCB_PROPERTY_NOTIFY) {
+        const auto* notify = as<xcb_property_notify_event_t>(event);
+        auto it = reads_.find(notify->atom);
+        if (notify->window != x_.window() || notify->state != XCB_PROPERTY_NEW_VALUE || it == reads_.end() ||
+            !it->second->incremental) {
+            return false;
+        }
+        read = it->second;
+        std::optional<XcbConnection::Property> part = x_.property(x_.window(), read->property, true);
         if (!part) {
-            return std::nullopt;
+            finishRead(read, std::nullopt);
+        } else if (part->bytes.isEmpty()) {
+            finishRead(read, std::move(read->bytes));
+        } else {
+            read->bytes += part->bytes;
         }
-        if (part->bytes.isEmpty()) {
-            return bytes;
-        }
-        bytes += part->bytes;
+        return true;
     }
+    return false;
 }
 
 int X11Pasteboard::itemCount() const {
@@ -153,16 +196,24 @@ int X11Pasteboard::itemCount() const {
     if (owned_) {
         return owned_->values.empty() ? 0 : 1;
     }
-    auto* reply = xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
-    const bool hasOwner = reply && reply->owner != XCB_NONE;
-    std::free(reply);
-    x_.scheduleDispatch();
-    return hasOwner ? 1 : 0;
+    return x_.selectionOwner(clipboard_) != XCB_NONE ? 1 : 0;
 }
 
 std::vector<QString> X11Pasteboard::types(int index) const {
+    return runUntilDone(const_cast<X11Pasteboard*>(this)->typesAsync(index));
+}
+
+std::optional<QByteArray> X11Pasteboard::data(int index, const QString& type) const {
+    return runUntilDone(const_cast<X11Pasteboard*>(this)->dataAsync(index, type));
+}
+
+std::optional<QString> X11Pasteboard::string() const {
+    return runUntilDone(const_cast<X11Pasteboard*>(this)->stringAsync());
+}
+
+QCoro::Task<std::vector<QString>> X11Pasteboard::typesAsync(int index) {
     if (index != 0) {
-        return {};
+        co_return std::vector<QString>{};
     }
     sync();
     if (owned_) {
@@ -170,75 +221,100 @@ std::vector<QString> X11Pasteboard::types(int index) const {
         for (const auto& value : owned_->values) {
             names.push_back(value.first);
         }
-        return names;
+        co_return names;
+    }
+    const std::int64_t count = changeCount_;
+    std::optional<QByteArray> list;
+    if (!cache().targets) {
+        list = co_await convert(x_.atom("TARGETS"));
     }
     ReadCache& entry = cache();
-    if (!entry.targets) {
+    if (!entry.targets && entry.count == count) {
         std::vector<QString> names;
-        if (std::optional<QByteArray> list = convert(clipboard_, x_.atom("TARGETS"))) {
-            const auto count = static_cast<std::size_t>(list->size()) / sizeof(xcb_atom_t);
-            for (std::size_t i = 0; i < count; ++i) {
-                xcb_atom_t target = XCB_NONE;
-                std::memcpy(&target, list->constData() + i * sizeof(xcb_atom_t), sizeof(target));
-                const QString name = x_.atomName(target);
-                if (!name.isEmpty() && !isPseudoTarget(name) &&
-                    std::find(names.begin(), names.end(), name) == names.end()) {
-                    names.push_back(name);
-                }
+        const auto atoms = list ? static_cast<std::size_t>(list->size()) / sizeof(xcb_atom_t) : 0;
+        for (std::size_t i = 0; i < atoms; ++i) {
+            xcb_atom_t target = XCB_NONE;
+            std::memcpy(&target, list->constData() + i * sizeof(xcb_atom_t), sizeof(target));
+            const QString name = x_.atomName(target);
+            if (!name.isEmpty() && !isPseudoTarget(name) &&
+                std::find(names.begin(), names.end(), name) == names.end()) {
+                names.push_back(name);
             }
         }
         entry.targets = std::move(names);
     }
-    return *entry.targets;
+    co_return entry.targets.value_or(std::vector<QString>{});
 }
 
-std::optional<QByteArray> X11Pasteboard::data(int index, const QString& type) const {
+QCoro::Task<std::optional<QByteArray>> X11Pasteboard::dataAsync(int index, QString type) {
     if (index != 0 || isPseudoTarget(type)) {
-        return std::nullopt;
+        co_return std::nullopt;
     }
     sync();
     if (owned_) {
         for (const auto& [name, bytes] : owned_->values) {
             if (name == type) {
-                return bytes;
+                co_return bytes;
             }
         }
-        return std::nullopt;
+        co_return std::nullopt;
     }
-    ReadCache& entry = cache();
-    auto it = entry.data.find(type);
-    if (it == entry.data.end()) {
-        it = entry.data.emplace(type, convert(clipboard_, x_.atom(type))).first;
+    const std::int64_t count = changeCount_;
+    if (auto it = cache().data.find(type); it != cache_.data.end()) {
+        co_return it->second;
     }
-    return it->second;
+    std::optional<QByteArray> bytes = co_await convert(x_.atom(type));
+    // Kept only while the clipboard still holds what was read.
+    if (cache().count == count) {
+        cache_.data.emplace(type, bytes);
+    }
+    co_return bytes;
 }
 
-std::optional<QString> X11Pasteboard::string() const {
+QCoro::Task<std::optional<QString>> X11Pasteboard::stringAsync() {
     sync();
     if (owned_) {
         for (const QString& type : {utf8String, QStringLiteral("text/plain;charset=utf-8")}) {
             for (const auto& [name, bytes] : owned_->values) {
                 if (name == type) {
-                    return QString::fromUtf8(bytes);
+                    co_return QString::fromUtf8(bytes);
                 }
             }
         }
-        return std::nullopt;
+        co_return std::nullopt;
     }
-    if (std::optional<QByteArray> utf8 = data(0, utf8String)) {
-        return QString::fromUtf8(*utf8);
+    if (std::optional<QByteArray> utf8 = co_await dataAsync(0, utf8String)) {
+        co_return QString::fromUtf8(*utf8);
     }
-    if (std::optional<QByteArray> latin1 = data(0, QStringLiteral("STRING"))) {
-        return QString::fromLatin1(*latin1);
+    if (std::optional<QByteArray> latin1 = co_await dataAsync(0, QStringLiteral("STRING"))) {
+        co_return QString::fromLatin1(*latin1);
     }
-    return std::nullopt;
+    co_return std::nullopt;
 }
 
-QString X11Pasteboard::plainTextType() const { return utf8String; }
+QString X11Pasteboard::plainTextType() const {
+    return utf8String;
+}
 
 bool X11Pasteboard::ownsSelection() const {
     sync();
     return owned_.has_value();
+}
+
+std::optional<QString> X11Pasteboard::fetchOwnText() {
+    sync();
+    if (!owned_) {
+        return std::nullopt;
+    }
+    for (const QString& type : {utf8String, QStringLiteral("text/plain;charset=utf-8")}) {
+        for (const auto& [name, bytes] : owned_->values) {
+            if (name == type) {
+                fetched_.insert(owned_->count);
+                return QString::fromUtf8(bytes);
+            }
+        }
+    }
+    return std::nullopt;
 }
 
 bool X11Pasteboard::contentsWereFetched(std::int64_t count) const {
@@ -253,11 +329,9 @@ bool X11Pasteboard::setOwner(xcb_window_t owner) {
     const xcb_timestamp_t time = x_.serverTime();
     ownChanges_.insert(time);
     lastOwnTime_ = time;
-    xcb_set_selection_owner(c, owner, clipboard_, time);
-    auto* reply = xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, clipboard_), nullptr);
-    const bool taken = reply && reply->owner == owner;
-    std::free(reply);
-    x_.scheduleDispatch();
+    const xcb_void_cookie_t request = xcb_set_selection_owner(c, owner, clipboard_, time);
+    const bool taken = x_.selectionOwner(clipboard_) == owner;
+    lastOwnerRequest_ = request.sequence;
     if (!taken) {
         // The server ignored the request (an older time stamp): no report will come for it.
         if (auto it = ownChanges_.find(time); it != ownChanges_.end()) {
@@ -266,17 +340,25 @@ bool X11Pasteboard::setOwner(xcb_window_t owner) {
         return false;
     }
     ++changeCount_;
-    if (owner == XCB_NONE) {
-        owned_.reset();
-    }
+    retire(request.sequence);
     return true;
+}
+
+void X11Pasteboard::retire(std::uint32_t until) {
+    if (!owned_) {
+        return;
+    }
+    owned_->until = until;
+    retired_.push_back(std::move(*owned_));
+    owned_.reset();
+    while (retired_.size() > retiredKept) {
+        retired_.pop_front();
+    }
 }
 
 void X11Pasteboard::clearContents() {
     sync();
-    auto* reply = xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
-    const bool hasOwner = reply && reply->owner != XCB_NONE;
-    std::free(reply);
+    const bool hasOwner = x_.selectionOwner(clipboard_) != XCB_NONE;
     if (!hasOwner || !setOwner(XCB_NONE)) {
         ++changeCount_;
     }
@@ -316,13 +398,16 @@ bool X11Pasteboard::writeItems(const std::vector<PasteboardItem>& items) {
     if (!setOwner(x_.window())) {
         return false;
     }
-    owned_ = Owned{std::move(values), changeCount_, lastOwnTime_, transient};
+    owned_ = Owned{std::move(values), changeCount_, lastOwnTime_, transient, lastOwnerRequest_, std::nullopt};
     return true;
 }
 
 // --- events ----------------------------------------------------------------------------------
 
 bool X11Pasteboard::handleEvent(const xcb_generic_event_t* event) {
+    if (continueRead(event)) {
+        return true;
+    }
     const std::uint8_t type = event->response_type & 0x7f;
     if (xfixesEvent_ != 0 && type == xfixesEvent_ + XCB_XFIXES_SELECTION_NOTIFY) {
         onOwnerChanged(event);
@@ -334,7 +419,7 @@ bool X11Pasteboard::handleEvent(const xcb_generic_event_t* event) {
         if (request->selection != clipboard_) {
             return false;
         }
-        serveRequest(*request);
+        serveRequest(*request, event->full_sequence);
         return true;
     }
     case XCB_SELECTION_CLEAR: {
@@ -342,11 +427,10 @@ bool X11Pasteboard::handleEvent(const xcb_generic_event_t* event) {
             return false;
         }
         // The clear may be stale (we took the selection back since): ask who owns it now.
-        auto* reply = xcb_get_selection_owner_reply(x_.raw(), xcb_get_selection_owner(x_.raw(), clipboard_), nullptr);
-        if (!reply || reply->owner != x_.window()) {
-            owned_.reset();
+        if (x_.selectionOwner(clipboard_) != x_.window()) {
+            // Someone else owns it now; requests already sent to us still get what they asked for.
+            retire(event->full_sequence);
         }
-        std::free(reply);
         return true;
     }
     case XCB_PROPERTY_NOTIFY: {
@@ -377,10 +461,29 @@ void X11Pasteboard::onOwnerChanged(const xcb_generic_event_t* event) {
     ++changeCount_;
 }
 
-void X11Pasteboard::serveRequest(const xcb_selection_request_event_t& request) {
+const X11Pasteboard::Owned* X11Pasteboard::addressedOwnership(std::uint32_t sequence) const {
+    // The server made the request after processing our request `sequence`: it was addressed to the
+    // ownership that had begun by then and not yet ended.
+    const auto covers = [sequence](const Owned& owned) {
+        return owned.since <= sequence && (!owned.until || sequence < *owned.until);
+    };
+    if (owned_ && covers(*owned_)) {
+        return &*owned_;
+    }
+    for (auto it = retired_.rbegin(); it != retired_.rend(); ++it) {
+        if (covers(*it)) {
+            return &*it;
+        }
+    }
+    return nullptr;
+}
+
+void X11Pasteboard::serveRequest(const xcb_selection_request_event_t& request, std::uint32_t sequence) {
     const xcb_atom_t property = request.property == XCB_NONE ? request.target : request.property;
-    const bool current = owned_ && (request.time == XCB_CURRENT_TIME || request.time >= owned_->time);
-    const bool served = current && request.owner == x_.window() && serveTarget(request.requestor, property, request.target);
+    const Owned* addressed = addressedOwnership(sequence);
+    const bool current = addressed && (request.time == XCB_CURRENT_TIME || request.time >= addressed->time);
+    const bool served = current && request.owner == x_.window() &&
+                        serveTarget(*addressed, request.requestor, property, request.target);
 
     xcb_selection_notify_event_t reply{};
     reply.response_type = XCB_SELECTION_NOTIFY;
@@ -395,12 +498,13 @@ void X11Pasteboard::serveRequest(const xcb_selection_request_event_t& request) {
     xcb_flush(x_.raw());
 }
 
-bool X11Pasteboard::serveTarget(xcb_window_t requestor, xcb_atom_t property, xcb_atom_t target) {
+bool X11Pasteboard::serveTarget(const Owned& owned, xcb_window_t requestor, xcb_atom_t property,
+                                xcb_atom_t target) {
     xcb_connection_t* c = x_.raw();
     const QString name = x_.atomName(target);
     if (name == QLatin1String("TARGETS")) {
         std::vector<xcb_atom_t> atoms{x_.atom("TARGETS"), x_.atom("TIMESTAMP")};
-        for (const auto& value : owned_->values) {
+        for (const auto& value : owned.values) {
             atoms.push_back(x_.atom(value.first));
         }
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, requestor, property, XCB_ATOM_ATOM, 32,
@@ -408,18 +512,19 @@ bool X11Pasteboard::serveTarget(xcb_window_t requestor, xcb_atom_t property, xcb
         return true;
     }
     if (name == QLatin1String("TIMESTAMP")) {
-        const std::uint32_t time = owned_->time;
+        const std::uint32_t time = owned.time;
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, requestor, property, XCB_ATOM_INTEGER, 32, 1, &time);
         return true;
     }
-    auto it = std::find_if(owned_->values.begin(), owned_->values.end(),
+    auto it = std::find_if(owned.values.begin(), owned.values.end(),
                            [&](const auto& value) { return value.first == name; });
-    if (it == owned_->values.end()) {
+    if (it == owned.values.end()) {
         return false;
     }
     const QByteArray& bytes = it->second;
-    fetched_.insert(owned_->count);
-    const qsizetype largest = std::min<qsizetype>(256 * 1024, qsizetype(xcb_get_maximum_request_length(c)) * 4 - 64);
+    fetched_.insert(owned.count);
+    const qsizetype largest =
+        std::min<qsizetype>(256 * 1024, qsizetype(xcb_get_maximum_request_length(c)) * 4 - 64);
     if (bytes.size() <= largest) {
         xcb_change_property(c, XCB_PROP_MODE_REPLACE, requestor, property, target, 8,
                             static_cast<std::uint32_t>(bytes.size()), bytes.constData());
@@ -431,8 +536,28 @@ bool X11Pasteboard::serveTarget(xcb_window_t requestor, xcb_atom_t property, xcb
     xcb_change_window_attributes(c, requestor, XCB_CW_EVENT_MASK, &events);
     const std::uint32_t size = static_cast<std::uint32_t>(bytes.size());
     xcb_change_property(c, XCB_PROP_MODE_REPLACE, requestor, property, x_.atom("INCR"), 32, 1, &size);
-    transfers_.push_back(OutgoingTransfer{requestor, property, target, bytes, 0});
+    transfers_.push_back(OutgoingTransfer{requestor, property, target, bytes, 0, nowMs()});
+    transferSweep_.start();
     return true;
+}
+
+void X11Pasteboard::dropAbandonedTransfers() {
+    const qint64 now = nowMs();
+    const auto abandoned = [&](const OutgoingTransfer& transfer) {
+        return now - transfer.lastActivityMs >= abandonedTransferMs;
+    };
+    for (const OutgoingTransfer& transfer : transfers_) {
+        if (abandoned(transfer)) {
+            // The window may be gone already; the error that then comes back is harmless.
+            const std::uint32_t none = XCB_EVENT_MASK_NO_EVENT;
+            xcb_change_window_attributes(x_.raw(), transfer.requestor, XCB_CW_EVENT_MASK, &none);
+        }
+    }
+    transfers_.erase(std::remove_if(transfers_.begin(), transfers_.end(), abandoned), transfers_.end());
+    xcb_flush(x_.raw());
+    if (transfers_.empty()) {
+        transferSweep_.stop();
+    }
 }
 
 void X11Pasteboard::continueTransfer(xcb_window_t window, xcb_atom_t property) {
@@ -444,8 +569,8 @@ void X11Pasteboard::continueTransfer(xcb_window_t window, xcb_atom_t property) {
     }
     xcb_connection_t* c = x_.raw();
     const qsizetype chunk = std::min<qsizetype>(64 * 1024, it->bytes.size() - it->offset);
-    xcb_change_property(c, XCB_PROP_MODE_REPLACE, window, property, it->type, 8, static_cast<std::uint32_t>(chunk),
-                        it->bytes.constData() + it->offset);
+    xcb_change_property(c, XCB_PROP_MODE_REPLACE, window, property, it->type, 8,
+                        static_cast<std::uint32_t>(chunk), it->bytes.constData() + it->offset);
     if (chunk == 0) {
         // The empty chunk ends the transfer.
         const std::uint32_t none = XCB_EVENT_MASK_NO_EVENT;
@@ -453,6 +578,7 @@ void X11Pasteboard::continueTransfer(xcb_window_t window, xcb_atom_t property) {
         transfers_.erase(it);
     } else {
         it->offset += chunk;
+        it->lastActivityMs = nowMs();
     }
     xcb_flush(c);
 }
@@ -460,22 +586,18 @@ void X11Pasteboard::continueTransfer(xcb_window_t window, xcb_atom_t property) {
 void X11Pasteboard::handOverToClipboardManager() {
     xcb_connection_t* c = x_.raw();
     const xcb_atom_t manager = x_.atom("CLIPBOARD_MANAGER");
-    auto* reply = xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, manager), nullptr);
-    const bool present = reply && reply->owner != XCB_NONE;
-    std::free(reply);
-    if (!present) {
+    if (x_.selectionOwner(manager) == XCB_NONE) {
         return;
     }
     const xcb_atom_t saveTargets = x_.atom("SAVE_TARGETS");
     xcb_convert_selection(c, x_.window(), manager, saveTargets, XCB_NONE, XCB_CURRENT_TIME);
     // While waiting, our listener keeps serving the manager's requests for the data.
-    xcb_generic_event_t* done = x_.waitForEvent(
+    const XcbReply<xcb_generic_event_t> done(x_.waitForEvent(
         [&](const xcb_generic_event_t* e) {
             return (e->response_type & 0x7f) == XCB_SELECTION_NOTIFY &&
                    as<xcb_selection_notify_event_t>(e)->selection == manager;
         },
-        handOverTimeoutMs);
-    std::free(done);
+        handOverTimeoutMs));
 }
 
 } // namespace parlune::x11

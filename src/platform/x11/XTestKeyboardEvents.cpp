@@ -36,12 +36,15 @@ std::bitset<256> keyBits(const std::uint8_t* keys) {
 
 XTestKeyboardEvents::XTestKeyboardEvents(XcbConnection& connection, Workspace& workspace)
     : x_(connection), workspace_(workspace) {
+    // Watches keys waited out in vain until they are let go, so that pressing them anew counts.
+    releaseWatch_.setInterval(50);
+    QObject::connect(&releaseWatch_, &QTimer::timeout, [this] { forgetReleasedKeys(); });
     // Per-device key state needs XInput 2 (to list the devices) and its 1.x state request.
     const xcb_query_extension_reply_t* xinput = xcb_get_extension_data(x_.raw(), &xcb_input_id);
     if (xinput && xinput->present) {
-        auto* version = xcb_input_xi_query_version_reply(x_.raw(), xcb_input_xi_query_version(x_.raw(), 2, 2), nullptr);
+        const XcbReply<xcb_input_xi_query_version_reply_t> version(
+            xcb_input_xi_query_version_reply(x_.raw(), xcb_input_xi_query_version(x_.raw(), 2, 2), nullptr));
         xinput_ = version && version->major_version >= 2;
-        std::free(version);
     }
 }
 
@@ -52,32 +55,34 @@ XTestKeyboardEvents::HeldKeys XTestKeyboardEvents::heldKeys() const {
         return held;
     }
     xcb_connection_t* c = x_.raw();
-    auto* devices = xcb_input_xi_query_device_reply(c, xcb_input_xi_query_device(c, XCB_INPUT_DEVICE_ALL), nullptr);
+    const XcbReply<xcb_input_xi_query_device_reply_t> devices(
+        xcb_input_xi_query_device_reply(c, xcb_input_xi_query_device(c, XCB_INPUT_DEVICE_ALL), nullptr));
     if (!devices) {
         held.physical = keysDown();
         return held;
     }
-    for (auto it = xcb_input_xi_query_device_infos_iterator(devices); it.rem; xcb_input_xi_device_info_next(&it)) {
+    for (auto it = xcb_input_xi_query_device_infos_iterator(devices.get()); it.rem;
+         xcb_input_xi_device_info_next(&it)) {
         const xcb_input_xi_device_info_t* info = it.data;
         if (info->type != XCB_INPUT_DEVICE_TYPE_SLAVE_KEYBOARD) {
             continue;
         }
-        const QByteArray name(xcb_input_xi_device_info_name(info), xcb_input_xi_device_info_name_length(info));
-        auto* state = xcb_input_query_device_state_reply(
-            c, xcb_input_query_device_state(c, static_cast<std::uint8_t>(info->deviceid)), nullptr);
+        const QByteArray name(xcb_input_xi_device_info_name(info),
+                              xcb_input_xi_device_info_name_length(info));
+        const XcbReply<xcb_input_query_device_state_reply_t> state(xcb_input_query_device_state_reply(
+            c, xcb_input_query_device_state(c, static_cast<std::uint8_t>(info->deviceid)), nullptr));
         if (!state) {
             continue;
         }
-        for (auto cls = xcb_input_query_device_state_classes_iterator(state); cls.rem; xcb_input_input_state_next(&cls)) {
+        for (auto cls = xcb_input_query_device_state_classes_iterator(state.get()); cls.rem;
+             xcb_input_input_state_next(&cls)) {
             if (cls.data->class_id != XCB_INPUT_INPUT_CLASS_KEY) {
                 continue;
             }
             const auto* keys = reinterpret_cast<const xcb_input_key_state_t*>(cls.data);
             (name.contains("XTEST") ? held.synthetic : held.physical) |= keyBits(keys->keys);
         }
-        std::free(state);
     }
-    std::free(devices);
     x_.scheduleDispatch();
     return held;
 }
@@ -105,20 +110,21 @@ std::optional<xcb_keycode_t> XTestKeyboardEvents::keycodeFor(std::uint32_t keysy
 
 std::bitset<256> XTestKeyboardEvents::keysDown() const {
     std::bitset<256> down;
-    auto* reply = xcb_query_keymap_reply(x_.raw(), xcb_query_keymap(x_.raw()), nullptr);
+    const XcbReply<xcb_query_keymap_reply_t> reply(
+        xcb_query_keymap_reply(x_.raw(), xcb_query_keymap(x_.raw()), nullptr));
     if (reply) {
         down = keyBits(reply->keys);
     }
-    std::free(reply);
     x_.scheduleDispatch();
     return down;
 }
 
 std::bitset<256> XTestKeyboardEvents::modifierKeys() const {
     std::bitset<256> keys;
-    auto* reply = xcb_get_modifier_mapping_reply(x_.raw(), xcb_get_modifier_mapping(x_.raw()), nullptr);
+    const XcbReply<xcb_get_modifier_mapping_reply_t> reply(
+        xcb_get_modifier_mapping_reply(x_.raw(), xcb_get_modifier_mapping(x_.raw()), nullptr));
     if (reply) {
-        const xcb_keycode_t* codes = xcb_get_modifier_mapping_keycodes(reply);
+        const xcb_keycode_t* codes = xcb_get_modifier_mapping_keycodes(reply.get());
         const int total = 8 * reply->keycodes_per_modifier;
         for (int i = 0; i < total; ++i) {
             if (codes[i] != 0) {
@@ -126,7 +132,6 @@ std::bitset<256> XTestKeyboardEvents::modifierKeys() const {
             }
         }
     }
-    std::free(reply);
     return keys;
 }
 
@@ -134,25 +139,55 @@ void XTestKeyboardEvents::fake(std::uint8_t type, xcb_keycode_t keycode) {
     xcb_test_fake_input(x_.raw(), type, keycode, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
 }
 
-QCoro::Task<bool> XTestKeyboardEvents::sendCommandKey(std::uint16_t keyCode, ProcessId target, std::stop_token token) {
+QCoro::Task<bool> XTestKeyboardEvents::sendCommandKey(std::uint16_t keyCode, ProcessId target,
+                                                      std::stop_token token) {
+    co_return co_await sendChord(KeyChord{keyCode, KeyChord::command}, target, std::move(token));
+}
+
+void XTestKeyboardEvents::forgetReleasedKeys() {
+    const HeldKeys held = heldKeys();
+    waitedOut_ &= held.physical | held.synthetic;
+    if (waitedOut_.none()) {
+        releaseWatch_.stop();
+    }
+}
+
+XTestKeyboardEvents::HeldKeys XTestKeyboardEvents::heldKeysNotWaitedOut() {
+    HeldKeys held = heldKeys();
+    // A key let go since is no longer waited out: the next time it is held it is waited for again.
+    waitedOut_ &= held.physical | held.synthetic;
+    held.physical &= ~waitedOut_;
+    held.synthetic &= ~waitedOut_;
+    return held;
+}
+
+QCoro::Task<bool> XTestKeyboardEvents::sendChord(KeyChord chord, ProcessId target, std::stop_token token) {
     if (!isAvailable()) {
         co_return false;
     }
-    const std::optional<std::uint32_t> keysym = X11KeyTable::keysymFor(keyCode);
+    const std::optional<std::uint32_t> keysym = X11KeyTable::keysymFor(chord.keyCode);
     const std::optional<xcb_keycode_t> key = keysym ? keycodeFor(*keysym) : std::nullopt;
     const std::optional<xcb_keycode_t> control = keycodeFor(XK_Control_L);
-    if (!key || !control) {
+    const std::optional<xcb_keycode_t> shift = keycodeFor(XK_Shift_L);
+    if (!key || !control || ((chord.modifiers & KeyChord::shift) && !shift)) {
         co_return false;
     }
 
+    // Keys the user still holds once waited for their whole bound are not waited for again while
+    // they stay down: a rewrite sends several chords, and each must not cost the bound anew.
     QElapsedTimer waited;
     waited.start();
-    HeldKeys held = heldKeys();
+    HeldKeys held = heldKeysNotWaitedOut();
     while (held.any() && waited.elapsed() < static_cast<qint64>(releaseWaitSeconds * 1000)) {
         co_await sleepFor(std::chrono::milliseconds(10), token);
-        held = heldKeys();
+        held = heldKeysNotWaitedOut();
     }
     throwIfCancelled(token);
+    waitedOut_ |= held.physical | held.synthetic;
+    if (waitedOut_.any()) {
+        releaseWatch_.start();
+    }
+    held = heldKeys();
 
     // XTest types into whatever has focus: it must still be the target's window.
     const std::optional<RunningApplication> front = workspace_.frontmostApplication();
@@ -168,10 +203,22 @@ QCoro::Task<bool> XTestKeyboardEvents::sendCommandKey(std::uint16_t keyCode, Pro
             lifted.push_back(static_cast<xcb_keycode_t>(code));
         }
     }
-    fake(XCB_KEY_PRESS, *control);
+    const bool withShift = (chord.modifiers & KeyChord::shift) != 0;
+    const bool withControl = (chord.modifiers & KeyChord::command) != 0;
+    if (withControl) {
+        fake(XCB_KEY_PRESS, *control);
+    }
+    if (withShift) {
+        fake(XCB_KEY_PRESS, *shift);
+    }
     fake(XCB_KEY_PRESS, *key);
     fake(XCB_KEY_RELEASE, *key);
-    fake(XCB_KEY_RELEASE, *control);
+    if (withShift) {
+        fake(XCB_KEY_RELEASE, *shift);
+    }
+    if (withControl) {
+        fake(XCB_KEY_RELEASE, *control);
+    }
     // Only modifiers go back down, for the synthetic keyboard's client that still holds them:
     // pressing a letter or the shortcut's key again would type it or fire the shortcut.
     for (xcb_keycode_t code : lifted) {
@@ -180,9 +227,9 @@ QCoro::Task<bool> XTestKeyboardEvents::sendCommandKey(std::uint16_t keyCode, Pro
         }
     }
     // A round trip makes sure the server has processed the events before we report success.
-    auto* focus = xcb_get_input_focus_reply(x_.raw(), xcb_get_input_focus(x_.raw()), nullptr);
+    const XcbReply<xcb_get_input_focus_reply_t> focus(
+        xcb_get_input_focus_reply(x_.raw(), xcb_get_input_focus(x_.raw()), nullptr));
     const bool delivered = focus != nullptr;
-    std::free(focus);
     x_.scheduleDispatch();
     co_return delivered;
 }

@@ -4,6 +4,8 @@
 
 #include <xcb/xcb.h>
 
+#include <QTimer>
+
 #include <bitset>
 #include <optional>
 
@@ -23,7 +25,9 @@ class XcbConnection;
 // `releaseWaitSeconds`, until every keyboard has let go. Keys that are then still held by a
 // synthetic keyboard (another XTest client such as xdotool) are lifted for the chord and their
 // modifiers pressed again afterwards; keys held on a real keyboard cannot be lifted by XTest (and
-// pressing them again synthetically would leave them stuck), so those are left alone.
+// pressing them again synthetically would leave them stuck), so those are left alone. A key whose
+// release was waited for in vain is not waited for again until it has been let go, so a held
+// shortcut costs one bounded wait per rewrite, not one per chord.
 class XTestKeyboardEvents final : public KeyboardEvents {
 public:
     XTestKeyboardEvents(XcbConnection& connection, Workspace& workspace);
@@ -34,6 +38,7 @@ public:
     bool isAvailable() const;
 
     QCoro::Task<bool> sendCommandKey(std::uint16_t keyCode, ProcessId target, std::stop_token token) override;
+    QCoro::Task<bool> sendChord(KeyChord chord, ProcessId target, std::stop_token token) override;
 
     struct HeldKeys {
         std::bitset<256> physical;  // on real keyboards
@@ -46,6 +51,8 @@ public:
     std::bitset<256> keysDown() const;
 
 private:
+    HeldKeys heldKeysNotWaitedOut();
+    void forgetReleasedKeys();
     std::optional<xcb_keycode_t> keycodeFor(std::uint32_t keysym) const;
     std::bitset<256> modifierKeys() const;
     void fake(std::uint8_t type, xcb_keycode_t keycode);
@@ -53,6 +60,8 @@ private:
     XcbConnection& x_;
     Workspace& workspace_;
     bool xinput_ = false;
+    std::bitset<256> waitedOut_;
+    QTimer releaseWatch_;
 };
 
 } // namespace parlune::x11

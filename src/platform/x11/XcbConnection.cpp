@@ -34,8 +34,10 @@ std::unique_ptr<XcbConnection> XcbConnection::open() {
 
 XcbConnection::XcbConnection(xcb_connection_t* connection, xcb_window_t root, xcb_window_t window)
     : connection_(connection), root_(root), window_(window),
-      notifier_(std::make_unique<QSocketNotifier>(xcb_get_file_descriptor(connection), QSocketNotifier::Read)) {
-    QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(), [this] { dispatchPending(); });
+      notifier_(
+          std::make_unique<QSocketNotifier>(xcb_get_file_descriptor(connection), QSocketNotifier::Read)) {
+    QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(),
+                     [this] { dispatchPending(); });
 }
 
 XcbConnection::~XcbConnection() {
@@ -50,10 +52,10 @@ xcb_atom_t XcbConnection::atom(const char* name) {
         return it->second;
     }
     const std::string key(name);
-    auto* reply = xcb_intern_atom_reply(
-        connection_, xcb_intern_atom(connection_, 0, static_cast<std::uint16_t>(key.size()), key.c_str()), nullptr);
+    const XcbReply<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(
+        connection_, xcb_intern_atom(connection_, 0, static_cast<std::uint16_t>(key.size()), key.c_str()),
+        nullptr));
     const xcb_atom_t value = reply ? reply->atom : XCB_NONE;
-    std::free(reply);
     scheduleDispatch();
     if (value != XCB_NONE) {
         atoms_.emplace(key, value);
@@ -62,19 +64,22 @@ xcb_atom_t XcbConnection::atom(const char* name) {
     return value;
 }
 
-xcb_atom_t XcbConnection::atom(const QString& name) { return atom(name.toUtf8().constData()); }
+xcb_atom_t XcbConnection::atom(const QString& name) {
+    return atom(name.toUtf8().constData());
+}
 
 QString XcbConnection::atomName(xcb_atom_t value) {
     auto it = names_.find(value);
     if (it != names_.end()) {
         return it->second;
     }
-    auto* reply = xcb_get_atom_name_reply(connection_, xcb_get_atom_name(connection_, value), nullptr);
+    const XcbReply<xcb_get_atom_name_reply_t> reply(
+        xcb_get_atom_name_reply(connection_, xcb_get_atom_name(connection_, value), nullptr));
     if (!reply) {
         return {};
     }
-    QString name = QString::fromUtf8(xcb_get_atom_name_name(reply), xcb_get_atom_name_name_length(reply));
-    std::free(reply);
+    QString name =
+        QString::fromUtf8(xcb_get_atom_name_name(reply.get()), xcb_get_atom_name_name_length(reply.get()));
     scheduleDispatch();
     names_.emplace(value, name);
     atoms_.emplace(name.toStdString(), value);
@@ -87,7 +92,9 @@ int XcbConnection::addListener(Listener listener) {
     return id;
 }
 
-void XcbConnection::removeListener(int id) { listeners_.erase(id); }
+void XcbConnection::removeListener(int id) {
+    listeners_.erase(id);
+}
 
 void XcbConnection::dispatch(xcb_generic_event_t* event) {
     // Copy: a listener may add or remove listeners.
@@ -166,24 +173,31 @@ xcb_timestamp_t XcbConnection::serverTime() {
 }
 
 std::optional<XcbConnection::Property> XcbConnection::property(xcb_window_t window, xcb_atom_t name,
-                                                                bool deleteAfter) {
+                                                               bool deleteAfter) {
     // Length in 32-bit units; large enough for any property we read in one request.
     constexpr std::uint32_t maxLength = 0x1fffffff;
-    auto* reply = xcb_get_property_reply(
-        connection_, xcb_get_property(connection_, deleteAfter ? 1 : 0, window, name, XCB_GET_PROPERTY_TYPE_ANY, 0, maxLength),
-        nullptr);
+    const XcbReply<xcb_get_property_reply_t> reply(
+        xcb_get_property_reply(connection_,
+                               xcb_get_property(connection_, deleteAfter ? 1 : 0, window, name,
+                                                XCB_GET_PROPERTY_TYPE_ANY, 0, maxLength),
+                               nullptr));
     if (!reply || reply->type == XCB_NONE) {
-        std::free(reply);
         return std::nullopt;
     }
     Property result;
     result.type = reply->type;
     result.format = reply->format;
-    result.bytes = QByteArray(static_cast<const char*>(xcb_get_property_value(reply)),
-                              xcb_get_property_value_length(reply));
+    result.bytes = QByteArray(static_cast<const char*>(xcb_get_property_value(reply.get())),
+                              xcb_get_property_value_length(reply.get()));
     scheduleDispatch();
-    std::free(reply);
     return result;
+}
+
+xcb_window_t XcbConnection::selectionOwner(xcb_atom_t selection) {
+    const XcbReply<xcb_get_selection_owner_reply_t> reply(
+        xcb_get_selection_owner_reply(connection_, xcb_get_selection_owner(connection_, selection), nullptr));
+    scheduleDispatch();
+    return reply ? reply->owner : XCB_NONE;
 }
 
 } // namespace parlune::x11

@@ -6,6 +6,7 @@
 #include <xcb/xcb.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
@@ -15,6 +16,12 @@
 class QSocketNotifier;
 
 namespace parlune::x11 {
+
+// Owns one reply or event handed out by xcb, which are released with free().
+struct XcbFree {
+    void operator()(void* pointer) const { std::free(pointer); }
+};
+template <typename T> using XcbReply = std::unique_ptr<T, XcbFree>;
 
 // This program's own connection to the X server, shared by the clipboard, keyboard and workspace
 // ports. Unlike Qt's connection it can wait for one particular event (a selection reply, a
@@ -48,9 +55,13 @@ public:
     void dispatchPending();
     // Dispatches later on the event loop; call after fetching a reply.
     void scheduleDispatch();
+    // The owner of a selection (a round trip); XCB_NONE when nobody holds it or the server did not
+    // answer.
+    xcb_window_t selectionOwner(xcb_atom_t selection);
     // Reads events until `match` accepts one (returned, caller frees) or `timeoutMs` passes (null).
     // Other events are dispatched as usual while waiting.
-    xcb_generic_event_t* waitForEvent(const std::function<bool(const xcb_generic_event_t*)>& match, int timeoutMs);
+    xcb_generic_event_t* waitForEvent(const std::function<bool(const xcb_generic_event_t*)>& match,
+                                      int timeoutMs);
     // A server time stamp for ownership requests, taken from a property change on our window.
     xcb_timestamp_t serverTime();
 

@@ -120,20 +120,16 @@ HotKeyService::Result XcbHotKeyService::registerHotKey(std::uint32_t keyCode, st
     if (!keysym) {
         return {noSuchKeyStatus, 0};
     }
-    xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(connection_);
-    xcb_keycode_t* codes = symbols ? xcb_key_symbols_get_keycode(symbols, *keysym) : nullptr;
-    const xcb_keycode_t keycode = codes ? codes[0] : XCB_NO_SYMBOL;
-    std::free(codes);
-    if (symbols) {
-        xcb_key_symbols_free(symbols);
-    }
+    const xcb_keycode_t keycode = keycodeFor(*keysym);
     if (keycode == XCB_NO_SYMBOL) {
         return {noSuchKeyStatus, 0};
     }
 
     Grab grab{keycode, X11KeyTable::modifierMaskFor(modifiers), identifier};
+    grab.keysym = *keysym;
+    grab.variants = lockVariants(grab.modifiers);
     std::vector<std::uint16_t> taken;
-    for (std::uint16_t variant : lockVariants(grab.modifiers)) {
+    for (std::uint16_t variant : grab.variants) {
         xcb_void_cookie_t cookie = xcb_grab_key_checked(connection_, 1, root_, variant, keycode,
                                                         XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
         if (xcb_generic_error_t* error = xcb_request_check(connection_, cookie)) {
@@ -152,10 +148,42 @@ HotKeyService::Result XcbHotKeyService::registerHotKey(std::uint32_t keyCode, st
     return {0, handle};
 }
 
+xcb_keycode_t XcbHotKeyService::keycodeFor(std::uint32_t keysym) {
+    // Allocated afresh each time: the table caches the mapping it was made with.
+    xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(connection_);
+    xcb_keycode_t* codes = symbols ? xcb_key_symbols_get_keycode(symbols, keysym) : nullptr;
+    const xcb_keycode_t keycode = codes ? codes[0] : XCB_NO_SYMBOL;
+    std::free(codes);
+    if (symbols) {
+        xcb_key_symbols_free(symbols);
+    }
+    return keycode;
+}
+
 void XcbHotKeyService::ungrab(const Grab& grab) {
-    for (std::uint16_t variant : lockVariants(grab.modifiers)) {
+    if (grab.keycode == XCB_NO_SYMBOL) {
+        return;
+    }
+    for (std::uint16_t variant : grab.variants) {
         xcb_ungrab_key(connection_, grab.keycode, root_, variant);
     }
+}
+
+void XcbHotKeyService::grabAgainAfterMappingChange() {
+    for (auto& [handle, grab] : grabs_) {
+        ungrab(grab);
+        grab.keycode = keycodeFor(grab.keysym);
+        grab.variants = lockVariants(grab.modifiers); // Num Lock may sit on another modifier now
+        grab.held = false;
+        if (grab.keycode == XCB_NO_SYMBOL) {
+            continue; // no key carries it now; a later change may bring it back
+        }
+        for (std::uint16_t variant : grab.variants) {
+            xcb_grab_key(connection_, 1, root_, variant, grab.keycode, XCB_GRAB_MODE_ASYNC,
+                         XCB_GRAB_MODE_ASYNC);
+        }
+    }
+    xcb_flush(connection_);
 }
 
 void XcbHotKeyService::unregisterHotKey(Handle hotKey) {
@@ -170,6 +198,12 @@ void XcbHotKeyService::unregisterHotKey(Handle hotKey) {
 
 bool XcbHotKeyService::handleEvent(const xcb_generic_event_t* event) {
     const std::uint8_t type = event->response_type & 0x7f;
+    if (type == XCB_MAPPING_NOTIFY) {
+        if (reinterpret_cast<const xcb_mapping_notify_event_t*>(event)->request != XCB_MAPPING_POINTER) {
+            grabAgainAfterMappingChange();
+        }
+        return false; // Qt updates its own key tables from it too
+    }
     if (type != XCB_KEY_PRESS && type != XCB_KEY_RELEASE) {
         return false;
     }
@@ -177,7 +211,8 @@ bool XcbHotKeyService::handleEvent(const xcb_generic_event_t* event) {
     if (key->event != root_) {
         return false;
     }
-    constexpr std::uint16_t chordMask = XCB_MOD_MASK_SHIFT | XCB_MOD_MASK_CONTROL | XCB_MOD_MASK_1 | XCB_MOD_MASK_4;
+    constexpr std::uint16_t chordMask =
+        XCB_MOD_MASK_SHIFT | XCB_MOD_MASK_CONTROL | XCB_MOD_MASK_1 | XCB_MOD_MASK_4;
     for (auto& [handle, grab] : grabs_) {
         if (grab.keycode != key->detail) {
             continue;

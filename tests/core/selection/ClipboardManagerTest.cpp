@@ -12,7 +12,7 @@ protected:
 TEST_F(ClipboardManagerTest, SnapshotKeepsOrderSkipsUnreadableTypesAndReadsCountLast) {
     desktop.writePasteboardAsOther(userClipboard());
     desktop.unreadableTypes = {QStringLiteral("application/x-color"), QStringLiteral("image/png")};
-    const ClipboardSnapshot snapshot = clipboard.capture();
+    const ClipboardSnapshot snapshot = runTask(clipboard.capture());
     EXPECT_EQ(snapshot.changeCount, desktop.changeCount());
     ASSERT_EQ(snapshot.items.size(), 2u);
     ASSERT_EQ(snapshot.items[0].values.size(), 2u);
@@ -22,18 +22,18 @@ TEST_F(ClipboardManagerTest, SnapshotKeepsOrderSkipsUnreadableTypesAndReadsCount
 
     desktop.unreadableTypes.clear();
     desktop.clearPasteboard(PasteboardWriter::other);
-    EXPECT_TRUE(clipboard.capture().items.empty());
+    EXPECT_TRUE(runTask(clipboard.capture()).items.empty());
 }
 
 TEST_F(ClipboardManagerTest, RestoreIsByteExactAndOnlyWhenUnchanged) {
     desktop.writePasteboardAsOther(userClipboard());
-    const ClipboardSnapshot snapshot = clipboard.capture();
+    const ClipboardSnapshot snapshot = runTask(clipboard.capture());
     clipboard.setTransientLocalString(QStringLiteral("temporary"));
     const std::int64_t ours = clipboard.changeCount();
 
     desktop.writePasteboardAsOther({pasteboardItem({{SimulatedDesktop::plainTextType(), "newer"}})});
     EXPECT_FALSE(clipboard.restore(snapshot, ours));
-    EXPECT_EQ(clipboard.currentString(), QStringLiteral("newer"));
+    EXPECT_EQ(runTask(clipboard.currentString()), QStringLiteral("newer"));
 
     EXPECT_TRUE(clipboard.restore(snapshot, clipboard.changeCount()));
     EXPECT_EQ(desktop.pasteboardItems(), userClipboard());

@@ -1,5 +1,6 @@
 #include "DesktopTest.h"
 #include "EditorWindow.h"
+#include "OtherClipboardClient.h"
 #include "TaskRunner.h"
 #include "core/async/Clock.h"
 #include "core/selection/ClipboardManager.h"
@@ -20,7 +21,8 @@ protected:
         if (IsSkipped()) {
             return;
         }
-        accessibility = std::make_unique<x11::AtspiAccessibility>(*workspace, [this] { return keyboard->isAvailable(); });
+        accessibility =
+            std::make_unique<x11::AtspiAccessibility>(*workspace, [this] { return keyboard->isAvailable(); });
         if (!accessibility->isBusAvailable()) {
             GTEST_SKIP() << "no accessibility bus";
         }
@@ -157,6 +159,32 @@ TEST_F(AtspiDesktopTest, QtEditorGivesTheSameUtf16RangesAndWrites) {
     EXPECT_EQ(accessibility->setSelectedText(*field, QStringLiteral("x\U0001F642y")), 0);
     EXPECT_EQ(accessibility->stringForRange(*field, {0, 5}), QStringLiteral("ax\U0001F642y"));
     EXPECT_EQ(qtEditor.savedText(), QStringLiteral("ax\U0001F642y cd"));
+}
+
+// The editor, asked to paste, waits in its main thread for our clipboard data; meanwhile the paste
+// confirmation asks the same editor over the bus. With the bus call on our main thread neither
+// could answer the other until a five-second time-out broke the tie; now the worker waits for
+// the editor while our event loop serves the data.
+TEST_F(AtspiDesktopTest, EditorFetchingOurClipboardWhileWeAskItOverTheBusNeverStallsUs) {
+    auto user = OtherClipboardClient::withUsersRichText(*pasteboard);
+    ASSERT_TRUE(user->owns());
+    EditorWindow qtEditor(*workspace, {QStringLiteral(PARLUNE_QT_EDITOR)});
+    ASSERT_TRUE(qtEditor.open(QStringLiteral("alpha beta gamma"), QStringLiteral("qt.txt")));
+    qtEditor.select(6, 4);
+    ASSERT_TRUE(focusedEditorField());
+
+    TextSelectionReplacer pasting = replacer(AppCompatibilityRegistry::defaultRegistry());
+    for (const QString& word : {QStringLiteral("DELTA"), QStringLiteral("epsilon")}) {
+        const CapturedSelection selection = finish(pasting.capture({}));
+        ASSERT_TRUE(selection.selectedRange()) << "read over the bus";
+        StallWatchdog::current()->reset();
+        finish(pasting.replace(word, selection, {}));
+        // A timer, not a time-out: a blocked main thread shows as one long gap between ticks.
+        EXPECT_LT(StallWatchdog::current()->longestStallMs(), 250);
+        EXPECT_EQ(qtEditor.savedText(), QStringLiteral("alpha %1 gamma").arg(word));
+        expectUserClipboardRestored();
+        qtEditor.select(6, static_cast<int>(word.size()));
+    }
 }
 
 } // namespace

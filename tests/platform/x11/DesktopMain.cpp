@@ -2,11 +2,34 @@
 // connects to it, so it is started here rather than in a test fixture. Listing the tests (CTest's
 // discovery) starts nothing.
 #include "DesktopSession.h"
+#include "StallWatchdog.h"
+#include "platform/x11/X11Desktop.h"
 
 #include <QGuiApplication>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+
+namespace {
+
+// Prints, after each suite, the longest main-thread stall while the ports worked in it.
+class StallReport final : public ::testing::EmptyTestEventListener {
+    void OnTestSuiteStart(const ::testing::TestSuite&) override {
+        if (auto* watchdog = parlune::test::StallWatchdog::current()) {
+            watchdog->reset();
+        }
+    }
+    void OnTestSuiteEnd(const ::testing::TestSuite& suite) override {
+        if (auto* watchdog = parlune::test::StallWatchdog::current()) {
+            std::printf("[ STALL    ] %s: longest main-thread stall while the ports worked: %lld ms\n",
+                        suite.name(), static_cast<long long>(watchdog->longestStallMs()));
+            std::fflush(stdout);
+        }
+    }
+};
+
+} // namespace
 
 int main(int argc, char** argv) {
     bool listing = false;
@@ -17,12 +40,15 @@ int main(int argc, char** argv) {
     if (listing) {
         return RUN_ALL_TESTS();
     }
+    parlune::x11::X11Desktop::prepareProcess();
     parlune::test::DesktopSession session;
     session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC));
     parlune::test::DesktopSession::setCurrent(&session);
     int result = 0;
     if (session.isRunning()) {
         QGuiApplication app(argc, argv);
+        parlune::test::StallWatchdog watchdog;
+        ::testing::UnitTest::GetInstance()->listeners().Append(new StallReport);
         result = RUN_ALL_TESTS();
     } else {
         // Without a desktop every test reports itself skipped, with the reason.

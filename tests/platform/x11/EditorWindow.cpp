@@ -72,6 +72,8 @@ void EditorWindow::select(int from, int length) {
     key(keys);
 }
 
+QString EditorWindow::fileText() const { return readFile(path_); }
+
 QString EditorWindow::savedText() {
     const QString before = readFile(path_);
     key({QStringLiteral("ctrl+s")});

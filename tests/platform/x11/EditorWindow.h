@@ -31,6 +31,8 @@ public:
     bool activate();
     // Saves with Ctrl+S and returns the file's text once it changed, or what it holds after 3 s.
     QString savedText();
+    // The file's text as it is now (a program that writes it itself, such as a terminal's cat).
+    QString fileText() const;
 
 private:
     bool waitUntilActive();

@@ -9,6 +9,7 @@
 #include <xcb/xcb_keysyms.h>
 
 #include <cstdlib>
+#include <vector>
 
 namespace parlune::test {
 namespace {
@@ -73,6 +74,61 @@ TEST_F(HotKeyDesktopTest, ShortcutWorksWithNumLockAndCapsLockOn) {
     xdotool({QStringLiteral("key"), QStringLiteral("Caps_Lock"), QStringLiteral("Num_Lock")});
     pumpFor(100);
     EXPECT_FALSE(numLockIsOn());
+}
+
+// Moves every keysym of one key to another, as a layout switch or a remapping tool does.
+class MovedKey {
+public:
+    MovedKey(xcb_connection_t* connection, xcb_keycode_t from, xcb_keycode_t to)
+        : connection_(connection), from_(from), to_(to) {
+        auto* reply = xcb_get_keyboard_mapping_reply(connection, xcb_get_keyboard_mapping(connection, from, 1), nullptr);
+        if (reply) {
+            const xcb_keysym_t* syms = xcb_get_keyboard_mapping_keysyms(reply);
+            syms_.assign(syms, syms + reply->keysyms_per_keycode);
+        }
+        std::free(reply);
+        apply(from_, to_);
+    }
+    ~MovedKey() { apply(to_, from_); }
+    MovedKey(const MovedKey&) = delete;
+    MovedKey& operator=(const MovedKey&) = delete;
+
+private:
+    void apply(xcb_keycode_t emptied, xcb_keycode_t filled) {
+        const std::vector<xcb_keysym_t> none(syms_.size(), XCB_NO_SYMBOL);
+        const auto width = static_cast<std::uint8_t>(syms_.size());
+        xcb_change_keyboard_mapping(connection_, 1, filled, width, syms_.data());
+        xcb_change_keyboard_mapping(connection_, 1, emptied, width, none.data());
+        xcb_flush(connection_);
+        pumpFor(300); // the mapping notice reaches every client
+    }
+
+    xcb_connection_t* connection_;
+    xcb_keycode_t from_;
+    xcb_keycode_t to_;
+    std::vector<xcb_keysym_t> syms_;
+};
+
+TEST_F(HotKeyDesktopTest, ShortcutFollowsItsKeyWhenTheKeyboardMappingChanges) {
+    manager->registerShortcut(controlShiftH, [&] { ++presses; });
+    xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(connection->raw());
+    xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, XK_h);
+    const xcb_keycode_t original = codes ? codes[0] : 0;
+    std::free(codes);
+    // A key that carries nothing (Xvfb's map leaves the top codes empty).
+    xcb_keycode_t spare = 0;
+    for (xcb_keycode_t code = 250; code > 200 && spare == 0; --code) {
+        spare = xcb_key_symbols_get_keysym(symbols, code, 0) == XCB_NO_SYMBOL ? code : 0;
+    }
+    xcb_key_symbols_free(symbols);
+    ASSERT_NE(original, 0);
+    ASSERT_NE(spare, 0);
+    {
+        MovedKey moved(connection->raw(), original, spare);
+        // xdotool types H on whichever key carries it now.
+        EXPECT_EQ(pressesAfter({QStringLiteral("ctrl+shift+h")}), 1);
+    }
+    EXPECT_EQ(pressesAfter({QStringLiteral("ctrl+shift+h")}), 1);
 }
 
 TEST_F(HotKeyDesktopTest, HeldShortcutAutoRepeatsButIsDeliveredOnce) {

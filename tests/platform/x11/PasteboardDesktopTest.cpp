@@ -91,6 +91,25 @@ TEST_F(PasteboardDesktopTest, LargeDataTravelsIncrementallyBothWaysByteForByte) 
     pasteboard->clearContents(); // xclip exits once it loses the clipboard
 }
 
+TEST_F(PasteboardDesktopTest, IncrementalTransferToAClientThatDiedIsDropped) {
+    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("application/octet-stream"), largeBinary()}}}}));
+    // A client of its own asks for the data, then goes away without pulling a single chunk.
+    xcb_connection_t* client = xcb_connect(nullptr, nullptr);
+    ASSERT_FALSE(xcb_connection_has_error(client));
+    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(client)).data->root;
+    const xcb_window_t window = xcb_generate_id(client);
+    xcb_create_window(client, XCB_COPY_FROM_PARENT, window, root, 0, 0, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
+                      XCB_COPY_FROM_PARENT, 0, nullptr);
+    xcb_convert_selection(client, window, connection->atom("CLIPBOARD"), connection->atom("application/octet-stream"),
+                          connection->atom("DATA"), XCB_CURRENT_TIME);
+    xcb_flush(client);
+    ASSERT_TRUE(pumpUntil([&] { return pasteboard->outgoingTransferCount() == 1; }, 3000));
+    xcb_disconnect(client);
+    EXPECT_TRUE(pumpUntil([&] { return pasteboard->outgoingTransferCount() == 0; },
+                          x11::X11Pasteboard::abandonedTransferMs + 3000));
+    pasteboard->clearContents();
+}
+
 TEST_F(PasteboardDesktopTest, EditorSnapshotDropsPseudoTargets) {
     DesktopSession::run({QStringLiteral("sh"), QStringLiteral("-c"),
                          QStringLiteral("printf abc | xclip -selection clipboard -t text/plain -i")});

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "StallWatchdog.h"
 #include "support/RunTask.h"
 
 #include <QCoro/QCoroTask>
@@ -11,9 +12,9 @@
 namespace parlune::test {
 
 // Runs a task on the event loop to its end; unlike QCoro::waitFor it needs no default-constructible
-// result.
-template <typename T>
-T finish(QCoro::Task<T>&& task) {
+// result. The stall watchdog is armed meanwhile.
+template <typename T> T finish(QCoro::Task<T>&& task) {
+    StallWatchdog::Armed armed;
     std::optional<std::conditional_t<std::is_void_v<T>, bool, T>> result;
     std::exception_ptr error;
     bool done = false;
