@@ -108,7 +108,7 @@ ApplicationServices::ApplicationServices(Options options) {
     }
     // 8. updates and start at login
     updater_ = std::make_unique<AppUpdaterController>(UpdateConfiguration::production(),
-                                                      UpdateBuildMetadata::ofThisBuild());
+                                                      UpdateBuildMetadata::ofThisBuild(), options.version);
     autostart_ = std::make_unique<AutostartEntry>(options.executable);
     modelScanner_ = std::make_unique<ModelScanner>(std::make_shared<LlmModelFileInspector>(),
                                                    ModelStorePlaces::fromSystemEnvironment());

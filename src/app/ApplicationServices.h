@@ -56,6 +56,7 @@ public:
     struct Options {
         QString settingsPath;   // empty: the standard location
         QString executable;     // for the autostart entry
+        QString version;        // this build's version, for update checks
         bool useDesktop = true; // false: no ports, as in a session we cannot serve
         // Tests only: rewrites go to this engine instead of the on-device model.
         std::shared_ptr<LocalRewriteEngine> rewriteEngineForTesting;

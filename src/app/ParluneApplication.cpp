@@ -28,6 +28,7 @@
 #include <QGuiApplication>
 #include <QKeySequence>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPalette>
 #include <QSystemTrayIcon>
 
@@ -61,6 +62,19 @@ ParluneApplication::ParluneApplication(ApplicationServices& services, QString sh
         errorPresenter_->show(message);
     });
     reporter_ = std::make_shared<StatusForwarder>(lifetime_.weak(this));
+    services_.updater().setHooks(AppUpdaterController::Hooks{
+        .report =
+            [weak = lifetime_.weak(this)](const QString& message) {
+                if (ParluneApplication* self = weak.lock()) {
+                    self->showStatus(message);
+                }
+            },
+        .confirm =
+            [](const QString& question) {
+                return QMessageBox::question(nullptr, QStringLiteral("Parlune"), question) ==
+                       QMessageBox::Yes;
+            },
+    });
     services_.setStatusReporter(reporter_);
 }
 

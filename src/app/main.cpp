@@ -97,7 +97,8 @@ int main(int argc, char** argv) {
     parlune::TerminationSignals termination([] { QApplication::quit(); });
     int status = 0;
     {
-        parlune::app::ApplicationServices services({.executable = QCoreApplication::applicationFilePath()});
+        parlune::app::ApplicationServices services({.executable = QCoreApplication::applicationFilePath(),
+                                                    .version = QStringLiteral(PARLUNE_VERSION)});
         parlune::app::ParluneApplication application(services, QStringLiteral(PARLUNE_VERSION));
         controller = &application;
         application.applicationDidFinishLaunching();

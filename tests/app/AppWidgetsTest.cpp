@@ -1,3 +1,4 @@
+#include "app/AppUpdaterController.h"
 #include "app/OptionKeyRecorderView.h"
 #include "app/PreferencesSectionView.h"
 #include "core/diagnostics/DiagnosticsLogger.h"
@@ -125,6 +126,35 @@ TEST(AutostartEntryTest, EntryIsWrittenWithAQuotedCommandAndRemoved) {
     ASSERT_TRUE(entry.setEnabled(false));
     EXPECT_FALSE(entry.isEnabled());
     EXPECT_TRUE(entry.setEnabled(false)); // already off
+}
+
+TEST(AppUpdaterControllerTest, OnlyTheProductionFeedAndKeyGetAnUpdaterOthersOpenTheDownloadPage) {
+    std::vector<QUrl> opened;
+    bool openSucceeds = true;
+    const AppUpdaterController::Hooks hooks{.openUrl = [&](const QUrl& url) {
+        opened.push_back(url);
+        return openSucceeds;
+    }};
+    const QString feed = UpdateConfiguration::productionAppcastURL().toString();
+    const QString key = QString::fromLatin1(UpdateConfiguration::productionSparklePublicEDKey);
+
+    AppUpdaterController development(UpdateConfiguration::production(), {}, QStringLiteral("0.1.0"), hooks);
+    EXPECT_FALSE(development.hasUpdater());
+    EXPECT_TRUE(development.canCheckForUpdates());
+    EXPECT_TRUE(development.checkForUpdates());
+    ASSERT_EQ(opened.size(), 1u);
+    EXPECT_EQ(opened[0], QUrl(QStringLiteral("https://parlune.app/download")));
+    openSucceeds = false;
+    EXPECT_FALSE(development.checkForUpdates()); // the caller then tells the user where to go
+
+    AppUpdaterController trailingSlash(UpdateConfiguration::production(), {feed + u'/', key},
+                                       QStringLiteral("0.1.0"), hooks);
+    EXPECT_FALSE(trailingSlash.hasUpdater());
+    AppUpdaterController production(UpdateConfiguration::production(), {feed, key}, QStringLiteral("0.1.0"),
+                                    hooks);
+    EXPECT_TRUE(production.hasUpdater());
+    EXPECT_TRUE(production.canCheckForUpdates());
+    EXPECT_EQ(opened.size(), 2u); // nothing opened, nothing fetched by just existing
 }
 
 } // namespace
