@@ -110,10 +110,13 @@ float worstDifference(const std::vector<float>& a, const std::vector<float>& b, 
     return worst;
 }
 
+// A directory of this process's own: several test runs may share the machine.
 std::filesystem::path scratchDirectory(const std::string& name) {
-    const std::filesystem::path dir = std::filesystem::temp_directory_path() / ("parlune-oracle-" + name);
-    std::filesystem::create_directories(dir);
-    return dir;
+    std::string pattern = (std::filesystem::temp_directory_path() / ("parlune-oracle-" + name + "-XXXXXX")).string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("cannot create a scratch directory for " + name);
+    }
+    return pattern;
 }
 
 class OracleTest : public ::testing::TestWithParam<OracleCase> {
