@@ -67,6 +67,15 @@ QWidget* modelRow(const QString& title, const QString& facts, QPushButton* actio
     return row;
 }
 
+QPushButton* buttonFor(const std::vector<std::pair<QString, QPushButton*>>& buttons, const QString& key) {
+    for (const auto& [name, button] : buttons) {
+        if (name == key) {
+            return button;
+        }
+    }
+    return nullptr;
+}
+
 } // namespace
 
 ModelLibraryView::ModelLibraryView(Dependencies dependencies, QWidget* parent)
@@ -150,6 +159,7 @@ void ModelLibraryView::rebuildLists() {
     clear(available_);
     useButtons_.clear();
     downloadButtons_.clear();
+    speedButtons_.clear();
 
     const QString current = dependencies_.currentModelPath ? dependencies_.currentModelPath() : QString();
     const QList<DiscoveredModel>& models = dependencies_.scanner.models();
@@ -181,8 +191,30 @@ void ModelLibraryView::rebuildLists() {
         QString line = facts.join(QStringLiteral(" · "));
         if (!model.usable()) {
             line += QStringLiteral("\nCannot be used: ") + model.facts.problem;
+        } else if (const auto speed = speeds_.find(path); speed != speeds_.end()) {
+            line += u'\n' + speed->second;
         }
-        installed_->addWidget(modelRow(model.displayName, line, use, this));
+        QWidget* row = modelRow(model.displayName, line, use, this);
+        if (model.usable() && dependencies_.measureSpeed) {
+            auto* measure = new QPushButton(QStringLiteral("Test Speed"), row);
+            Style::apply(*measure, Style::ButtonStyle::text);
+            measure->setAccessibleName(QStringLiteral("Test the speed of %1").arg(model.displayName));
+            measure->setEnabled(speeds_[path] != QStringLiteral("Measuring…"));
+            if (speeds_[path].isEmpty()) {
+                speeds_.erase(path);
+            }
+            QObject::connect(measure, &QPushButton::clicked, [this, path] {
+                speeds_[path] = QStringLiteral("Measuring…");
+                refresh();
+                dependencies_.measureSpeed(path, [this, path](const QString& result) {
+                    speeds_[path] = result;
+                    refresh();
+                });
+            });
+            static_cast<QHBoxLayout*>(row->layout())->insertWidget(1, measure, 0, Qt::AlignTop);
+            speedButtons_.emplace_back(path, measure);
+        }
+        installed_->addWidget(row);
         useButtons_.emplace_back(path, use);
     }
 
@@ -330,21 +362,20 @@ void ModelLibraryView::showDownloadState() {
 }
 
 QPushButton* ModelLibraryView::useButton(const QString& path) const {
-    for (const auto& [key, button] : useButtons_) {
-        if (key == path) {
-            return button;
-        }
-    }
-    return nullptr;
+    return buttonFor(useButtons_, path);
 }
 
 QPushButton* ModelLibraryView::downloadButton(const QString& catalogueId) const {
-    for (const auto& [key, button] : downloadButtons_) {
-        if (key == catalogueId) {
-            return button;
-        }
-    }
-    return nullptr;
+    return buttonFor(downloadButtons_, catalogueId);
+}
+
+QPushButton* ModelLibraryView::speedButton(const QString& path) const {
+    return buttonFor(speedButtons_, path);
+}
+
+QString ModelLibraryView::speedOf(const QString& path) const {
+    const auto found = speeds_.find(path);
+    return found == speeds_.end() ? QString() : found->second;
 }
 
 } // namespace parlune::app

@@ -7,6 +7,7 @@
 #include <QFrame>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -38,6 +39,8 @@ public:
         // The file rewrites use now (empty when none), and how to make `path` the one.
         std::function<QString()> currentModelPath;
         std::function<void(const QString& path)> useModel;
+        // Measures a file's speed here and calls back with one line (or why it could not).
+        std::function<void(const QString& path, std::function<void(const QString& line)> done)> measureSpeed;
         // Tests only: how downloads reach the server.
         DownloadTransport transport;
     };
@@ -55,6 +58,9 @@ public:
     // Buttons by the model they act on, for keyboard users' tab order and for tests.
     QPushButton* useButton(const QString& path) const;
     QPushButton* downloadButton(const QString& catalogueId) const;
+    QPushButton* speedButton(const QString& path) const;
+    // The last speed test of a file ("Measuring…" while it runs); empty when none ran.
+    QString speedOf(const QString& path) const;
     QPushButton& pauseButton() { return *pause_; }
     QPushButton& cancelButton() { return *cancel_; }
 
@@ -77,6 +83,8 @@ private:
     QString destination_;
     std::vector<std::pair<QString, QPushButton*>> useButtons_;
     std::vector<std::pair<QString, QPushButton*>> downloadButtons_;
+    std::vector<std::pair<QString, QPushButton*>> speedButtons_;
+    std::map<QString, QString> speeds_; // by path: the measured line, or "Measuring…"
     std::vector<Subscription> subscriptions_;
     std::vector<Subscription> downloadSubscriptions_;
 };

@@ -8,6 +8,7 @@
 #include "app/Style.h"
 #include "core/async/Sleep.h"
 #include "core/diagnostics/DiagnosticsLogger.h"
+#include "core/diagnostics/UserFacingErrorMessage.h"
 #include "core/engine/OnDeviceModelClient.h"
 #include "core/hotkeys/HotKeyManager.h"
 #include "core/models/ModelScanner.h"
@@ -21,6 +22,7 @@
 #include "core/shell/StatusMenuModel.h"
 #include "core/shell/TransientStatus.h"
 #include "engine/ModelLocator.h"
+#include "engine/ModelSpeedTest.h"
 #include "engine/OnDeviceEngine.h"
 #include "platform/linux/SystemTransitionWatcher.h"
 
@@ -126,6 +128,9 @@ void ParluneApplication::applicationDidBecomeActive() {
 
 void ParluneApplication::applicationWillTerminate() {
     warmth_.cancel();
+    for (TaskHandle& test : speedTests_) {
+        test.cancel();
+    }
     launchPreparation_.cancel();
     activePreparation_.cancel();
     for (const QMetaObject::Connection& connection : connections_) {
@@ -346,6 +351,10 @@ SettingsWindowController& ParluneApplication::settingsWindow() {
                     .modelsFolder = QString::fromStdString(ModelLocator::defaultModelsFolder().string()),
                     .currentModelPath = [this] { return services_.currentModelPath(); },
                     .useModel = [this](const QString& path) { useModel(path); },
+                    .measureSpeed =
+                        [this](const QString& path, std::function<void(const QString&)> done) {
+                            measureSpeed(path, std::move(done));
+                        },
                 },
         });
     }
@@ -365,6 +374,25 @@ void ParluneApplication::showSettings() {
             settingsWindow_->refresh();
         }));
     }
+}
+
+void ParluneApplication::measureSpeed(const QString& path, std::function<void(const QString&)> done) {
+    speedTests_.push_back(spawnTask([weak = lifetime_.weak(this), path,
+                                     done = std::move(done)](std::stop_token token) -> QCoro::Task<void> {
+        QString line;
+        try {
+            line = ModelSpeedTest::describe(co_await ModelSpeedTest::measure(path, token));
+        } catch (const CancellationError&) {
+            throw;
+        } catch (...) {
+            const std::exception_ptr error = std::current_exception();
+            const QString detail = UserFacingErrorMessage::detail(error);
+            line = UserFacingErrorMessage::message(error) + (detail.isEmpty() ? QString() : u' ' + detail);
+        }
+        if (weak.lock()) {
+            done(line);
+        }
+    }));
 }
 
 void ParluneApplication::useModel(const QString& path) {

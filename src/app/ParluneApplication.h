@@ -6,6 +6,7 @@
 
 #include <QString>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -57,6 +58,8 @@ public:
     void rewriteSelection();
     // Makes `path` the model to use and prepares it.
     void useModel(const QString& path);
+    // Runs a short speed test of a model file and calls back with its line.
+    void measureSpeed(const QString& path, std::function<void(const QString&)> done);
 
     bool shouldPresentOnboardingImmediately() const;
     bool shouldShowOnboarding() const;
@@ -92,6 +95,7 @@ private:
     std::vector<QMetaObject::Connection> connections_;
     bool subscribedToDownloads_ = false;
     TaskHandle warmth_;
+    std::vector<TaskHandle> speedTests_;
     TaskHandle launchPreparation_;
     TaskHandle activePreparation_;
     LifetimeToken lifetime_;

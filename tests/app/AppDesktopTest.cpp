@@ -219,6 +219,13 @@ TEST_F(AppDesktopTest, ModelLibraryChoosesAFoundModelAndDownloadsAVerifiedOne) {
     EXPECT_EQ(
         QSettings(settingsPath(), QSettings::IniFormat).value(QStringLiteral("localModelPath")).toString(),
         found);
+    // A speed test on this computer, with an engine of its own.
+    ASSERT_NE(library->speedButton(found), nullptr);
+    library->speedButton(found)->click();
+    EXPECT_EQ(library->speedOf(found), QStringLiteral("Measuring…"));
+    ASSERT_TRUE(
+        pumpUntil([&] { return library->speedOf(found).contains(QStringLiteral("tokens/s")); }, 20000))
+        << library->speedOf(found).toStdString();
 
     // The server sends half of the file the first time and closes the connection.
     QTemporaryDir served;
