@@ -2,6 +2,7 @@
 // real settings file. Screenshots of what a person sees go to the build tree.
 #include "DesktopSession.h"
 #include "DesktopTest.h"
+#include "ParluneProcess.h"
 #include "app/ApplicationServices.h"
 #include "app/CompactErrorPresenter.h"
 #include "app/ModelLibraryView.h"
@@ -16,7 +17,6 @@
 #include "core/shell/AppReadiness.h"
 #include "core/shell/TransientStatus.h"
 #include "core/shell/WorkflowTest.h"
-#include "llm/testing/TestModelMaker.h"
 #include "support/QtPrinters.h"
 #include "support/RunTask.h"
 #include "support/ScriptedRewriteEngine.h"
@@ -57,14 +57,6 @@ protected:
         qputenv("XDG_CONFIG_HOME", home.filePath(QStringLiteral("config")).toUtf8());
         qputenv("XDG_DATA_HOME", home.filePath(QStringLiteral("data")).toUtf8());
         qunsetenv("PARLUNE_MODEL");
-    }
-
-    void useModel() {
-        const QString model = home.filePath(QStringLiteral("model.gguf"));
-        llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
-        recipe.tiedOutput = false;
-        llm::TestModelMaker::write(recipe, model.toStdString());
-        qputenv("PARLUNE_MODEL", model.toUtf8());
     }
 
     void launch(std::shared_ptr<LocalRewriteEngine> engine = nullptr) {
@@ -199,9 +191,7 @@ TEST_F(AppDesktopTest, ModelLibraryChoosesAFoundModelAndDownloadsAVerifiedOne) {
     const QString snapshot = home.filePath(QStringLiteral("hf/models--acme--tiny/snapshots/0123abcd"));
     ASSERT_TRUE(QDir().mkpath(snapshot));
     const QString found = snapshot + QStringLiteral("/tiny-q8.gguf");
-    llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
-    recipe.tiedOutput = false;
-    llm::TestModelMaker::write(recipe, found.toStdString());
+    writeTinyModel(found);
     qputenv("HF_HUB_CACHE", home.filePath(QStringLiteral("hf")).toUtf8());
     launch();
     qunsetenv("HF_HUB_CACHE");

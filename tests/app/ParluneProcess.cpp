@@ -17,6 +17,12 @@
 
 namespace parlune::test {
 
+void writeTinyModel(const QString& path) {
+    llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
+    recipe.tiedOutput = false;
+    llm::TestModelMaker::write(recipe, path.toStdString());
+}
+
 ParluneProcess::ParluneProcess(const QTemporaryDir& home, Options options)
     : home_(home), options_(std::move(options)) {}
 
@@ -30,9 +36,7 @@ bool ParluneProcess::start() {
     if (model.isEmpty() && !options_.noModel) {
         model = home_.filePath(QStringLiteral("model.gguf"));
         if (!QFileInfo::exists(model)) {
-            llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
-            recipe.tiedOutput = false; // a tied random model answers with blanks
-            llm::TestModelMaker::write(recipe, model.toStdString());
+            writeTinyModel(model);
         }
     }
     qputenv("XDG_CONFIG_HOME", home_.filePath(QStringLiteral("config")).toUtf8());

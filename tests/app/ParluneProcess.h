@@ -12,6 +12,10 @@ class EwmhWorkspace;
 
 namespace parlune::test {
 
+// A tiny random-weight model our writer makes, which the whole rewrite path accepts (untied: a
+// tied random model answers with blanks).
+void writeTinyModel(const QString& path);
+
 // One running `parlune` on the test desktop, with its own settings and data folders under `home`
 // and a model file (a tiny one made by our writer unless another is given).
 class ParluneProcess {

@@ -72,9 +72,9 @@ void SystemTransitionWatcher::armClockWatch() {
         clockNotifier_ = std::make_unique<QSocketNotifier>(clockFd_, QSocketNotifier::Read);
         QObject::connect(clockNotifier_.get(), &QSocketNotifier::activated, this, [this] { onClockFired(); });
     }
-    itimerspec spec{};
-    spec.it_value.tv_sec = std::time(nullptr) + 10L * 365 * 24 * 3600;
-    ::timerfd_settime(clockFd_, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &spec, nullptr);
+    itimerspec timer{};
+    timer.it_value.tv_sec = std::time(nullptr) + 10L * 365 * 24 * 3600;
+    ::timerfd_settime(clockFd_, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &timer, nullptr);
 }
 
 void SystemTransitionWatcher::onClockFired() {
