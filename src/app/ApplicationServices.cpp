@@ -95,13 +95,8 @@ ApplicationServices::ApplicationServices(Options options) {
                                                             *diagnostics_, SystemClock::shared());
         hotKeyManager_ = std::make_unique<HotKeyManager>(desktop_->hotKeys());
     }
-    workflowTest_ = std::make_unique<WorkflowTest>(
-        *settings_, *rewriteEngine_, *replacer, *diagnostics_, *readiness_,
-        [permission, readiness = readiness_.get()] {
-            if (permission) {
-                permission->requestAndOpenSettings([readiness] { readiness->refreshSystemChecks(); });
-            }
-        });
+    workflowTest_ = std::make_unique<WorkflowTest>(*settings_, *rewriteEngine_, *replacer, *diagnostics_,
+                                                   *readiness_, [this] { requestAccessibility(); });
     // The workflow test keeps a reference; the replacer lives as long as this object.
     if (!replacer_) {
         unavailableReplacer_ = std::move(replacer);
@@ -154,6 +149,14 @@ QString ApplicationServices::modelFileSummary() {
         return file + QStringLiteral(": ") + QString::fromStdString(chosen->problem);
     }
     return QStringLiteral("Model: %1 (%2)").arg(QString::fromStdString(chosen->name), file);
+}
+
+bool ApplicationServices::requestAccessibility() {
+    if (!accessibilityPermission_) {
+        return false;
+    }
+    accessibilityPermission_->requestAndOpenSettings([this] { readiness_->refreshSystemChecks(); });
+    return true;
 }
 
 void ApplicationServices::useModel(const QString& path) {

@@ -80,6 +80,9 @@ public:
     ModelScanner& modelScanner() { return *modelScanner_; }
     const QList<CatalogueEntry>& catalogue() const { return catalogue_; }
     const QString& catalogueProblem() const { return catalogueProblem_; }
+    // Asks for accessibility control and opens the desktop's settings for it; false when this
+    // session has no desktop ports to ask for.
+    bool requestAccessibility();
     // Makes `path` the model rewrites use and prepares it.
     void useModel(const QString& path);
     // The file rewrites use now; empty when there is none.

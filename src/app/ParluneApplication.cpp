@@ -320,17 +320,16 @@ void ParluneApplication::selectRewriteMode(const QString& rawValue) {
 
 SettingsWindowController& ParluneApplication::settingsWindow() {
     if (!settingsWindow_) {
-        AccessibilityPermission* permission = services_.accessibilityPermission();
-        AppReadiness* readiness = &services_.readiness();
         settingsWindow_ = std::make_unique<SettingsWindowController>(SettingsWindowController::Dependencies{
             .settings = services_.settings(),
             .readiness = services_.readiness(),
             .diagnostics = services_.diagnostics(),
             .workflowTest = services_.workflowTest(),
             .requestAccessibility =
-                [permission, readiness] {
-                    if (permission) {
-                        permission->requestAndOpenSettings([readiness] { readiness->refreshSystemChecks(); });
+                [this] {
+                    if (!services_.requestAccessibility() && services_.desktopProblem()) {
+                        // No desktop ports at all: no setting can help, so say what is missing.
+                        showStatus(*services_.desktopProblem());
                     }
                 },
             .modelFileSummary =
