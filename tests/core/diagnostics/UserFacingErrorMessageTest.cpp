@@ -42,15 +42,17 @@ TEST(UserFacingErrorMessageTest, EverySelectionErrorHasItsSentence) {
     }
 }
 
-TEST(UserFacingErrorMessageTest, EveryEngineErrorHasItsSentenceInMacOSWords) {
-    ScopedPlatformTerms mac(PlatformTerms::macOS());
+TEST(UserFacingErrorMessageTest, EveryEngineErrorHasItsSentenceInLinuxWords) {
+    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     using Kind = LocalRewriteEngineError::Kind;
     const std::vector<std::pair<Kind, const char*>> expected = {
-        {Kind::deviceNotEligible, "This Mac does not support Parlune's on-device rewriting."},
-        {Kind::appleIntelligenceNotEnabled, "Enable on-device intelligence in System Settings to use Parlune."},
+        {Kind::deviceNotEligible, "This computer does not support Parlune's on-device rewriting."},
+        {Kind::appleIntelligenceNotEnabled,
+         "Enable on-device intelligence in your desktop's settings to use Parlune."},
         {Kind::modelNotReady, "The on-device model is still preparing. Try again when it is ready."},
         {Kind::unsupportedLocale, "The on-device model does not support the current language or locale."},
-        {Kind::selectionTooLong, "That selection is too long for the on-device model. Select a shorter passage."},
+        {Kind::selectionTooLong,
+         "That selection is too long for the on-device model. Select a shorter passage."},
         {Kind::safetyRestricted, "The on-device model could not rewrite that selection."},
         {Kind::modelBusy, "The on-device model is temporarily busy. Try again in a moment."},
         {Kind::generationFailed, "The on-device model could not complete that rewrite. Try again."},
@@ -60,15 +62,6 @@ TEST(UserFacingErrorMessageTest, EveryEngineErrorHasItsSentenceInMacOSWords) {
         EXPECT_EQ(UserFacingErrorMessage::message(LocalRewriteEngineError(kind)), text);
         EXPECT_EQ(viaPointer(LocalRewriteEngineError(kind)), text);
     }
-}
-
-TEST(UserFacingErrorMessageTest, PlatformSentencesUseLinuxWordsOnLinux) {
-    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
-    using Kind = LocalRewriteEngineError::Kind;
-    EXPECT_EQ(UserFacingErrorMessage::message(LocalRewriteEngineError(Kind::deviceNotEligible)),
-              "This computer does not support Parlune's on-device rewriting.");
-    EXPECT_EQ(UserFacingErrorMessage::message(LocalRewriteEngineError(Kind::appleIntelligenceNotEnabled)),
-              "Enable on-device intelligence in your desktop's settings to use Parlune.");
 }
 
 TEST(UserFacingErrorMessageTest, OtherErrorsShowTheirOwnDescription) {

@@ -21,10 +21,6 @@ using testing::FakeHotKeyService;
 const HotKeyShortcut optionSpace{49, 2048, "Option+Space"};
 const HotKeyShortcut commandShiftH{4, 768, "Command+Shift+H"};
 
-TEST(HotKeyManagerTest, SignatureIsPLHKFoldedBigEndian) {
-    EXPECT_EQ(HotKeyManager::signature, 0x504C484Bu);
-}
-
 TEST(HotKeyManagerTest, RegistersHandlerThenKeyAndRunsActionOncePerPress) {
     FakeHotKeyService service;
     HotKeyManager manager(service);
@@ -159,19 +155,6 @@ TEST(HotKeyManagerTest, ActionMayReRegisterFromInsideAPress) {
     EXPECT_EQ(service.keys.begin()->second, std::make_pair(4u, 768u));
     service.press();
     EXPECT_EQ(presses, 11);
-}
-
-TEST(HotKeyManagerTest, LinuxDescriptionNamesTheXError) {
-    testing::ScopedPlatformTerms linux(PlatformTerms::linux());
-    FakeHotKeyService service;
-    service.registerStatus = 10;
-    HotKeyManager manager(service);
-    try {
-        manager.registerShortcut(optionSpace, [] {});
-        FAIL() << "registration should fail";
-    } catch (const HotKeyError& error) {
-        EXPECT_STREQ(error.what(), "Could not register the hotkey. X11 error 10.");
-    }
 }
 
 } // namespace

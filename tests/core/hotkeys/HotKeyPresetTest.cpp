@@ -20,18 +20,6 @@ namespace {
 
 using testing::ScopedPlatformTerms;
 
-TEST(HotKeyPresetTest, MacOSCatalogueKeepsOrderCodesAndListedNames) {
-    ScopedPlatformTerms mac(PlatformTerms::macOS());
-    const std::vector<HotKeyPreset> expected = {
-        {"option-space", "Option+Space", 49, 2048},
-        {"command-shift-h", "Command+Shift+H", 4, 768},
-        {"control-option-r", "Control+Option+R", 15, 6144},
-    };
-    EXPECT_EQ(HotKeyPreset::all(), expected);
-    EXPECT_EQ(HotKeyPreset::defaultID, u"option-space");
-    EXPECT_EQ(HotKeyShortcut::defaultShortcut(), (HotKeyShortcut{49, 2048, "Option+Space"}));
-}
-
 TEST(HotKeyPresetTest, LinuxCatalogueUsesLinuxModifierWordsWithSameCodes) {
     ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     const std::vector<HotKeyPreset> expected = {
@@ -49,11 +37,8 @@ TEST(HotKeyPresetTest, LinuxWordsAreTheDefaultOfThisBuild) {
 
 TEST(HotKeyPresetTest, LookupIsExactAndFallsBackToTheDefault) {
     ScopedPlatformTerms mac(PlatformTerms::macOS());
-    const HotKeyPreset found = HotKeyPreset::preset(u"control-option-r");
-    EXPECT_EQ(found.keyCode, 15u);
-    EXPECT_EQ(found.carbonModifiers, 6144u);
-    EXPECT_EQ(found.name, "Control+Option+R");
-    EXPECT_EQ(found.shortcut(), (HotKeyShortcut{15, 6144, "Control+Option+R"}));
+    EXPECT_EQ(HotKeyPreset::preset(u"control-option-r").shortcut(),
+              (HotKeyShortcut{15, 6144, "Control+Option+R"}));
     for (const char16_t* unknown : {u"Control-Option-R", u"", u" option-space", u"command-shift-h ", u"nope"}) {
         EXPECT_EQ(HotKeyPreset::preset(unknown).id, "option-space") << QString::fromUtf16(unknown).toStdString();
     }
@@ -75,7 +60,6 @@ TEST(HotKeyErrorTest, DescriptionNamesThePlatformStatus) {
         EXPECT_STREQ(error.what(), "Could not register the hotkey. OSStatus -9878.");
         EXPECT_EQ(error.status(), -9878);
         EXPECT_EQ(error.errorCase(), HotKeyError::Case::registrationFailed);
-        EXPECT_STREQ(HotKeyError::registrationFailed(0).what(), "Could not register the hotkey. OSStatus 0.");
         EXPECT_STREQ(HotKeyError::registrationFailed(INT32_MIN).what(),
                      "Could not register the hotkey. OSStatus -2147483648.");
     }

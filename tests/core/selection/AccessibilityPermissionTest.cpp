@@ -51,15 +51,7 @@ TEST_F(AccessibilityPermissionTest, RefusedOpensTheSettingsLocationOrTheSettings
     ASSERT_EQ(desktop.openedApplications.size(), 1u);
     EXPECT_EQ(desktop.openedApplications[0],
               QString::fromUtf8(PlatformTerms::linux().settingsApplicationPath.data()));
-
-    // The macOS words lead to the system's own locations.
-    desktop.opensUrls = true;
-    AccessibilityPermission mac(desktop.accessibility(), desktop.workspace(), PlatformTerms::macOS());
-    mac.requestAndOpenSettings({});
-    EXPECT_EQ(
-        desktop.openedUrls.back(),
-        QStringLiteral("x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility"));
-    EXPECT_EQ(desktop.promptCount, 3);
+    EXPECT_EQ(desktop.promptCount, 2);
 }
 
 } // namespace

@@ -77,15 +77,6 @@ TEST(CapturedSelectionTest, CopiesShareOneElementHandle) {
     EXPECT_TRUE(watch.expired());
 }
 
-TEST(SelectionRecordsTest, StrategyRawValuesAreExact) {
-    using namespace selection_replacement_strategy;
-    EXPECT_EQ(fromRawValue("directAccessibility"), SelectionReplacementStrategy::directAccessibility);
-    EXPECT_EQ(fromRawValue("clipboardFallback"), SelectionReplacementStrategy::clipboardFallback);
-    EXPECT_FALSE(fromRawValue("DirectAccessibility"));
-    EXPECT_FALSE(fromRawValue("clipboard"));
-    EXPECT_FALSE(fromRawValue(""));
-}
-
 TEST(SelectionRecordsTest, ErrorDescriptionsAreExact) {
     using Kind = TextReplacementError::Kind;
     const std::pair<Kind, const char*> expected[] = {

@@ -54,10 +54,6 @@ TEST_F(ClipboardManagerTest, TransientStringsCarryThePlatformMarkers) {
     EXPECT_EQ(values[3],
               std::make_pair(QStringLiteral("x-kde-passwordManagerHint"), QByteArrayLiteral("secret")));
     EXPECT_GE(desktop.pasteboard().localAnnouncements, 1);
-
-    ClipboardManager macOS(desktop.pasteboard(), ClipboardManager::macOSMarkers());
-    macOS.setTransientLocalString(QStringLiteral("x"));
-    EXPECT_EQ(desktop.pasteboardItems()[0].values.size(), 3u);
 }
 
 TEST(AppCompatibilityRegistryTest, PermitsExactlyTheListedIdentifiers) {

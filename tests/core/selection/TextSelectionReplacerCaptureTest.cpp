@@ -40,34 +40,23 @@ TEST_F(CaptureTest, DirectReadChoosesStrategyByRegistryAndSettability) {
     EXPECT_TRUE(desktop.sentKeys().empty());
 }
 
-TEST_F(CaptureTest, TextReadOnlyByRangeIsAlwaysPasted) {
-    listEditor();
-    desktop.field(fieldA)->selectedTextReadable = false;
-    CapturedSelection selection = capture();
-    EXPECT_EQ(selection.text(), QStringLiteral("world"));
-    EXPECT_EQ(selection.replacementStrategy(), Strategy::clipboardFallback);
-    EXPECT_EQ(selection.selectedRange(), (TextRange{6, 5}));
-    EXPECT_TRUE(pasteboardUntouched());
-}
-
-TEST_F(CaptureTest, RangeCountsUtf16UnitsAfterAstralCharacters) {
+TEST_F(CaptureTest, TextReadOnlyByRangeCountsUtf16UnitsAndIsAlwaysPasted) {
     // "🙂 ok 👍🏽 fine": each emoji is two UTF-16 units (the skin tone modifier two more).
+    listEditor();
     desktop.field(fieldA)->text = QStringLiteral("🙂 ok 👍🏽 fine");
     desktop.field(fieldA)->selectedTextReadable = false;
     desktop.select(fieldA, {6, 9}); // "👍🏽 fine"
     CapturedSelection selection = capture();
     EXPECT_EQ(selection.text(), QStringLiteral("👍🏽 fine"));
     EXPECT_EQ(selection.selectedRange(), (TextRange{6, 9}));
+    EXPECT_EQ(selection.replacementStrategy(), Strategy::clipboardFallback);
+    EXPECT_TRUE(pasteboardUntouched());
 }
 
-TEST_F(CaptureTest, CaretWithoutSelectionIsNoSelectedText) {
+TEST_F(CaptureTest, NothingButACaretOrBlanksIsNoSelectedTextWhicheverWayItIsRead) {
     desktop.select(fieldA, {3, 0});
     EXPECT_EQ(failureOf(replacer->capture({})), Kind::noSelectedText);
-    EXPECT_TRUE(pasteboardUntouched());
     EXPECT_TRUE(desktop.sentKeys().empty());
-}
-
-TEST_F(CaptureTest, BlanksAloneAreNoSelectedTextWhicheverWayTheyAreRead) {
     desktop.field(fieldA)->text = QStringLiteral("a \t\n\u00a0 b");
     desktop.select(fieldA, {1, 5});
     EXPECT_EQ(failureOf(replacer->capture({})), Kind::noSelectedText);
@@ -121,12 +110,9 @@ TEST_F(CaptureTest, FocusedElementCopyKeepsTargetAndRestoresEveryItemAndType) {
     const PasteboardWrite& transient = writes[writes.size() - 3];
     EXPECT_EQ(transient.writer, PasteboardWriter::program);
     ASSERT_EQ(transient.items.size(), 1u);
-    const std::vector<std::pair<QString, QByteArray>> expected{
-        {SimulatedDesktop::plainTextType(), QByteArrayLiteral("world")},
-        {QStringLiteral("org.nspasteboard.TransientType"), QByteArray()},
-        {QStringLiteral("org.nspasteboard.ConcealedType"), QByteArray()},
-        {QStringLiteral("x-kde-passwordManagerHint"), QByteArrayLiteral("secret")}};
-    EXPECT_EQ(transient.items[0].values, expected);
+    ASSERT_EQ(transient.items[0].values.size(), 4u); // the markers themselves: ClipboardManagerTest
+    EXPECT_EQ(transient.items[0].values[0],
+              std::make_pair(SimulatedDesktop::plainTextType(), QByteArrayLiteral("world")));
 }
 
 TEST_F(CaptureTest, FrontmostCopyWithoutElementHasNoRangeNorTarget) {

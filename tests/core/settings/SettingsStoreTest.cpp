@@ -45,11 +45,6 @@ TEST_F(SettingsStoreTest, FreshInstallationReadsTheDefaultsAndWritesNothing) {
     EXPECT_TRUE(credentials_.deletions.empty());
 }
 
-TEST_F(SettingsStoreTest, DefaultShortcutUsesTheLinuxWordsOnLinux) {
-    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
-    EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Alt+Space"}));
-}
-
 TEST_F(SettingsStoreTest, StoredShortcutNeedsBothNumbers) {
     defaults_.values = {{"hotKeyKeyCode", qint64(0)}, {"hotKeyModifiers", qint64(256)},
                         {"hotKeyDisplayName", QString("Command+Nothing")}, {"hotKeyIdentifier", QString("custom")}};

@@ -21,15 +21,10 @@ namespace {
 
 TEST(X11KeyTableTest, StoredMacKeyCodesBecomeTheKeysymsOfTheSameKeys) {
     EXPECT_EQ(X11KeyTable::keysymFor(49), XK_space);
-    EXPECT_EQ(X11KeyTable::keysymFor(8), XK_c);
+    EXPECT_EQ(X11KeyTable::keysymFor(8), XK_c); // copy and paste
     EXPECT_EQ(X11KeyTable::keysymFor(9), XK_v);
-    EXPECT_EQ(X11KeyTable::keysymFor(4), XK_h);
-    EXPECT_EQ(X11KeyTable::keysymFor(15), XK_r);
     EXPECT_EQ(X11KeyTable::keysymFor(22), XK_6); // the ANSI digits are not in order
-    EXPECT_EQ(X11KeyTable::keysymFor(23), XK_5);
-    EXPECT_EQ(X11KeyTable::keysymFor(36), XK_Return);
     EXPECT_EQ(X11KeyTable::keysymFor(122), XK_F1);
-    EXPECT_EQ(X11KeyTable::keysymFor(126), XK_Up);
     // 10 is the ISO section key and 52 is unused: no keysym to grab.
     EXPECT_EQ(X11KeyTable::keysymFor(10), std::nullopt);
     EXPECT_EQ(X11KeyTable::keysymFor(52), std::nullopt);
