@@ -7,6 +7,7 @@
 // tokens from L1/L2.
 // The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
 // in memory.
+#include "llm/tensor/KQuantToken.h"
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
@@ -518,68 +519,13 @@ template <class Format> struct QuantKernel {
 
 // ---- one token against K-quant rows ---------------------------------------------------------
 
-// Generation multiplies one token by every weight once, so the decode-to-L1 step above would
-// cost more than reading the weights from memory. These decode each 256-column block straight
-// into registers; the activations are rearranged once per product into the order the block's
-// codes come out in, with the per-block factors the row loop needs beside them.
-struct alignas(64) SuperToken {
-    std::int8_t x[256]; // activation codes in the block's code order
-    float a[16];        // Q4_K: dx of each 32-column sub-block, then dx * (sum of its codes)
-                        // Q6_K: dx of each 16-column group
-    float b[16];        // Q6_K: -32 * (sum of the group's codes)
-};
-
-std::int32_t codeSum(const std::int8_t* codes, int n) {
-    std::int32_t sum = 0;
-    for (int i = 0; i < n; ++i)
-        sum += codes[i];
-    return sum;
-}
-
-// Q4_K keeps sub-blocks 2j and 2j+1 in the low and high nibbles of the same 32 bytes; one
-// 64-byte load holds four sub-blocks, [2h, 2h+2] in its low nibbles and [2h+1, 2h+3] in its high
-// ones (h = 0, 2).
-void prepareQ4KToken(const ActivationBuffer& x, std::int64_t nSuper, SuperToken* out) {
-    const std::int8_t* codes = x.codes(0);
-    const float* scales = x.blockScales(0);
-    for (std::int64_t s = 0; s < nSuper; ++s) {
-        SuperToken& t = out[s];
-        const std::int8_t* c = codes + 256 * s;
-        for (int h = 0; h < 2; ++h) {
-            for (int part = 0; part < 2; ++part) {
-                std::memcpy(t.x + 128 * h + 64 * part, c + 32 * (4 * h + part), 32);
-                std::memcpy(t.x + 128 * h + 64 * part + 32, c + 32 * (4 * h + 2 + part), 32);
-            }
-        }
-        for (int i = 0; i < 8; ++i) {
-            const float dx = scales[8 * s + i];
-            t.a[i] = dx;
-            t.a[8 + i] = dx * static_cast<float>(codeSum(c + 32 * i, 32));
-            t.b[i] = t.b[8 + i] = 0.0f;
-        }
-    }
-}
-
-void prepareQ6KToken(const ActivationBuffer& x, std::int64_t nSuper, SuperToken* out) {
-    const std::int8_t* codes = x.codes(0);
-    const float* scales = x.blockScales(0);
-    for (std::int64_t s = 0; s < nSuper; ++s) {
-        SuperToken& t = out[s];
-        const std::int8_t* c = codes + 256 * s;
-        std::memcpy(t.x, c, 256);
-        for (int g = 0; g < 16; ++g) {
-            const float dx = scales[8 * s + g / 2];
-            t.a[g] = dx;
-            t.b[g] = -32.0f * static_cast<float>(codeSum(c + 16 * g, 16));
-        }
-    }
-}
-
+// See KQuantToken.h; each 64-code vector holds four 16-column groups (Q6_K) or two 32-column
+// sub-blocks (Q4_K), and its lanes take their factors from one vector per block by permutation.
 __m512i laneGroups(int first, int second) {
     return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(first)), _mm256_set1_epi32(second), 1);
 }
 
-float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const SuperToken* tok) {
+float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
     const __m512i low4 = _mm512_set1_epi8(0x0F);
     const __m512i idx[4] = {laneGroups(0, 2), laneGroups(1, 3), laneGroups(4, 6), laneGroups(5, 7)};
     __m512 acc[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
@@ -610,7 +556,7 @@ float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const SuperToken* tok
         _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(_mm512_add_ps(acc[2], acc[3]), accMin)));
 }
 
-float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const SuperToken* tok) {
+float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
     const __m512i low4 = _mm512_set1_epi8(0x0F);
     const __m512i low2 = _mm512_set1_epi8(3);
     const __m512i quarter =
@@ -651,19 +597,7 @@ float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const SuperToken* tok
         _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(_mm512_add_ps(acc[2], acc[3]), accBias)));
 }
 
-template <void (*Prepare)(const ActivationBuffer&, std::int64_t, SuperToken*),
-          float (*Row)(const std::uint8_t*, std::int64_t, const SuperToken*)>
-void runOneTokenKQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
-                       std::int64_t rowEnd, float* y) {
-    thread_local std::vector<SuperToken> token;
-    const std::int64_t nSuper = w.cols / 256;
-    token.resize(static_cast<std::size_t>(nSuper));
-    Prepare(x, nSuper, token.data());
-    const auto* base = static_cast<const std::uint8_t*>(w.data);
-    for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
-        y[r] = Row(base + static_cast<std::size_t>(r) * w.rowBytes, nSuper, token.data());
-    }
-}
+constexpr OneTokenKQuantKernels kOneToken{rowQ4K, true, rowQ6K};
 
 template <class Format>
 void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
@@ -839,13 +773,13 @@ void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t
         return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q4_K:
         if (x.tokens() == 1)
-            return runOneTokenKQuant<prepareQ4KToken, rowQ4K>(w, x, rowBegin, rowEnd, y);
+            return oneTokenKQuantProduct(kOneToken, w, x, rowBegin, rowEnd, y);
         return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q5_K:
         return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q6_K:
         if (x.tokens() == 1)
-            return runOneTokenKQuant<prepareQ6KToken, rowQ6K>(w, x, rowBegin, rowEnd, y);
+            return oneTokenKQuantProduct(kOneToken, w, x, rowBegin, rowEnd, y);
         return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
     default:
         return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
