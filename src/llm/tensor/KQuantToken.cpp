@@ -1,7 +1,6 @@
 #include "llm/tensor/KQuantToken.h"
 
 #include <cstring>
-#include <vector>
 
 namespace parlune::llm::detail {
 
@@ -14,10 +13,9 @@ float codeSum(const std::int8_t* codes, int n) {
     return static_cast<float>(sum);
 }
 
-void prepareQ4K(const std::int8_t* c, const float* dx, bool fourSubBlocksPerLoad, KQuantToken& t) {
+void prepareQ4K(const std::int8_t* c, const float* dx, KQuantToken& t) {
     for (int i = 0; i < 8; ++i) {
-        const int slot = fourSubBlocksPerLoad ? 4 * (i / 4) + 2 * (i % 2) + (i % 4) / 2 : i;
-        std::memcpy(t.x + 32 * slot, c + 32 * i, 32);
+        std::memcpy(t.x + 32 * q4kSlot(i), c + 32 * i, 32);
         t.a[i] = dx[i];
         t.a[8 + i] = dx[i] * codeSum(c + 32 * i, 32);
         t.b[i] = t.b[8 + i] = 0.0f;
@@ -34,26 +32,17 @@ void prepareQ6K(const std::int8_t* c, const float* dx, KQuantToken& t) {
 
 } // namespace
 
-void oneTokenKQuantProduct(const OneTokenKQuantKernels& kernels, const WeightMatrix& w,
-                           const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y) {
-    thread_local std::vector<KQuantToken> token;
-    const std::int64_t blocks = w.cols / 256;
-    token.resize(static_cast<std::size_t>(blocks));
-    const bool q4k = w.type == GgmlType::Q4_K;
+void prepareKQuantTokens(GgmlType weightType, const std::int8_t* codes, const float* scales,
+                         std::int64_t cols, std::vector<KQuantToken>& out) {
+    const std::int64_t blocks = cols / 256;
+    out.resize(static_cast<std::size_t>(blocks));
     for (std::int64_t s = 0; s < blocks; ++s) {
-        const std::int8_t* codes = x.codes(0) + 256 * s;
-        const float* dx = x.blockScales(0) + 8 * s;
-        KQuantToken& t = token[static_cast<std::size_t>(s)];
-        if (q4k) {
-            prepareQ4K(codes, dx, kernels.q4kFourSubBlocksPerLoad, t);
+        KQuantToken& t = out[static_cast<std::size_t>(s)];
+        if (weightType == GgmlType::Q4_K) {
+            prepareQ4K(codes + 256 * s, scales + 8 * s, t);
         } else {
-            prepareQ6K(codes, dx, t);
+            prepareQ6K(codes + 256 * s, scales + 8 * s, t);
         }
-    }
-    const KQuantRow row = q4k ? kernels.q4k : kernels.q6k;
-    const auto* base = static_cast<const std::uint8_t*>(w.data);
-    for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
-        y[r] = row(base + static_cast<std::size_t>(r) * w.rowBytes, blocks, token.data());
     }
 }
 

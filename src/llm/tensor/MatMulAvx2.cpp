@@ -4,7 +4,6 @@
 // signed activation codes by VPMADDUBSW/VPMADDWD, the format's offset or minimum applied through
 // the activation sums. Q8_0 codes need all 8 bits, so they stay signed and use the sign trick
 // (|w| times x with w's sign) to keep the 16-bit pair sums from saturating.
-#include "llm/tensor/KQuantToken.h"
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
@@ -463,8 +462,8 @@ template <class Format> struct QuantKernel {
     }
 };
 
-// One token against K-quant rows: each 256-column block decoded straight into registers (see
-// the AVX-512 path); every 32-code vector is one Q4_K sub-block or two Q6_K groups.
+// One token against K-quant rows (see KQuantToken.h): every 32-code vector is one Q4_K
+// sub-block or two Q6_K groups.
 float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
     const __m256i low4 = _mm256_set1_epi8(0x0F);
     const __m256i ones = _mm256_set1_epi16(1);
@@ -490,8 +489,8 @@ float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* to
             for (int nibble = 0; nibble < 2; ++nibble) {
                 const __m256i q =
                     nibble ? _mm256_and_si256(_mm256_srli_epi16(v, 4), low4) : _mm256_and_si256(v, low4);
-                const __m256i xs =
-                    _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[s].x + 64 * j + 32 * nibble));
+                const __m256i xs = _mm256_load_si256(
+                    reinterpret_cast<const __m256i*>(tok[s].x + 32 * q4kSlot(2 * j + nibble)));
                 const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(q, xs), ones);
                 const __m256 f = _mm256_permutevar8x32_ps(factors, _mm256_set1_epi32(2 * j + nibble));
                 acc[nibble] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[nibble]);
@@ -548,8 +547,6 @@ float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* to
     return hsum(_mm256_add_ps(_mm256_add_ps(acc[0], acc[1]), accBias));
 }
 
-constexpr OneTokenKQuantKernels kOneToken{rowQ4K, false, rowQ6K};
-
 template <class Format>
 void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
               float* y, std::int64_t ldy) {
@@ -582,13 +579,13 @@ void matmulAvx2(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t r
         return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q4_K:
         if (x.tokens() == 1)
-            return oneTokenKQuantProduct(kOneToken, w, x, rowBegin, rowEnd, y);
+            return oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
         return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q5_K:
         return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q6_K:
         if (x.tokens() == 1)
-            return oneTokenKQuantProduct(kOneToken, w, x, rowBegin, rowEnd, y);
+            return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
         return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
     default:
         return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);

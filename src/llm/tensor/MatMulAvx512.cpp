@@ -7,7 +7,6 @@
 // tokens from L1/L2.
 // The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
 // in memory.
-#include "llm/tensor/KQuantToken.h"
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
@@ -54,7 +53,7 @@ inline float fp16ToFloatFast(std::uint16_t h) {
 }
 
 // [a x8, b x8]
-__m512 pairLanes(float a, float b) {
+inline __attribute__((always_inline)) __m512 pairLanes(float a, float b) {
     return _mm512_castpd_ps(
         _mm512_insertf64x4(_mm512_castps_pd(_mm512_set1_ps(a)), _mm256_castps_pd(_mm256_set1_ps(b)), 1));
 }
@@ -139,7 +138,7 @@ using Q5_1 = SmallBlock<24, 8, true, true>;
 
 // The eight 6-bit scales and mins of a K-quant block as floats d * scale and -dmin * min, unpacked
 // four at a time in general registers.
-void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
+inline __attribute__((always_inline)) void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
     const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
     const std::uint64_t sc =
         (a & 0x3F3F3F3Fu) | static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4))
@@ -597,8 +596,6 @@ float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* to
         _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(_mm512_add_ps(acc[2], acc[3]), accBias)));
 }
 
-constexpr OneTokenKQuantKernels kOneToken{rowQ4K, true, rowQ6K};
-
 template <class Format>
 void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
               float* y, std::int64_t ldy) {
@@ -773,13 +770,13 @@ void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t
         return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q4_K:
         if (x.tokens() == 1)
-            return oneTokenKQuantProduct(kOneToken, w, x, rowBegin, rowEnd, y);
+            return oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
         return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q5_K:
         return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q6_K:
         if (x.tokens() == 1)
-            return oneTokenKQuantProduct(kOneToken, w, x, rowBegin, rowEnd, y);
+            return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
         return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
     default:
         return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
