@@ -596,6 +596,43 @@ float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* to
         _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(_mm512_add_ps(acc[2], acc[3]), accBias)));
 }
 
+// One token against Q8_0 rows, straight from the blocks like the K-quants above. The arithmetic
+// is the tiles' own, in the same order, so a token's result does not depend on how many tokens
+// share the product.
+float rowQ8_0(const std::uint8_t* row, std::int64_t blocks, const std::int8_t* codes, const float* dx) {
+    const __m512i pairIdx = pairIndex(0);
+    const __m512i ones = _mm512_set1_epi8(1);
+    const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
+    __m512 acc = _mm512_setzero_ps();
+    for (std::int64_t i = 0; i < blocks; i += 2) {
+        const std::uint8_t* p0 = row + 34 * i;
+        const bool two = i + 1 < blocks;
+        const std::uint8_t* p1 = two ? p0 + 34 : nullptr;
+        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p0 + 2));
+        const __m256i b =
+            two ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p1 + 2)) : _mm256_setzero_si256();
+        const __m512i q = _mm512_xor_si512(_mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1), flip);
+        const __m512i xs = _mm512_loadu_si512(codes + 32 * i);
+        const __m512 dxPair = _mm512_permutexvar_ps(
+            pairIdx,
+            _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(dx + i)))));
+        const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs));
+        const __m512 bias = _mm512_mul_ps(_mm512_mul_ps(dxPair, _mm512_set1_ps(-Q8_0::offset)), sums);
+        const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs));
+        acc = _mm512_fmadd_ps(pairHalves(p0, p1), _mm512_fmadd_ps(dxPair, dot, bias), acc);
+    }
+    return _mm512_reduce_add_ps(acc);
+}
+
+void oneTokenQ8_0(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                  std::int64_t rowEnd, float* y) {
+    const auto* base = static_cast<const std::uint8_t*>(w.data);
+    for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
+        y[r] = rowQ8_0(base + static_cast<std::size_t>(r) * w.rowBytes, w.cols / 32, x.codes(0),
+                       x.blockScales(0));
+    }
+}
+
 template <class Format>
 void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
               float* y, std::int64_t ldy) {
@@ -759,6 +796,8 @@ void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t
     case GgmlType::BF16:
         return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q8_0:
+        if (x.tokens() == 1)
+            return oneTokenQ8_0(w, x, rowBegin, rowEnd, y);
         return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
     case GgmlType::Q4_0:
         return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
