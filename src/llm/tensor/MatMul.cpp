@@ -101,6 +101,9 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
         for (float& scale : out.scales_) {
             scale = fp16ToFloat(floatToFp16(scale));
         }
+    }    out.kquantTokens_.clear();
+    if (nTokens == 1 && (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K)) {
+        detail::prepareKQuantTokens(weightType, out.codes_.data(), out.scales_.data(), cols, out.kquantTokens_);
     }
 }
 
@@ -161,6 +164,16 @@ void matmulRows(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t r
                 float* y, std::int64_t ldy) {
     static const KernelPath path = bestKernelPath();
     matmulRowsOn(path, w, x, rowBegin, rowEnd, y, ldy);
+}
+
+void detail::oneTokenKQuantProduct(KQuantRow row, const WeightMatrix& w, const ActivationBuffer& x,
+                                   std::int64_t rowBegin, std::int64_t rowEnd, float* y) {
+    const auto& token = x.kquantTokens();
+    const auto blocks = static_cast<std::int64_t>(token.size());
+    const auto* base = static_cast<const std::uint8_t*>(w.data);
+    for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
+        y[r] = row(base + static_cast<std::size_t>(r) * w.rowBytes, blocks, token.data());
+    }
 }
 
 } // namespace parlune::llm

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "llm/tensor/GgmlType.h"
+#include "llm/tensor/KQuantToken.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -35,6 +36,9 @@ public:
     const std::int8_t* codes(std::int64_t token) const { return codes_.data() + token * paddedCols_; }
     const float* blockScales(std::int64_t token) const { return scales_.data() + token * (paddedCols_ / 32); }
     const float* values(std::int64_t token) const { return values_.data() + token * paddedCols_; }
+    // The single token laid out for the one-token Q4_K / Q6_K kernels (cols() / 256 blocks);
+    // empty for other types and for several tokens.
+    const std::vector<detail::KQuantToken>& kquantTokens() const { return kquantTokens_; }
 
 private:
     friend void prepareActivations(GgmlType, const float*, std::int64_t, std::int64_t, ActivationBuffer&);
@@ -47,6 +51,7 @@ private:
     std::vector<std::int8_t> codes_;
     std::vector<float> scales_;
     std::vector<float> values_;
+    std::vector<detail::KQuantToken> kquantTokens_;
 };
 
 // Converts x for products with `weightType` weights. Reuses `out`'s storage.

@@ -27,23 +27,26 @@ inline float hsum(__m256 v) {
     return _mm_cvtss_f32(_mm_add_ss(h, _mm_movehdup_ps(h)));
 }
 
-template <GgmlType Type>
-inline __m256 load8(const void* row, std::int64_t k) {
+template <GgmlType Type> inline __m256 load8(const void* row, std::int64_t k) {
     if constexpr (Type == GgmlType::F16) {
-        return _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(static_cast<const std::uint16_t*>(row) + k)));
+        return _mm256_cvtph_ps(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(static_cast<const std::uint16_t*>(row) + k)));
     } else if constexpr (Type == GgmlType::BF16) {
-        const __m128i h = _mm_loadu_si128(reinterpret_cast<const __m128i*>(static_cast<const std::uint16_t*>(row) + k));
+        const __m128i h =
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(static_cast<const std::uint16_t*>(row) + k));
         return _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_cvtepu16_epi32(h), 16));
     } else {
         return _mm256_loadu_ps(static_cast<const float*>(row) + k);
     }
 }
 
-template <GgmlType Type>
-inline float scalarAt(const void* row, std::int64_t k) {
-    if constexpr (Type == GgmlType::F16) return fp16ToFloat(static_cast<const std::uint16_t*>(row)[k]);
-    else if constexpr (Type == GgmlType::BF16) return bf16ToFloat(static_cast<const std::uint16_t*>(row)[k]);
-    else return static_cast<const float*>(row)[k];
+template <GgmlType Type> inline float scalarAt(const void* row, std::int64_t k) {
+    if constexpr (Type == GgmlType::F16)
+        return fp16ToFloat(static_cast<const std::uint16_t*>(row)[k]);
+    else if constexpr (Type == GgmlType::BF16)
+        return bf16ToFloat(static_cast<const std::uint16_t*>(row)[k]);
+    else
+        return static_cast<const float*>(row)[k];
 }
 
 // rows[R] x tokens[T] over `cols` columns; tokens are padded to a multiple of 8 with zeros.
@@ -51,39 +54,45 @@ template <GgmlType Type, int R, int T>
 void tile(const void* const* rows, const float* const* tokens, std::int64_t cols, float* y, std::int64_t ldy,
           std::int64_t row, std::int64_t token) {
     __m256 acc[R][T];
-    #pragma GCC unroll 8
+#pragma GCC unroll 8
     for (auto& a : acc)
-        #pragma GCC unroll 8
-        for (auto& v : a) v = _mm256_setzero_ps();
+#pragma GCC unroll 8
+        for (auto& v : a)
+            v = _mm256_setzero_ps();
     std::int64_t k = 0;
     for (; k + 8 <= cols; k += 8) {
         __m256 xv[T];
-        #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) xv[t] = _mm256_loadu_ps(tokens[t] + k);
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
+        for (int t = 0; t < T; ++t)
+            xv[t] = _mm256_loadu_ps(tokens[t] + k);
+#pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const __m256 wv = load8<Type>(rows[r], k);
-            #pragma GCC unroll 8
-            for (int t = 0; t < T; ++t) acc[r][t] = _mm256_fmadd_ps(wv, xv[t], acc[r][t]);
+#pragma GCC unroll 8
+            for (int t = 0; t < T; ++t)
+                acc[r][t] = _mm256_fmadd_ps(wv, xv[t], acc[r][t]);
         }
     }
-    #pragma GCC unroll 8
+#pragma GCC unroll 8
     for (int r = 0; r < R; ++r) {
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (int t = 0; t < T; ++t) {
             float sum = hsum(acc[r][t]);
-            for (std::int64_t i = k; i < cols; ++i) sum += scalarAt<Type>(rows[r], i) * tokens[t][i];
+            for (std::int64_t i = k; i < cols; ++i)
+                sum += scalarAt<Type>(rows[r], i) * tokens[t][i];
             y[(token + t) * ldy + row + r] = sum;
         }
     }
 }
 
 template <GgmlType Type, int T>
-void rowsOver(const void* const* rows, std::int64_t count, const float* const* tokens, std::int64_t cols, float* y,
-              std::int64_t ldy, std::int64_t row, std::int64_t token) {
+void rowsOver(const void* const* rows, std::int64_t count, const float* const* tokens, std::int64_t cols,
+              float* y, std::int64_t ldy, std::int64_t row, std::int64_t token) {
     std::int64_t r = 0;
-    for (; r + kRowTile <= count; r += kRowTile) tile<Type, kRowTile, T>(rows + r, tokens, cols, y, ldy, row + r, token);
-    for (; r < count; ++r) tile<Type, 1, T>(rows + r, tokens, cols, y, ldy, row + r, token);
+    for (; r + kRowTile <= count; r += kRowTile)
+        tile<Type, kRowTile, T>(rows + r, tokens, cols, y, ldy, row + r, token);
+    for (; r < count; ++r)
+        tile<Type, 1, T>(rows + r, tokens, cols, y, ldy, row + r, token);
 }
 
 // A panel of up to kPanelRows rows (as float, F16 or BF16) against every token.
@@ -93,30 +102,38 @@ void panel(const void* const* rows, std::int64_t count, const float* const* toke
     for (std::int64_t t0 = 0; t0 < nTokens; t0 += kTokenTile) {
         const float* const* tk = tokens + t0;
         switch (std::min<std::int64_t>(kTokenTile, nTokens - t0)) {
-        case 1: rowsOver<Type, 1>(rows, count, tk, cols, y, ldy, row, t0); break;
-        case 2: rowsOver<Type, 2>(rows, count, tk, cols, y, ldy, row, t0); break;
-        default: rowsOver<Type, 3>(rows, count, tk, cols, y, ldy, row, t0); break;
+        case 1:
+            rowsOver<Type, 1>(rows, count, tk, cols, y, ldy, row, t0);
+            break;
+        case 2:
+            rowsOver<Type, 2>(rows, count, tk, cols, y, ldy, row, t0);
+            break;
+        default:
+            rowsOver<Type, 3>(rows, count, tk, cols, y, ldy, row, t0);
+            break;
         }
     }
 }
 
 template <GgmlType Type>
-void runFloat(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
-              std::int64_t ldy) {
+void runFloat(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+              float* y, std::int64_t ldy) {
     thread_local std::vector<const float*> tokens;
     tokens.resize(static_cast<std::size_t>(x.tokens()));
-    for (std::int64_t t = 0; t < x.tokens(); ++t) tokens[t] = x.values(t);
+    for (std::int64_t t = 0; t < x.tokens(); ++t)
+        tokens[t] = x.values(t);
     const auto* base = static_cast<const std::uint8_t*>(w.data);
     for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
         const void* rows[kPanelRows];
         const std::int64_t count = std::min(kPanelRows, rowEnd - r0);
-        for (std::int64_t r = 0; r < count; ++r) rows[r] = base + static_cast<std::size_t>(r0 + r) * w.rowBytes;
+        for (std::int64_t r = 0; r < count; ++r)
+            rows[r] = base + static_cast<std::size_t>(r0 + r) * w.rowBytes;
         panel<Type>(rows, count, tokens.data(), x.tokens(), w.cols, y, ldy, r0);
     }
 }
 
 constexpr std::int64_t kChunk = 32;
-constexpr std::int64_t kStreamChunks = 32;           // multiple of 8 (a K-quant block)
+constexpr std::int64_t kStreamChunks = 32;                // multiple of 8 (a K-quant block)
 constexpr std::int64_t kStreamStride = kStreamChunks + 1; // odd: no 4K aliasing between rows
 
 struct alignas(32) Decoded {
@@ -135,7 +152,18 @@ inline std::uint32_t u32(const std::uint8_t* p) {
     std::memcpy(&v, p, 4);
     return v;
 }
-inline float half(const std::uint8_t* p) { return _cvtsh_ss(u16(p)); }
+inline float half(const std::uint8_t* p) {
+    return _cvtsh_ss(u16(p));
+}
+
+// The eight 6-bit scales and minima of a K-quant block, one per byte.
+inline void kScaleBytes(const std::uint8_t* b, std::uint64_t& sc, std::uint64_t& mn) {
+    const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
+    sc = (a & 0x3F3F3F3Fu) | static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4))
+                                 << 32;
+    mn = (m & 0x3F3F3F3Fu) |
+         static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
+}
 
 inline void store(Decoded& o, __m256i q, __m256 ws) {
     _mm256_store_si256(reinterpret_cast<__m256i*>(o.q), q);
@@ -154,9 +182,9 @@ inline __m256i nibbles16(const std::uint8_t* p) {
 }
 // Bit i of `bits` -> 0x10 in byte i.
 inline __m256i bitsToBytes(std::uint32_t bits) {
-    const __m256i spread = _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(bits)),
-                                               _mm256_set_epi64x(0x0303030303030303, 0x0202020202020202,
-                                                                 0x0101010101010101, 0x0000000000000000));
+    const __m256i spread = _mm256_shuffle_epi8(
+        _mm256_set1_epi32(static_cast<int>(bits)),
+        _mm256_set_epi64x(0x0303030303030303, 0x0202020202020202, 0x0101010101010101, 0x0000000000000000));
     const __m256i select = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ull));
     const __m256i set = _mm256_cmpeq_epi8(_mm256_and_si256(spread, select), select);
     return _mm256_and_si256(set, _mm256_set1_epi8(0x10));
@@ -168,20 +196,21 @@ struct Q8_0 {
     static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* b = row + 34 * c;
-            store(out[c - c0], _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 2)), _mm256_set1_ps(half(b)));
+            store(out[c - c0], _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 2)),
+                  _mm256_set1_ps(half(b)));
         }
     }
 };
 
-template <int Bytes, int DataOffset, bool HasMin, bool HasHigh>
-struct SmallBlock {
+template <int Bytes, int DataOffset, bool HasMin, bool HasHigh> struct SmallBlock {
     static constexpr bool asym = HasMin, signedCodes = false;
     static constexpr float offset = HasHigh ? 16.0f : 8.0f;
     static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* b = row + Bytes * c;
             __m256i q = nibbles16(b + DataOffset);
-            if constexpr (HasHigh) q = _mm256_or_si256(q, bitsToBytes(u32(b + (HasMin ? 4 : 2))));
+            if constexpr (HasHigh)
+                q = _mm256_or_si256(q, bitsToBytes(u32(b + (HasMin ? 4 : 2))));
             if constexpr (HasMin) {
                 store(out[c - c0], q, _mm256_set1_ps(half(b)), _mm256_set1_ps(half(b + 2)));
             } else {
@@ -195,8 +224,7 @@ using Q4_1 = SmallBlock<20, 4, true, false>;
 using Q5_0 = SmallBlock<22, 6, false, true>;
 using Q5_1 = SmallBlock<24, 8, true, true>;
 
-template <bool HighBits>
-struct KQuant {
+template <bool HighBits> struct KQuant {
     static constexpr bool asym = true, signedCodes = false;
     static constexpr float offset = 0.0f;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
@@ -204,28 +232,31 @@ struct KQuant {
         const __m256i low4 = _mm256_set1_epi8(0x0F);
         for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
             const std::uint8_t* b = row + kBytes * s;
-            const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
-            const std::uint64_t sc = (a & 0x3F3F3F3Fu) |
-                                     static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4)) << 32;
-            const std::uint64_t mn = (m & 0x3F3F3F3Fu) |
-                                     static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
-            const __m256 scales = _mm256_mul_ps(_mm256_set1_ps(half(b)),
-                                                _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(sc)))));
-            const __m256 mins = _mm256_mul_ps(_mm256_set1_ps(-half(b + 2)),
-                                              _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(mn)))));
+            std::uint64_t sc, mn;
+            kScaleBytes(b, sc, mn);
+            const __m256 scales = _mm256_mul_ps(
+                _mm256_set1_ps(half(b)),
+                _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(sc)))));
+            const __m256 mins = _mm256_mul_ps(
+                _mm256_set1_ps(-half(b + 2)),
+                _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(mn)))));
             const std::uint8_t* qs = b + (HighBits ? 48 : 16);
             __m256i high = _mm256_setzero_si256();
-            if constexpr (HighBits) high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
+            if constexpr (HighBits)
+                high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
             for (int j = 0; j < 8; ++j) {
                 const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(qs + 32 * (j / 2)));
-                __m256i q = j % 2 ? _mm256_and_si256(_mm256_srli_epi16(v, 4), low4) : _mm256_and_si256(v, low4);
+                __m256i q =
+                    j % 2 ? _mm256_and_si256(_mm256_srli_epi16(v, 4), low4) : _mm256_and_si256(v, low4);
                 if constexpr (HighBits) {
                     const __m256i bit = _mm256_set1_epi8(static_cast<char>(1 << j));
-                    q = _mm256_or_si256(q, _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_and_si256(high, bit), bit),
-                                                            _mm256_set1_epi8(0x10)));
+                    q = _mm256_or_si256(q,
+                                        _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_and_si256(high, bit), bit),
+                                                         _mm256_set1_epi8(0x10)));
                 }
                 const __m256i idx = _mm256_set1_epi32(j);
-                store(out[8 * s + j - c0], q, _mm256_permutevar8x32_ps(scales, idx), _mm256_permutevar8x32_ps(mins, idx));
+                store(out[8 * s + j - c0], q, _mm256_permutevar8x32_ps(scales, idx),
+                      _mm256_permutevar8x32_ps(mins, idx));
             }
         }
     }
@@ -243,14 +274,16 @@ struct Q6_K {
             const std::uint8_t* b = row + 210 * s;
             const __m256 d = _mm256_set1_ps(half(b + 208));
             const __m128i sc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192));
-            const __m256 scales[2] = {_mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(sc))),
-                                      _mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_srli_si128(sc, 8))))};
+            const __m256 scales[2] = {
+                _mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(sc))),
+                _mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_srli_si128(sc, 8))))};
             for (int h = 0; h < 2; ++h) {
                 const __m256i l0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 64 * h));
                 const __m256i l1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 64 * h + 32));
                 const __m256i qh = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 128 + 32 * h));
                 const __m256i parts[4] = {
-                    _mm256_or_si256(_mm256_and_si256(l0, low4), _mm256_slli_epi16(_mm256_and_si256(qh, low2), 4)),
+                    _mm256_or_si256(_mm256_and_si256(l0, low4),
+                                    _mm256_slli_epi16(_mm256_and_si256(qh, low2), 4)),
                     _mm256_or_si256(_mm256_and_si256(l1, low4),
                                     _mm256_slli_epi16(_mm256_and_si256(_mm256_srli_epi16(qh, 2), low2), 4)),
                     _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(l0, 4), low4),
@@ -262,7 +295,8 @@ struct Q6_K {
                     const int chunk = 4 * h + p; // 16-element scale groups 2*chunk, 2*chunk + 1
                     const int g = 2 * chunk % 8;
                     const __m256i idx = _mm256_set_epi32(g + 1, g + 1, g + 1, g + 1, g, g, g, g);
-                    store(out[8 * s + chunk - c0], parts[p], _mm256_permutevar8x32_ps(scales[chunk / 4], idx));
+                    store(out[8 * s + chunk - c0], parts[p],
+                          _mm256_permutevar8x32_ps(scales[chunk / 4], idx));
                 }
             }
         }
@@ -276,7 +310,8 @@ struct TokenView {
 
 template <class Format, int R, int T>
 inline __attribute__((always_inline)) void accumulate(__m256 (&acc)[R][T], const Decoded* const* rows,
-                                                      const TokenView* tokens, std::int64_t c0, std::int64_t n) {
+                                                      const TokenView* tokens, std::int64_t c0,
+                                                      std::int64_t n) {
     const __m256i ones8 = _mm256_set1_epi8(1);
     const __m256i ones16 = _mm256_set1_epi16(1);
     for (std::int64_t k = 0; k < n; ++k) {
@@ -284,25 +319,27 @@ inline __attribute__((always_inline)) void accumulate(__m256 (&acc)[R][T], const
         __m256i xs[T];
         __m256 dx[T];
         __m256 bias[T];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (int t = 0; t < T; ++t) {
             xs[t] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(tokens[t].codes + kChunk * c));
             dx[t] = _mm256_broadcast_ss(tokens[t].scales + c);
             if constexpr (Format::asym || Format::offset != 0.0f) {
-                const __m256 sums = _mm256_cvtepi32_ps(_mm256_madd_epi16(_mm256_maddubs_epi16(ones8, xs[t]), ones16));
-                bias[t] = Format::asym ? _mm256_mul_ps(dx[t], sums)
-                                       : _mm256_mul_ps(_mm256_mul_ps(dx[t], _mm256_set1_ps(-Format::offset)), sums);
+                const __m256 sums =
+                    _mm256_cvtepi32_ps(_mm256_madd_epi16(_mm256_maddubs_epi16(ones8, xs[t]), ones16));
+                bias[t] = Format::asym
+                              ? _mm256_mul_ps(dx[t], sums)
+                              : _mm256_mul_ps(_mm256_mul_ps(dx[t], _mm256_set1_ps(-Format::offset)), sums);
             } else {
                 bias[t] = _mm256_setzero_ps();
             }
         }
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
             const __m256i q = _mm256_load_si256(reinterpret_cast<const __m256i*>(d.q));
             const __m256 ws = _mm256_load_ps(d.ws);
             [[maybe_unused]] const __m256i aq = Format::signedCodes ? _mm256_sign_epi8(q, q) : q;
-            #pragma GCC unroll 8
+#pragma GCC unroll 8
             for (int t = 0; t < T; ++t) {
                 __m256i pairs;
                 if constexpr (Format::signedCodes) {
@@ -322,8 +359,7 @@ inline __attribute__((always_inline)) void accumulate(__m256 (&acc)[R][T], const
     }
 }
 
-template <class Format>
-struct QuantKernel {
+template <class Format> struct QuantKernel {
     const WeightMatrix& w;
     const ActivationBuffer& x;
     float* y;
@@ -335,31 +371,34 @@ struct QuantKernel {
         return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
     }
 
-    template <int R, int T>
-    void store(__m256 (&acc)[R][T], std::int64_t r0, std::int64_t t0) const {
-        #pragma GCC unroll 8
+    template <int R, int T> void store(__m256 (&acc)[R][T], std::int64_t r0, std::int64_t t0) const {
+#pragma GCC unroll 8
         for (int r = 0; r < R; ++r)
-            #pragma GCC unroll 8
-            for (int t = 0; t < T; ++t) y[(t0 + t) * ldy + r0 + r] = hsum(acc[r][t]);
+#pragma GCC unroll 8
+            for (int t = 0; t < T; ++t)
+                y[(t0 + t) * ldy + r0 + r] = hsum(acc[r][t]);
     }
 
-    template <int R, int T>
-    void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
+    template <int R, int T> void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
         __m256 acc[R][T];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (auto& a : acc)
-            #pragma GCC unroll 8
-            for (auto& v : a) v = _mm256_setzero_ps();
+#pragma GCC unroll 8
+            for (auto& v : a)
+                v = _mm256_setzero_ps();
         TokenView tokens[T];
-        #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
+#pragma GCC unroll 8
+        for (int t = 0; t < T; ++t)
+            tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
-        #pragma GCC unroll 8
-        for (int r = 0; r < R; ++r) rows[r] = scratch + r * kStreamStride;
+#pragma GCC unroll 8
+        for (int r = 0; r < R; ++r)
+            rows[r] = scratch + r * kStreamStride;
         for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
             const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
-            #pragma GCC unroll 8
-            for (int r = 0; r < R; ++r) Format::decode(row(r0 + r), c0, c0 + n, scratch + r * kStreamStride);
+#pragma GCC unroll 8
+            for (int r = 0; r < R; ++r)
+                Format::decode(row(r0 + r), c0, c0 + n, scratch + r * kStreamStride);
             accumulate<Format, R, T>(acc, rows, tokens, c0, n);
         }
         store<R, T>(acc, r0, t0);
@@ -368,16 +407,19 @@ struct QuantKernel {
     template <int R, int T>
     void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0) const {
         __m256 acc[R][T];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (auto& a : acc)
-            #pragma GCC unroll 8
-            for (auto& v : a) v = _mm256_setzero_ps();
+#pragma GCC unroll 8
+            for (auto& v : a)
+                v = _mm256_setzero_ps();
         TokenView tokens[T];
-        #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
+#pragma GCC unroll 8
+        for (int t = 0; t < T; ++t)
+            tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
         const Decoded* rows[R];
-        #pragma GCC unroll 8
-        for (int r = 0; r < R; ++r) rows[r] = panel + (panelRow + r) * panelStride();
+#pragma GCC unroll 8
+        for (int r = 0; r < R; ++r)
+            rows[r] = panel + (panelRow + r) * panelStride();
         accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
         store<R, T>(acc, r0 + panelRow, t0);
     }
@@ -388,34 +430,126 @@ struct QuantKernel {
         if (tokens == 1) {
             scratch.resize(static_cast<std::size_t>(kRowTile * kStreamStride));
             std::int64_t r = rowBegin;
-            for (; r + kRowTile <= rowEnd; r += kRowTile) streamTile<kRowTile, 1>(r, 0, scratch.data());
-            for (; r < rowEnd; ++r) streamTile<1, 1>(r, 0, scratch.data());
+            for (; r + kRowTile <= rowEnd; r += kRowTile)
+                streamTile<kRowTile, 1>(r, 0, scratch.data());
+            for (; r < rowEnd; ++r)
+                streamTile<1, 1>(r, 0, scratch.data());
             return;
         }
         constexpr int kPairRows = 2;
         scratch.resize(static_cast<std::size_t>(kPanelRows * panelStride()));
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
             const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
-            for (std::int64_t r = 0; r < m; ++r) Format::decode(row(r0 + r), 0, nChunks, scratch.data() + r * panelStride());
+            for (std::int64_t r = 0; r < m; ++r)
+                Format::decode(row(r0 + r), 0, nChunks, scratch.data() + r * panelStride());
             for (std::int64_t t0 = 0; t0 < tokens; t0 += 2) {
                 const bool pair = t0 + 1 < tokens;
                 std::int64_t r = 0;
                 for (; r + kPairRows <= m; r += kPairRows) {
-                    if (pair) panelTile<kPairRows, 2>(scratch.data(), r0, r, t0);
-                    else panelTile<kPairRows, 1>(scratch.data(), r0, r, t0);
+                    if (pair)
+                        panelTile<kPairRows, 2>(scratch.data(), r0, r, t0);
+                    else
+                        panelTile<kPairRows, 1>(scratch.data(), r0, r, t0);
                 }
                 for (; r < m; ++r) {
-                    if (pair) panelTile<1, 2>(scratch.data(), r0, r, t0);
-                    else panelTile<1, 1>(scratch.data(), r0, r, t0);
+                    if (pair)
+                        panelTile<1, 2>(scratch.data(), r0, r, t0);
+                    else
+                        panelTile<1, 1>(scratch.data(), r0, r, t0);
                 }
             }
         }
     }
 };
 
+// One token against K-quant rows (see KQuantToken.h): every 32-code vector is one Q4_K
+// sub-block or two Q6_K groups.
+float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
+    const __m256i low4 = _mm256_set1_epi8(0x0F);
+    const __m256i ones = _mm256_set1_epi16(1);
+    __m256 acc[2] = {_mm256_setzero_ps(), _mm256_setzero_ps()};
+    __m256 accMin = _mm256_setzero_ps();
+    for (std::int64_t s = 0; s < nSuper; ++s) {
+        const std::uint8_t* b = row + 144 * s;
+        std::uint64_t sc, mn;
+        kScaleBytes(b, sc, mn);
+        // d * scale * dx per sub-block; the minima meet the activation sums directly.
+        const __m256 factors = _mm256_mul_ps(
+            _mm256_mul_ps(_mm256_set1_ps(half(b)), _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(
+                                                       _mm_cvtsi64_si128(static_cast<long long>(sc))))),
+            _mm256_load_ps(tok[s].a));
+        const __m256 mins = _mm256_mul_ps(
+            _mm256_set1_ps(-half(b + 2)),
+            _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(mn)))));
+        accMin = _mm256_fmadd_ps(mins, _mm256_load_ps(tok[s].a + 8), accMin);
+#pragma GCC unroll 4
+        for (int j = 0; j < 4; ++j) {
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16 + 32 * j));
+#pragma GCC unroll 2
+            for (int nibble = 0; nibble < 2; ++nibble) {
+                const __m256i q =
+                    nibble ? _mm256_and_si256(_mm256_srli_epi16(v, 4), low4) : _mm256_and_si256(v, low4);
+                const __m256i xs = _mm256_load_si256(
+                    reinterpret_cast<const __m256i*>(tok[s].x + 32 * q4kSlot(2 * j + nibble)));
+                const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(q, xs), ones);
+                const __m256 f = _mm256_permutevar8x32_ps(factors, _mm256_set1_epi32(2 * j + nibble));
+                acc[nibble] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[nibble]);
+            }
+        }
+    }
+    return hsum(_mm256_add_ps(_mm256_add_ps(acc[0], acc[1]), accMin));
+}
+
+float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
+    const __m256i low4 = _mm256_set1_epi8(0x0F);
+    const __m256i low2 = _mm256_set1_epi8(3);
+    const __m256i ones = _mm256_set1_epi16(1);
+    const __m256i pairIdx = _mm256_set_epi32(1, 1, 1, 1, 0, 0, 0, 0);
+    __m256 acc[2] = {_mm256_setzero_ps(), _mm256_setzero_ps()};
+    __m256 accBias = _mm256_setzero_ps();
+    for (std::int64_t s = 0; s < nSuper; ++s) {
+        const std::uint8_t* b = row + 210 * s;
+        const __m256 d = _mm256_set1_ps(half(b + 208));
+        const __m128i sc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192));
+        // d * scale * dx of each 16-column group, groups 0-7 and 8-15
+        const __m256 factors[2] = {
+            _mm256_mul_ps(_mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(sc))),
+                          _mm256_load_ps(tok[s].a)),
+            _mm256_mul_ps(_mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_srli_si128(sc, 8)))),
+                          _mm256_load_ps(tok[s].a + 8))};
+        accBias = _mm256_fmadd_ps(factors[0], _mm256_load_ps(tok[s].b), accBias);
+        accBias = _mm256_fmadd_ps(factors[1], _mm256_load_ps(tok[s].b + 8), accBias);
+#pragma GCC unroll 2
+        for (int h = 0; h < 2; ++h) {
+            const __m256i l0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 64 * h));
+            const __m256i l1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 64 * h + 32));
+            const __m256i qh = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 128 + 32 * h));
+            const __m256i parts[4] = {
+                _mm256_or_si256(_mm256_and_si256(l0, low4), _mm256_slli_epi16(_mm256_and_si256(qh, low2), 4)),
+                _mm256_or_si256(_mm256_and_si256(l1, low4),
+                                _mm256_slli_epi16(_mm256_and_si256(_mm256_srli_epi16(qh, 2), low2), 4)),
+                _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(l0, 4), low4),
+                                _mm256_slli_epi16(_mm256_and_si256(_mm256_srli_epi16(qh, 4), low2), 4)),
+                _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(l1, 4), low4),
+                                _mm256_slli_epi16(_mm256_and_si256(_mm256_srli_epi16(qh, 6), low2), 4)),
+            };
+#pragma GCC unroll 4
+            for (int p = 0; p < 4; ++p) {
+                const int chunk = 4 * h + p; // 32 columns: groups 2 * chunk and 2 * chunk + 1
+                const __m256i xs = _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[s].x + 32 * chunk));
+                const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(parts[p], xs), ones);
+                const __m256 f =
+                    _mm256_permutevar8x32_ps(factors[h], _mm256_add_epi32(pairIdx, _mm256_set1_epi32(2 * p)));
+                acc[p % 2] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[p % 2]);
+            }
+        }
+    }
+    return hsum(_mm256_add_ps(_mm256_add_ps(acc[0], acc[1]), accBias));
+}
+
 template <class Format>
-void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
-              std::int64_t ldy) {
+void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+              float* y, std::int64_t ldy) {
     // Chunks past the last block are never decoded: the weights end there and the activations
     // are zero-padded, so only whole blocks are walked.
     const QuantKernel<Format> kernel{w, x, y, ldy, w.cols / kChunk};
@@ -427,18 +561,34 @@ void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t row
 void matmulAvx2(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
                 float* y, std::int64_t ldy) {
     switch (w.type) {
-    case GgmlType::F32: return runFloat<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::F16: return runFloat<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::BF16: return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q8_0: return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_0: return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_1: return runQuant<Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_0: return runQuant<Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_1: return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_K: return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_K: return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q6_K: return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
-    default: return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::F32:
+        return runFloat<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::F16:
+        return runFloat<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::BF16:
+        return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q8_0:
+        return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_0:
+        return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_1:
+        return runQuant<Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_0:
+        return runQuant<Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_1:
+        return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_K:
+        if (x.tokens() == 1)
+            return oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
+        return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_K:
+        return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q6_K:
+        if (x.tokens() == 1)
+            return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
+        return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
+    default:
+        return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
     }
 }
 

@@ -20,9 +20,9 @@ namespace parlune::llm::detail {
 
 namespace {
 
-constexpr std::int64_t kChunk = 64;     // columns per decoded chunk
-constexpr int kRowTile = 4;             // weight rows per register tile
-constexpr int kTokenTile = 4;           // tokens per register tile
+constexpr std::int64_t kChunk = 64;        // columns per decoded chunk
+constexpr int kRowTile = 4;                // weight rows per register tile
+constexpr int kTokenTile = 4;              // tokens per register tile
 constexpr std::int64_t kStreamChunks = 16; // chunks decoded at a time when streaming rows (multiple of 4)
 // Decoded rows are laid out an odd number of chunks apart: a multiple of 4 KiB would make the
 // loads of one row falsely wait on the stores of the next (4K aliasing).
@@ -48,10 +48,12 @@ std::uint32_t u32(const std::uint8_t* p) {
     return v;
 }
 
-inline float fp16ToFloatFast(std::uint16_t h) { return _cvtsh_ss(h); }
+inline float fp16ToFloatFast(std::uint16_t h) {
+    return _cvtsh_ss(h);
+}
 
 // [a x8, b x8]
-__m512 pairLanes(float a, float b) {
+inline __attribute__((always_inline)) __m512 pairLanes(float a, float b) {
     return _mm512_castpd_ps(
         _mm512_insertf64x4(_mm512_castps_pd(_mm512_set1_ps(a)), _mm256_castps_pd(_mm256_set1_ps(b)), 1));
 }
@@ -90,13 +92,15 @@ __m512i nibbleHalves(const std::uint8_t* p) {
 struct Q8_0 {
     static constexpr bool asym = false;
     static constexpr float offset = 128.0f;
-    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out, float*) {
+    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1,
+                       Decoded* out, float*) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + 34 * (2 * c);
             const bool two = 2 * c + 1 < nb;
             const std::uint8_t* p1 = two ? p0 + 34 : nullptr;
             const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p0 + 2));
-            const __m256i b = two ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p1 + 2)) : _mm256_setzero_si256();
+            const __m256i b =
+                two ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p1 + 2)) : _mm256_setzero_si256();
             const __m512i codes = _mm512_xor_si512(_mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1),
                                                    _mm512_set1_epi8(static_cast<char>(0x80)));
             finish(out[c - c0], codes, pairHalves(p0, p1));
@@ -104,18 +108,19 @@ struct Q8_0 {
     }
 };
 
-template <int Bytes, int DataOffset, bool HasMin, bool HasHigh>
-struct SmallBlock {
+template <int Bytes, int DataOffset, bool HasMin, bool HasHigh> struct SmallBlock {
     static constexpr bool asym = HasMin;
     static constexpr float offset = HasHigh ? 16.0f : 8.0f;
-    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, Decoded* out, float* mins) {
+    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1,
+                       Decoded* out, float* mins) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + Bytes * (2 * c);
             const std::uint8_t* p1 = 2 * c + 1 < nb ? p0 + Bytes : nullptr;
             __m512i q = nibblePairs(p0 + DataOffset, p1 ? p1 + DataOffset : nullptr);
             if constexpr (HasHigh) {
                 constexpr int hOff = HasMin ? 4 : 2;
-                const std::uint64_t bits = u32(p0 + hOff) | (p1 ? static_cast<std::uint64_t>(u32(p1 + hOff)) << 32 : 0);
+                const std::uint64_t bits =
+                    u32(p0 + hOff) | (p1 ? static_cast<std::uint64_t>(u32(p1 + hOff)) << 32 : 0);
                 q = _mm512_mask_add_epi8(q, bits, q, _mm512_set1_epi8(0x10));
             }
             if constexpr (HasMin) {
@@ -133,13 +138,16 @@ using Q5_1 = SmallBlock<24, 8, true, true>;
 
 // The eight 6-bit scales and mins of a K-quant block as floats d * scale and -dmin * min, unpacked
 // four at a time in general registers.
-void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
+inline __attribute__((always_inline)) void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
     const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
-    const std::uint64_t sc = (a & 0x3F3F3F3Fu) |
-                             static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4)) << 32;
-    const std::uint64_t mn = (m & 0x3F3F3F3Fu) |
-                             static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
-    const __m512i both = _mm512_cvtepu8_epi32(_mm_set_epi64x(static_cast<long long>(mn), static_cast<long long>(sc)));
+    const std::uint64_t sc =
+        (a & 0x3F3F3F3Fu) | static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4))
+                                << 32;
+    const std::uint64_t mn =
+        (m & 0x3F3F3F3Fu) |
+        static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
+    const __m512i both =
+        _mm512_cvtepu8_epi32(_mm_set_epi64x(static_cast<long long>(mn), static_cast<long long>(sc)));
     const __m512 values = _mm512_cvtepi32_ps(both); // lanes 0-7 scales, 8-15 mins
     const __m512 factors = pairLanes(fp16ToFloatFast(u16(b)), -fp16ToFloatFast(u16(b + 2)));
     scales = _mm512_mul_ps(values, factors);
@@ -149,12 +157,12 @@ __m512i pairIndex(int j) {
     return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(j)), _mm256_set1_epi32(j + 1), 1);
 }
 
-template <bool HighBits>
-struct KQuant {
+template <bool HighBits> struct KQuant {
     static constexpr bool asym = true;
     static constexpr float offset = 0.0f;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out, float* mins) {
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
+                       float* mins) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + kBytes * s;
             __m512 scv, mnv;
@@ -164,11 +172,13 @@ struct KQuant {
                              _mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(mnv), 1)));
             const std::uint8_t* qs = b + (HighBits ? 48 : 16);
             __m256i high = _mm256_setzero_si256();
-            if constexpr (HighBits) high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
+            if constexpr (HighBits)
+                high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
             for (int c = 0; c < 4; ++c) {
                 __m512i q = nibbleHalves(qs + 32 * c);
                 if constexpr (HighBits) {
-                    const std::uint64_t lo = _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c))));
+                    const std::uint64_t lo =
+                        _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c))));
                     const std::uint64_t hi =
                         _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
                     q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
@@ -184,19 +194,21 @@ using Q5_K = KQuant<true>;
 struct Q6_K {
     static constexpr bool asym = false;
     static constexpr float offset = 32.0f;
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out, float*) {
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
+                       float*) {
         const __m512i low4 = _mm512_set1_epi8(0x0F);
         const __m512i low2 = _mm512_set1_epi8(3);
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + 210 * s;
             const float d = fp16ToFloatFast(u16(b + 208));
-            const __m512 scales = _mm512_mul_ps(
-                _mm512_set1_ps(d),
-                _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192)))));
+            const __m512 scales =
+                _mm512_mul_ps(_mm512_set1_ps(d), _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm_loadu_si128(
+                                                     reinterpret_cast<const __m128i*>(b + 192)))));
             for (int h = 0; h < 2; ++h) {
                 const __m512i ql = _mm512_loadu_si512(b + 64 * h);
                 const __m256i qh = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 128 + 32 * h));
-                const __m512i hA = _mm512_inserti64x4(_mm512_zextsi256_si512(qh), _mm256_srli_epi16(qh, 2), 1);
+                const __m512i hA =
+                    _mm512_inserti64x4(_mm512_zextsi256_si512(qh), _mm256_srli_epi16(qh, 2), 1);
                 const __m512i hB = _mm512_srli_epi16(hA, 4);
                 const __m512i qa = _mm512_or_si512(_mm512_and_si512(ql, low4),
                                                    _mm512_slli_epi16(_mm512_and_si512(hA, low2), 4));
@@ -204,10 +216,10 @@ struct Q6_K {
                                                    _mm512_slli_epi16(_mm512_and_si512(hB, low2), 4));
                 for (int part = 0; part < 2; ++part) {
                     const int chunk = 2 * h + part; // 16-element scale groups 4*chunk .. 4*chunk+3
-                    const __m512i idx = _mm512_add_epi32(_mm512_set1_epi32(4 * chunk),
-                                                         _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6,
-                                                                                            5, 4, 3, 2, 1, 0),
-                                                                           2));
+                    const __m512i idx = _mm512_add_epi32(
+                        _mm512_set1_epi32(4 * chunk),
+                        _mm512_srli_epi32(
+                            _mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), 2));
                     finish(out[4 * s + chunk - c0], part ? qb : qa, _mm512_permutexvar_ps(idx, scales));
                 }
             }
@@ -226,7 +238,9 @@ struct alignas(64) TokenChunk {
 };
 
 // Padded length of the per-32-column arrays (minima, activation block sums) of a row.
-std::int64_t blockArrayLength(std::int64_t nChunks) { return (2 * nChunks + 15) / 16 * 16; }
+std::int64_t blockArrayLength(std::int64_t nChunks) {
+    return (2 * nChunks + 15) / 16 * 16;
+}
 
 // Also writes, for formats with a minimum, dx * (sum of the block's codes) per 32 columns to
 // `blockSums` (zero padded to blockArrayLength).
@@ -240,7 +254,8 @@ void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int6
     for (std::int64_t c = 0; c < nChunks; ++c) {
         const __m512i xs = _mm512_loadu_si512(codes + kChunk * c);
         const __m512 dx = _mm512_permutexvar_ps(
-            pairIdx, _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(scales + 2 * c)))));
+            pairIdx, _mm512_zextps128_ps512(
+                         _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(scales + 2 * c)))));
         const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs));
         _mm512_store_si512(out[c].x, xs);
         _mm512_store_ps(out[c].dx, dx);
@@ -249,11 +264,13 @@ void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int6
             blockSums[2 * c] = _mm512_mask_reduce_add_ps(0x00FF, scaled);
             blockSums[2 * c + 1] = _mm512_mask_reduce_add_ps(0xFF00, scaled);
         } else {
-            _mm512_store_ps(out[c].bias, _mm512_mul_ps(_mm512_mul_ps(dx, _mm512_set1_ps(-Format::offset)), sums));
+            _mm512_store_ps(out[c].bias,
+                            _mm512_mul_ps(_mm512_mul_ps(dx, _mm512_set1_ps(-Format::offset)), sums));
         }
     }
     if constexpr (Format::asym) {
-        for (std::int64_t i = 2 * nChunks; i < blockArrayLength(nChunks); ++i) blockSums[i] = 0.0f;
+        for (std::int64_t i = 2 * nChunks; i < blockArrayLength(nChunks); ++i)
+            blockSums[i] = 0.0f;
     }
 }
 
@@ -265,22 +282,23 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
     for (std::int64_t k = 0; k < n; ++k) {
         const std::int64_t c = c0 + k;
         __m512i xs[T];
-        #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) xs[t] = _mm512_load_si512(tokens[t][c].x);
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
+        for (int t = 0; t < T; ++t)
+            xs[t] = _mm512_load_si512(tokens[t][c].x);
+#pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
             const __m512i q = _mm512_load_si512(d.q);
             const __m512 ws = _mm512_load_ps(d.ws);
-            #pragma GCC unroll 8
+#pragma GCC unroll 8
             for (int t = 0; t < T; ++t) {
                 const TokenChunk& tc = tokens[t][c];
                 const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
                 if constexpr (Format::asym) {
                     acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(_mm512_load_ps(tc.dx), dot), acc[r][t]);
                 } else {
-                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)),
-                                                acc[r][t]);
+                    acc[r][t] = _mm512_fmadd_ps(
+                        ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)), acc[r][t]);
                 }
             }
         }
@@ -292,21 +310,24 @@ template <int R, int T>
 inline __attribute__((always_inline)) void addMinima(__m512 (&acc)[R][T], const float* const* mins,
                                                      const float* const* sums, std::int64_t n) {
     for (std::int64_t k = 0; k < n; k += 16) {
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const __m512 m = _mm512_loadu_ps(mins[r] + k);
-            #pragma GCC unroll 8
-            for (int t = 0; t < T; ++t) acc[r][t] = _mm512_fmadd_ps(m, _mm512_loadu_ps(sums[t] + k), acc[r][t]);
+#pragma GCC unroll 8
+            for (int t = 0; t < T; ++t)
+                acc[r][t] = _mm512_fmadd_ps(m, _mm512_loadu_ps(sums[t] + k), acc[r][t]);
         }
     }
 }
 
 template <int R, int T>
-inline __attribute__((always_inline)) void storeTile(__m512 (&acc)[R][T], float* y, std::int64_t ldy, std::int64_t row, std::int64_t token) {
-    #pragma GCC unroll 8
+inline __attribute__((always_inline)) void storeTile(__m512 (&acc)[R][T], float* y, std::int64_t ldy,
+                                                     std::int64_t row, std::int64_t token) {
+#pragma GCC unroll 8
     for (int r = 0; r < R; ++r) {
-        #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) y[(token + t) * ldy + row + r] = _mm512_reduce_add_ps(acc[r][t]);
+#pragma GCC unroll 8
+        for (int t = 0; t < T; ++t)
+            y[(token + t) * ldy + row + r] = _mm512_reduce_add_ps(acc[r][t]);
     }
 }
 
@@ -318,8 +339,7 @@ struct Buffers {
     float* sums;        // activation block sums of the tile, blockArrayLength(nChunks) apart
 };
 
-template <class Format>
-struct QuantKernel {
+template <class Format> struct QuantKernel {
     const WeightMatrix& w;
     const ActivationBuffer& x;
     float* y;
@@ -340,85 +360,91 @@ struct QuantKernel {
                 std::int64_t minsLength) const {
         Format::decode(row(r), nb, c0, c1, out, mins);
         if constexpr (Format::asym) {
-            for (std::int64_t i = 2 * (c1 - c0); i < minsLength; ++i) mins[i] = 0.0f;
+            for (std::int64_t i = 2 * (c1 - c0); i < minsLength; ++i)
+                mins[i] = 0.0f;
         }
     }
 
-    template <int T>
-    void prepareTokens(std::int64_t t0, const Buffers& b) const {
-        #pragma GCC unroll 8
+    template <int T> void prepareTokens(std::int64_t t0, const Buffers& b) const {
+#pragma GCC unroll 8
         for (int t = 0; t < T; ++t) {
             prepareTokenChunks<Format>(x, t0 + t, nChunks, b.tokens + t * nChunks, b.sums + t * sumsStride());
         }
     }
 
     // Few tokens: stream each row once, decoding a few chunks at a time into L1.
-    template <int R, int T>
-    void streamTile(std::int64_t r0, const Buffers& b) const {
+    template <int R, int T> void streamTile(std::int64_t r0, const Buffers& b) const {
         __m512 acc[R][T];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (auto& a : acc)
-            #pragma GCC unroll 8
-            for (auto& v : a) v = _mm512_setzero_ps();
+#pragma GCC unroll 8
+            for (auto& v : a)
+                v = _mm512_setzero_ps();
         const TokenChunk* tokens[T];
         const float* sums[T];
-        #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) tokens[t] = b.tokens + t * nChunks;
+#pragma GCC unroll 8
+        for (int t = 0; t < T; ++t)
+            tokens[t] = b.tokens + t * nChunks;
         const Decoded* rows[R];
         const float* mins[R];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             rows[r] = b.decoded + r * kStreamStride;
             mins[r] = b.mins + r * kStreamMins;
         }
         for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
             const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
-            #pragma GCC unroll 8
+#pragma GCC unroll 8
             for (int r = 0; r < R; ++r) {
-                decode(r0 + r, c0, c0 + n, b.decoded + r * kStreamStride, b.mins + r * kStreamMins, kStreamMins);
+                decode(r0 + r, c0, c0 + n, b.decoded + r * kStreamStride, b.mins + r * kStreamMins,
+                       kStreamMins);
             }
             accumulate<Format, R, T>(acc, rows, tokens, c0, n);
             if constexpr (Format::asym) {
-                #pragma GCC unroll 8
-                for (int t = 0; t < T; ++t) sums[t] = b.sums + t * sumsStride() + 2 * c0;
+#pragma GCC unroll 8
+                for (int t = 0; t < T; ++t)
+                    sums[t] = b.sums + t * sumsStride() + 2 * c0;
                 addMinima<R, T>(acc, mins, sums, (2 * n + 15) / 16 * 16);
             }
         }
         storeTile<R, T>(acc, y, ldy, r0, 0);
     }
 
-    template <int T>
-    void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, const Buffers& b) const {
+    template <int T> void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, const Buffers& b) const {
         prepareTokens<T>(0, b);
         std::int64_t r = rowBegin;
-        for (; r + kRowTile <= rowEnd; r += kRowTile) streamTile<kRowTile, T>(r, b);
-        for (; r < rowEnd; ++r) streamTile<1, T>(r, b);
+        for (; r + kRowTile <= rowEnd; r += kRowTile)
+            streamTile<kRowTile, T>(r, b);
+        for (; r < rowEnd; ++r)
+            streamTile<1, T>(r, b);
     }
 
     // Many tokens: decode a panel of rows whole, then sweep token tiles over it.
     template <int R, int T>
     void panelTile(std::int64_t r0, std::int64_t panelRow, std::int64_t t0, const Buffers& b) const {
         __m512 acc[R][T];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (auto& a : acc)
-            #pragma GCC unroll 8
-            for (auto& v : a) v = _mm512_setzero_ps();
+#pragma GCC unroll 8
+            for (auto& v : a)
+                v = _mm512_setzero_ps();
         const TokenChunk* tokens[T];
         const float* sums[T];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (int t = 0; t < T; ++t) {
             tokens[t] = b.tokens + t * nChunks;
             sums[t] = b.sums + t * sumsStride();
         }
         const Decoded* rows[R];
         const float* mins[R];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             rows[r] = b.decoded + (panelRow + r) * panelStride();
             mins[r] = b.mins + (panelRow + r) * sumsStride();
         }
         accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
-        if constexpr (Format::asym) addMinima<R, T>(acc, mins, sums, sumsStride());
+        if constexpr (Format::asym)
+            addMinima<R, T>(acc, mins, sums, sumsStride());
         storeTile<R, T>(acc, y, ldy, r0 + panelRow, t0);
     }
 
@@ -426,8 +452,10 @@ struct QuantKernel {
     void panelTokens(std::int64_t r0, std::int64_t m, std::int64_t t0, const Buffers& b) const {
         prepareTokens<T>(t0, b);
         std::int64_t r = 0;
-        for (; r + kRowTile <= m; r += kRowTile) panelTile<kRowTile, T>(r0, r, t0, b);
-        for (; r < m; ++r) panelTile<1, T>(r0, r, t0, b);
+        for (; r + kRowTile <= m; r += kRowTile)
+            panelTile<kRowTile, T>(r0, r, t0, b);
+        for (; r < m; ++r)
+            panelTile<1, T>(r0, r, t0, b);
     }
 
     void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
@@ -444,10 +472,18 @@ struct QuantKernel {
             mins.resize(static_cast<std::size_t>(kRowTile * kStreamMins));
             const Buffers b{decoded.data(), mins.data(), tokenChunks.data(), sums.data()};
             switch (tokens) {
-            case 1: streamRows<1>(rowBegin, rowEnd, b); break;
-            case 2: streamRows<2>(rowBegin, rowEnd, b); break;
-            case 3: streamRows<3>(rowBegin, rowEnd, b); break;
-            default: streamRows<4>(rowBegin, rowEnd, b); break;
+            case 1:
+                streamRows<1>(rowBegin, rowEnd, b);
+                break;
+            case 2:
+                streamRows<2>(rowBegin, rowEnd, b);
+                break;
+            case 3:
+                streamRows<3>(rowBegin, rowEnd, b);
+                break;
+            default:
+                streamRows<4>(rowBegin, rowEnd, b);
+                break;
             }
             return;
         }
@@ -457,37 +493,163 @@ struct QuantKernel {
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
             const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
             for (std::int64_t r = 0; r < m; ++r) {
-                decode(r0 + r, 0, nChunks, b.decoded + r * panelStride(), b.mins + r * sumsStride(), sumsStride());
+                decode(r0 + r, 0, nChunks, b.decoded + r * panelStride(), b.mins + r * sumsStride(),
+                       sumsStride());
             }
             std::int64_t t0 = 0;
-            for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) panelTokens<kTokenTile>(r0, m, t0, b);
+            for (; t0 + kTokenTile <= tokens; t0 += kTokenTile)
+                panelTokens<kTokenTile>(r0, m, t0, b);
             switch (tokens - t0) {
-            case 1: panelTokens<1>(r0, m, t0, b); break;
-            case 2: panelTokens<2>(r0, m, t0, b); break;
-            case 3: panelTokens<3>(r0, m, t0, b); break;
-            default: break;
+            case 1:
+                panelTokens<1>(r0, m, t0, b);
+                break;
+            case 2:
+                panelTokens<2>(r0, m, t0, b);
+                break;
+            case 3:
+                panelTokens<3>(r0, m, t0, b);
+                break;
+            default:
+                break;
             }
         }
     }
 };
 
+// ---- one token against K-quant rows ---------------------------------------------------------
+
+// See KQuantToken.h; each 64-code vector holds four 16-column groups (Q6_K) or two 32-column
+// sub-blocks (Q4_K), and its lanes take their factors from one vector per block by permutation.
+__m512i laneGroups(int first, int second) {
+    return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(first)), _mm256_set1_epi32(second), 1);
+}
+
+float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
+    const __m512i low4 = _mm512_set1_epi8(0x0F);
+    const __m512i idx[4] = {laneGroups(0, 2), laneGroups(1, 3), laneGroups(4, 6), laneGroups(5, 7)};
+    __m512 acc[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
+    __m512 accMin = _mm512_setzero_ps();
+    for (std::int64_t s = 0; s < nSuper; ++s) {
+        const std::uint8_t* b = row + 144 * s;
+        __m512 scv, unused;
+        kScales(b, scv, unused);
+        // [d * scale * dx per sub-block, -dmin * min * dx * sum per sub-block]
+        const __m512 factors = _mm512_mul_ps(scv, _mm512_load_ps(tok[s].a));
+        accMin = _mm512_mask_add_ps(accMin, 0xFF00, accMin, factors);
+#pragma GCC unroll 2
+        for (int h = 0; h < 2; ++h) {
+            const __m512i q = _mm512_loadu_si512(b + 16 + 64 * h);
+            const __m512i lo = _mm512_and_si512(q, low4);
+            const __m512i hi = _mm512_and_si512(_mm512_srli_epi16(q, 4), low4);
+            const __m512i d0 =
+                _mm512_dpbusd_epi32(_mm512_setzero_si512(), lo, _mm512_load_si512(tok[s].x + 128 * h));
+            const __m512i d1 =
+                _mm512_dpbusd_epi32(_mm512_setzero_si512(), hi, _mm512_load_si512(tok[s].x + 128 * h + 64));
+            acc[2 * h] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(d0), _mm512_permutexvar_ps(idx[2 * h], factors),
+                                         acc[2 * h]);
+            acc[2 * h + 1] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(d1),
+                                             _mm512_permutexvar_ps(idx[2 * h + 1], factors), acc[2 * h + 1]);
+        }
+    }
+    return _mm512_reduce_add_ps(
+        _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(_mm512_add_ps(acc[2], acc[3]), accMin)));
+}
+
+float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
+    const __m512i low4 = _mm512_set1_epi8(0x0F);
+    const __m512i low2 = _mm512_set1_epi8(3);
+    const __m512i quarter =
+        _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), 2);
+    __m512 acc[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
+    __m512 accBias = _mm512_setzero_ps();
+    for (std::int64_t s = 0; s < nSuper; ++s) {
+        const std::uint8_t* b = row + 210 * s;
+        const __m512 scales = _mm512_cvtepi32_ps(
+            _mm512_cvtepi8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192))));
+        // d * scale * dx of each 16-column group
+        const __m512 factors = _mm512_mul_ps(
+            _mm512_mul_ps(scales, _mm512_set1_ps(fp16ToFloatFast(u16(b + 208)))), _mm512_load_ps(tok[s].a));
+        accBias = _mm512_fmadd_ps(factors, _mm512_load_ps(tok[s].b), accBias);
+#pragma GCC unroll 2
+        for (int h = 0; h < 2; ++h) {
+            const __m512i ql = _mm512_loadu_si512(b + 64 * h);
+            const __m256i qh = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 128 + 32 * h));
+            const __m512i hA = _mm512_inserti64x4(_mm512_zextsi256_si512(qh), _mm256_srli_epi16(qh, 2), 1);
+            const __m512i hB = _mm512_srli_epi16(hA, 4);
+            const __m512i qa =
+                _mm512_or_si512(_mm512_and_si512(ql, low4), _mm512_slli_epi16(_mm512_and_si512(hA, low2), 4));
+            const __m512i qb = _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(ql, 4), low4),
+                                               _mm512_slli_epi16(_mm512_and_si512(hB, low2), 4));
+            const __m512i d0 =
+                _mm512_dpbusd_epi32(_mm512_setzero_si512(), qa, _mm512_load_si512(tok[s].x + 128 * h));
+            const __m512i d1 =
+                _mm512_dpbusd_epi32(_mm512_setzero_si512(), qb, _mm512_load_si512(tok[s].x + 128 * h + 64));
+            const __m512i i0 = _mm512_add_epi32(quarter, _mm512_set1_epi32(8 * h));
+            const __m512i i1 = _mm512_add_epi32(quarter, _mm512_set1_epi32(8 * h + 4));
+            acc[2 * h] =
+                _mm512_fmadd_ps(_mm512_cvtepi32_ps(d0), _mm512_permutexvar_ps(i0, factors), acc[2 * h]);
+            acc[2 * h + 1] =
+                _mm512_fmadd_ps(_mm512_cvtepi32_ps(d1), _mm512_permutexvar_ps(i1, factors), acc[2 * h + 1]);
+        }
+    }
+    return _mm512_reduce_add_ps(
+        _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(_mm512_add_ps(acc[2], acc[3]), accBias)));
+}
+
+// One token against Q8_0 rows, straight from the blocks like the K-quants above. The arithmetic
+// is the tiles' own, in the same order, so a token's result does not depend on how many tokens
+// share the product.
+float rowQ8_0(const std::uint8_t* row, std::int64_t blocks, const std::int8_t* codes, const float* dx) {
+    const __m512i pairIdx = pairIndex(0);
+    const __m512i ones = _mm512_set1_epi8(1);
+    const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
+    __m512 acc = _mm512_setzero_ps();
+    for (std::int64_t i = 0; i < blocks; i += 2) {
+        const std::uint8_t* p0 = row + 34 * i;
+        const bool two = i + 1 < blocks;
+        const std::uint8_t* p1 = two ? p0 + 34 : nullptr;
+        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p0 + 2));
+        const __m256i b =
+            two ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p1 + 2)) : _mm256_setzero_si256();
+        const __m512i q = _mm512_xor_si512(_mm512_inserti64x4(_mm512_zextsi256_si512(a), b, 1), flip);
+        const __m512i xs = _mm512_loadu_si512(codes + 32 * i);
+        const __m512 dxPair = _mm512_permutexvar_ps(
+            pairIdx,
+            _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(dx + i)))));
+        const __m512 sums = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), ones, xs));
+        const __m512 bias = _mm512_mul_ps(_mm512_mul_ps(dxPair, _mm512_set1_ps(-Q8_0::offset)), sums);
+        const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs));
+        acc = _mm512_fmadd_ps(pairHalves(p0, p1), _mm512_fmadd_ps(dxPair, dot, bias), acc);
+    }
+    return _mm512_reduce_add_ps(acc);
+}
+
+void oneTokenQ8_0(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                  std::int64_t rowEnd, float* y) {
+    const auto* base = static_cast<const std::uint8_t*>(w.data);
+    for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
+        y[r] = rowQ8_0(base + static_cast<std::size_t>(r) * w.rowBytes, w.cols / 32, x.codes(0),
+                       x.blockScales(0));
+    }
+}
+
 template <class Format>
-void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
-              std::int64_t ldy) {
+void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+              float* y, std::int64_t ldy) {
     const QuantKernel<Format> kernel{w, x, y, ldy, w.cols / 32, (w.cols + kChunk - 1) / kChunk};
     kernel.run(rowBegin, rowEnd);
 }
 
 // ---- float weights ---------------------------------------------------------------------------
 
-template <GgmlType Type>
-inline __m512 loadWeights(const std::uint8_t* row, std::int64_t k, __mmask16 mask) {
+template <GgmlType Type> inline __m512 loadWeights(const std::uint8_t* row, std::int64_t k, __mmask16 mask) {
     if constexpr (Type == GgmlType::F32) {
         return _mm512_maskz_loadu_ps(mask, reinterpret_cast<const float*>(row) + k);
     } else if constexpr (Type == GgmlType::F16) {
         return _mm512_cvtph_ps(_mm256_maskz_loadu_epi16(mask, row + 2 * k));
     } else {
-        return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(_mm256_maskz_loadu_epi16(mask, row + 2 * k)), 16));
+        return _mm512_castsi512_ps(
+            _mm512_slli_epi32(_mm512_cvtepu16_epi32(_mm256_maskz_loadu_epi16(mask, row + 2 * k)), 16));
     }
 }
 
@@ -503,34 +665,41 @@ struct FloatKernel {
     template <GgmlType Type, int R, int T>
     void tile(const std::uint8_t* const* rows, std::int64_t r0, std::int64_t t0) const {
         __m512 acc[R][T];
-        #pragma GCC unroll 8
+#pragma GCC unroll 8
         for (auto& a : acc)
-            #pragma GCC unroll 8
-            for (auto& v : a) v = _mm512_setzero_ps();
+#pragma GCC unroll 8
+            for (auto& v : a)
+                v = _mm512_setzero_ps();
         const float* xs[T];
-        #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) xs[t] = x.values(t0 + t);
+#pragma GCC unroll 8
+        for (int t = 0; t < T; ++t)
+            xs[t] = x.values(t0 + t);
         const std::int64_t cols = w.cols; // a local, so the accumulators can stay in registers
         for (std::int64_t k = 0; k < cols; k += 16) {
             const __mmask16 mask = cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (cols - k)) - 1);
             __m512 xv[T];
-            #pragma GCC unroll 8
-            for (int t = 0; t < T; ++t) xv[t] = _mm512_loadu_ps(xs[t] + k); // padded with zeros
-            #pragma GCC unroll 8
+#pragma GCC unroll 8
+            for (int t = 0; t < T; ++t)
+                xv[t] = _mm512_loadu_ps(xs[t] + k); // padded with zeros
+#pragma GCC unroll 8
             for (int r = 0; r < R; ++r) {
                 const __m512 wv = loadWeights<Type>(rows[r], k, mask);
-                #pragma GCC unroll 8
-                for (int t = 0; t < T; ++t) acc[r][t] = _mm512_fmadd_ps(wv, xv[t], acc[r][t]);
+#pragma GCC unroll 8
+                for (int t = 0; t < T; ++t)
+                    acc[r][t] = _mm512_fmadd_ps(wv, xv[t], acc[r][t]);
             }
         }
         storeTile<R, T>(acc, y, ldy, r0, t0);
     }
 
     template <GgmlType Type, int T>
-    void rowsOver(const std::uint8_t* const* rows, std::int64_t count, std::int64_t r0, std::int64_t t0) const {
+    void rowsOver(const std::uint8_t* const* rows, std::int64_t count, std::int64_t r0,
+                  std::int64_t t0) const {
         std::int64_t r = 0;
-        for (; r + kRowTile <= count; r += kRowTile) tile<Type, kRowTile, T>(rows + r, r0 + r, t0);
-        for (; r < count; ++r) tile<Type, 1, T>(rows + r, r0 + r, t0);
+        for (; r + kRowTile <= count; r += kRowTile)
+            tile<Type, kRowTile, T>(rows + r, r0 + r, t0);
+        for (; r < count; ++r)
+            tile<Type, 1, T>(rows + r, r0 + r, t0);
     }
 
     template <GgmlType Type>
@@ -538,31 +707,41 @@ struct FloatKernel {
         const std::int64_t tokens = x.tokens();
         for (std::int64_t t0 = 0; t0 < tokens; t0 += kTokenTile) {
             switch (std::min<std::int64_t>(kTokenTile, tokens - t0)) {
-            case 1: rowsOver<Type, 1>(rows, count, r0, t0); break;
-            case 2: rowsOver<Type, 2>(rows, count, r0, t0); break;
-            case 3: rowsOver<Type, 3>(rows, count, r0, t0); break;
-            default: rowsOver<Type, 4>(rows, count, r0, t0); break;
+            case 1:
+                rowsOver<Type, 1>(rows, count, r0, t0);
+                break;
+            case 2:
+                rowsOver<Type, 2>(rows, count, r0, t0);
+                break;
+            case 3:
+                rowsOver<Type, 3>(rows, count, r0, t0);
+                break;
+            default:
+                rowsOver<Type, 4>(rows, count, r0, t0);
+                break;
             }
         }
     }
 
-    template <GgmlType Type>
-    void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
+    template <GgmlType Type> void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
         thread_local std::vector<float> widened;
         const bool widen = x.tokens() > kTokenTile;
         // Widened rows an odd number of 64-byte lines apart (see kStreamStride).
         const std::int64_t stride = ((w.cols + 15) / 16) | 1;
-        if (widen) widened.resize(static_cast<std::size_t>(kPanelRows * stride * 16));
+        if (widen)
+            widened.resize(static_cast<std::size_t>(kPanelRows * stride * 16));
         const auto* base = static_cast<const std::uint8_t*>(w.data);
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
             const std::int64_t count = std::min(kPanelRows, rowEnd - r0);
             const std::uint8_t* rows[kPanelRows];
             for (std::int64_t r = 0; r < count; ++r) {
                 rows[r] = base + static_cast<std::size_t>(r0 + r) * w.rowBytes;
-                if (!widen) continue;
+                if (!widen)
+                    continue;
                 float* out = widened.data() + r * stride * 16;
                 for (std::int64_t k = 0; k < w.cols; k += 16) {
-                    const __mmask16 mask = w.cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (w.cols - k)) - 1);
+                    const __mmask16 mask =
+                        w.cols - k >= 16 ? __mmask16(0xFFFF) : __mmask16((1u << (w.cols - k)) - 1);
                     _mm512_storeu_ps(out + k, loadWeights<Type>(rows[r], k, mask));
                 }
                 rows[r] = reinterpret_cast<const std::uint8_t*>(out);
@@ -577,8 +756,8 @@ struct FloatKernel {
 };
 
 template <GgmlType Type>
-void runFloat(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
-              std::int64_t ldy) {
+void runFloat(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+              float* y, std::int64_t ldy) {
     const FloatKernel kernel{w, x, y, ldy};
     kernel.run<Type>(rowBegin, rowEnd);
 }
@@ -607,21 +786,39 @@ void quantizeActivationsAvx512(const float* x, std::int64_t cols, std::int64_t p
     }
 }
 
-void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
-                  float* y, std::int64_t ldy) {
+void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                  std::int64_t rowEnd, float* y, std::int64_t ldy) {
     switch (w.type) {
-    case GgmlType::F32: return runFloat<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::F16: return runFloat<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::BF16: return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q8_0: return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_0: return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_1: return runQuant<Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_0: return runQuant<Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_1: return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_K: return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_K: return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q6_K: return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
-    default: return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::F32:
+        return runFloat<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::F16:
+        return runFloat<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::BF16:
+        return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q8_0:
+        if (x.tokens() == 1)
+            return oneTokenQ8_0(w, x, rowBegin, rowEnd, y);
+        return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_0:
+        return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_1:
+        return runQuant<Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_0:
+        return runQuant<Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_1:
+        return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_K:
+        if (x.tokens() == 1)
+            return oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
+        return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_K:
+        return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q6_K:
+        if (x.tokens() == 1)
+            return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
+        return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
+    default:
+        return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
     }
 }
 

@@ -262,24 +262,28 @@ std::optional<TestModelRecipe> TestModelRecipe::shape(std::string_view name, Arc
     if (name == "tiny") {
         return recipe;
     }
-    if (name == "135m") {
-        recipe.hiddenSize = 576;
-        recipe.layerCount = 30;
-        recipe.headCount = 9;
-        recipe.kvHeadCount = 3;
-        recipe.feedForwardSize = 1536;
-        recipe.vocabularySize = 49152;
-        recipe.contextLength = 8192;
-        return recipe;
-    }
-    if (name == "0.5b") {
-        recipe.hiddenSize = 896;
-        recipe.layerCount = 24;
-        recipe.headCount = 14;
-        recipe.kvHeadCount = 2;
-        recipe.feedForwardSize = 4864;
-        recipe.vocabularySize = 151936;
-        recipe.contextLength = 32768;
+    struct Dimensions {
+        std::string_view name;
+        std::int64_t hidden, layers, heads, kvHeads, ffn, vocabulary, context;
+    };
+    // The 1-3 B shapes have widths that are multiples of 256, so Q4_K_M files use real K-quant
+    // blocks throughout, as downloaded models of that size do.
+    static constexpr Dimensions kShapes[] = {
+        {"135m", 576, 30, 9, 3, 1536, 49152, 8192},    {"0.5b", 896, 24, 14, 2, 4864, 151936, 32768},
+        {"1b", 2048, 16, 32, 8, 8192, 128256, 131072}, {"1.5b", 1536, 28, 12, 2, 8960, 151936, 32768},
+        {"3b", 2048, 36, 16, 2, 11008, 151936, 32768},
+    };
+    for (const Dimensions& d : kShapes) {
+        if (d.name != name) {
+            continue;
+        }
+        recipe.hiddenSize = d.hidden;
+        recipe.layerCount = d.layers;
+        recipe.headCount = d.heads;
+        recipe.kvHeadCount = d.kvHeads;
+        recipe.feedForwardSize = d.ffn;
+        recipe.vocabularySize = d.vocabulary;
+        recipe.contextLength = d.context;
         return recipe;
     }
     return std::nullopt;

@@ -58,7 +58,9 @@ struct TestModelRecipe {
     std::string name = "parlune test model";
 
     // Named shapes: "tiny" (64/2/4/2/256), "135m" (576/30/9/3/1536, vocab 49152),
-    // "0.5b" (896/24/14/2/4864, vocab 151936, theta 1e6). nullopt for an unknown name.
+    // "0.5b" (896/24/14/2/4864, vocab 151936, theta 1e6), "1b" (2048/16/32/8/8192, vocab 128256),
+    // "1.5b" (1536/28/12/2/8960, vocab 151936), "3b" (2048/36/16/2/11008, vocab 151936); theta 1e6
+    // except for llama. nullopt for an unknown name.
     static std::optional<TestModelRecipe> shape(std::string_view name, Architecture architecture);
 };
 

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace parlune::llm {
@@ -22,7 +23,9 @@ constexpr GgmlType kAllTypes[] = {GgmlType::F32,  GgmlType::F16,  GgmlType::BF16
                                   GgmlType::Q4_0, GgmlType::Q4_1, GgmlType::Q5_0, GgmlType::Q5_1,
                                   GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K};
 
-WeightMatrix view(const EncodedMatrix& m) { return {m.type, m.bytes.data(), m.rows, m.cols, m.rowBytes}; }
+WeightMatrix view(const EncodedMatrix& m) {
+    return {m.type, m.bytes.data(), m.rows, m.cols, m.rowBytes};
+}
 
 std::vector<float> product(KernelPath path, const EncodedMatrix& m, const ActivationBuffer& x) {
     std::vector<float> y(static_cast<std::size_t>(m.rows * x.tokens()), -1.0f);
@@ -39,9 +42,11 @@ std::int64_t oddColumns(GgmlType type) {
 // Activations with the shapes real models produce: a few large outliers and some all-zero rows.
 std::vector<float> activations(std::int64_t tokens, std::int64_t cols, std::uint32_t seed) {
     std::vector<float> x = gaussian(static_cast<std::size_t>(tokens * cols), seed);
-    for (std::size_t i = 0; i < x.size(); i += 97) x[i] *= 40.0f;
+    for (std::size_t i = 0; i < x.size(); i += 97)
+        x[i] *= 40.0f;
     if (tokens > 2) {
-        for (std::int64_t c = 0; c < cols; ++c) x[static_cast<std::size_t>(cols + c)] = 0.0f;
+        for (std::int64_t c = 0; c < cols; ++c)
+            x[static_cast<std::size_t>(cols + c)] = 0.0f;
     }
     return x;
 }
@@ -52,14 +57,16 @@ TEST_P(EveryPath, SimdPathsMatchTheScalarReference) {
     const GgmlType type = GetParam();
     const std::int64_t cols = oddColumns(type);
     for (const std::int64_t rows : {1, 7, 13}) {
-        const EncodedMatrix m = testing::randomBlocks(type, rows, cols, 100 + static_cast<std::uint32_t>(rows));
+        const EncodedMatrix m =
+            testing::randomBlocks(type, rows, cols, 100 + static_cast<std::uint32_t>(rows));
         for (const std::int64_t tokens : {1, 3, 17, 64}) {
             const std::vector<float> xs = activations(tokens, cols, static_cast<std::uint32_t>(tokens));
             ActivationBuffer x;
             prepareActivations(type, xs.data(), tokens, cols, x);
             const std::vector<float> want = product(KernelPath::scalar, m, x);
             for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
-                if (!kernelPathAvailable(path)) continue;
+                if (!kernelPathAvailable(path))
+                    continue;
                 const std::vector<float> got = product(path, m, x);
                 EXPECT_LT(nmse(want.data(), got.data(), want.size()), 1e-10)
                     << kernelPathName(path) << " rows " << rows << " tokens " << tokens;
@@ -83,7 +90,8 @@ TEST_P(EveryPath, ProductIsCloseToTheExactOne) {
     for (std::int64_t t = 0; t < tokens; ++t) {
         for (std::int64_t r = 0; r < rows; ++r) {
             double sum = 0;
-            for (std::int64_t c = 0; c < cols; ++c) sum += double(dequantized[r * cols + c]) * xs[t * cols + c];
+            for (std::int64_t c = 0; c < cols; ++c)
+                sum += double(dequantized[r * cols + c]) * xs[t * cols + c];
             exact[t * rows + r] = static_cast<float>(sum);
         }
     }
@@ -101,13 +109,16 @@ TEST_P(EveryPath, ExtremeScalesAndZeroBlocksMatchTheScalarReference) {
     const EncodedMatrix m = testing::randomBlocks(type, 11, cols, 77, true);
     for (const std::int64_t tokens : {1, 5}) {
         std::vector<float> xs = activations(tokens, cols, 3);
-        for (std::size_t i = 0; i < xs.size(); i += 7) xs[i] *= 1e4f; // large activations beside small ones
+        for (std::size_t i = 0; i < xs.size(); i += 7)
+            xs[i] *= 1e4f; // large activations beside small ones
         ActivationBuffer x;
         prepareActivations(type, xs.data(), tokens, cols, x);
         const std::vector<float> want = product(KernelPath::scalar, m, x);
-        for (float v : want) ASSERT_TRUE(std::isfinite(v));
+        for (float v : want)
+            ASSERT_TRUE(std::isfinite(v));
         for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
-            if (!kernelPathAvailable(path)) continue;
+            if (!kernelPathAvailable(path))
+                continue;
             EXPECT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-10)
                 << kernelPathName(path) << " tokens " << tokens;
         }
@@ -118,22 +129,26 @@ TEST_P(EveryPath, EveryTailOfRowsColumnsAndTokens) {
     // Small shapes walk every remainder: single blocks, odd block counts, rows and tokens that
     // leave partial register tiles.
     const GgmlType type = GetParam();
-    const std::int64_t block = ggmlTypeTraits(type).blockElements == 1 ? 8 : ggmlTypeTraits(type).blockElements;
+    const std::int64_t block =
+        ggmlTypeTraits(type).blockElements == 1 ? 8 : ggmlTypeTraits(type).blockElements;
     for (std::int64_t blocks = 1; blocks <= 5; ++blocks) {
         const std::int64_t cols = block * blocks;
         for (std::int64_t rows = 1; rows <= 6; ++rows) {
-            const EncodedMatrix m = testing::randomBlocks(type, rows, cols, static_cast<std::uint32_t>(rows * 31 + blocks));
+            const EncodedMatrix m =
+                testing::randomBlocks(type, rows, cols, static_cast<std::uint32_t>(rows * 31 + blocks));
             for (std::int64_t tokens = 1; tokens <= 9; tokens += 2) {
                 const std::vector<float> xs = gaussian(static_cast<std::size_t>(tokens * cols), 8);
                 ActivationBuffer x;
                 prepareActivations(type, xs.data(), tokens, cols, x);
                 const std::vector<float> want = product(KernelPath::scalar, m, x);
                 for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
-                    if (!kernelPathAvailable(path)) continue;
+                    if (!kernelPathAvailable(path))
+                        continue;
                     // Few outputs of random signs can nearly cancel, so rounding alone reaches ~1e-10
                     // here; a mishandled tail is off by far more.
                     ASSERT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-7)
-                        << kernelPathName(path) << " cols " << cols << " rows " << rows << " tokens " << tokens;
+                        << kernelPathName(path) << " cols " << cols << " rows " << rows << " tokens "
+                        << tokens;
                 }
             }
         }
@@ -152,17 +167,42 @@ TEST(MatMul, WritesOnlyTheRequestedRowsWithTheOutputStride) {
     std::vector<float> whole(tokens * rows);
     matmulRowsOn(KernelPath::scalar, view(m), x, 0, rows, whole.data(), rows);
     for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
-        if (!kernelPathAvailable(path)) continue;
+        if (!kernelPathAvailable(path))
+            continue;
         std::vector<float> y(tokens * ldy, 123.0f);
         matmulRowsOn(path, view(m), x, 3, 8, y.data(), ldy);
         for (std::int64_t t = 0; t < tokens; ++t) {
             for (std::int64_t r = 0; r < ldy; ++r) {
                 if (r >= 3 && r < 8) {
-                    EXPECT_NEAR(y[t * ldy + r], whole[t * rows + r], 1e-4f * (1 + std::fabs(whole[t * rows + r])));
+                    EXPECT_NEAR(y[t * ldy + r], whole[t * rows + r],
+                                1e-4f * (1 + std::fabs(whole[t * rows + r])));
                 } else {
-                    EXPECT_EQ(y[t * ldy + r], 123.0f) << kernelPathName(path) << " wrote outside at " << t << "," << r;
+                    EXPECT_EQ(y[t * ldy + r], 123.0f)
+                        << kernelPathName(path) << " wrote outside at " << t << "," << r;
                 }
             }
+        }
+    }
+}
+
+TEST(MatMul, ReusedActivationBuffersForgetTheirPreviousLayout) {
+    // One buffer refilled for other types, widths and token counts, as a forward pass does: every
+    // product must match one from a fresh buffer.
+    const std::vector<float> xs = gaussian(3 * 768, 9);
+    ActivationBuffer reused;
+    for (const auto& [type, cols, tokens] :
+         {std::tuple{GgmlType::Q4_K, 768, 1}, std::tuple{GgmlType::Q6_K, 512, 1},
+          std::tuple{GgmlType::Q4_K, 512, 3}, std::tuple{GgmlType::Q8_0, 768, 1},
+          std::tuple{GgmlType::Q6_K, 768, 1}, std::tuple{GgmlType::Q4_K, 256, 1}}) {
+        const EncodedMatrix m = testing::encode(type, gaussian(5 * cols, 10), 5, cols);
+        prepareActivations(type, xs.data(), tokens, cols, reused);
+        ActivationBuffer fresh;
+        prepareActivations(type, xs.data(), tokens, cols, fresh);
+        for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
+            if (!kernelPathAvailable(path))
+                continue;
+            EXPECT_EQ(product(path, m, reused), product(path, m, fresh))
+                << kernelPathName(path) << " " << ggmlTypeTraits(type).name << " cols " << cols;
         }
     }
 }
@@ -175,8 +215,10 @@ TEST(MatMul, ZeroWeightsAndZeroActivationsGiveExactZeros) {
         ActivationBuffer x;
         prepareActivations(type, xs.data(), 2, cols, x);
         for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
-            if (!kernelPathAvailable(path)) continue;
-            for (float v : product(path, m, x)) EXPECT_EQ(v, 0.0f) << ggmlTypeTraits(type).name;
+            if (!kernelPathAvailable(path))
+                continue;
+            for (float v : product(path, m, x))
+                EXPECT_EQ(v, 0.0f) << ggmlTypeTraits(type).name;
         }
     }
 }
@@ -187,16 +229,20 @@ TEST(MatMul, LargestCodesDoNotOverflowTheIntegerSums) {
     constexpr std::int64_t rows = 4, cols = 4096;
     for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q6_K, GgmlType::Q5_1}) {
         std::vector<float> w(rows * cols);
-        for (std::size_t i = 0; i < w.size(); ++i) w[i] = (i % 2 ? -1.0f : 1.0f) * 1000.0f;
-        for (std::size_t i = 0; i < w.size() / 2; ++i) w[i] = -1000.0f; // rows 0-1 all negative
+        for (std::size_t i = 0; i < w.size(); ++i)
+            w[i] = (i % 2 ? -1.0f : 1.0f) * 1000.0f;
+        for (std::size_t i = 0; i < w.size() / 2; ++i)
+            w[i] = -1000.0f; // rows 0-1 all negative
         const EncodedMatrix m = testing::encode(type, w, rows, cols);
         std::vector<float> xs(cols, -1000.0f);
         ActivationBuffer x;
         prepareActivations(type, xs.data(), 1, cols, x);
         const std::vector<float> want = product(KernelPath::scalar, m, x);
         for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
-            if (!kernelPathAvailable(path)) continue;
-            EXPECT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-10) << ggmlTypeTraits(type).name;
+            if (!kernelPathAvailable(path))
+                continue;
+            EXPECT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-10)
+                << ggmlTypeTraits(type).name;
         }
         EXPECT_NEAR(want[0], 4096.0 * 1e6, 4096.0 * 1e6 * 1e-2) << ggmlTypeTraits(type).name;
     }
@@ -208,7 +254,8 @@ TEST(CpuFeatures, TheOverrideOnlyLowersWhatWasDetected) {
     const bool pairs[][2] = {{used.avx2, found.avx2},         {used.fma, found.fma},
                              {used.f16c, found.f16c},         {used.avx512f, found.avx512f},
                              {used.avx512bw, found.avx512bw}, {used.avx512vnni, found.avx512vnni}};
-    for (const auto& [u, f] : pairs) EXPECT_TRUE(!u || f);
+    for (const auto& [u, f] : pairs)
+        EXPECT_TRUE(!u || f);
     EXPECT_TRUE(kernelPathAvailable(bestKernelPath()));
     EXPECT_TRUE(!found.avx512f || found.avx2) << "AVX-512 without AVX2 would mean a detection fault";
 }
@@ -219,7 +266,8 @@ TEST(MatMul, RejectsMismatchedOperands) {
     std::vector<float> y(8);
     ActivationBuffer x;
     prepareActivations(GgmlType::Q4_0, xs.data(), 2, 64, x);
-    EXPECT_THROW(matmulRows(view(m), x, 0, 4, y.data(), 4), std::invalid_argument); // prepared for another type
+    EXPECT_THROW(matmulRows(view(m), x, 0, 4, y.data(), 4),
+                 std::invalid_argument); // prepared for another type
     prepareActivations(GgmlType::Q8_0, xs.data(), 1, 128, x);
     EXPECT_THROW(matmulRows(view(m), x, 0, 4, y.data(), 4), std::invalid_argument); // column count
     prepareActivations(GgmlType::Q8_0, xs.data(), 2, 64, x);
