@@ -26,7 +26,6 @@ const char* const sampleText = "I wanted to reach out to let you know that the q
                                "and I think it would be better to wait for everything rather than send "
                                "something incomplete to the board.";
 
-
 double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];

@@ -6,8 +6,8 @@
 #include "core/engine/LocalRewriteEngineError.h"
 #include "core/pipeline/RewriteMode.h"
 #include "core/settings/SettingsStore.h"
-#include "engine/OnDeviceEngine.h"
 #include "engine/ModelLocator.h"
+#include "engine/OnDeviceEngine.h"
 #include "platform/linux/QSettingsUserDefaults.h"
 
 #include <QCoreApplication>

@@ -32,9 +32,13 @@ QString quotedModeTitles() {
     return titles.join(QStringLiteral(", "));
 }
 
-void print(const QString& line) { std::printf("%s\n", line.toLocal8Bit().constData()); }
+void print(const QString& line) {
+    std::printf("%s\n", line.toLocal8Bit().constData());
+}
 
-void printError(const QString& line) { std::fprintf(stderr, "parlune-cli settings: %s\n", line.toLocal8Bit().constData()); }
+void printError(const QString& line) {
+    std::fprintf(stderr, "parlune-cli settings: %s\n", line.toLocal8Bit().constData());
+}
 
 // Only which modes have preferences is shown; their texts are the user's own words.
 int show(const SettingsStore& store, const QSettingsUserDefaults& defaults) {
@@ -49,7 +53,8 @@ int show(const SettingsStore& store, const QSettingsUserDefaults& defaults) {
     print(QStringLiteral("Shortcut: ") +
           QString::fromStdString(printableText(store.hotKeyDisplayName().toStdString(), 64)));
     print(QStringLiteral("Writing preferences for: ") +
-          (modesWithPreferences.isEmpty() ? QStringLiteral("no mode") : modesWithPreferences.join(QStringLiteral(", "))));
+          (modesWithPreferences.isEmpty() ? QStringLiteral("no mode")
+                                          : modesWithPreferences.join(QStringLiteral(", "))));
     print(QStringLiteral("Workflow test completed: ") +
           (store.hasCompletedTestRewrite() ? QStringLiteral("yes") : QStringLiteral("no")));
     print(QStringLiteral("Settings file: ") + defaults.path());
@@ -76,7 +81,8 @@ int run(const std::vector<std::string>& arguments) {
     const bool showing = arguments.empty();
     const bool settingMode = arguments.size() == 2 && arguments[0] == "set-mode";
     if (!showing && !settingMode) {
-        printError(QStringLiteral("usage: parlune-cli %1 (modes: %2)").arg(QLatin1String(usage), quotedModeTitles()));
+        printError(QStringLiteral("usage: parlune-cli %1 (modes: %2)")
+                       .arg(QLatin1String(usage), quotedModeTitles()));
         return 2;
     }
     QSettingsUserDefaults defaults;

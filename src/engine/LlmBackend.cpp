@@ -43,7 +43,8 @@ void throwIfStopped(const std::atomic<bool>& stop) {
 } // namespace
 
 LlmBackend::LlmBackend(std::filesystem::path path, ModelFileIdentity identity, int threadCount,
-                       std::shared_ptr<InstructionPrefixCache> prefixCache, InstructionPrefixCache::Ticket ticket)
+                       std::shared_ptr<InstructionPrefixCache> prefixCache,
+                       InstructionPrefixCache::Ticket ticket)
     : path_(std::move(path)), identity_(identity), threadCount_(std::max(1, threadCount)),
       prefixCache_(std::move(prefixCache)), ticket_(ticket) {}
 

@@ -43,15 +43,16 @@ std::shared_ptr<LlmBackend> LlmInference::currentBackend() {
         // A different model: states computed by the old one mean nothing to it, and jobs still
         // queued for the old backend hold a stale ticket.
         const InstructionPrefixCache::Ticket ticket = prefixCache_->reset();
-        backend_ = std::make_shared<LlmBackend>(chosen->path, chosen->identity, options_.threadCount, prefixCache_,
-                                                ticket);
+        backend_ = std::make_shared<LlmBackend>(chosen->path, chosen->identity, options_.threadCount,
+                                                prefixCache_, ticket);
         backend_->forceResponseTokens(options_.forcedResponseTokens);
     }
     return backend_;
 }
 
 void LlmInference::track(const std::shared_ptr<std::atomic<bool>>& stop) {
-    std::erase_if(inFlightStops_, [](const std::weak_ptr<std::atomic<bool>>& flag) { return flag.expired(); });
+    std::erase_if(inFlightStops_,
+                  [](const std::weak_ptr<std::atomic<bool>>& flag) { return flag.expired(); });
     inFlightStops_.push_back(stop);
 }
 

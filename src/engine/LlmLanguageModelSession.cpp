@@ -31,10 +31,10 @@ LlmLanguageModelSession::LlmLanguageModelSession(std::shared_ptr<LlmInference> i
 
 void LlmLanguageModelSession::prewarm(const QString&) {
     // The instructions are what every prompt of this session starts with; their state is kept.
-    inference_->post([instructions = instructions_.toStdString()](LlmBackend& backend,
-                                                                   const std::atomic<bool>& stop) {
-        backend.prewarm(instructions, stop);
-    });
+    inference_->post(
+        [instructions = instructions_.toStdString()](LlmBackend& backend, const std::atomic<bool>& stop) {
+            backend.prewarm(instructions, stop);
+        });
 }
 
 QCoro::Task<LlmResponse> LlmLanguageModelSession::run(LlmRequest request, std::stop_token token) {

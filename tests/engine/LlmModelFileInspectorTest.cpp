@@ -46,12 +46,14 @@ TEST_F(LlmModelFileInspectorTest, NamesWhyAFileCannotBeRun) {
 
     // A real file of a supported family, relabelled as one the engine does not run.
     QTemporaryDir folder;
-    llm::GgufWriter relabelled = llm::TestModelMaker::build(*llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2));
+    llm::GgufWriter relabelled =
+        llm::TestModelMaker::build(*llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2));
     relabelled.setString("general.architecture", "mamba");
     const QString mamba = folder.filePath(QStringLiteral("mamba.gguf"));
     relabelled.write(mamba.toStdString());
     const ModelFileFacts otherArchitecture = inspector_.inspect(mamba);
-    EXPECT_TRUE(otherArchitecture.problem.contains(QStringLiteral("mamba"))) << otherArchitecture.problem.toStdString();
+    EXPECT_TRUE(otherArchitecture.problem.contains(QStringLiteral("mamba")))
+        << otherArchitecture.problem.toStdString();
     EXPECT_EQ(otherArchitecture.architecture, QStringLiteral("mamba"));
     EXPECT_TRUE(otherArchitecture.hasChatTemplate);
 

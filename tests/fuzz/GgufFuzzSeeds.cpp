@@ -56,7 +56,9 @@ GgufWriter vocabulary() {
     w.setString("general.architecture", "llama");
     w.setString("tokenizer.ggml.model", "gpt2");
     w.setString("tokenizer.ggml.pre", "qwen2");
-    w.setStringArray("tokenizer.ggml.tokens", {"<s>", "</s>", "a", "b", "ab", "\xc4\xa0", "\xc4\xa0" "ab"});
+    w.setStringArray("tokenizer.ggml.tokens", {"<s>", "</s>", "a", "b", "ab", "\xc4\xa0",
+                                               "\xc4\xa0"
+                                               "ab"});
     w.setInt32Array("tokenizer.ggml.token_type", {3, 3, 1, 1, 1, 1, 1});
     w.setFloat32Array("tokenizer.ggml.scores", {0, 0, -1, -2, -3, -4, -5});
     w.setStringArray("tokenizer.ggml.merges", {"a b", "\xc4\xa0 ab"});

@@ -43,8 +43,7 @@ public:
     std::vector<QString> removals;
 
 private:
-    template <typename T>
-    const T* find(const QString& key) const {
+    template <typename T> const T* find(const QString& key) const {
         const auto it = values.find(key);
         return it == values.end() ? nullptr : std::get_if<T>(&it->second);
     }

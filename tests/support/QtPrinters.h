@@ -6,5 +6,9 @@
 #include <ostream>
 
 // Lets GoogleTest show Qt strings as text in failure messages.
-inline void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
-inline void PrintTo(QStringView text, std::ostream* out) { *out << '"' << text.toString().toStdString() << '"'; }
+inline void PrintTo(const QString& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
+inline void PrintTo(QStringView text, std::ostream* out) {
+    *out << '"' << text.toString().toStdString() << '"';
+}

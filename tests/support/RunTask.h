@@ -42,8 +42,7 @@ inline void pumpFor(int ms) {
 // Runs a task to completion on the event loop and returns its result, rethrowing its error; fails
 // the test instead of hanging when it does not finish. (Unlike QCoro::waitFor this also copes with
 // a task that finished before it was awaited.)
-template <typename T>
-T runTask(QCoro::Task<T>&& task, int timeoutMs = 30000) {
+template <typename T> T runTask(QCoro::Task<T>&& task, int timeoutMs = 30000) {
     TaskOutcome<T> outcome(std::move(task));
     if (!pumpUntil([&] { return outcome.isFinished(); }, timeoutMs)) {
         throw std::runtime_error("runTask: the task did not finish in time");

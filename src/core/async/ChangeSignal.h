@@ -38,8 +38,7 @@ private:
 // The observable side of a main-thread object: observers are called synchronously, in the order
 // they connected, each time the owner emits. An observer may disconnect itself or others while
 // being called; one connected during an emission is first called on the next.
-template <typename... Args>
-class ChangeSignal {
+template <typename... Args> class ChangeSignal {
 public:
     using Observer = std::function<void(const Args&...)>;
 

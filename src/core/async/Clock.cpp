@@ -9,7 +9,9 @@ double SystemClock::uptimeSeconds() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-WallTime SystemClock::now() const { return std::chrono::system_clock::now(); }
+WallTime SystemClock::now() const {
+    return std::chrono::system_clock::now();
+}
 
 const SystemClock& SystemClock::shared() {
     static const SystemClock clock;

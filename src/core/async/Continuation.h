@@ -20,8 +20,7 @@ namespace parlune {
 // guards need when a hand-over races a cancellation. Resumption is always posted to the event loop,
 // so whoever completes the continuation never runs the waiter's code on its own stack.
 // Copies share one state. Main thread only, except that the stop callback may fire anywhere.
-template <typename T = void>
-class Continuation {
+template <typename T = void> class Continuation {
     using Stored = std::conditional_t<std::is_void_v<T>, std::monostate, T>;
 
     struct State {
@@ -49,16 +48,13 @@ public:
     Continuation() : state_(std::make_shared<State>()) {}
 
     template <typename U = T>
-        requires(!std::is_void_v<U>)
-    bool resume(U value) {
+    requires(!std::is_void_v<U>) bool resume(U value) {
         return state_->complete(Stored(std::move(value)), nullptr);
     }
 
     template <typename U = T>
-        requires std::is_void_v<U>
-    bool resume() {
-        return state_->complete(std::monostate{}, nullptr);
-    }
+    requires std::is_void_v<U>
+    bool resume() { return state_->complete(std::monostate{}, nullptr); }
 
     bool resumeThrowing(std::exception_ptr error) { return state_->complete(std::nullopt, std::move(error)); }
 

@@ -18,6 +18,8 @@ struct YieldToEventLoop {
     void await_resume() const noexcept {}
 };
 
-inline YieldToEventLoop yieldToEventLoop() { return {}; }
+inline YieldToEventLoop yieldToEventLoop() {
+    return {};
+}
 
 } // namespace parlune

@@ -39,8 +39,7 @@ private:
 };
 
 namespace detail {
-template <typename Body>
-QCoro::Task<void> runSpawned(std::shared_ptr<SpawnedTaskState> state, Body body) {
+template <typename Body> QCoro::Task<void> runSpawned(std::shared_ptr<SpawnedTaskState> state, Body body) {
     // Like a freshly created task elsewhere, the body starts on a later turn of the event loop,
     // never inside its creator's call.
     co_await yieldToEventLoop();
@@ -57,8 +56,7 @@ QCoro::Task<void> runSpawned(std::shared_ptr<SpawnedTaskState> state, Body body)
 
 // Starts `body(std::stop_token)`, a coroutine returning QCoro::Task<void>, as an independent task
 // on the main thread. The body should hold its owner through a WeakRef.
-template <typename Body>
-TaskHandle spawnTask(Body body) {
+template <typename Body> TaskHandle spawnTask(Body body) {
     auto state = std::make_shared<detail::SpawnedTaskState>();
     // The returned QCoro::Task is dropped on purpose: the coroutine frees itself when it finishes.
     (void)detail::runSpawned(state, std::move(body));

@@ -13,8 +13,7 @@ namespace parlune {
 // Awaits a task from outside any coroutine and keeps what it left: its value or its error.
 // `onFinished` runs once the task has ended (at once if it already had). Lives where it was made:
 // its coroutine refers to it, so it can be neither copied nor moved.
-template <typename T>
-class TaskOutcome {
+template <typename T> class TaskOutcome {
 public:
     TaskOutcome(QCoro::Task<T> task, std::function<void()> onFinished = {})
         : onFinished_(std::move(onFinished)), driver_(drive(std::move(task))) {}

@@ -4,8 +4,7 @@
 
 namespace parlune {
 
-template <typename T>
-class WeakRef;
+template <typename T> class WeakRef;
 
 // Member of a main-thread object whose tasks must not keep it alive: tasks hold a WeakRef and
 // re-check it after every suspension. Destroying the owner destroys the token.
@@ -15,10 +14,7 @@ public:
     LifetimeToken(const LifetimeToken&) = delete;
     LifetimeToken& operator=(const LifetimeToken&) = delete;
 
-    template <typename T>
-    WeakRef<T> weak(T* owner) const {
-        return WeakRef<T>(alive_, owner);
-    }
+    template <typename T> WeakRef<T> weak(T* owner) const { return WeakRef<T>(alive_, owner); }
 
 private:
     std::shared_ptr<char> alive_;
@@ -26,8 +22,7 @@ private:
 
 // A non-owning reference that answers null once its owner is gone. Main thread only: between two
 // suspensions the owner cannot disappear, so a non-null lock() stays valid until the next co_await.
-template <typename T>
-class WeakRef {
+template <typename T> class WeakRef {
 public:
     WeakRef() = default;
     T* lock() const { return alive_.expired() ? nullptr : owner_; }

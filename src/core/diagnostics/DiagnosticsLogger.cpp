@@ -9,8 +9,7 @@ namespace parlune {
 namespace {
 
 // Keeps the code points that pass `keep`, at most `limit` of them.
-template <typename Keep>
-QString filtered(const QString& text, qsizetype limit, Keep keep) {
+template <typename Keep> QString filtered(const QString& text, qsizetype limit, Keep keep) {
     QString kept;
     qsizetype count = 0;
     for (const char32_t codePoint : text.toUcs4()) {
@@ -25,10 +24,11 @@ QString filtered(const QString& text, qsizetype limit, Keep keep) {
     return kept;
 }
 
-bool isLetterOrDigit(char32_t codePoint) { return QChar::isLetterOrNumber(codePoint); }
+bool isLetterOrDigit(char32_t codePoint) {
+    return QChar::isLetterOrNumber(codePoint);
+}
 
-template <typename Entries>
-void trim(Entries& entries, int maxEntries) {
+template <typename Entries> void trim(Entries& entries, int maxEntries) {
     while (entries.size() > static_cast<std::size_t>(maxEntries)) {
         entries.pop_back();
     }
@@ -51,12 +51,13 @@ QString DiagnosticsLogger::safeIdentifier(const std::optional<QString>& identifi
 }
 
 void DiagnosticsLogger::logRewrite(RewriteDiagnosticStage stage,
-                                   const std::optional<QString>& applicationBundleIdentifier, qint64 textLength,
-                                   std::optional<qint64> elapsedMilliseconds,
+                                   const std::optional<QString>& applicationBundleIdentifier,
+                                   qint64 textLength, std::optional<qint64> elapsedMilliseconds,
                                    const std::optional<QString>& errorCategory) {
     const QString app = safeIdentifier(applicationBundleIdentifier);
     const std::string_view stageName = rewrite_diagnostic_stage::rawValue(stage);
-    QString line = QStringLiteral("stage=") + QString::fromLatin1(stageName.data(), qsizetype(stageName.size()));
+    QString line =
+        QStringLiteral("stage=") + QString::fromLatin1(stageName.data(), qsizetype(stageName.size()));
     line += QStringLiteral(" app=") + app;
     line += QStringLiteral(" length=") + QString::number(textLength);
     if (elapsedMilliseconds) {
@@ -68,8 +69,8 @@ void DiagnosticsLogger::logRewrite(RewriteDiagnosticStage stage,
     record(std::move(line));
 
     if (stage == RewriteDiagnosticStage::completed && elapsedMilliseconds) {
-        performance_.push_front(
-            RewritePerformanceEntry{QUuid::createUuid(), clock_.now(), app, textLength, *elapsedMilliseconds});
+        performance_.push_front(RewritePerformanceEntry{QUuid::createUuid(), clock_.now(), app, textLength,
+                                                        *elapsedMilliseconds});
         trim(performance_, maxEntries_);
         changed.emit();
     }

@@ -20,10 +20,14 @@ enum class RewriteDiagnosticStage {
 namespace rewrite_diagnostic_stage {
 
 inline constexpr std::array<RewriteDiagnosticStage, 8> allCases{
-    RewriteDiagnosticStage::capture,     RewriteDiagnosticStage::queued,
-    RewriteDiagnosticStage::deterministicRewrite, RewriteDiagnosticStage::modelRewrite,
-    RewriteDiagnosticStage::staleTarget, RewriteDiagnosticStage::replacement,
-    RewriteDiagnosticStage::completed,   RewriteDiagnosticStage::failed,
+    RewriteDiagnosticStage::capture,
+    RewriteDiagnosticStage::queued,
+    RewriteDiagnosticStage::deterministicRewrite,
+    RewriteDiagnosticStage::modelRewrite,
+    RewriteDiagnosticStage::staleTarget,
+    RewriteDiagnosticStage::replacement,
+    RewriteDiagnosticStage::completed,
+    RewriteDiagnosticStage::failed,
 };
 
 // The name written after "stage=" ("capture", "modelRewrite", ...).

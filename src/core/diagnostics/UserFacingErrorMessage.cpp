@@ -35,7 +35,9 @@ std::string_view selectionMessage(TextReplacementError::Kind kind) {
     return undescribedError;
 }
 
-QString text(std::string_view utf8) { return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size())); }
+QString text(std::string_view utf8) {
+    return QString::fromUtf8(utf8.data(), static_cast<qsizetype>(utf8.size()));
+}
 
 std::string_view engineMessage(LocalRewriteEngineError::Kind kind, std::string& composed) {
     using Kind = LocalRewriteEngineError::Kind;

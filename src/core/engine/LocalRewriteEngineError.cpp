@@ -30,6 +30,8 @@ std::string_view LocalRewriteEngineError::description(Kind kind) {
     return {};
 }
 
-const char* LocalRewriteEngineError::what() const noexcept { return description(kind_).data(); }
+const char* LocalRewriteEngineError::what() const noexcept {
+    return description(kind_).data();
+}
 
 } // namespace parlune

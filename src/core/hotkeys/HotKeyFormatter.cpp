@@ -76,7 +76,8 @@ std::optional<HotKeyShortcut> HotKeyFormatter::optionShortcut(std::uint32_t keyC
     if (trimmed.isEmpty()) {
         return std::nullopt;
     }
-    return HotKeyShortcut{keyCode, carbon_modifier::option, PlatformTerms::current().optionPrefix() + trimmed};
+    return HotKeyShortcut{keyCode, carbon_modifier::option,
+                          PlatformTerms::current().optionPrefix() + trimmed};
 }
 
 std::optional<HotKeyShortcut> HotKeyFormatter::optionShortcut(const KeyEvent& event) {
@@ -85,8 +86,9 @@ std::optional<HotKeyShortcut> HotKeyFormatter::optionShortcut(const KeyEvent& ev
 
 QString HotKeyFormatter::recorderKeyName(const HotKeyShortcut& shortcut) {
     const QString prefix = PlatformTerms::current().optionPrefix();
-    const QString name = shortcut.displayName.startsWith(prefix) ? shortcut.displayName
-                                                                   : HotKeyShortcut::defaultShortcut().displayName;
+    const QString name = shortcut.displayName.startsWith(prefix)
+                             ? shortcut.displayName
+                             : HotKeyShortcut::defaultShortcut().displayName;
     return name.mid(prefix.size());
 }
 

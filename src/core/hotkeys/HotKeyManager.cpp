@@ -32,7 +32,9 @@ void requireMainThread() {
 
 HotKeyManager::HotKeyManager(HotKeyService& service) : service_(service) {}
 
-HotKeyManager::~HotKeyManager() { unregister(); }
+HotKeyManager::~HotKeyManager() {
+    unregister();
+}
 
 void HotKeyManager::registerShortcut(const HotKeyShortcut& shortcut, Action action) {
     registerKey(shortcut.keyCode, shortcut.carbonModifiers, std::move(action));
@@ -92,6 +94,8 @@ std::int32_t HotKeyManager::handleHotKeyEvent(std::optional<HotKeyIdentifier> id
     return 0;
 }
 
-bool HotKeyManager::hasSharedAction() { return static_cast<bool>(sharedAction()); }
+bool HotKeyManager::hasSharedAction() {
+    return static_cast<bool>(sharedAction());
+}
 
 } // namespace parlune

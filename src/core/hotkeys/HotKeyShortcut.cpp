@@ -12,7 +12,8 @@ HotKeyShortcut HotKeyShortcut::defaultShortcut() {
 }
 
 void PrintTo(const HotKeyShortcut& shortcut, std::ostream* out) {
-    *out << shortcut.displayName.toStdString() << " (" << shortcut.keyCode << "/" << shortcut.carbonModifiers << ")";
+    *out << shortcut.displayName.toStdString() << " (" << shortcut.keyCode << "/" << shortcut.carbonModifiers
+         << ")";
 }
 
 } // namespace parlune

@@ -8,9 +8,11 @@
 
 namespace parlune {
 
-RewriteJobQueue::RewriteJobQueue(int maximumOutstandingJobs, double deduplicationInterval, MonotonicNow monotonicNow)
+RewriteJobQueue::RewriteJobQueue(int maximumOutstandingJobs, double deduplicationInterval,
+                                 MonotonicNow monotonicNow)
     : maximumOutstandingJobs_(maximumOutstandingJobs), deduplicationInterval_(deduplicationInterval),
-      monotonicNow_(monotonicNow ? std::move(monotonicNow) : [] { return SystemClock::shared().uptimeSeconds(); }) {}
+      monotonicNow_(monotonicNow ? std::move(monotonicNow)
+                                 : [] { return SystemClock::shared().uptimeSeconds(); }) {}
 
 RewriteJobQueue::~RewriteJobQueue() {
     drainTask_.cancel();
@@ -51,11 +53,12 @@ RewriteJobEnqueueResult RewriteJobQueue::enqueue(RewriteJob job, std::optional<d
     return RewriteJobEnqueueResult::accepted;
 }
 
-QCoro::Task<RewriteJobSubmission> RewriteJobQueue::submit(RewriteJob job, std::optional<double> deduplicationTimestamp,
-                                                          Operation operation) {
+QCoro::Task<RewriteJobSubmission>
+RewriteJobQueue::submit(RewriteJob job, std::optional<double> deduplicationTimestamp, Operation operation) {
     Continuation<void> finished;
     const RewriteJobEnqueueResult result =
-        enqueue(std::move(job), deduplicationTimestamp, std::move(operation), [finished]() mutable { finished.resume(); });
+        enqueue(std::move(job), deduplicationTimestamp, std::move(operation),
+                [finished]() mutable { finished.resume(); });
     switch (result) {
     case RewriteJobEnqueueResult::deduplicated:
         co_return RewriteJobSubmission::deduplicated;
@@ -78,21 +81,20 @@ void RewriteJobQueue::purgeRecentSubmissions(double timestamp) {
 
 void RewriteJobQueue::scheduleCleanup() {
     std::erase_if(cleanupTasks_, [](const TaskHandle& task) { return task.isFinished(); });
-    cleanupTasks_.push_back(
-        spawnTask([weakQueue = lifetime_.weak(this), interval = deduplicationInterval_](std::stop_token token)
-                      -> QCoro::Task<void> {
-            if (!(interval > 0)) {
-                if (RewriteJobQueue* queue = weakQueue.lock()) {
-                    queue->recentSubmissions_.clear();
-                }
-                co_return;
-            }
-            const auto nanoseconds = static_cast<std::uint64_t>(interval * 1'000'000'000.0);
-            co_await sleepFor(std::chrono::nanoseconds(nanoseconds), token);
+    cleanupTasks_.push_back(spawnTask([weakQueue = lifetime_.weak(this), interval = deduplicationInterval_](
+                                          std::stop_token token) -> QCoro::Task<void> {
+        if (!(interval > 0)) {
             if (RewriteJobQueue* queue = weakQueue.lock()) {
-                queue->purgeRecentSubmissions(queue->monotonicNow_());
+                queue->recentSubmissions_.clear();
             }
-        }));
+            co_return;
+        }
+        const auto nanoseconds = static_cast<std::uint64_t>(interval * 1'000'000'000.0);
+        co_await sleepFor(std::chrono::nanoseconds(nanoseconds), token);
+        if (RewriteJobQueue* queue = weakQueue.lock()) {
+            queue->purgeRecentSubmissions(queue->monotonicNow_());
+        }
+    }));
 }
 
 void RewriteJobQueue::beginDrainingIfNeeded() {
@@ -100,10 +102,9 @@ void RewriteJobQueue::beginDrainingIfNeeded() {
         return; // the running drain reaches the new entry
     }
     isDraining_ = true;
-    drainTask_ = spawnTask(
-        [weakQueue = lifetime_.weak(this)](std::stop_token token) -> QCoro::Task<void> {
-            co_await drain(weakQueue, token);
-        });
+    drainTask_ = spawnTask([weakQueue = lifetime_.weak(this)](std::stop_token token) -> QCoro::Task<void> {
+        co_await drain(weakQueue, token);
+    });
 }
 
 QCoro::Task<void> RewriteJobQueue::drain(WeakRef<RewriteJobQueue> weakQueue, std::stop_token token) {

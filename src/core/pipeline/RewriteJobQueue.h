@@ -37,8 +37,8 @@ public:
 
     // Answers at once, never suspends. `deduplicationTimestamp` is in the clock of `monotonicNow`;
     // without one the current time is used.
-    RewriteJobEnqueueResult enqueue(RewriteJob job, std::optional<double> deduplicationTimestamp, Operation operation,
-                                    Completion completion);
+    RewriteJobEnqueueResult enqueue(RewriteJob job, std::optional<double> deduplicationTimestamp,
+                                    Operation operation, Completion completion);
 
     // Enqueues and waits until the job's completion has run, or answers at once when dropped.
     QCoro::Task<RewriteJobSubmission> submit(RewriteJob job, std::optional<double> deduplicationTimestamp,

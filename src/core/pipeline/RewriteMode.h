@@ -19,7 +19,7 @@ enum class RewriteMode {
 namespace rewrite_mode {
 
 inline constexpr std::array<RewriteMode, 5> allCases{
-    RewriteMode::improveClarity, RewriteMode::makeConcise, RewriteMode::professional,
+    RewriteMode::improveClarity, RewriteMode::makeConcise,   RewriteMode::professional,
     RewriteMode::casual,         RewriteMode::improvePrompt,
 };
 

@@ -34,7 +34,8 @@ public:
     virtual ~HotKeyService() = default;
 
     virtual Result installHandler(Handler handler) = 0;
-    virtual Result registerHotKey(std::uint32_t keyCode, std::uint32_t modifiers, HotKeyIdentifier identifier) = 0;
+    virtual Result registerHotKey(std::uint32_t keyCode, std::uint32_t modifiers,
+                                  HotKeyIdentifier identifier) = 0;
     virtual void unregisterHotKey(Handle hotKey) = 0;
     virtual void removeHandler(Handle handler) = 0;
 };

@@ -15,11 +15,12 @@ const PlatformTerms& PlatformTerms::macOS() {
         .commandKey = "Command",
         .controlKey = "Control",
         .shiftKey = "Shift",
-        .accessibilitySettingsLocation = "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility",
+        .accessibilitySettingsLocation =
+            "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility",
         .settingsApplicationPath = "/System/Applications/System Settings.app",
-        .accessibilityEnableInstruction =
-            "Enable Parlune in System Settings \u2192 Privacy & Security \u2192 Accessibility, then return and run "
-            "the workflow test.",
+        .accessibilityEnableInstruction = "Enable Parlune in System Settings \u2192 Privacy & Security "
+                                          "\u2192 Accessibility, then return and run "
+                                          "the workflow test.",
         .deviceNotSupportedDescription = "This Mac does not support Parlune's on-device rewriting.",
         .hotKeyStatusName = "OSStatus",
     };
@@ -39,9 +40,9 @@ const PlatformTerms& PlatformTerms::linux() {
         .shiftKey = "Shift",
         .accessibilitySettingsLocation = "settings://accessibility",
         .settingsApplicationPath = "/usr/bin/gnome-control-center",
-        .accessibilityEnableInstruction =
-            "Turn on assistive technologies in your desktop's accessibility settings, then return and run the "
-            "workflow test.",
+        .accessibilityEnableInstruction = "Turn on assistive technologies in your desktop's accessibility "
+                                          "settings, then return and run the "
+                                          "workflow test.",
         .deviceNotSupportedDescription = "This computer does not support Parlune's on-device rewriting.",
         // The X11 port reports the X protocol error of a refused key grab.
         .hotKeyStatusName = "X11 error",
@@ -53,8 +54,12 @@ QString PlatformTerms::optionPrefix() const {
     return QString::fromUtf8(optionKey.data(), static_cast<qsizetype>(optionKey.size())) + u'+';
 }
 
-const PlatformTerms& PlatformTerms::current() { return overrideTerms ? *overrideTerms : linux(); }
+const PlatformTerms& PlatformTerms::current() {
+    return overrideTerms ? *overrideTerms : linux();
+}
 
-void PlatformTerms::setCurrentForTesting(const PlatformTerms* terms) { overrideTerms = terms; }
+void PlatformTerms::setCurrentForTesting(const PlatformTerms* terms) {
+    overrideTerms = terms;
+}
 
 } // namespace parlune

@@ -10,13 +10,13 @@ namespace parlune {
 // texts; the Linux table reads naturally on a Linux desktop. Everything user-visible that names the
 // computer, its settings or modifier keys comes from here.
 struct PlatformTerms {
-    std::string_view thisComputer;          // "this Mac"
+    std::string_view thisComputer;            // "this Mac"
     std::string_view thisComputerCapitalized; // "This Mac"
-    std::string_view systemSettings;        // "System Settings"
-    std::string_view optionKey;             // "Option"
-    std::string_view commandKey;            // "Command"
-    std::string_view controlKey;            // "Control"
-    std::string_view shiftKey;              // "Shift"
+    std::string_view systemSettings;          // "System Settings"
+    std::string_view optionKey;               // "Option"
+    std::string_view commandKey;              // "Command"
+    std::string_view controlKey;              // "Control"
+    std::string_view shiftKey;                // "Shift"
     // Where the user grants accessibility control, and the settings application to fall back to.
     std::string_view accessibilitySettingsLocation;
     std::string_view settingsApplicationPath;

@@ -41,7 +41,8 @@ public:
     // `target` may be null (capture through the frontmost application). The target identifier is
     // the element's hash, or 0 without an element.
     CapturedSelection(QUuid id, QString text, std::optional<QString> applicationBundleIdentifier,
-                      std::optional<ProcessId> applicationProcessIdentifier, std::optional<TextRange> selectedRange,
+                      std::optional<ProcessId> applicationProcessIdentifier,
+                      std::optional<TextRange> selectedRange,
                       SelectionReplacementStrategy replacementStrategy, AccessibilityElementRef target);
 
     const QUuid& id() const { return id_; }

@@ -27,7 +27,8 @@ public:
     }
 
     // Puts `replacement` in place of the selection, re-validating the target first.
-    virtual QCoro::Task<void> replace(QString replacement, CapturedSelection selection, std::stop_token token) = 0;
+    virtual QCoro::Task<void> replace(QString replacement, CapturedSelection selection,
+                                      std::stop_token token) = 0;
 };
 
 } // namespace parlune

@@ -23,6 +23,8 @@ std::string_view TextReplacementError::description(Kind kind) {
 }
 
 // Descriptions are string literals, so the view's data is NUL-terminated.
-const char* TextReplacementError::what() const noexcept { return description(kind_).data(); }
+const char* TextReplacementError::what() const noexcept {
+    return description(kind_).data();
+}
 
 } // namespace parlune

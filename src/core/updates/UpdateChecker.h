@@ -2,8 +2,8 @@
 
 #include "core/async/ChangeSignal.h"
 #include "core/models/VerifiedDownload.h"
-#include "core/updates/Appcast.h"
 #include "core/shell/UpdateConfiguration.h"
+#include "core/updates/Appcast.h"
 #include "core/updates/UpdateBuildMetadata.h"
 
 #include <QObject>

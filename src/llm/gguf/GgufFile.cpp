@@ -48,22 +48,29 @@ std::string shown(std::string_view text) {
     return out;
 }
 
-template <typename T>
-T loadAt(std::span<const std::byte> bytes, std::size_t offset) {
+template <typename T> T loadAt(std::span<const std::byte> bytes, std::size_t offset) {
     T value{};
     std::memcpy(&value, bytes.data() + offset, sizeof value);
     return value;
 }
 
-std::optional<std::int64_t> integerAt(std::span<const std::byte> bytes, GgufValueType type, std::size_t offset) {
+std::optional<std::int64_t> integerAt(std::span<const std::byte> bytes, GgufValueType type,
+                                      std::size_t offset) {
     switch (type) {
-    case GgufValueType::UInt8: return loadAt<std::uint8_t>(bytes, offset);
-    case GgufValueType::Int8: return loadAt<std::int8_t>(bytes, offset);
-    case GgufValueType::UInt16: return loadAt<std::uint16_t>(bytes, offset);
-    case GgufValueType::Int16: return loadAt<std::int16_t>(bytes, offset);
-    case GgufValueType::UInt32: return loadAt<std::uint32_t>(bytes, offset);
-    case GgufValueType::Int32: return loadAt<std::int32_t>(bytes, offset);
-    case GgufValueType::Int64: return loadAt<std::int64_t>(bytes, offset);
+    case GgufValueType::UInt8:
+        return loadAt<std::uint8_t>(bytes, offset);
+    case GgufValueType::Int8:
+        return loadAt<std::int8_t>(bytes, offset);
+    case GgufValueType::UInt16:
+        return loadAt<std::uint16_t>(bytes, offset);
+    case GgufValueType::Int16:
+        return loadAt<std::int16_t>(bytes, offset);
+    case GgufValueType::UInt32:
+        return loadAt<std::uint32_t>(bytes, offset);
+    case GgufValueType::Int32:
+        return loadAt<std::int32_t>(bytes, offset);
+    case GgufValueType::Int64:
+        return loadAt<std::int64_t>(bytes, offset);
     case GgufValueType::UInt64: {
         const auto value = loadAt<std::uint64_t>(bytes, offset);
         if (value > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
@@ -113,7 +120,8 @@ private:
         if (cursor_.size() < sizeof kMagic || std::memcmp(file_.bytes_.data(), kMagic, sizeof kMagic) != 0) {
             const std::size_t shownBytes = std::min<std::size_t>(file_.bytes_.size(), sizeof kMagic);
             cursor_.fail("not a GGUF file (it starts with " +
-                         shown({reinterpret_cast<const char*>(file_.bytes_.data()), shownBytes}) + ", not 'GGUF')");
+                         shown({reinterpret_cast<const char*>(file_.bytes_.data()), shownBytes}) +
+                         ", not 'GGUF')");
         }
         cursor_.readBytes(sizeof kMagic, "magic");
         const std::uint32_t version = cursor_.readU32("version");
@@ -144,7 +152,8 @@ private:
         file_.metadata_.reserve(static_cast<std::size_t>(metadataCount_));
         file_.metadataIndex_.reserve(static_cast<std::size_t>(metadataCount_));
         for (std::uint64_t i = 0; i < metadataCount_; ++i) {
-            cursor_.setContext("metadata entry " + std::to_string(i + 1) + " of " + std::to_string(metadataCount_));
+            cursor_.setContext("metadata entry " + std::to_string(i + 1) + " of " +
+                               std::to_string(metadataCount_));
             MetadataEntry entry;
             entry.key = cursor_.readString("key");
             if (entry.key.empty()) {
@@ -199,7 +208,8 @@ private:
         for (std::size_t i = 0; i < values.size(); ++i) {
             const auto value = std::to_integer<unsigned>(values[i]);
             if (value > 1) {
-                const std::string where = values.size() > 1 ? " in element " + std::to_string(i) : std::string();
+                const std::string where =
+                    values.size() > 1 ? " in element " + std::to_string(i) : std::string();
                 cursor_.fail("invalid bool value " + std::to_string(value) + where + " (must be 0 or 1)");
             }
         }
@@ -215,11 +225,13 @@ private:
         const std::uint64_t left = cursor_.remaining();
         const std::optional<std::size_t> fixedSize = ggufFixedValueSize(elementType);
         const std::uint64_t minElementBytes =
-            fixedSize ? *fixedSize : (elementType == GgufValueType::String ? kStringHeaderBytes : kArrayHeaderBytes);
+            fixedSize ? *fixedSize
+                      : (elementType == GgufValueType::String ? kStringHeaderBytes : kArrayHeaderBytes);
         if (count > left / minElementBytes) {
-            cursor_.fail("array of " + std::to_string(count) + " " + std::string(ggufValueTypeName(elementType)) +
-                         " values at byte " + std::to_string(start) + " does not fit in the " +
-                         std::to_string(left) + " bytes left in the file");
+            cursor_.fail("array of " + std::to_string(count) + " " +
+                         std::string(ggufValueTypeName(elementType)) + " values at byte " +
+                         std::to_string(start) + " does not fit in the " + std::to_string(left) +
+                         " bytes left in the file");
         }
         if (fixedSize) {
             const std::span<const std::byte> values = cursor_.readBytes(count * *fixedSize, "array");
@@ -233,9 +245,10 @@ private:
                 const std::uint64_t at = cursor_.position();
                 const std::uint64_t length = cursor_.readU64("array string length");
                 if (length > cursor_.remaining()) {
-                    cursor_.fail("string " + std::to_string(i) + " of the array (at byte " + std::to_string(at) +
-                                 ") claims " + std::to_string(length) + " bytes, but only " +
-                                 std::to_string(cursor_.remaining()) + " are left in the file");
+                    cursor_.fail("string " + std::to_string(i) + " of the array (at byte " +
+                                 std::to_string(at) + ") claims " + std::to_string(length) +
+                                 " bytes, but only " + std::to_string(cursor_.remaining()) +
+                                 " are left in the file");
                 }
                 cursor_.readBytes(length, "array string");
             } else {
@@ -252,7 +265,8 @@ private:
         }
         cursor_.setContext("metadata " + shown(kAlignmentKey));
         const std::optional<std::int64_t> value =
-            isGgufIntegerType(entry->type) ? integerAt(file_.bytes_, entry->type, entry->valueOffset) : std::nullopt;
+            isGgufIntegerType(entry->type) ? integerAt(file_.bytes_, entry->type, entry->valueOffset)
+                                           : std::nullopt;
         if (!value) {
             cursor_.fail("must be an unsigned integer, not " + std::string(ggufValueTypeName(entry->type)));
         }
@@ -269,7 +283,8 @@ private:
         file_.tensors_.reserve(static_cast<std::size_t>(tensorCount_));
         file_.tensorIndex_.reserve(static_cast<std::size_t>(tensorCount_));
         for (std::uint64_t i = 0; i < tensorCount_; ++i) {
-            cursor_.setContext("tensor entry " + std::to_string(i + 1) + " of " + std::to_string(tensorCount_));
+            cursor_.setContext("tensor entry " + std::to_string(i + 1) + " of " +
+                               std::to_string(tensorCount_));
             const std::string_view name = cursor_.readString("name");
             if (name.empty()) {
                 cursor_.fail("empty tensor name");
@@ -299,7 +314,8 @@ private:
                 cursor_.fail("dimension " + std::to_string(d) + " is 0");
             }
             if (dim > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-                cursor_.fail("dimension " + std::to_string(d) + " (" + std::to_string(dim) + ") is too large");
+                cursor_.fail("dimension " + std::to_string(d) + " (" + std::to_string(dim) +
+                             ") is too large");
             }
             tensor.dims.push_back(static_cast<std::int64_t>(dim));
             if (__builtin_mul_overflow(elements, static_cast<std::int64_t>(dim), &elements)) {
@@ -325,12 +341,13 @@ private:
         std::uint64_t size = 0;
         if (!rowBytes || __builtin_mul_overflow(static_cast<std::uint64_t>(*rowBytes), rows, &size) ||
             size > std::numeric_limits<std::size_t>::max()) {
-            cursor_.fail("data size of " + dimsText(tensor.dims) + " " + std::string(traits->name) + " overflows");
+            cursor_.fail("data size of " + dimsText(tensor.dims) + " " + std::string(traits->name) +
+                         " overflows");
         }
         tensor.byteSize = static_cast<std::size_t>(size);
         if (tensor.offset % file_.alignment_ != 0) {
-            cursor_.fail("data offset " + std::to_string(tensor.offset) + " is not a multiple of the alignment " +
-                         std::to_string(file_.alignment_));
+            cursor_.fail("data offset " + std::to_string(tensor.offset) +
+                         " is not a multiple of the alignment " + std::to_string(file_.alignment_));
         }
         return tensor;
     }
@@ -348,17 +365,17 @@ private:
             order[i] = i;
             cursor_.setContext("tensor " + shown(tensor.name));
             if (tensor.offset > fileSize || file_.dataOffset_ + tensor.offset > fileSize) {
-                cursor_.fail("data offset " + std::to_string(tensor.offset) + " (from the data section at byte " +
-                             std::to_string(file_.dataOffset_) + ") lies past the end of the file (" +
-                             std::to_string(fileSize) + " bytes)");
+                cursor_.fail("data offset " + std::to_string(tensor.offset) +
+                             " (from the data section at byte " + std::to_string(file_.dataOffset_) +
+                             ") lies past the end of the file (" + std::to_string(fileSize) + " bytes)");
             }
             const std::uint64_t begin = file_.dataOffset_ + tensor.offset;
             std::uint64_t end = 0;
             const bool overflows = __builtin_add_overflow(begin, tensor.byteSize, &end);
             if (overflows || end > fileSize) {
-                const std::string range = overflows ? std::to_string(tensor.byteSize) + " bytes from byte " +
-                                                          std::to_string(begin)
-                                                    : "range " + std::to_string(begin) + ".." + std::to_string(end);
+                const std::string range =
+                    overflows ? std::to_string(tensor.byteSize) + " bytes from byte " + std::to_string(begin)
+                              : "range " + std::to_string(begin) + ".." + std::to_string(end);
                 cursor_.fail("data " + range + " lies past the end of the file (" + std::to_string(fileSize) +
                              " bytes)");
             }
@@ -372,9 +389,10 @@ private:
             const GgufTensorInfo& previous = file_.tensors_[order[i - 1]];
             const GgufTensorInfo& current = file_.tensors_[order[i]];
             if (previous.offset + previous.byteSize > current.offset) {
-                cursor_.fail("tensor " + shown(previous.name) + " (data " + std::to_string(previous.offset) + ".." +
-                             std::to_string(previous.offset + previous.byteSize) + ") overlaps tensor " +
-                             shown(current.name) + " (data from " + std::to_string(current.offset) + ")");
+                cursor_.fail("tensor " + shown(previous.name) + " (data " + std::to_string(previous.offset) +
+                             ".." + std::to_string(previous.offset + previous.byteSize) +
+                             ") overlaps tensor " + shown(current.name) + " (data from " +
+                             std::to_string(current.offset) + ")");
             }
         }
     }
@@ -424,7 +442,9 @@ const GgufFile::MetadataEntry* GgufFile::findArray(std::string_view key) const {
     return entry != nullptr && entry->type == GgufValueType::Array ? entry : nullptr;
 }
 
-bool GgufFile::hasKey(std::string_view key) const { return find(key) != nullptr; }
+bool GgufFile::hasKey(std::string_view key) const {
+    return find(key) != nullptr;
+}
 
 std::vector<std::string_view> GgufFile::keys() const {
     std::vector<std::string_view> result;
@@ -548,7 +568,8 @@ const GgufTensorInfo* GgufFile::findTensor(std::string_view name) const {
 
 std::span<const std::byte> GgufFile::tensorBytes(const GgufTensorInfo& tensor) const {
     const std::uint64_t size = bytes_.size();
-    if (dataOffset_ > size || tensor.offset > size - dataOffset_ || tensor.byteSize > size - dataOffset_ - tensor.offset) {
+    if (dataOffset_ > size || tensor.offset > size - dataOffset_ ||
+        tensor.byteSize > size - dataOffset_ - tensor.offset) {
         return {};
     }
     return bytes_.subspan(static_cast<std::size_t>(dataOffset_ + tensor.offset), tensor.byteSize);

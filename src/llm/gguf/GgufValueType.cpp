@@ -11,19 +11,32 @@ std::optional<GgufValueType> ggufValueTypeFromId(std::uint32_t id) {
 
 std::string_view ggufValueTypeName(GgufValueType type) {
     switch (type) {
-    case GgufValueType::UInt8: return "uint8";
-    case GgufValueType::Int8: return "int8";
-    case GgufValueType::UInt16: return "uint16";
-    case GgufValueType::Int16: return "int16";
-    case GgufValueType::UInt32: return "uint32";
-    case GgufValueType::Int32: return "int32";
-    case GgufValueType::Float32: return "float32";
-    case GgufValueType::Bool: return "bool";
-    case GgufValueType::String: return "string";
-    case GgufValueType::Array: return "array";
-    case GgufValueType::UInt64: return "uint64";
-    case GgufValueType::Int64: return "int64";
-    case GgufValueType::Float64: return "float64";
+    case GgufValueType::UInt8:
+        return "uint8";
+    case GgufValueType::Int8:
+        return "int8";
+    case GgufValueType::UInt16:
+        return "uint16";
+    case GgufValueType::Int16:
+        return "int16";
+    case GgufValueType::UInt32:
+        return "uint32";
+    case GgufValueType::Int32:
+        return "int32";
+    case GgufValueType::Float32:
+        return "float32";
+    case GgufValueType::Bool:
+        return "bool";
+    case GgufValueType::String:
+        return "string";
+    case GgufValueType::Array:
+        return "array";
+    case GgufValueType::UInt64:
+        return "uint64";
+    case GgufValueType::Int64:
+        return "int64";
+    case GgufValueType::Float64:
+        return "float64";
     }
     return "invalid";
 }

@@ -17,8 +17,7 @@ constexpr std::uint32_t kVersion = 3;
 constexpr std::size_t kDefaultAlignment = 32;
 constexpr std::uint32_t kMaxAlignment = std::uint32_t{1} << 30; // the most the reader accepts
 
-template <typename T>
-void append(std::vector<std::byte>& out, T value) {
+template <typename T> void append(std::vector<std::byte>& out, T value) {
     const auto* raw = reinterpret_cast<const std::byte*>(&value);
     out.insert(out.end(), raw, raw + sizeof value);
 }
@@ -52,8 +51,7 @@ void GgufWriter::set(std::string key, std::vector<std::byte> encoded) {
     entries_.push_back({std::move(key), std::move(encoded)});
 }
 
-template <typename T>
-void GgufWriter::setScalar(std::string key, GgufValueType type, T value) {
+template <typename T> void GgufWriter::setScalar(std::string key, GgufValueType type, T value) {
     std::vector<std::byte> encoded;
     appendType(encoded, type);
     append(encoded, value);
@@ -72,16 +70,36 @@ void GgufWriter::setArray(std::string key, GgufValueType elementType, const std:
     set(std::move(key), std::move(encoded));
 }
 
-void GgufWriter::setUInt8(std::string key, std::uint8_t value) { setScalar(std::move(key), GgufValueType::UInt8, value); }
-void GgufWriter::setInt8(std::string key, std::int8_t value) { setScalar(std::move(key), GgufValueType::Int8, value); }
-void GgufWriter::setUInt16(std::string key, std::uint16_t value) { setScalar(std::move(key), GgufValueType::UInt16, value); }
-void GgufWriter::setInt16(std::string key, std::int16_t value) { setScalar(std::move(key), GgufValueType::Int16, value); }
-void GgufWriter::setUInt32(std::string key, std::uint32_t value) { setScalar(std::move(key), GgufValueType::UInt32, value); }
-void GgufWriter::setInt32(std::string key, std::int32_t value) { setScalar(std::move(key), GgufValueType::Int32, value); }
-void GgufWriter::setUInt64(std::string key, std::uint64_t value) { setScalar(std::move(key), GgufValueType::UInt64, value); }
-void GgufWriter::setInt64(std::string key, std::int64_t value) { setScalar(std::move(key), GgufValueType::Int64, value); }
-void GgufWriter::setFloat32(std::string key, float value) { setScalar(std::move(key), GgufValueType::Float32, value); }
-void GgufWriter::setFloat64(std::string key, double value) { setScalar(std::move(key), GgufValueType::Float64, value); }
+void GgufWriter::setUInt8(std::string key, std::uint8_t value) {
+    setScalar(std::move(key), GgufValueType::UInt8, value);
+}
+void GgufWriter::setInt8(std::string key, std::int8_t value) {
+    setScalar(std::move(key), GgufValueType::Int8, value);
+}
+void GgufWriter::setUInt16(std::string key, std::uint16_t value) {
+    setScalar(std::move(key), GgufValueType::UInt16, value);
+}
+void GgufWriter::setInt16(std::string key, std::int16_t value) {
+    setScalar(std::move(key), GgufValueType::Int16, value);
+}
+void GgufWriter::setUInt32(std::string key, std::uint32_t value) {
+    setScalar(std::move(key), GgufValueType::UInt32, value);
+}
+void GgufWriter::setInt32(std::string key, std::int32_t value) {
+    setScalar(std::move(key), GgufValueType::Int32, value);
+}
+void GgufWriter::setUInt64(std::string key, std::uint64_t value) {
+    setScalar(std::move(key), GgufValueType::UInt64, value);
+}
+void GgufWriter::setInt64(std::string key, std::int64_t value) {
+    setScalar(std::move(key), GgufValueType::Int64, value);
+}
+void GgufWriter::setFloat32(std::string key, float value) {
+    setScalar(std::move(key), GgufValueType::Float32, value);
+}
+void GgufWriter::setFloat64(std::string key, double value) {
+    setScalar(std::move(key), GgufValueType::Float64, value);
+}
 void GgufWriter::setBool(std::string key, bool value) {
     setScalar(std::move(key), GgufValueType::Bool, static_cast<std::uint8_t>(value ? 1 : 0));
 }

@@ -38,7 +38,8 @@ public:
     void setFloat32Array(std::string key, const std::vector<float>& values);
     void setBoolArray(std::string key, const std::vector<bool>& values);
 
-    void addTensor(std::string name, std::vector<std::int64_t> dims, GgmlType type, std::vector<std::byte> data);
+    void addTensor(std::string name, std::vector<std::int64_t> dims, GgmlType type,
+                   std::vector<std::byte> data);
 
     std::size_t alignment() const;
     std::vector<std::byte> toBytes() const;
@@ -57,8 +58,7 @@ private:
     };
 
     void set(std::string key, std::vector<std::byte> encoded);
-    template <typename T>
-    void setScalar(std::string key, GgufValueType type, T value);
+    template <typename T> void setScalar(std::string key, GgufValueType type, T value);
     template <typename T>
     void setArray(std::string key, GgufValueType elementType, const std::vector<T>& values);
 

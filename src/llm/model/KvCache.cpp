@@ -66,7 +66,8 @@ void KvCache::append(std::int64_t count) {
 
 void KvCache::truncate(std::int64_t length) {
     if (length < 0 || length > length_) {
-        throw std::out_of_range("KvCache::truncate to " + std::to_string(length) + " of " + std::to_string(length_));
+        throw std::out_of_range("KvCache::truncate to " + std::to_string(length) + " of " +
+                                std::to_string(length_));
     }
     length_ = length;
 }

@@ -15,7 +15,8 @@ class KvCache {
 public:
     static constexpr std::int64_t growthChunk = 256;
 
-    KvCache(std::int64_t layerCount, std::int64_t kvHeadCount, std::int64_t headDim, std::int64_t maxPositions);
+    KvCache(std::int64_t layerCount, std::int64_t kvHeadCount, std::int64_t headDim,
+            std::int64_t maxPositions);
     explicit KvCache(const ModelConfig& config);
 
     std::int64_t length() const { return length_; }
@@ -32,11 +33,15 @@ public:
 
     // Keys of one layer and key/value head: a row of headDim floats per position.
     float* keys(std::int64_t layer, std::int64_t head) { return keys_[index(layer, head)].data(); }
-    const float* keys(std::int64_t layer, std::int64_t head) const { return keys_[index(layer, head)].data(); }
+    const float* keys(std::int64_t layer, std::int64_t head) const {
+        return keys_[index(layer, head)].data();
+    }
     // Values transposed: a row of capacity() floats per value dimension, so attention weights
     // times values is a product with contiguous rows, like keys times queries.
     float* values(std::int64_t layer, std::int64_t head) { return values_[index(layer, head)].data(); }
-    const float* values(std::int64_t layer, std::int64_t head) const { return values_[index(layer, head)].data(); }
+    const float* values(std::int64_t layer, std::int64_t head) const {
+        return values_[index(layer, head)].data();
+    }
     std::int64_t valueStride() const { return capacity_; }
 
     std::size_t allocatedBytes() const;

@@ -172,8 +172,7 @@ std::shared_ptr<const Model> Model::fromFile(std::shared_ptr<const GgufFile> fil
             layer.key = bind.matrix(prefix + "attn_k.weight", config.keyWidth(), hidden);
             layer.value = bind.matrix(prefix + "attn_v.weight", config.valueWidth(), hidden);
         }
-        layer.attentionOutput =
-            bind.matrix(prefix + "attn_output.weight", hidden, config.attentionWidth());
+        layer.attentionOutput = bind.matrix(prefix + "attn_output.weight", hidden, config.attentionWidth());
         if (biases) {
             layer.queryBias = bind.vector(prefix + "attn_q.bias", config.queryWidth());
             layer.keyBias = bind.vector(prefix + "attn_k.bias", config.keyWidth());

@@ -21,9 +21,9 @@ enum class RopeScalingKind { none, linear, yarn };
 
 struct RopeScaling {
     RopeScalingKind kind = RopeScalingKind::none;
-    double factor = 1.0;               // context extension factor (positions are divided by it)
-    std::int64_t originalContext = 0;  // training context the extension is relative to (yarn)
-    double attentionFactor = 1.0;      // magnitude scale of the rotated values (yarn, Phi-3 long context)
+    double factor = 1.0;              // context extension factor (positions are divided by it)
+    std::int64_t originalContext = 0; // training context the extension is relative to (yarn)
+    double attentionFactor = 1.0;     // magnitude scale of the rotated values (yarn, Phi-3 long context)
     double betaFast = 32.0;
     double betaSlow = 1.0;
 };
@@ -37,13 +37,13 @@ struct ModelConfig {
     std::int64_t feedForwardSize = 0;
     std::int64_t headCount = 0;
     std::int64_t kvHeadCount = 0;
-    std::int64_t headDim = 0;   // key (and query) length per head
-    std::int64_t valueDim = 0;  // value length per head
+    std::int64_t headDim = 0;  // key (and query) length per head
+    std::int64_t valueDim = 0; // value length per head
     std::int64_t contextLength = 0;
     std::int64_t vocabularySize = 0; // rows of token_embd
     double rmsEpsilon = 1e-6;
     double ropeFreqBase = 10000.0;
-    std::int64_t ropeDims = 0;  // leading dimensions of each head that are rotated
+    std::int64_t ropeDims = 0; // leading dimensions of each head that are rotated
     RopeLayout ropeLayout = RopeLayout::normal;
     RopeScaling ropeScaling;
     GateActivation gateActivation = GateActivation::silu;

@@ -27,14 +27,16 @@ std::uint64_t packClaims(std::uint32_t generation, std::uint64_t next, std::uint
 ThreadPool::ThreadPool(int threadCount) {
     const int workers = std::max(threadCount, 1) - 1;
     workers_.reserve(static_cast<std::size_t>(workers));
-    for (int i = 0; i < workers; ++i) workers_.emplace_back([this] { workerLoop(); });
+    for (int i = 0; i < workers; ++i)
+        workers_.emplace_back([this] { workerLoop(); });
 }
 
 ThreadPool::~ThreadPool() {
     stopping_.store(true);
     generation_.fetch_add(1);
     generation_.notify_all();
-    for (std::thread& worker : workers_) worker.join();
+    for (std::thread& worker : workers_)
+        worker.join();
 }
 
 // Claims and runs pieces of job `generation` until none are left. A claim succeeds only while
@@ -47,7 +49,8 @@ void ThreadPool::runPieces(std::uint32_t generation) noexcept {
     for (;;) {
         const std::uint64_t next = (claims >> 16) & 0xFFFF;
         const std::uint64_t pieces = claims & 0xFFFF;
-        if ((claims >> 32) != generation || next >= pieces) break;
+        if ((claims >> 32) != generation || next >= pieces)
+            break;
         const RangeFunction* fn = job_.load(std::memory_order_relaxed);
         const std::int64_t count = jobCount_.load(std::memory_order_relaxed);
         if (!claims_.compare_exchange_weak(claims, claims + (1u << 16), std::memory_order_acq_rel,
@@ -60,7 +63,8 @@ void ThreadPool::runPieces(std::uint32_t generation) noexcept {
             (*fn)(count * piece / total, count * (piece + 1) / total);
         } catch (...) {
             const std::lock_guard lock(errorMutex_);
-            if (!error_) error_ = std::current_exception();
+            if (!error_)
+                error_ = std::current_exception();
         }
         // Sequentially consistent, like the caller's flag and check in waitForPieces.
         if (donePieces_.fetch_add(1) + 1 == pieces && callerSleeping_.load()) {
@@ -82,12 +86,14 @@ void ThreadPool::workerLoop() {
         while (now == seen) {
             sleepingWorkers_.fetch_add(1);
             now = generation_.load();
-            if (now == seen) generation_.wait(seen);
+            if (now == seen)
+                generation_.wait(seen);
             sleepingWorkers_.fetch_sub(1);
             now = generation_.load(std::memory_order_acquire);
         }
         seen = now;
-        if (stopping_.load()) return;
+        if (stopping_.load())
+            return;
         runPieces(seen);
     }
 }
@@ -101,14 +107,16 @@ void ThreadPool::waitForPieces(std::uint32_t pieces) {
     while (done != pieces) {
         callerSleeping_.store(true);
         done = donePieces_.load();
-        if (done != pieces) donePieces_.wait(done);
+        if (done != pieces)
+            donePieces_.wait(done);
         callerSleeping_.store(false);
         done = donePieces_.load(std::memory_order_acquire);
     }
 }
 
 void ThreadPool::parallelFor(std::int64_t count, const RangeFunction& fn) {
-    if (count <= 0) return;
+    if (count <= 0)
+        return;
     if (workers_.empty() || count == 1 || tCurrentPool == this) {
         fn(0, count); // nested or trivially small: no hand-off
         return;
@@ -122,10 +130,12 @@ void ThreadPool::parallelFor(std::int64_t count, const RangeFunction& fn) {
     error_ = nullptr;
     claims_.store(packClaims(generation, 0, static_cast<std::uint64_t>(pieces)), std::memory_order_release);
     generation_.store(generation);
-    if (sleepingWorkers_.load() > 0) generation_.notify_all();
+    if (sleepingWorkers_.load() > 0)
+        generation_.notify_all();
     runPieces(generation);
     waitForPieces(static_cast<std::uint32_t>(pieces));
-    if (error_) std::rethrow_exception(std::exchange(error_, nullptr));
+    if (error_)
+        std::rethrow_exception(std::exchange(error_, nullptr));
 }
 
 } // namespace parlune::llm

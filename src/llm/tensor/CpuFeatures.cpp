@@ -18,16 +18,19 @@ std::uint64_t readXcr0() {
 CpuFeatures detect() {
     CpuFeatures f;
     unsigned eax, ebx, ecx, edx;
-    if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx)) return f;
+    if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx))
+        return f;
     const bool osxsave = (ecx >> 27) & 1;
-    if (!osxsave) return f;
+    if (!osxsave)
+        return f;
     const std::uint64_t xcr0 = readXcr0();
-    const bool ymmState = (xcr0 & 0x6) == 0x6;          // SSE + AVX registers saved
+    const bool ymmState = (xcr0 & 0x6) == 0x6;               // SSE + AVX registers saved
     const bool zmmState = ymmState && (xcr0 & 0xE0) == 0xE0; // opmask + upper zmm
     const bool avx = ((ecx >> 28) & 1) && ymmState;
     f.fma = avx && ((ecx >> 12) & 1);
     f.f16c = avx && ((ecx >> 29) & 1);
-    if (__get_cpuid_max(0, nullptr) < 7) return f;
+    if (__get_cpuid_max(0, nullptr) < 7)
+        return f;
     __cpuid_count(7, 0, eax, ebx, ecx, edx);
     f.avx2 = avx && ((ebx >> 5) & 1);
     f.avx512f = zmmState && ((ebx >> 16) & 1);
@@ -42,9 +45,11 @@ CpuFeatures detect() {
 
 CpuFeatures applyOverride(CpuFeatures f) {
     const char* env = std::getenv("PARLUNE_CPU");
-    if (env == nullptr) return f;
+    if (env == nullptr)
+        return f;
     const std::string_view level(env);
-    if (level == "scalar") return CpuFeatures{};
+    if (level == "scalar")
+        return CpuFeatures{};
     if (level == "avx2") {
         f.avx512f = f.avx512bw = f.avx512vl = f.avx512vnni = false;
     }

@@ -11,13 +11,13 @@ struct Entry {
 };
 
 constexpr Entry kTypes[] = {
-    {GgmlType::F32, {"F32", 1, 4}},        {GgmlType::F16, {"F16", 1, 2}},
-    {GgmlType::BF16, {"BF16", 1, 2}},      {GgmlType::Q4_0, {"Q4_0", 32, 18}},
-    {GgmlType::Q4_1, {"Q4_1", 32, 20}},    {GgmlType::Q5_0, {"Q5_0", 32, 22}},
-    {GgmlType::Q5_1, {"Q5_1", 32, 24}},    {GgmlType::Q8_0, {"Q8_0", 32, 34}},
-    {GgmlType::Q8_1, {"Q8_1", 32, 36}},    {GgmlType::Q2_K, {"Q2_K", 256, 84}},
-    {GgmlType::Q3_K, {"Q3_K", 256, 110}},  {GgmlType::Q4_K, {"Q4_K", 256, 144}},
-    {GgmlType::Q5_K, {"Q5_K", 256, 176}},  {GgmlType::Q6_K, {"Q6_K", 256, 210}},
+    {GgmlType::F32, {"F32", 1, 4}},       {GgmlType::F16, {"F16", 1, 2}},
+    {GgmlType::BF16, {"BF16", 1, 2}},     {GgmlType::Q4_0, {"Q4_0", 32, 18}},
+    {GgmlType::Q4_1, {"Q4_1", 32, 20}},   {GgmlType::Q5_0, {"Q5_0", 32, 22}},
+    {GgmlType::Q5_1, {"Q5_1", 32, 24}},   {GgmlType::Q8_0, {"Q8_0", 32, 34}},
+    {GgmlType::Q8_1, {"Q8_1", 32, 36}},   {GgmlType::Q2_K, {"Q2_K", 256, 84}},
+    {GgmlType::Q3_K, {"Q3_K", 256, 110}}, {GgmlType::Q4_K, {"Q4_K", 256, 144}},
+    {GgmlType::Q5_K, {"Q5_K", 256, 176}}, {GgmlType::Q6_K, {"Q6_K", 256, 210}},
     {GgmlType::Q8_K, {"Q8_K", 256, 292}},
 };
 } // namespace
@@ -31,7 +31,9 @@ std::optional<GgmlTypeTraits> ggmlTypeTraits(std::uint32_t typeId) {
     return std::nullopt;
 }
 
-GgmlTypeTraits ggmlTypeTraits(GgmlType type) { return *ggmlTypeTraits(static_cast<std::uint32_t>(type)); }
+GgmlTypeTraits ggmlTypeTraits(GgmlType type) {
+    return *ggmlTypeTraits(static_cast<std::uint32_t>(type));
+}
 
 bool isSupportedWeightType(GgmlType type) {
     switch (type) {

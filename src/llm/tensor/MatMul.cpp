@@ -26,28 +26,40 @@ bool pairsWithHalfScaleActivations(GgmlType type) {
     }
 }
 
-bool isFloatType(GgmlType type) { return type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16; }
+bool isFloatType(GgmlType type) {
+    return type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16;
+}
 
-std::string typeName(GgmlType type) { return std::string(ggmlTypeTraits(type).name); }
+std::string typeName(GgmlType type) {
+    return std::string(ggmlTypeTraits(type).name);
+}
 
-bool avx512Usable(const CpuFeatures& f) { return f.avx512f && f.avx512bw && f.avx512vl && f.avx512vnni && f.f16c; }
-bool avx2Usable(const CpuFeatures& f) { return f.avx2 && f.fma && f.f16c; }
+bool avx512Usable(const CpuFeatures& f) {
+    return f.avx512f && f.avx512bw && f.avx512vl && f.avx512vnni && f.f16c;
+}
+bool avx2Usable(const CpuFeatures& f) {
+    return f.avx2 && f.fma && f.f16c;
+}
 
-void checkProduct(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
-                  const float* y, std::int64_t ldy) {
-    if (!isSupportedWeightType(w.type)) throw std::invalid_argument("matmul: unsupported weight type " + typeName(w.type));
+void checkProduct(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                  std::int64_t rowEnd, const float* y, std::int64_t ldy) {
+    if (!isSupportedWeightType(w.type))
+        throw std::invalid_argument("matmul: unsupported weight type " + typeName(w.type));
     if (x.weightType() != w.type) {
-        throw std::invalid_argument("matmul: activations prepared for " + typeName(x.weightType()) + ", weights are " +
-                                    typeName(w.type));
+        throw std::invalid_argument("matmul: activations prepared for " + typeName(x.weightType()) +
+                                    ", weights are " + typeName(w.type));
     }
     if (x.cols() != w.cols) {
-        throw std::invalid_argument("matmul: activations have " + std::to_string(x.cols()) + " columns, weights " +
-                                    std::to_string(w.cols));
+        throw std::invalid_argument("matmul: activations have " + std::to_string(x.cols()) +
+                                    " columns, weights " + std::to_string(w.cols));
     }
     const auto rowBytes = ggmlRowBytes(w.type, w.cols);
-    if (!rowBytes || w.rowBytes < *rowBytes) throw std::invalid_argument("matmul: weight row stride too small");
-    if (rowBegin < 0 || rowEnd > w.rows || rowBegin > rowEnd) throw std::invalid_argument("matmul: row range out of bounds");
-    if (x.tokens() > 1 && ldy < w.rows) throw std::invalid_argument("matmul: output stride smaller than the row count");
+    if (!rowBytes || w.rowBytes < *rowBytes)
+        throw std::invalid_argument("matmul: weight row stride too small");
+    if (rowBegin < 0 || rowEnd > w.rows || rowBegin > rowEnd)
+        throw std::invalid_argument("matmul: row range out of bounds");
+    if (x.tokens() > 1 && ldy < w.rows)
+        throw std::invalid_argument("matmul: output stride smaller than the row count");
     if ((w.data == nullptr || y == nullptr) && rowEnd > rowBegin && x.tokens() > 0) {
         throw std::invalid_argument("matmul: null weights or output");
     }
@@ -72,13 +84,15 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
     out.paddedCols_ = (cols + pad - 1) / pad * pad;
     // Token rows a multiple of 4 KiB apart would share L1 sets with each other and with the weight
     // rows the tiles read beside them.
-    if (out.paddedCols_ % 1024 == 0) out.paddedCols_ += pad;
+    if (out.paddedCols_ % 1024 == 0)
+        out.paddedCols_ += pad;
     out.quantized_ = !isFloatType(weightType);
     const auto total = static_cast<std::size_t>(nTokens * out.paddedCols_);
     if (!out.quantized_) {
         out.values_.assign(total, 0.0f);
         for (std::int64_t t = 0; t < nTokens; ++t) {
-            std::memcpy(out.values_.data() + t * out.paddedCols_, x + t * cols, static_cast<std::size_t>(cols) * 4);
+            std::memcpy(out.values_.data() + t * out.paddedCols_, x + t * cols,
+                        static_cast<std::size_t>(cols) * 4);
         }
         return;
     }
@@ -101,16 +115,20 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
         for (float& scale : out.scales_) {
             scale = fp16ToFloat(floatToFp16(scale));
         }
-    }    out.kquantTokens_.clear();
+    }
+    out.kquantTokens_.clear();
     if (nTokens == 1 && (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K)) {
-        detail::prepareKQuantTokens(weightType, out.codes_.data(), out.scales_.data(), cols, out.kquantTokens_);
+        detail::prepareKQuantTokens(weightType, out.codes_.data(), out.scales_.data(), cols,
+                                    out.kquantTokens_);
     }
 }
 
 KernelPath bestKernelPath() {
     const CpuFeatures& f = cpuFeatures();
-    if (avx512Usable(f)) return KernelPath::avx512;
-    if (avx2Usable(f)) return KernelPath::avx2;
+    if (avx512Usable(f))
+        return KernelPath::avx512;
+    if (avx2Usable(f))
+        return KernelPath::avx2;
     return KernelPath::scalar;
 }
 
@@ -143,10 +161,11 @@ void matmulRowsOn(KernelPath path, const WeightMatrix& w, const ActivationBuffer
                   std::int64_t rowEnd, float* y, std::int64_t ldy) {
     checkProduct(w, x, rowBegin, rowEnd, y, ldy);
     if (!kernelPathAvailable(path)) {
-        throw std::invalid_argument(std::string("matmul: this processor cannot run the ") + kernelPathName(path) +
-                                    " path");
+        throw std::invalid_argument(std::string("matmul: this processor cannot run the ") +
+                                    kernelPathName(path) + " path");
     }
-    if (rowEnd == rowBegin || x.tokens() == 0) return;
+    if (rowEnd == rowBegin || x.tokens() == 0)
+        return;
     switch (path) {
     case KernelPath::scalar:
         detail::matmulScalar(w, x, rowBegin, rowEnd, y, ldy);

@@ -16,7 +16,8 @@ void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t p
         const std::int64_t begin = b * 32;
         const std::int64_t end = std::min(begin + 32, cols);
         float amax = 0.0f;
-        for (std::int64_t i = begin; i < end; ++i) amax = std::max(amax, std::fabs(x[i]));
+        for (std::int64_t i = begin; i < end; ++i)
+            amax = std::max(amax, std::fabs(x[i]));
         const float d = amax / 127.0f;
         const float id = d != 0.0f ? 1.0f / d : 0.0f;
         scales[b] = d;
@@ -26,8 +27,8 @@ void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t p
     }
 }
 
-void matmulScalar(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
-                  float* y, std::int64_t ldy) {
+void matmulScalar(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                  std::int64_t rowEnd, float* y, std::int64_t ldy) {
     thread_local std::vector<float> row;
     row.resize(static_cast<std::size_t>(w.cols));
     const auto* base = static_cast<const std::uint8_t*>(w.data);
@@ -40,12 +41,14 @@ void matmulScalar(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t
                 const float* d = x.blockScales(t);
                 for (std::int64_t b = 0; b < w.cols / 32; ++b) {
                     float block = 0.0f;
-                    for (std::int64_t i = 32 * b; i < 32 * b + 32; ++i) block += row[i] * static_cast<float>(q[i]);
+                    for (std::int64_t i = 32 * b; i < 32 * b + 32; ++i)
+                        block += row[i] * static_cast<float>(q[i]);
                     sum += static_cast<double>(block) * d[b];
                 }
             } else {
                 const float* v = x.values(t);
-                for (std::int64_t i = 0; i < w.cols; ++i) sum += static_cast<double>(row[i]) * v[i];
+                for (std::int64_t i = 0; i < w.cols; ++i)
+                    sum += static_cast<double>(row[i]) * v[i];
             }
             y[t * ldy + r] = static_cast<float>(sum);
         }

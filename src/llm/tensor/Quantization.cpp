@@ -11,7 +11,7 @@ namespace parlune::llm {
 
 namespace {
 
-constexpr int kSmallBlock = 32; // elements per block of Q4_0 .. Q8_0
+constexpr int kSmallBlock = 32;  // elements per block of Q4_0 .. Q8_0
 constexpr int kSuperBlock = 256; // elements per block of the K-quants
 
 std::uint16_t loadU16(const std::uint8_t* p) {
@@ -19,8 +19,12 @@ std::uint16_t loadU16(const std::uint8_t* p) {
     std::memcpy(&v, p, sizeof v);
     return v;
 }
-void storeU16(std::uint8_t* p, std::uint16_t v) { std::memcpy(p, &v, sizeof v); }
-float loadHalf(const std::uint8_t* p) { return fp16ToFloat(loadU16(p)); }
+void storeU16(std::uint8_t* p, std::uint16_t v) {
+    std::memcpy(p, &v, sizeof v);
+}
+float loadHalf(const std::uint8_t* p) {
+    return fp16ToFloat(loadU16(p));
+}
 // Stores `v` as fp16 and returns the value the decoder will see.
 float storeHalf(std::uint8_t* p, float v) {
     const std::uint16_t h = floatToFp16(v);
@@ -41,26 +45,30 @@ float signedAbsMax(const float* x, int n) {
     return best;
 }
 
-int nearest(float v) { return static_cast<int>(std::lround(v)); }
+int nearest(float v) {
+    return static_cast<int>(std::lround(v));
+}
 
 // ---- 32-element formats ------------------------------------------------------------------
 
 void quantizeQ8_0(const float* x, std::uint8_t* b) {
     float amax = 0.0f;
-    for (int i = 0; i < kSmallBlock; ++i) amax = std::max(amax, std::fabs(x[i]));
+    for (int i = 0; i < kSmallBlock; ++i)
+        amax = std::max(amax, std::fabs(x[i]));
     const float d = amax / 127.0f;
     const float id = d != 0.0f ? 1.0f / d : 0.0f;
     storeHalf(b, d);
-    for (int i = 0; i < kSmallBlock; ++i) b[2 + i] = static_cast<std::uint8_t>(static_cast<std::int8_t>(nearest(x[i] * id)));
+    for (int i = 0; i < kSmallBlock; ++i)
+        b[2 + i] = static_cast<std::uint8_t>(static_cast<std::int8_t>(nearest(x[i] * id)));
 }
 void dequantizeQ8_0(const std::uint8_t* b, float* y) {
     const float d = loadHalf(b);
-    for (int i = 0; i < kSmallBlock; ++i) y[i] = d * static_cast<float>(static_cast<std::int8_t>(b[2 + i]));
+    for (int i = 0; i < kSmallBlock; ++i)
+        y[i] = d * static_cast<float>(static_cast<std::int8_t>(b[2 + i]));
 }
 
 // Symmetric 4/5-bit: d = max / -2^(bits-1), q = x/d + 2^(bits-1).
-template <int Levels>
-void symmetricCodes(const float* x, std::uint8_t* q, float& d) {
+template <int Levels> void symmetricCodes(const float* x, std::uint8_t* q, float& d) {
     const float max = signedAbsMax(x, kSmallBlock);
     d = max / -static_cast<float>(Levels / 2);
     const float id = d != 0.0f ? 1.0f / d : 0.0f;
@@ -70,8 +78,7 @@ void symmetricCodes(const float* x, std::uint8_t* q, float& d) {
     }
 }
 // Asymmetric 4/5-bit: x = d * q + min.
-template <int Levels>
-void affineCodes(const float* x, std::uint8_t* q, float& d, float& min) {
+template <int Levels> void affineCodes(const float* x, std::uint8_t* q, float& d, float& min) {
     min = x[0];
     float max = x[0];
     for (int i = 1; i < kSmallBlock; ++i) {
@@ -86,11 +93,13 @@ void affineCodes(const float* x, std::uint8_t* q, float& d, float& min) {
     }
 }
 void packNibbles(const std::uint8_t* q, std::uint8_t* qs) {
-    for (int j = 0; j < 16; ++j) qs[j] = static_cast<std::uint8_t>((q[j] & 0x0F) | ((q[j + 16] & 0x0F) << 4));
+    for (int j = 0; j < 16; ++j)
+        qs[j] = static_cast<std::uint8_t>((q[j] & 0x0F) | ((q[j + 16] & 0x0F) << 4));
 }
 std::uint32_t highBits(const std::uint8_t* q) {
     std::uint32_t qh = 0;
-    for (int j = 0; j < kSmallBlock; ++j) qh |= static_cast<std::uint32_t>((q[j] >> 4) & 1) << j;
+    for (int j = 0; j < kSmallBlock; ++j)
+        qh |= static_cast<std::uint32_t>((q[j] >> 4) & 1) << j;
     return qh;
 }
 void unpackCodes(const std::uint8_t* qs, std::uint32_t qh, int* q) {
@@ -111,7 +120,8 @@ void dequantizeQ4_0(const std::uint8_t* b, float* y) {
     const float d = loadHalf(b);
     int q[kSmallBlock];
     unpackCodes(b + 2, 0, q);
-    for (int i = 0; i < kSmallBlock; ++i) y[i] = d * static_cast<float>(q[i] - 8);
+    for (int i = 0; i < kSmallBlock; ++i)
+        y[i] = d * static_cast<float>(q[i] - 8);
 }
 void quantizeQ4_1(const float* x, std::uint8_t* b) {
     std::uint8_t q[kSmallBlock];
@@ -126,7 +136,8 @@ void dequantizeQ4_1(const std::uint8_t* b, float* y) {
     const float m = loadHalf(b + 2);
     int q[kSmallBlock];
     unpackCodes(b + 4, 0, q);
-    for (int i = 0; i < kSmallBlock; ++i) y[i] = d * static_cast<float>(q[i]) + m;
+    for (int i = 0; i < kSmallBlock; ++i)
+        y[i] = d * static_cast<float>(q[i]) + m;
 }
 void quantizeQ5_0(const float* x, std::uint8_t* b) {
     std::uint8_t q[kSmallBlock];
@@ -143,7 +154,8 @@ void dequantizeQ5_0(const std::uint8_t* b, float* y) {
     std::memcpy(&qh, b + 2, 4);
     int q[kSmallBlock];
     unpackCodes(b + 6, qh, q);
-    for (int i = 0; i < kSmallBlock; ++i) y[i] = d * static_cast<float>(q[i] - 16);
+    for (int i = 0; i < kSmallBlock; ++i)
+        y[i] = d * static_cast<float>(q[i] - 16);
 }
 void quantizeQ5_1(const float* x, std::uint8_t* b) {
     std::uint8_t q[kSmallBlock];
@@ -162,7 +174,8 @@ void dequantizeQ5_1(const std::uint8_t* b, float* y) {
     std::memcpy(&qh, b + 4, 4);
     int q[kSmallBlock];
     unpackCodes(b + 8, qh, q);
-    for (int i = 0; i < kSmallBlock; ++i) y[i] = d * static_cast<float>(q[i]) + m;
+    for (int i = 0; i < kSmallBlock; ++i)
+        y[i] = d * static_cast<float>(q[i]) + m;
 }
 
 // ---- K-quants ----------------------------------------------------------------------------
@@ -209,7 +222,8 @@ void fitScaleOffset(const float* x, int n, int nmax, float& scale, float& offset
             m = 0;
             s = sqq > 0 ? sqx / sqq : 0;
         }
-        if (s < 0) continue;
+        if (s < 0)
+            continue;
         double err = 0;
         for (int i = 0; i < n; ++i) {
             const double e = s * q[i] + m - x[i];
@@ -276,7 +290,8 @@ void quantizeQ4_K(const float* x, std::uint8_t* b) {
     quantizeKScales(x, 15, b, q);
     std::uint8_t* qs = b + 16;
     for (int c = 0; c < 4; ++c) {
-        for (int l = 0; l < 32; ++l) qs[32 * c + l] = static_cast<std::uint8_t>(q[64 * c + l] | (q[64 * c + 32 + l] << 4));
+        for (int l = 0; l < 32; ++l)
+            qs[32 * c + l] = static_cast<std::uint8_t>(q[64 * c + l] | (q[64 * c + 32 + l] << 4));
     }
 }
 void dequantizeQ4_K(const std::uint8_t* b, float* y) {
@@ -355,8 +370,8 @@ void quantizeQ6_K(const float* x, std::uint8_t* b) {
         for (int l = 0; l < 32; ++l) {
             ql[64 * h + l] = static_cast<std::uint8_t>((qq[l] & 0x0F) | ((qq[l + 64] & 0x0F) << 4));
             ql[64 * h + l + 32] = static_cast<std::uint8_t>((qq[l + 32] & 0x0F) | ((qq[l + 96] & 0x0F) << 4));
-            qh[32 * h + l] = static_cast<std::uint8_t>((qq[l] >> 4) | ((qq[l + 32] >> 4) << 2) | ((qq[l + 64] >> 4) << 4) |
-                                                       ((qq[l + 96] >> 4) << 6));
+            qh[32 * h + l] = static_cast<std::uint8_t>((qq[l] >> 4) | ((qq[l + 32] >> 4) << 2) |
+                                                       ((qq[l + 64] >> 4) << 4) | ((qq[l + 96] >> 4) << 6));
         }
     }
 }
@@ -385,15 +400,18 @@ void dequantizeQ6_K(const std::uint8_t* b, float* y) {
 // Q8_K: float d, int8 qs[256], int16 sums of each 16 codes.
 void quantizeQ8_K(const float* x, std::uint8_t* b) {
     float amax = 0.0f;
-    for (int i = 0; i < kSuperBlock; ++i) amax = std::max(amax, std::fabs(x[i]));
+    for (int i = 0; i < kSuperBlock; ++i)
+        amax = std::max(amax, std::fabs(x[i]));
     const float d = amax / 127.0f;
     const float id = d != 0.0f ? 1.0f / d : 0.0f;
     std::memcpy(b, &d, 4);
     auto* qs = reinterpret_cast<std::int8_t*>(b + 4);
-    for (int i = 0; i < kSuperBlock; ++i) qs[i] = static_cast<std::int8_t>(std::clamp(nearest(x[i] * id), -127, 127));
+    for (int i = 0; i < kSuperBlock; ++i)
+        qs[i] = static_cast<std::int8_t>(std::clamp(nearest(x[i] * id), -127, 127));
     for (int g = 0; g < 16; ++g) {
         int sum = 0;
-        for (int i = 0; i < 16; ++i) sum += qs[16 * g + i];
+        for (int i = 0; i < 16; ++i)
+            sum += qs[16 * g + i];
         const auto s16 = static_cast<std::int16_t>(sum);
         std::memcpy(b + 260 + 2 * g, &s16, 2);
     }
@@ -402,7 +420,8 @@ void dequantizeQ8_K(const std::uint8_t* b, float* y) {
     float d;
     std::memcpy(&d, b, 4);
     const auto* qs = reinterpret_cast<const std::int8_t*>(b + 4);
-    for (int i = 0; i < kSuperBlock; ++i) y[i] = d * static_cast<float>(qs[i]);
+    for (int i = 0; i < kSuperBlock; ++i)
+        y[i] = d * static_cast<float>(qs[i]);
 }
 
 using BlockEncoder = void (*)(const float*, std::uint8_t*);
@@ -421,7 +440,8 @@ constexpr Codec kCodecs[] = {
 };
 const Codec* findCodec(GgmlType type) {
     for (const Codec& c : kCodecs) {
-        if (c.type == type) return &c;
+        if (c.type == type)
+            return &c;
     }
     return nullptr;
 }
@@ -476,7 +496,9 @@ std::uint16_t floatToFp16(float value) {
     return static_cast<std::uint16_t>(sign | (x >> 13));
 }
 
-float bf16ToFloat(std::uint16_t value) { return std::bit_cast<float>(static_cast<std::uint32_t>(value) << 16); }
+float bf16ToFloat(std::uint16_t value) {
+    return std::bit_cast<float>(static_cast<std::uint32_t>(value) << 16);
+}
 
 std::uint16_t floatToBf16(float value) {
     const std::uint32_t x = std::bit_cast<std::uint32_t>(value);
@@ -487,7 +509,8 @@ std::uint16_t floatToBf16(float value) {
 }
 
 bool hasRowCodec(GgmlType type) {
-    return type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16 || findCodec(type) != nullptr;
+    return type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16 ||
+           findCodec(type) != nullptr;
 }
 
 void quantizeRow(GgmlType type, const float* src, void* dst, std::int64_t n) {
@@ -498,10 +521,12 @@ void quantizeRow(GgmlType type, const float* src, void* dst, std::int64_t n) {
         std::memcpy(out, src, static_cast<std::size_t>(n) * 4);
         return;
     case GgmlType::F16:
-        for (std::int64_t i = 0; i < n; ++i) storeU16(out + 2 * i, floatToFp16(src[i]));
+        for (std::int64_t i = 0; i < n; ++i)
+            storeU16(out + 2 * i, floatToFp16(src[i]));
         return;
     case GgmlType::BF16:
-        for (std::int64_t i = 0; i < n; ++i) storeU16(out + 2 * i, floatToBf16(src[i]));
+        for (std::int64_t i = 0; i < n; ++i)
+            storeU16(out + 2 * i, floatToBf16(src[i]));
         return;
     default:
         break;
@@ -521,10 +546,12 @@ void dequantizeRow(GgmlType type, const void* src, float* dst, std::int64_t n) {
         std::memcpy(dst, in, static_cast<std::size_t>(n) * 4);
         return;
     case GgmlType::F16:
-        for (std::int64_t i = 0; i < n; ++i) dst[i] = fp16ToFloat(loadU16(in + 2 * i));
+        for (std::int64_t i = 0; i < n; ++i)
+            dst[i] = fp16ToFloat(loadU16(in + 2 * i));
         return;
     case GgmlType::BF16:
-        for (std::int64_t i = 0; i < n; ++i) dst[i] = bf16ToFloat(loadU16(in + 2 * i));
+        for (std::int64_t i = 0; i < n; ++i)
+            dst[i] = bf16ToFloat(loadU16(in + 2 * i));
         return;
     default:
         break;

@@ -34,7 +34,8 @@ const ByteTables& byteTables() {
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
 std::uint64_t pairKey(std::int32_t left, std::int32_t right) {
-    return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(left)) << 32) | static_cast<std::uint32_t>(right);
+    return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(left)) << 32) |
+           static_cast<std::uint32_t>(right);
 }
 
 void spellBytes(std::string_view bytes, std::string& out) {
@@ -45,9 +46,13 @@ void spellBytes(std::string_view bytes, std::string& out) {
 
 } // namespace
 
-char32_t ByteLevelBpe::byteToChar(unsigned char byte) { return byteTables().toChar[byte]; }
+char32_t ByteLevelBpe::byteToChar(unsigned char byte) {
+    return byteTables().toChar[byte];
+}
 
-int ByteLevelBpe::charToByte(char32_t ch) { return ch < 512 ? byteTables().toByte[ch] : -1; }
+int ByteLevelBpe::charToByte(char32_t ch) {
+    return ch < 512 ? byteTables().toByte[ch] : -1;
+}
 
 ByteLevelBpe::ByteLevelBpe(const Vocabulary& vocabulary, const std::vector<std::string>& merges,
                            PreTokenizerKind preTokenizer, bool wholeWordsFirst)
@@ -121,8 +126,9 @@ void ByteLevelBpe::encodeWord(std::string_view word, Scratch& scratch, std::vect
     std::vector<Symbol>& symbols = scratch.symbols;
     symbols.resize(static_cast<std::size_t>(n));
     for (std::int32_t i = 0; i < n; ++i)
-        symbols[static_cast<std::size_t>(i)] = {byteTokens_[static_cast<unsigned char>(word[static_cast<std::size_t>(i)])],
-                                                i - 1, i + 1 < n ? i + 1 : -1};
+        symbols[static_cast<std::size_t>(i)] = {
+            byteTokens_[static_cast<unsigned char>(word[static_cast<std::size_t>(i)])], i - 1,
+            i + 1 < n ? i + 1 : -1};
     std::vector<Candidate>& heap = scratch.heap;
     heap.clear();
     const auto consider = [&](std::int32_t left) {
@@ -146,7 +152,8 @@ void ByteLevelBpe::encodeWord(std::string_view word, Scratch& scratch, std::vect
         heap.pop_back();
         Symbol& l = symbols[static_cast<std::size_t>(c.left)];
         // Stale when either side has changed since the pair was queued.
-        if (l.token != c.leftToken || l.next < 0 || symbols[static_cast<std::size_t>(l.next)].token != c.rightToken)
+        if (l.token != c.leftToken || l.next < 0 ||
+            symbols[static_cast<std::size_t>(l.next)].token != c.rightToken)
             continue;
         Symbol& r = symbols[static_cast<std::size_t>(l.next)];
         l.token = c.result;

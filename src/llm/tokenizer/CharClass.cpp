@@ -32,8 +32,8 @@ constexpr std::array<Range, 10> kWhiteSpace{{
 }};
 
 CharClass lookup(const Range* begin, const Range* end, char32_t cp) {
-    const Range* it = std::upper_bound(begin, end, cp,
-                                       [](char32_t value, const Range& r) { return value < r.first; });
+    const Range* it =
+        std::upper_bound(begin, end, cp, [](char32_t value, const Range& r) { return value < r.first; });
     if (it == begin)
         return CharClass::other;
     --it;

@@ -7,7 +7,9 @@ namespace parlune::llm {
 
 namespace {
 
-bool contains(std::string_view text, std::string_view marker) { return text.find(marker) != std::string_view::npos; }
+bool contains(std::string_view text, std::string_view marker) {
+    return text.find(marker) != std::string_view::npos;
+}
 
 // What Python's str.isspace() accepts, which is what the templates' trim and rstrip remove.
 bool isTemplateSpace(std::string_view text, std::size_t offset, std::size_t& length) {
@@ -47,28 +49,42 @@ std::string replaceAll(std::string text, std::string_view from) {
     return text;
 }
 
-constexpr std::string_view kQwenDefaultSystem = "You are Qwen, created by Alibaba Cloud. You are a helpful assistant.";
+constexpr std::string_view kQwenDefaultSystem =
+    "You are Qwen, created by Alibaba Cloud. You are a helpful assistant.";
 
-constexpr std::string_view kSmolDefaultSystem = "You are a helpful AI assistant named SmolLM, trained by Hugging Face.";
+constexpr std::string_view kSmolDefaultSystem =
+    "You are a helpful AI assistant named SmolLM, trained by Hugging Face.";
 
 constexpr std::string_view kSmolThinkingSystem =
-    "You are a helpful AI assistant named SmolLM, trained by Hugging Face. Your role as an assistant involves "
-    "thoroughly exploring questions through a systematic thinking process before providing the final precise and "
-    "accurate solutions. This requires engaging in a comprehensive cycle of analysis, summarizing, exploration, "
-    "reassessment, reflection, backtracking, and iteration to develop well-considered thinking process. Please "
-    "structure your response into two main sections: Thought and Solution using the specified format: <think> "
-    "Thought section </think> Solution section. In the Thought section, detail your reasoning process in steps. "
-    "Each step should include detailed considerations such as analysing questions, summarizing relevant findings, "
-    "brainstorming new ideas, verifying the accuracy of the current steps, refining any errors, and revisiting "
-    "previous steps. In the Solution section, based on various attempts, explorations, and reflections from the "
-    "Thought section, systematically present the final solution that you deem correct. The Solution section should "
+    "You are a helpful AI assistant named SmolLM, trained by Hugging Face. Your role as an assistant "
+    "involves "
+    "thoroughly exploring questions through a systematic thinking process before providing the final precise "
+    "and "
+    "accurate solutions. This requires engaging in a comprehensive cycle of analysis, summarizing, "
+    "exploration, "
+    "reassessment, reflection, backtracking, and iteration to develop well-considered thinking process. "
+    "Please "
+    "structure your response into two main sections: Thought and Solution using the specified format: "
+    "<think> "
+    "Thought section </think> Solution section. In the Thought section, detail your reasoning process in "
+    "steps. "
+    "Each step should include detailed considerations such as analysing questions, summarizing relevant "
+    "findings, "
+    "brainstorming new ideas, verifying the accuracy of the current steps, refining any errors, and "
+    "revisiting "
+    "previous steps. In the Solution section, based on various attempts, explorations, and reflections from "
+    "the "
+    "Thought section, systematically present the final solution that you deem correct. The Solution section "
+    "should "
     "be logical, accurate, and concise and detail necessary steps needed to reach the conclusion.";
 
 // The date the Llama 3.1+ templates print when the renderer offers no clock; a fixed date keeps
 // prompts (and their cached prefixes) the same from day to day.
 constexpr std::string_view kLlamaDefaultDate = "26 Jul 2024";
 
-void markup(ChatPrompt& prompt, std::string_view text) { prompt.text.append(text); }
+void markup(ChatPrompt& prompt, std::string_view text) {
+    prompt.text.append(text);
+}
 
 void content(ChatPrompt& prompt, std::string_view text) {
     if (text.empty())
@@ -91,7 +107,8 @@ ChatFormat ChatFormat::fromTemplate(std::string_view jinja) {
         return ChatFormat(Variant::chatml, false);
     }
     if (contains(jinja, "<|start_header_id|>") && contains(jinja, "<|eot_id|>"))
-        return ChatFormat(contains(jinja, "Cutting Knowledge Date") ? Variant::llama3Dated : Variant::llama3, bos);
+        return ChatFormat(contains(jinja, "Cutting Knowledge Date") ? Variant::llama3Dated : Variant::llama3,
+                          bos);
     if (contains(jinja, "<start_of_turn>") && contains(jinja, "<end_of_turn>"))
         return ChatFormat(Variant::gemma, bos);
     if (contains(jinja, "<|user|>") && contains(jinja, "<|assistant|>") && contains(jinja, "<|end|>"))
@@ -117,15 +134,21 @@ ChatFamily ChatFormat::family() const {
     return ChatFamily::chatml;
 }
 
-bool ChatFormat::includesBos() const { return bos_; }
+bool ChatFormat::includesBos() const {
+    return bos_;
+}
 
 std::string ChatFormat::formatPrompt(std::string_view system, std::string_view user) const {
     return buildPrompt(system, user).text;
 }
 
-std::string ChatFormat::formatSystemPrefix(std::string_view system) const { return render(system, {}).prefix.text; }
+std::string ChatFormat::formatSystemPrefix(std::string_view system) const {
+    return render(system, {}).prefix.text;
+}
 
-ChatPrompt ChatFormat::buildSystemPrefix(std::string_view system) const { return render(system, {}).prefix; }
+ChatPrompt ChatFormat::buildSystemPrefix(std::string_view system) const {
+    return render(system, {}).prefix;
+}
 
 ChatPrompt ChatFormat::buildPrompt(std::string_view system, std::string_view user) const {
     Parts parts = render(system, user);

@@ -79,7 +79,8 @@ void SentencePieceBpe::encodeFragment(std::string_view fragment, bool atSequence
     for (std::size_t offset = 0; offset < text.size();) {
         const std::size_t length = decodeUtf8(text, offset).length;
         const auto index = static_cast<std::int32_t>(symbols.size());
-        symbols.push_back({static_cast<std::uint32_t>(offset), static_cast<std::uint32_t>(length), index - 1, index + 1});
+        symbols.push_back(
+            {static_cast<std::uint32_t>(offset), static_cast<std::uint32_t>(length), index - 1, index + 1});
         offset += length;
     }
     symbols.back().next = -1;

@@ -16,7 +16,8 @@ namespace parlune::llm {
 // best-scoring resulting piece, and characters that no piece covers fall back to <0xNN> tokens.
 class SentencePieceBpe final : public TokenModel {
 public:
-    SentencePieceBpe(const Vocabulary& vocabulary, bool addSpacePrefix, std::optional<std::int32_t> unknownToken);
+    SentencePieceBpe(const Vocabulary& vocabulary, bool addSpacePrefix,
+                     std::optional<std::int32_t> unknownToken);
 
     void encodeFragment(std::string_view fragment, bool atSequenceStart,
                         std::vector<std::int32_t>& out) const override;

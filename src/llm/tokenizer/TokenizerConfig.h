@@ -9,8 +9,8 @@ namespace parlune::llm {
 
 // Everything a tokenizer is built from, as a model file's `tokenizer.ggml.*` metadata holds it.
 struct TokenizerConfig {
-    std::string model;                   // "gpt2" (byte-level BPE) or "llama" (SentencePiece BPE)
-    std::string pre;                     // pre-tokenizer name for byte-level BPE
+    std::string model; // "gpt2" (byte-level BPE) or "llama" (SentencePiece BPE)
+    std::string pre;   // pre-tokenizer name for byte-level BPE
     std::vector<std::string> tokens;
     std::vector<std::int32_t> tokenTypes; // empty: all normal
     std::vector<float> scores;            // empty: all zero

@@ -4,7 +4,9 @@ namespace parlune::llm {
 
 namespace {
 
-bool isContinuation(unsigned char byte) { return (byte & 0xC0u) == 0x80u; }
+bool isContinuation(unsigned char byte) {
+    return (byte & 0xC0u) == 0x80u;
+}
 
 } // namespace
 

@@ -72,7 +72,9 @@ QString textOf(const QVariant& value) {
 
 } // namespace
 
-QSettingsUserDefaults::QSettingsUserDefaults(QString path) : path_(std::move(path)) { open(); }
+QSettingsUserDefaults::QSettingsUserDefaults(QString path) : path_(std::move(path)) {
+    open();
+}
 
 QSettingsUserDefaults::~QSettingsUserDefaults() = default;
 
@@ -157,11 +159,17 @@ bool QSettingsUserDefaults::boolean(const QString& key) const {
     return ok && number != 0;
 }
 
-void QSettingsUserDefaults::setString(const QString& key, const QString& value) { store(key, value); }
+void QSettingsUserDefaults::setString(const QString& key, const QString& value) {
+    store(key, value);
+}
 
-void QSettingsUserDefaults::setInteger(const QString& key, qint64 value) { store(key, QVariant::fromValue(value)); }
+void QSettingsUserDefaults::setInteger(const QString& key, qint64 value) {
+    store(key, QVariant::fromValue(value));
+}
 
-void QSettingsUserDefaults::setBoolean(const QString& key, bool value) { store(key, value); }
+void QSettingsUserDefaults::setBoolean(const QString& key, bool value) {
+    store(key, value);
+}
 
 void QSettingsUserDefaults::remove(const QString& key) {
     if (!settings_) {
@@ -226,7 +234,8 @@ void QSettingsUserDefaults::save() {
     persisting_ = false;
     if (!warnedAboutSaving_) {
         warnedAboutSaving_ = true;
-        warn(QStringLiteral("settings could not be saved to %1; changes last until Parlune quits").arg(path_));
+        warn(
+            QStringLiteral("settings could not be saved to %1; changes last until Parlune quits").arg(path_));
     }
 }
 

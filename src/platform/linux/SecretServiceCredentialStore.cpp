@@ -21,7 +21,14 @@ const SecretSchema credentialSchema = {
         {"account", SECRET_SCHEMA_ATTRIBUTE_STRING},
         {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING},
     },
-    0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+    0,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
 };
 
 // True when connecting to the session bus needs no auto-launch of a new bus.
@@ -104,7 +111,8 @@ struct StepResult {
 
 } // namespace
 
-SecretServiceCredentialStore::SecretServiceCredentialStore(std::chrono::milliseconds timeout) : timeout_(timeout) {}
+SecretServiceCredentialStore::SecretServiceCredentialStore(std::chrono::milliseconds timeout)
+    : timeout_(timeout) {}
 
 CredentialDeletion SecretServiceCredentialStore::deleteItem(const QString& service, const QString& account) {
     if (!sessionBusConfigured()) {
@@ -127,8 +135,8 @@ CredentialDeletion SecretServiceCredentialStore::deleteItem(const QString& servi
     // Only a service that already runs is asked; asking by name would start one.
     g_dbus_connection_call(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                            "NameHasOwner", g_variant_new("(s)", secretServiceName), G_VARIANT_TYPE("(b)"),
-                           G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<gint>(timeout_.count()), call.cancellable(),
-                           &BoundedCall::onReady, &call);
+                           G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<gint>(timeout_.count()),
+                           call.cancellable(), &BoundedCall::onReady, &call);
     bool serviceRuns = false;
     {
         StepResult step(call.wait());
@@ -147,8 +155,8 @@ CredentialDeletion SecretServiceCredentialStore::deleteItem(const QString& servi
 
     // A proxy of our own rather than libsecret's process-wide one: that one would keep following
     // the main context of its first caller, which is gone once this call returns.
-    secret_service_open(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_NONE, call.cancellable(), &BoundedCall::onReady,
-                        &call);
+    secret_service_open(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_NONE, call.cancellable(),
+                        &BoundedCall::onReady, &call);
     SecretService* secretService = nullptr;
     {
         StepResult step(call.wait());
@@ -160,10 +168,10 @@ CredentialDeletion SecretServiceCredentialStore::deleteItem(const QString& servi
 
     const QByteArray serviceUtf8 = service.toUtf8();
     const QByteArray accountUtf8 = account.toUtf8();
-    GHashTable* attributes = secret_attributes_build(&credentialSchema, "service", serviceUtf8.constData(), "account",
-                                                     accountUtf8.constData(), nullptr);
-    secret_service_clear(secretService, &credentialSchema, attributes, call.cancellable(), &BoundedCall::onReady,
-                         &call);
+    GHashTable* attributes = secret_attributes_build(&credentialSchema, "service", serviceUtf8.constData(),
+                                                     "account", accountUtf8.constData(), nullptr);
+    secret_service_clear(secretService, &credentialSchema, attributes, call.cancellable(),
+                         &BoundedCall::onReady, &call);
     StepResult step(call.wait());
     const gboolean removed = secret_service_clear_finish(secretService, step.result, &step.error);
     g_hash_table_unref(attributes);

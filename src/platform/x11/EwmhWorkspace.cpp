@@ -5,9 +5,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QProcessEnvironment>
 #include <QUrl>
-#include <QProcess>
 
 #include <signal.h>
 
@@ -107,16 +107,18 @@ bool EwmhWorkspace::hasHandlerForScheme(const QString& scheme) {
     const QString wanted = QStringLiteral("x-scheme-handler/") + scheme.toLower();
     QStringList files;
     const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    const QString configHome = environment.value(QStringLiteral("XDG_CONFIG_HOME"),
-                                                 QDir::homePath() + QStringLiteral("/.config"));
+    const QString configHome =
+        environment.value(QStringLiteral("XDG_CONFIG_HOME"), QDir::homePath() + QStringLiteral("/.config"));
     files << configHome + QStringLiteral("/mimeapps.list");
     const QString dataHome = environment.value(QStringLiteral("XDG_DATA_HOME"),
                                                QDir::homePath() + QStringLiteral("/.local/share"));
-    QStringList dataDirs = environment.value(QStringLiteral("XDG_DATA_DIRS"), QStringLiteral("/usr/local/share:/usr/share"))
-                               .split(QLatin1Char(':'), Qt::SkipEmptyParts);
+    QStringList dataDirs =
+        environment.value(QStringLiteral("XDG_DATA_DIRS"), QStringLiteral("/usr/local/share:/usr/share"))
+            .split(QLatin1Char(':'), Qt::SkipEmptyParts);
     dataDirs.prepend(dataHome);
     for (const QString& dir : dataDirs) {
-        files << dir + QStringLiteral("/applications/mimeapps.list") << dir + QStringLiteral("/applications/mimeinfo.cache");
+        files << dir + QStringLiteral("/applications/mimeapps.list")
+              << dir + QStringLiteral("/applications/mimeinfo.cache");
     }
     for (const QString& path : files) {
         QFile file(path);
@@ -140,7 +142,8 @@ bool EwmhWorkspace::openUrl(const QString& url) {
     if (!parsed.isValid() || parsed.scheme().isEmpty()) {
         return false;
     }
-    static const QStringList everywhere{QStringLiteral("file"), QStringLiteral("http"), QStringLiteral("https")};
+    static const QStringList everywhere{QStringLiteral("file"), QStringLiteral("http"),
+                                        QStringLiteral("https")};
     if (!everywhere.contains(parsed.scheme().toLower()) && !hasHandlerForScheme(parsed.scheme())) {
         return false;
     }

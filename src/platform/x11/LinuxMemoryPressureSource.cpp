@@ -11,7 +11,9 @@ namespace parlune::x11 {
 LinuxMemoryPressureSource::LinuxMemoryPressureSource(QString pressureFile, std::vector<Trigger> triggers)
     : file_(std::move(pressureFile)), triggers_(std::move(triggers)) {}
 
-LinuxMemoryPressureSource::~LinuxMemoryPressureSource() { cancel(); }
+LinuxMemoryPressureSource::~LinuxMemoryPressureSource() {
+    cancel();
+}
 
 std::vector<LinuxMemoryPressureSource::Trigger> LinuxMemoryPressureSource::defaultTriggers() {
     return {{MemoryPressureLevel::warning, QStringLiteral("some 150000 2000000")},
@@ -35,15 +37,16 @@ void LinuxMemoryPressureSource::start(std::function<void(MemoryPressureLevel)> h
         }
         Watch watch{fd, trigger.level, std::make_unique<QSocketNotifier>(fd, QSocketNotifier::Exception)};
         const MemoryPressureLevel level = trigger.level;
-        QObject::connect(watch.notifier.get(), &QSocketNotifier::activated, watch.notifier.get(), [this, level, fd] {
-            pollfd descriptor{fd, POLLPRI, 0};
-            if (::poll(&descriptor, 1, 0) <= 0 || (descriptor.revents & POLLERR)) {
-                return;
-            }
-            if ((descriptor.revents & POLLPRI) && handler_) {
-                handler_(level);
-            }
-        });
+        QObject::connect(watch.notifier.get(), &QSocketNotifier::activated, watch.notifier.get(),
+                         [this, level, fd] {
+                             pollfd descriptor{fd, POLLPRI, 0};
+                             if (::poll(&descriptor, 1, 0) <= 0 || (descriptor.revents & POLLERR)) {
+                                 return;
+                             }
+                             if ((descriptor.revents & POLLPRI) && handler_) {
+                                 handler_(level);
+                             }
+                         });
         watches_.push_back(std::move(watch));
     }
     if (watches_.size() != triggers_.size()) {

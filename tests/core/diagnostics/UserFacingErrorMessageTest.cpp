@@ -1,5 +1,5 @@
-#include "core/async/CancellationError.h"
 #include "core/diagnostics/UserFacingErrorMessage.h"
+#include "core/async/CancellationError.h"
 #include "core/engine/LocalRewriteEngineError.h"
 #include "core/hotkeys/HotKeyError.h"
 #include "core/platform/PlatformTerms.h"
@@ -18,15 +18,15 @@ namespace {
 
 using testing::ScopedPlatformTerms;
 
-template <typename Error>
-QString viaPointer(Error error) {
+template <typename Error> QString viaPointer(Error error) {
     return UserFacingErrorMessage::message(std::make_exception_ptr(std::move(error)));
 }
 
 TEST(UserFacingErrorMessageTest, EverySelectionErrorHasItsSentence) {
     using Kind = TextReplacementError::Kind;
     const std::vector<std::pair<Kind, const char*>> expected = {
-        {Kind::accessibilityPermissionMissing, "Enable Accessibility so Parlune can copy and paste selected text."},
+        {Kind::accessibilityPermissionMissing,
+         "Enable Accessibility so Parlune can copy and paste selected text."},
         {Kind::noSelectedText, "Select text first, then press the Parlune shortcut."},
         {Kind::unableToReadFocusedElement,
          "Parlune cannot read text in this application. Try another editable text field."},
@@ -84,20 +84,22 @@ TEST(UserFacingErrorMessageTest, ErrorsWithoutADescriptionStillGetASentence) {
 TEST(UserFacingErrorMessageTest, MessagesAreSentencesNamingTheProductOneWay) {
     std::vector<QString> messages;
     for (int i = 0; i <= static_cast<int>(TextReplacementError::Kind::replacementNotConfirmed); ++i) {
-        messages.push_back(UserFacingErrorMessage::message(TextReplacementError(static_cast<TextReplacementError::Kind>(i))));
+        messages.push_back(UserFacingErrorMessage::message(
+            TextReplacementError(static_cast<TextReplacementError::Kind>(i))));
     }
     for (const PlatformTerms* terms : {&PlatformTerms::macOS(), &PlatformTerms::linux()}) {
         ScopedPlatformTerms scoped(*terms);
         for (int i = 0; i <= static_cast<int>(LocalRewriteEngineError::Kind::emptyRewrite); ++i) {
-            messages.push_back(
-                UserFacingErrorMessage::message(LocalRewriteEngineError(static_cast<LocalRewriteEngineError::Kind>(i))));
+            messages.push_back(UserFacingErrorMessage::message(
+                LocalRewriteEngineError(static_cast<LocalRewriteEngineError::Kind>(i))));
         }
     }
     for (const QString& text : messages) {
         ASSERT_FALSE(text.isEmpty());
         EXPECT_TRUE(text.endsWith(u'.')) << text.toStdString();
         EXPECT_TRUE(text.front().isUpper()) << text.toStdString();
-        EXPECT_EQ(text.count(QStringLiteral("Parlune")), text.count(QStringLiteral("parlune"), Qt::CaseInsensitive))
+        EXPECT_EQ(text.count(QStringLiteral("Parlune")),
+                  text.count(QStringLiteral("parlune"), Qt::CaseInsensitive))
             << text.toStdString();
         EXPECT_FALSE(text.contains(QStringLiteral("  "))) << text.toStdString();
     }

@@ -17,13 +17,15 @@ protected:
 };
 
 TEST_F(HotKeyFormatterTest, ModifierNamesFollowTheFixedOrder) {
-    EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::command | flag::shift | flag::option | flag::control),
-              "Control+Option+Shift+Command");
+    EXPECT_EQ(
+        HotKeyFormatter::modifierDisplayName(flag::command | flag::shift | flag::option | flag::control),
+        "Control+Option+Shift+Command");
     EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::command | flag::shift), "Shift+Command");
     EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::capsLock), "");
     ScopedPlatformTerms linuxWords(PlatformTerms::linux());
-    EXPECT_EQ(HotKeyFormatter::modifierDisplayName(flag::command | flag::shift | flag::option | flag::control),
-              "Ctrl+Alt+Shift+Super");
+    EXPECT_EQ(
+        HotKeyFormatter::modifierDisplayName(flag::command | flag::shift | flag::option | flag::control),
+        "Ctrl+Alt+Shift+Super");
 }
 
 TEST_F(HotKeyFormatterTest, KeyNamesAreFixedForFourKeysAndUpperCasedOtherwise) {
@@ -51,7 +53,8 @@ TEST_F(HotKeyFormatterTest, FullShortcutNeedsAModifierAndAKeyName) {
 
 TEST_F(HotKeyFormatterTest, RecorderAlwaysGivesOptionPlusThePressedKey) {
     EXPECT_EQ(HotKeyFormatter::optionShortcut({49, " ", 0}), (HotKeyShortcut{49, 2048, "Option+Space"}));
-    EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::command}), (HotKeyShortcut{40, 2048, "Option+K"}));
+    EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::command}),
+              (HotKeyShortcut{40, 2048, "Option+K"}));
     EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::control | flag::shift}),
               (HotKeyShortcut{40, 2048, "Option+K"}));
 }

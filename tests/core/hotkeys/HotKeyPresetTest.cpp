@@ -1,5 +1,5 @@
-#include "core/hotkeys/HotKeyError.h"
 #include "core/hotkeys/HotKeyPreset.h"
+#include "core/hotkeys/HotKeyError.h"
 #include "core/platform/PlatformTerms.h"
 #include "support/QtPrinters.h"
 #include "support/ScopedPlatformTerms.h"
@@ -39,10 +39,13 @@ TEST(HotKeyPresetTest, LookupIsExactAndFallsBackToTheDefault) {
     ScopedPlatformTerms mac(PlatformTerms::macOS());
     EXPECT_EQ(HotKeyPreset::preset(u"control-option-r").shortcut(),
               (HotKeyShortcut{15, 6144, "Control+Option+R"}));
-    for (const char16_t* unknown : {u"Control-Option-R", u"", u" option-space", u"command-shift-h ", u"nope"}) {
-        EXPECT_EQ(HotKeyPreset::preset(unknown).id, "option-space") << QString::fromUtf16(unknown).toStdString();
+    for (const char16_t* unknown :
+         {u"Control-Option-R", u"", u" option-space", u"command-shift-h ", u"nope"}) {
+        EXPECT_EQ(HotKeyPreset::preset(unknown).id, "option-space")
+            << QString::fromUtf16(unknown).toStdString();
     }
-    EXPECT_EQ(HotKeyPreset::preset(u"command-shift-h").shortcut(), (HotKeyShortcut{4, 768, "Command+Shift+H"}));
+    EXPECT_EQ(HotKeyPreset::preset(u"command-shift-h").shortcut(),
+              (HotKeyShortcut{4, 768, "Command+Shift+H"}));
 }
 
 TEST(HotKeyShortcutTest, EqualityIncludesTheDisplayName) {

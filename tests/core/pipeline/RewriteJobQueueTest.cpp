@@ -55,7 +55,8 @@ TEST(RewriteJobQueueTest, RunsOneJobAtATimeInAcceptanceOrder) {
     std::vector<QString> completions;
     for (const char* text : {"one", "two", "three", "four"}) {
         const QString name = QString::fromUtf8(text);
-        EXPECT_EQ(queue.enqueue(makeJob(name), std::nullopt, ops.operation(), [&, name] { completions.push_back(name); }),
+        EXPECT_EQ(queue.enqueue(makeJob(name), std::nullopt, ops.operation(),
+                                [&, name] { completions.push_back(name); }),
                   RewriteJobEnqueueResult::accepted);
     }
     EXPECT_TRUE(ops.started.empty()) << "enqueue never runs the job on the caller's stack";
@@ -103,28 +104,34 @@ TEST(RewriteJobQueueTest, DeduplicationIntervalRestartsAtEachRepeatAndBothBounds
     auto enqueueAt = [&](double t) { return queue.enqueue(makeJob(QStringLiteral("same")), t, op, [] {}); };
     EXPECT_EQ(enqueueAt(10.0), RewriteJobEnqueueResult::accepted);
     EXPECT_EQ(enqueueAt(10.4), RewriteJobEnqueueResult::deduplicated);
-    EXPECT_EQ(enqueueAt(11.3), RewriteJobEnqueueResult::deduplicated); // 0.9 after the last repeat
-    EXPECT_EQ(enqueueAt(12.3), RewriteJobEnqueueResult::deduplicated); // exactly 1.0: inclusive
-    EXPECT_EQ(enqueueAt(13.31), RewriteJobEnqueueResult::accepted);    // 1.01 later
+    EXPECT_EQ(enqueueAt(11.3), RewriteJobEnqueueResult::deduplicated);  // 0.9 after the last repeat
+    EXPECT_EQ(enqueueAt(12.3), RewriteJobEnqueueResult::deduplicated);  // exactly 1.0: inclusive
+    EXPECT_EQ(enqueueAt(13.31), RewriteJobEnqueueResult::accepted);     // 1.01 later
     EXPECT_EQ(enqueueAt(13.31), RewriteJobEnqueueResult::deduplicated); // same instant: difference 0
 }
 
 TEST(RewriteJobQueueTest, OtherSelectionsAreNeverDuplicates) {
     RewriteJobQueue queue(10, 1.0);
     auto op = [](RewriteJob, std::stop_token) -> QCoro::Task<void> { co_return; };
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text")), 5.0, op, [] {}), RewriteJobEnqueueResult::accepted);
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text!")), 5.0, op, [] {}), RewriteJobEnqueueResult::accepted);
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text"), 7), 5.0, op, [] {}), RewriteJobEnqueueResult::accepted);
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text")), 5.0, op, [] {}),
+              RewriteJobEnqueueResult::accepted);
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text!")), 5.0, op, [] {}),
+              RewriteJobEnqueueResult::accepted);
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text"), 7), 5.0, op, [] {}),
+              RewriteJobEnqueueResult::accepted);
 }
 
 TEST(RewriteJobQueueTest, EarlierTimestampIsNeverADuplicateAndPurgesTheFutureEntry) {
     RewriteJobQueue queue(10, 1.0);
     auto op = [](RewriteJob, std::stop_token) -> QCoro::Task<void> { co_return; };
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 50.0, op, [] {}), RewriteJobEnqueueResult::accepted);
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("y")), 49.5, op, [] {}), RewriteJobEnqueueResult::accepted);
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 50.0, op, [] {}),
+              RewriteJobEnqueueResult::accepted);
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("y")), 49.5, op, [] {}),
+              RewriteJobEnqueueResult::accepted);
     // The entry at 50.0 lay in the future of 49.5 and was purged; only y's remains.
     EXPECT_EQ(queue.recentSubmissionCount(), 1u);
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 49.6, op, [] {}), RewriteJobEnqueueResult::accepted);
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 49.6, op, [] {}),
+              RewriteJobEnqueueResult::accepted);
 }
 
 TEST(RewriteJobQueueTest, CleanupPurgesByTheInjectedClockAfterTheInterval) {
@@ -141,7 +148,8 @@ TEST(RewriteJobQueueTest, ZeroIntervalDuplicatesOnlyUntilTheCleanupRuns) {
     RewriteJobQueue queue(10, 0.0);
     auto op = [](RewriteJob, std::stop_token) -> QCoro::Task<void> { co_return; };
     EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}), RewriteJobEnqueueResult::accepted);
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}), RewriteJobEnqueueResult::deduplicated);
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}),
+              RewriteJobEnqueueResult::deduplicated);
     ASSERT_TRUE(pumpUntil([&] { return queue.recentSubmissionCount() == 0; }));
     EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}), RewriteJobEnqueueResult::accepted);
 }

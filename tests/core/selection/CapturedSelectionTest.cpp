@@ -68,7 +68,8 @@ TEST(CapturedSelectionTest, DigestIsSha256OfUtf8AndTheTextIsNotKept) {
 TEST(CapturedSelectionTest, CopiesShareOneElementHandle) {
     auto element = std::make_shared<FakeElement>(5);
     std::weak_ptr<FakeElement> watch = element;
-    auto first = std::make_unique<CapturedSelection>(capture(QStringLiteral("x"), 1, std::nullopt, std::move(element)));
+    auto first = std::make_unique<CapturedSelection>(
+        capture(QStringLiteral("x"), 1, std::nullopt, std::move(element)));
     auto second = std::make_unique<CapturedSelection>(*first);
     EXPECT_EQ(first->target().get(), second->target().get());
     first.reset();

@@ -1,6 +1,6 @@
+#include "core/settings/SettingsStore.h"
 #include "core/platform/PlatformTerms.h"
 #include "core/settings/OnboardingProgress.h"
-#include "core/settings/SettingsStore.h"
 #include "support/FakeCredentialStore.h"
 #include "support/FakeUserDefaults.h"
 #include "support/QtPrinters.h"
@@ -26,7 +26,8 @@ protected:
         return std::make_unique<SettingsStore>(defaults_, credentials_, removeLegacy);
     }
     QJsonObject storedPreferences() const {
-        return QJsonDocument::fromJson(defaults_.string("writingPreferencesByMode").value_or("").toUtf8()).object();
+        return QJsonDocument::fromJson(defaults_.string("writingPreferencesByMode").value_or("").toUtf8())
+            .object();
     }
 
     ScopedPlatformTerms mac_{PlatformTerms::macOS()};
@@ -46,8 +47,10 @@ TEST_F(SettingsStoreTest, FreshInstallationReadsTheDefaultsAndWritesNothing) {
 }
 
 TEST_F(SettingsStoreTest, StoredShortcutNeedsBothNumbers) {
-    defaults_.values = {{"hotKeyKeyCode", qint64(0)}, {"hotKeyModifiers", qint64(256)},
-                        {"hotKeyDisplayName", QString("Command+Nothing")}, {"hotKeyIdentifier", QString("custom")}};
+    defaults_.values = {{"hotKeyKeyCode", qint64(0)},
+                        {"hotKeyModifiers", qint64(256)},
+                        {"hotKeyDisplayName", QString("Command+Nothing")},
+                        {"hotKeyIdentifier", QString("custom")}};
     auto store = open();
     EXPECT_EQ(store->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"}));
     EXPECT_EQ(store->hotKeyIdentifier(), "custom");
@@ -55,7 +58,8 @@ TEST_F(SettingsStoreTest, StoredShortcutNeedsBothNumbers) {
     defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyDisplayName", QString("Control+Option+R")}};
     EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"}));
 
-    defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", qint64(6144)},
+    defaults_.values = {{"hotKeyKeyCode", qint64(15)},
+                        {"hotKeyModifiers", qint64(6144)},
                         {"hotKeyDisplayName", QString("Control+Option+R")}};
     EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{15, 6144, "Control+Option+R"}));
 
@@ -68,7 +72,8 @@ TEST_F(SettingsStoreTest, StoredShortcutNeedsBothNumbers) {
 
 TEST_F(SettingsStoreTest, NumbersNoShortcutCanHoldFallBackToTheDefault) {
     for (qint64 bad : {qint64(-1), qint64(4294967296), std::numeric_limits<qint64>::min()}) {
-        defaults_.values = {{"hotKeyKeyCode", bad}, {"hotKeyModifiers", qint64(4096)},
+        defaults_.values = {{"hotKeyKeyCode", bad},
+                            {"hotKeyModifiers", qint64(4096)},
                             {"hotKeyDisplayName", QString("Broken")}};
         EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"})) << bad;
         defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", bad}};
@@ -86,20 +91,23 @@ TEST_F(SettingsStoreTest, ModeIsReadByItsExactTitle) {
 }
 
 TEST_F(SettingsStoreTest, PreferencesMapDecodesOnlyAnObjectOfStrings) {
-    defaults_.values = {{"writingPreferencesByMode", QString(R"({"Casual":"short","Professional":"no jargon"})")}};
+    defaults_.values = {
+        {"writingPreferencesByMode", QString(R"({"Casual":"short","Professional":"no jargon"})")}};
     auto store = open();
     EXPECT_EQ(store->writingPreferences(RewriteMode::casual), "short");
     EXPECT_EQ(store->writingPreferences(RewriteMode::professional), "no jargon");
     EXPECT_EQ(store->writingPreferences(RewriteMode::makeConcise), "");
 
-    for (const char* broken : {R"({"Casual":"short","Professional":3})", R"(["Casual"])", "{\"Casual\":", "", "null"}) {
+    for (const char* broken :
+         {R"({"Casual":"short","Professional":3})", R"(["Casual"])", "{\"Casual\":", "", "null"}) {
         defaults_.values = {{"writingPreferencesByMode", QString(broken)}};
         EXPECT_TRUE(open()->writingPreferencesByMode().isEmpty()) << broken;
     }
 }
 
 TEST_F(SettingsStoreTest, LegacyTextMigratesUntrimmedIntoTheStoredMode) {
-    defaults_.values = {{"writingPreferences", QString("  Keep it warm\n")}, {"rewriteMode", QString("Professional")}};
+    defaults_.values = {{"writingPreferences", QString("  Keep it warm\n")},
+                        {"rewriteMode", QString("Professional")}};
     auto store = open();
     QMap<QString, QString> expected;
     expected.insert("Professional", "  Keep it warm\n");
@@ -124,12 +132,14 @@ TEST_F(SettingsStoreTest, LegacyTextIsIgnoredWhenBlankOrWhenTheMapHasEntries) {
     EXPECT_EQ(store->writingPreferences(RewriteMode::improveClarity), "");
 
     // A map that does not decode counts as empty, so the legacy text fills it.
-    defaults_.values = {{"writingPreferences", QString("old")}, {"writingPreferencesByMode", QString("{oops")}};
+    defaults_.values = {{"writingPreferences", QString("old")},
+                        {"writingPreferencesByMode", QString("{oops")}};
     EXPECT_EQ(open()->writingPreferences(RewriteMode::improveClarity), "old");
 }
 
 TEST_F(SettingsStoreTest, BlankPreferencesRemoveTheModesEntryAndSaveTheMap) {
-    defaults_.values = {{"writingPreferencesByMode", QString(R"({"Casual":"short","Professional":"formal"})")}};
+    defaults_.values = {
+        {"writingPreferencesByMode", QString(R"({"Casual":"short","Professional":"formal"})")}};
     auto store = open();
     store->setWritingPreferences("   ", RewriteMode::casual);
     EXPECT_EQ(store->writingPreferences(RewriteMode::casual), "");
@@ -138,7 +148,8 @@ TEST_F(SettingsStoreTest, BlankPreferencesRemoveTheModesEntryAndSaveTheMap) {
     store->setRewriteMode(RewriteMode::makeConcise);
     store->setWritingPreferences(" bullet points \n");
     EXPECT_EQ(store->writingPreferences(RewriteMode::makeConcise), " bullet points \n");
-    EXPECT_EQ(storedPreferences(), (QJsonObject{{"Professional", "formal"}, {"Make concise", " bullet points \n"}}));
+    EXPECT_EQ(storedPreferences(),
+              (QJsonObject{{"Professional", "formal"}, {"Make concise", " bullet points \n"}}));
 
     // Texts with quotes, back-slashes and other scripts survive the round trip.
     store->setWritingPreferences(QStringLiteral("say \"hi\" \\ 你好 🙂"), RewriteMode::casual);
@@ -148,7 +159,8 @@ TEST_F(SettingsStoreTest, BlankPreferencesRemoveTheModesEntryAndSaveTheMap) {
 TEST_F(SettingsStoreTest, ChangesAreWrittenThroughAndAnnounced) {
     auto store = open();
     std::vector<SettingsStore::Field> announced;
-    Subscription subscription = store->changed.connect([&](SettingsStore::Field field) { announced.push_back(field); });
+    Subscription subscription =
+        store->changed.connect([&](SettingsStore::Field field) { announced.push_back(field); });
 
     store->saveHotKey(HotKeyShortcut{15, 6144, "Control+Option+R"});
     store->setHotKeyIdentifier("control-option-r");
@@ -162,9 +174,9 @@ TEST_F(SettingsStoreTest, ChangesAreWrittenThroughAndAnnounced) {
     EXPECT_EQ(defaults_.string("rewriteMode"), "Improve prompt");
     EXPECT_TRUE(defaults_.boolean("localIntelligenceWorkflowTestV1"));
     using Field = SettingsStore::Field;
-    EXPECT_EQ(announced, (std::vector<Field>{Field::hotKeyKeyCode, Field::hotKeyModifiers, Field::hotKeyDisplayName,
-                                             Field::hotKeyIdentifier, Field::rewriteMode,
-                                             Field::hasCompletedTestRewrite}));
+    EXPECT_EQ(announced, (std::vector<Field>{Field::hotKeyKeyCode, Field::hotKeyModifiers,
+                                             Field::hotKeyDisplayName, Field::hotKeyIdentifier,
+                                             Field::rewriteMode, Field::hasCompletedTestRewrite}));
 
     const auto reopened = open();
     EXPECT_EQ(reopened->selectedHotKey(), (HotKeyShortcut{15, 6144, "Control+Option+R"}));
@@ -174,8 +186,10 @@ TEST_F(SettingsStoreTest, ChangesAreWrittenThroughAndAnnounced) {
 }
 
 TEST_F(SettingsStoreTest, LegacyHostedConfigurationIsRemovedOnlyWhenAsked) {
-    defaults_.values = {{"baseURL", QString("https://example.invalid")}, {"model", QString("m")},
-                        {"hasSavedAPIKey", true}, {"writingPreferences", QString("keep")}};
+    defaults_.values = {{"baseURL", QString("https://example.invalid")},
+                        {"model", QString("m")},
+                        {"hasSavedAPIKey", true},
+                        {"writingPreferences", QString("keep")}};
     open(false);
     EXPECT_TRUE(defaults_.contains("baseURL"));
     EXPECT_TRUE(credentials_.deletions.empty());

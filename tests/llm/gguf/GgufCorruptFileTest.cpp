@@ -30,14 +30,15 @@ void expectRejected(const std::vector<std::byte>& bytes, std::initializer_list<s
         const std::string message = error.what();
         EXPECT_EQ(message.rfind("bad.gguf: ", 0), 0u) << message;
         for (const std::string_view fragment : fragments) {
-            EXPECT_NE(message.find(fragment), std::string::npos) << "'" << fragment << "' missing in: " << message;
+            EXPECT_NE(message.find(fragment), std::string::npos)
+                << "'" << fragment << "' missing in: " << message;
         }
     }
 }
 
 // One F32 tensor of `dims`, its data padded in place, for tensor table cases.
-std::vector<std::byte> oneTensor(std::initializer_list<std::uint64_t> dims, std::uint32_t type, std::uint64_t offset,
-                                 std::size_t dataBytes) {
+std::vector<std::byte> oneTensor(std::initializer_list<std::uint64_t> dims, std::uint32_t type,
+                                 std::uint64_t offset, std::size_t dataBytes) {
     GgufTestBytes b;
     b.header(1, 0).tensorInfo("blk.0.attn_q.weight", dims, type, offset).padTo(32).zeros(dataBytes);
     return b.bytes;
@@ -45,7 +46,13 @@ std::vector<std::byte> oneTensor(std::initializer_list<std::uint64_t> dims, std:
 
 TEST(GgufCorruptFileTest, HeaderProblemsAreNamed) {
     expectRejected({}, {"not a GGUF file (the file is empty)"});
-    expectRejected(GgufTestBytes().text("\x7f" "ELF").u32(3).u64(0).u64(0).bytes,
+    expectRejected(GgufTestBytes()
+                       .text("\x7f"
+                             "ELF")
+                       .u32(3)
+                       .u64(0)
+                       .u64(0)
+                       .bytes,
                    {"not a GGUF file (it starts with '\\x7fELF', not 'GGUF')"});
     expectRejected(GgufTestBytes().text("GGU").bytes, {"not a GGUF file (it starts with 'GGU'"});
     expectRejected(GgufTestBytes().header(0, 0, 1).bytes, {"version 1 is not supported"});
@@ -53,7 +60,8 @@ TEST(GgufCorruptFileTest, HeaderProblemsAreNamed) {
     expectRejected(GgufTestBytes().header(0, 0, 0x03000000).bytes, {"big-endian"});
     expectRejected(GgufTestBytes().text("GGUF").u32(3).u32(0).bytes,
                    {"tensor count at byte 8 is cut off by the end of the file (12 bytes)"});
-    expectRejected(GgufTestBytes().text("GGUF").u32(3).u64(0).bytes, {"metadata count at byte 16 is cut off"});
+    expectRejected(GgufTestBytes().text("GGUF").u32(3).u64(0).bytes,
+                   {"metadata count at byte 16 is cut off"});
 }
 
 TEST(GgufCorruptFileTest, CountsLargerThanTheFileAreRefusedBeforeAnyAllocation) {
@@ -70,8 +78,9 @@ TEST(GgufCorruptFileTest, CountsLargerThanTheFileAreRefusedBeforeAnyAllocation) 
 TEST(GgufCorruptFileTest, MalformedStringsAreRefused) {
     expectRejected(GgufTestBytes().header(0, 1).u64(100).text("general.name").bytes,
                    {"metadata entry 1 of 1: key at byte 24 claims 100 bytes, but only 12 are left"});
-    expectRejected(GgufTestBytes().header(0, 1).str("general.name").u32(kTypeString).u64(kHuge - 7).text("x").bytes,
-                   {"metadata 'general.name': string value at byte 48 claims 18446744073709551608 bytes"});
+    expectRejected(
+        GgufTestBytes().header(0, 1).str("general.name").u32(kTypeString).u64(kHuge - 7).text("x").bytes,
+        {"metadata 'general.name': string value at byte 48 claims 18446744073709551608 bytes"});
     expectRejected(GgufTestBytes().header(0, 1).str("general.name").u32(kTypeString).u64(5).text("abc").bytes,
                    {"claims 5 bytes, but only 3 are left"});
     expectRejected(GgufTestBytes().header(0, 1).u64(0).u32(kTypeUInt32).u32(1).bytes, {"empty key"});
@@ -84,19 +93,45 @@ TEST(GgufCorruptFileTest, MalformedValuesAndArraysAreRefused) {
     expectRejected(GgufTestBytes().header(0, 1).str("a").u32(13).u64(0).bytes, {"unknown value type id 13"});
     expectRejected(GgufTestBytes().header(0, 1).str("flag").u32(kTypeBool).u8(2).zeros(3).bytes,
                    {"metadata 'flag': invalid bool value 2"});
-    expectRejected(GgufTestBytes().header(0, 1).str("n").u32(kTypeUInt32).u8(1).bytes, {"value at byte 37 is cut off"});
-    expectRejected(GgufTestBytes().header(0, 1).str("a").u32(kTypeArray).u32(kTypeUInt32).u64(std::uint64_t{1} << 62)
-                       .zeros(16).bytes,
+    expectRejected(GgufTestBytes().header(0, 1).str("n").u32(kTypeUInt32).u8(1).bytes,
+                   {"value at byte 37 is cut off"});
+    expectRejected(GgufTestBytes()
+                       .header(0, 1)
+                       .str("a")
+                       .u32(kTypeArray)
+                       .u32(kTypeUInt32)
+                       .u64(std::uint64_t{1} << 62)
+                       .zeros(16)
+                       .bytes,
                    {"array of 4611686018427387904 uint32 values", "does not fit in the 16 bytes left"});
-    expectRejected(GgufTestBytes().header(0, 1).str("a").u32(kTypeArray).u32(kTypeString).u64(kHuge).zeros(8).bytes,
-                   {"array of 18446744073709551615 string values"});
-    expectRejected(GgufTestBytes().header(0, 1).str("tokens").u32(kTypeArray).u32(kTypeString).u64(3)
-                       .str("a").str("b").u64(kHuge).zeros(8).bytes,
+    expectRejected(
+        GgufTestBytes().header(0, 1).str("a").u32(kTypeArray).u32(kTypeString).u64(kHuge).zeros(8).bytes,
+        {"array of 18446744073709551615 string values"});
+    expectRejected(GgufTestBytes()
+                       .header(0, 1)
+                       .str("tokens")
+                       .u32(kTypeArray)
+                       .u32(kTypeString)
+                       .u64(3)
+                       .str("a")
+                       .str("b")
+                       .u64(kHuge)
+                       .zeros(8)
+                       .bytes,
                    {"metadata 'tokens': string 2 of the array", "claims 18446744073709551615 bytes"});
     expectRejected(GgufTestBytes().header(0, 1).str("a").u32(kTypeArray).u32(42).u64(0).bytes,
                    {"unknown array element type id 42"});
-    expectRejected(GgufTestBytes().header(0, 1).str("a").u32(kTypeArray).u32(kTypeBool).u64(3).u8(1).u8(0).u8(7)
-                       .zeros(8).bytes,
+    expectRejected(GgufTestBytes()
+                       .header(0, 1)
+                       .str("a")
+                       .u32(kTypeArray)
+                       .u32(kTypeBool)
+                       .u64(3)
+                       .u8(1)
+                       .u8(0)
+                       .u8(7)
+                       .zeros(8)
+                       .bytes,
                    {"invalid bool value 7 in element 2 (must be 0 or 1)"});
 }
 
@@ -122,17 +157,28 @@ TEST(GgufCorruptFileTest, NestedArraysAreWalkedAndTooDeepNestingIsRefused) {
     expectRejected(deep.bytes, {"metadata 'deep': arrays are nested more than 8 deep"});
 
     GgufTestBytes truncatedInner;
-    truncatedInner.header(0, 1).str("a").u32(kTypeArray).u32(kTypeArray).u64(2).u32(kTypeUInt32).u64(1).u32(5)
-        .u32(kTypeUInt32).u64(4).u32(1);
+    truncatedInner.header(0, 1)
+        .str("a")
+        .u32(kTypeArray)
+        .u32(kTypeArray)
+        .u64(2)
+        .u32(kTypeUInt32)
+        .u64(1)
+        .u32(5)
+        .u32(kTypeUInt32)
+        .u64(4)
+        .u32(1);
     expectRejected(truncatedInner.bytes, {"array of 4 uint32 values", "does not fit"});
 }
 
 TEST(GgufCorruptFileTest, DuplicateKeysAndBadAlignmentAreRefused) {
-    expectRejected(GgufTestBytes().header(0, 2).kvU32("llama.block_count", 2).kvU32("llama.block_count", 3).bytes,
-                   {"metadata 'llama.block_count': the key appears more than once"});
+    expectRejected(
+        GgufTestBytes().header(0, 2).kvU32("llama.block_count", 2).kvU32("llama.block_count", 3).bytes,
+        {"metadata 'llama.block_count': the key appears more than once"});
     expectRejected(GgufTestBytes().header(0, 1).kvU32("general.alignment", 48).bytes,
                    {"metadata 'general.alignment': 48 is not a power of two"});
-    expectRejected(GgufTestBytes().header(0, 1).kvU32("general.alignment", 0).bytes, {"0 is not a power of two"});
+    expectRejected(GgufTestBytes().header(0, 1).kvU32("general.alignment", 0).bytes,
+                   {"0 is not a power of two"});
     expectRejected(GgufTestBytes().header(0, 1).kvString("general.alignment", "32").bytes,
                    {"must be an unsigned integer, not string"});
 }
@@ -145,8 +191,10 @@ TEST(GgufCorruptFileTest, ImpossibleShapesAreRefusedNamingTheTensor) {
     expectRejected(oneTensor({std::uint64_t{1} << 32, std::uint64_t{1} << 32}, kF32, 0, 32),
                    {"element count of 4294967296 x 4294967296 overflows"});
     expectRejected(oneTensor({kHuge}, kF32, 0, 32), {"dimension 0 (18446744073709551615) is too large"});
-    expectRejected(oneTensor({std::uint64_t{1} << 62}, kF32, 0, 32), {"data size of 4611686018427387904 F32 overflows"});
-    expectRejected(oneTensor({33}, kQ8_0, 0, 64), {"row length 33 is not a multiple of the Q8_0 block size 32"});
+    expectRejected(oneTensor({std::uint64_t{1} << 62}, kF32, 0, 32),
+                   {"data size of 4611686018427387904 F32 overflows"});
+    expectRejected(oneTensor({33}, kQ8_0, 0, 64),
+                   {"row length 33 is not a multiple of the Q8_0 block size 32"});
     expectRejected(oneTensor({64}, 4, 0, 256), {"tensor 'blk.0.attn_q.weight': unknown element type id 4"});
     expectRejected(oneTensor({64}, 1000, 0, 256), {"unknown element type id 1000"});
 }
@@ -154,10 +202,13 @@ TEST(GgufCorruptFileTest, ImpossibleShapesAreRefusedNamingTheTensor) {
 TEST(GgufCorruptFileTest, TensorDataOutsideTheFileOrMisplacedIsRefused) {
     expectRejected(oneTensor({64}, kF32, 16, 512), {"data offset 16 is not a multiple of the alignment 32"});
     // Table ends at byte 73, so data starts at 96; 64 floats need 256 bytes, 100 are there.
-    expectRejected(oneTensor({64}, kF32, 0, 100),
-                   {"tensor 'blk.0.attn_q.weight': data range 96..352 lies past the end of the file (196 bytes)"});
-    expectRejected(oneTensor({8}, kF32, kHuge - 31, 32), {"data offset 18446744073709551584", "lies past the end"});
-    expectRejected(oneTensor({8}, kF32, 64, 32), {"data offset 64", "lies past the end of the file (128 bytes)"});
+    expectRejected(
+        oneTensor({64}, kF32, 0, 100),
+        {"tensor 'blk.0.attn_q.weight': data range 96..352 lies past the end of the file (196 bytes)"});
+    expectRejected(oneTensor({8}, kF32, kHuge - 31, 32),
+                   {"data offset 18446744073709551584", "lies past the end"});
+    expectRejected(oneTensor({8}, kF32, 64, 32),
+                   {"data offset 64", "lies past the end of the file (128 bytes)"});
 
     GgufTestBytes overlap;
     overlap.header(2, 0).tensorInfo("a", {16}, kF32, 0).tensorInfo("b", {8}, kF32, 32).padTo(32).zeros(96);

@@ -123,7 +123,8 @@ TEST(GgufRoundTripTest, ArraysReadBackElementForElement) {
     for (std::size_t i = 0; i < tokens.size(); ++i) {
         EXPECT_EQ((*readTokens)[i], tokens[i]) << i;
     }
-    EXPECT_EQ(file->getIntegerArray("tokenizer.ggml.token_type"), (std::vector<std::int64_t>{1, -3, 2147483647}));
+    EXPECT_EQ(file->getIntegerArray("tokenizer.ggml.token_type"),
+              (std::vector<std::int64_t>{1, -3, 2147483647}));
     EXPECT_EQ(file->getIntegerArray("u32s"), (std::vector<std::int64_t>{0, 4294967295}));
     EXPECT_EQ(file->getIntegerArray("i64s"),
               (std::vector<std::int64_t>{-1, std::numeric_limits<std::int64_t>::max()}));
@@ -231,9 +232,11 @@ TEST(GgufRoundTripTest, VersionTwoFilesReadLikeVersionThree) {
 TEST(GgufRoundTripTest, WriterRefusesTensorsThatDoNotMatchTheirShape) {
     GgufWriter writer;
     EXPECT_THROW(writer.addTensor("short", {4}, GgmlType::F32, patternBytes(15, 0)), std::invalid_argument);
-    EXPECT_THROW(writer.addTensor("partial-block", {33}, GgmlType::Q8_0, patternBytes(34, 0)), std::invalid_argument);
+    EXPECT_THROW(writer.addTensor("partial-block", {33}, GgmlType::Q8_0, patternBytes(34, 0)),
+                 std::invalid_argument);
     EXPECT_THROW(writer.addTensor("zero", {0}, GgmlType::F32, {}), std::invalid_argument);
-    EXPECT_THROW(writer.addTensor("five", {1, 1, 1, 1, 1}, GgmlType::F32, patternBytes(4, 0)), std::invalid_argument);
+    EXPECT_THROW(writer.addTensor("five", {1, 1, 1, 1, 1}, GgmlType::F32, patternBytes(4, 0)),
+                 std::invalid_argument);
     EXPECT_THROW(writer.addTensor("", {1}, GgmlType::F32, patternBytes(4, 0)), std::invalid_argument);
     writer.addTensor("ok", {1}, GgmlType::F32, patternBytes(4, 0));
     EXPECT_THROW(writer.addTensor("ok", {1}, GgmlType::F32, patternBytes(4, 0)), std::invalid_argument);

@@ -13,8 +13,7 @@ namespace parlune::llm::test {
 
 class GgufTestBytes {
 public:
-    template <typename T>
-    GgufTestBytes& put(T value) {
+    template <typename T> GgufTestBytes& put(T value) {
         const auto* raw = reinterpret_cast<const std::byte*>(&value);
         bytes.insert(bytes.end(), raw, raw + sizeof value);
         return *this;
@@ -33,9 +32,11 @@ public:
         return text("GGUF").u32(version).u64(tensorCount).u64(kvCount);
     }
     GgufTestBytes& kvU32(std::string_view key, std::uint32_t value) { return str(key).u32(4).u32(value); }
-    GgufTestBytes& kvString(std::string_view key, std::string_view value) { return str(key).u32(8).str(value); }
-    GgufTestBytes& tensorInfo(std::string_view name, std::initializer_list<std::uint64_t> dims, std::uint32_t type,
-                              std::uint64_t offset) {
+    GgufTestBytes& kvString(std::string_view key, std::string_view value) {
+        return str(key).u32(8).str(value);
+    }
+    GgufTestBytes& tensorInfo(std::string_view name, std::initializer_list<std::uint64_t> dims,
+                              std::uint32_t type, std::uint64_t offset) {
         str(name).u32(static_cast<std::uint32_t>(dims.size()));
         for (const std::uint64_t d : dims) {
             u64(d);

@@ -37,7 +37,8 @@ TEST(KvCache, KeepsContentsWhenGrowing) {
     for (std::int64_t p = 0; p < 3; ++p) {
         for (std::int64_t d = 0; d < 4; ++d) {
             EXPECT_EQ(cache.keys(0, 1)[p * 4 + d], -value(d, p));
-            EXPECT_EQ(cache.values(0, 0)[d * cache.valueStride() + p], value(d, p)); // rows moved to the new stride
+            EXPECT_EQ(cache.values(0, 0)[d * cache.valueStride() + p],
+                      value(d, p)); // rows moved to the new stride
         }
     }
     EXPECT_EQ(cache.length(), 3);

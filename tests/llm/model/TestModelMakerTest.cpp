@@ -79,8 +79,8 @@ TEST(TestModelMaker, MixedSchemeFollowsRowLengths) {
 
 TEST(TestModelMaker, EveryWeightTypeLoadsAndRuns) {
     ThreadPool pool(2);
-    for (const char* type : {"f32", "f16", "bf16", "q4_0", "q4_1", "q5_0", "q5_1", "q8_0", "q4_k", "q5_k", "q6_k",
-                             "q4_k_m"}) {
+    for (const char* type :
+         {"f32", "f16", "bf16", "q4_0", "q4_1", "q5_0", "q5_1", "q8_0", "q4_k", "q5_k", "q6_k", "q4_k_m"}) {
         TestModelRecipe recipe = tinySpec(Architecture::llama);
         recipe.weights = *TestWeightScheme::parse(type);
         recipe.feedForwardSize = 512; // down-projection rows of two 256-blocks
@@ -124,7 +124,8 @@ TEST(TestModelMaker, PaddedVocabularyGetsChatMLControlTokens) {
 }
 
 TEST(TestModelMaker, CopiesAVocabularyFile) {
-    const std::filesystem::path vocab = std::filesystem::path(PARLUNE_LLM_FIXTURES) / "vocab/ggml-vocab-gpt-2.gguf";
+    const std::filesystem::path vocab =
+        std::filesystem::path(PARLUNE_LLM_FIXTURES) / "vocab/ggml-vocab-gpt-2.gguf";
     if (!std::filesystem::exists(vocab)) {
         GTEST_SKIP() << "shared engine fixtures not found at " << PARLUNE_LLM_FIXTURES;
     }
@@ -135,7 +136,8 @@ TEST(TestModelMaker, CopiesAVocabularyFile) {
     const auto tokenizer = Tokenizer::fromGguf(*file);
     const auto original = Tokenizer::fromGguf(*GgufFile::open(vocab));
     EXPECT_EQ(tokenizer->vocabularySize(), 50304);
-    EXPECT_EQ(tokenizer->encode("Hello world, again!", false), original->encode("Hello world, again!", false));
+    EXPECT_EQ(tokenizer->encode("Hello world, again!", false),
+              original->encode("Hello world, again!", false));
     EXPECT_EQ(*tokenizer->findToken("<|im_start|>"), original->vocabularySize()); // first padding slot
 }
 

@@ -28,7 +28,8 @@ std::vector<std::int32_t> sequence(std::size_t length, std::int32_t vocabulary) 
 
 class TransformerTest : public ::testing::TestWithParam<std::tuple<Architecture, GgmlType>> {
 protected:
-    std::shared_ptr<const Model> model = makeTinyModel(tinySpec(std::get<0>(GetParam()), std::get<1>(GetParam())));
+    std::shared_ptr<const Model> model =
+        makeTinyModel(tinySpec(std::get<0>(GetParam()), std::get<1>(GetParam())));
     std::int32_t vocabulary = static_cast<std::int32_t>(model->config().vocabularySize);
 };
 
@@ -91,7 +92,8 @@ TEST(Transformer, LongPromptsSpanSeveralBatches) {
     const auto model = makeTinyModel(recipe);
     ThreadPool pool(2);
     Transformer transformer(model, pool);
-    const auto tokens = sequence(Transformer::maxBatch + 40, static_cast<std::int32_t>(model->config().vocabularySize));
+    const auto tokens =
+        sequence(Transformer::maxBatch + 40, static_cast<std::int32_t>(model->config().vocabularySize));
     KvCache whole(model->config());
     std::vector<float> a, b;
     transformer.forward(tokens, whole, a);

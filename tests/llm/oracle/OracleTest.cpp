@@ -112,7 +112,8 @@ float worstDifference(const std::vector<float>& a, const std::vector<float>& b, 
 
 // A directory of this process's own: several test runs may share the machine.
 std::filesystem::path scratchDirectory(const std::string& name) {
-    std::string pattern = (std::filesystem::temp_directory_path() / ("parlune-oracle-" + name + "-XXXXXX")).string();
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / ("parlune-oracle-" + name + "-XXXXXX")).string();
     if (::mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("cannot create a scratch directory for " + name);
     }

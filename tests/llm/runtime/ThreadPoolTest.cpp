@@ -19,9 +19,11 @@ TEST(ThreadPool, CoversEveryIndexExactlyOnce) {
             std::vector<std::atomic<int>> hits(static_cast<std::size_t>(count));
             pool.parallelFor(count, [&](std::int64_t begin, std::int64_t end) {
                 ASSERT_LT(begin, end);
-                for (std::int64_t i = begin; i < end; ++i) hits[static_cast<std::size_t>(i)].fetch_add(1);
+                for (std::int64_t i = begin; i < end; ++i)
+                    hits[static_cast<std::size_t>(i)].fetch_add(1);
             });
-            for (std::int64_t i = 0; i < count; ++i) ASSERT_EQ(hits[i].load(), 1) << "threads " << threads << " i " << i;
+            for (std::int64_t i = 0; i < count; ++i)
+                ASSERT_EQ(hits[i].load(), 1) << "threads " << threads << " i " << i;
         }
     }
 }
@@ -32,7 +34,8 @@ TEST(ThreadPool, ManyTinyCallsInARow) {
     constexpr int kCalls = 20000;
     for (int call = 0; call < kCalls; ++call) {
         pool.parallelFor(4, [&](std::int64_t begin, std::int64_t end) {
-            for (std::int64_t i = begin; i < end; ++i) sum.fetch_add(i + 1);
+            for (std::int64_t i = begin; i < end; ++i)
+                sum.fetch_add(i + 1);
         });
     }
     EXPECT_EQ(sum.load(), std::int64_t{kCalls} * 10);
@@ -66,7 +69,8 @@ TEST(ThreadPool, NestedCallsRunInlineAndComplete) {
     std::atomic<int> inner{0};
     pool.parallelFor(4, [&](std::int64_t begin, std::int64_t end) {
         for (std::int64_t i = begin; i < end; ++i) {
-            pool.parallelFor(10, [&](std::int64_t b, std::int64_t e) { inner.fetch_add(static_cast<int>(e - b)); });
+            pool.parallelFor(
+                10, [&](std::int64_t b, std::int64_t e) { inner.fetch_add(static_cast<int>(e - b)); });
         }
     });
     EXPECT_EQ(inner.load(), 40);
@@ -76,7 +80,8 @@ TEST(ThreadPool, ExceptionReachesTheCallerAndThePoolKeepsWorking) {
     ThreadPool pool(2);
     EXPECT_THROW(pool.parallelFor(8,
                                   [](std::int64_t begin, std::int64_t) {
-                                      if (begin >= 4) throw std::runtime_error("share failed");
+                                      if (begin >= 4)
+                                          throw std::runtime_error("share failed");
                                   }),
                  std::runtime_error);
     std::atomic<int> count{0};

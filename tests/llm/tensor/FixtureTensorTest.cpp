@@ -39,13 +39,19 @@ struct Expectation {
 // Error of a whole tensor against the unquantised file, by format (N(0, 0.02) weights).
 double boundFor(GgmlType type) {
     switch (type) {
-    case GgmlType::F32: return 1e-14;
-    case GgmlType::F16: return 1e-6;
-    case GgmlType::Q8_0: return 1e-4;
-    case GgmlType::Q6_K: return 1e-3;
+    case GgmlType::F32:
+        return 1e-14;
+    case GgmlType::F16:
+        return 1e-6;
+    case GgmlType::Q8_0:
+        return 1e-4;
+    case GgmlType::Q6_K:
+        return 1e-3;
     case GgmlType::Q5_0:
-    case GgmlType::Q5_K: return 6e-3;
-    default: return 2.5e-2;
+    case GgmlType::Q5_K:
+        return 6e-3;
+    default:
+        return 2.5e-2;
     }
 }
 
@@ -59,7 +65,8 @@ TEST_P(FixtureTensors, DecodeCloseToTheUnquantisedWeights) {
     const auto reference = GgufFile::open(kModels / GetParam().reference);
     std::map<GgmlType, int> checked;
     for (const GgufTensorInfo& tensor : quantised->tensors()) {
-        if (!isSupportedWeightType(tensor.type)) continue;
+        if (!isSupportedWeightType(tensor.type))
+            continue;
         const GgufTensorInfo* original = reference->findTensor(tensor.name);
         ASSERT_NE(original, nullptr) << tensor.name;
         const std::vector<float> got = decodeTensor(*quantised, tensor);
@@ -91,7 +98,8 @@ TEST(FixtureTensors, EveryPathMultipliesTheReferenceBlocksAlike) {
                              "llama-tiny-Q4_0.gguf", "llama-tiny-f16.gguf"}) {
         const auto file = GgufFile::open(kModels / name);
         for (const GgufTensorInfo& tensor : file->tensors()) {
-            if (!isSupportedWeightType(tensor.type) || tensor.dims.size() != 2 || tensor.dims[1] > 4096) continue;
+            if (!isSupportedWeightType(tensor.type) || tensor.dims.size() != 2 || tensor.dims[1] > 4096)
+                continue;
             const std::int64_t cols = tensor.dims[0];
             const std::int64_t rows = tensor.dims[1];
             const WeightMatrix w{tensor.type, file->tensorBytes(tensor).data(), rows, cols,
@@ -102,7 +110,8 @@ TEST(FixtureTensors, EveryPathMultipliesTheReferenceBlocksAlike) {
             std::vector<float> want(3 * rows), got(3 * rows);
             matmulRowsOn(KernelPath::scalar, w, x, 0, rows, want.data(), rows);
             for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
-                if (!kernelPathAvailable(path)) continue;
+                if (!kernelPathAvailable(path))
+                    continue;
                 matmulRowsOn(path, w, x, 0, rows, got.data(), rows);
                 EXPECT_LT(testing::nmse(want.data(), got.data(), got.size()), 1e-10)
                     << name << " " << tensor.name << " " << kernelPathName(path);

@@ -17,7 +17,8 @@ inline std::vector<float> gaussian(std::size_t n, std::uint32_t seed, float sigm
     std::mt19937 rng(seed);
     std::normal_distribution<float> dist(0.0f, sigma);
     std::vector<float> v(n);
-    for (float& x : v) x = dist(rng);
+    for (float& x : v)
+        x = dist(rng);
     return v;
 }
 
@@ -39,7 +40,8 @@ struct EncodedMatrix {
     std::vector<std::uint8_t> bytes;
 };
 
-inline EncodedMatrix encode(GgmlType type, const std::vector<float>& values, std::int64_t rows, std::int64_t cols) {
+inline EncodedMatrix encode(GgmlType type, const std::vector<float>& values, std::int64_t rows,
+                            std::int64_t cols) {
     EncodedMatrix m{type, rows, cols, *ggmlRowBytes(type, cols), {}};
     m.bytes.resize(m.rowBytes * static_cast<std::size_t>(rows));
     for (std::int64_t r = 0; r < rows; ++r) {
@@ -80,7 +82,8 @@ inline EncodedMatrix randomBlocks(GgmlType type, std::int64_t rows, std::int64_t
     EncodedMatrix m{type, rows, cols, *ggmlRowBytes(type, cols), {}};
     m.bytes.resize(m.rowBytes * static_cast<std::size_t>(rows));
     std::mt19937 rng(seed);
-    for (auto& b : m.bytes) b = static_cast<std::uint8_t>(rng());
+    for (auto& b : m.bytes)
+        b = static_cast<std::uint8_t>(rng());
     std::uniform_real_distribution<float> scale(-0.05f, 0.05f);
     std::uniform_real_distribution<float> exponent(-24.0f, 15.9f);
     const std::size_t blocks = m.bytes.size() / traits.blockBytes;
@@ -91,7 +94,8 @@ inline EncodedMatrix randomBlocks(GgmlType type, std::int64_t rows, std::int64_t
             continue;
         }
         for (int offset : halfFieldOffsets(type)) {
-            const float value = extremeScales ? std::copysign(std::exp2(exponent(rng)), scale(rng)) : scale(rng);
+            const float value =
+                extremeScales ? std::copysign(std::exp2(exponent(rng)), scale(rng)) : scale(rng);
             const std::uint16_t h = floatToFp16(value);
             std::memcpy(block + offset, &h, 2);
         }

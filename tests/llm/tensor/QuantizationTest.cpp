@@ -30,10 +30,10 @@ TEST(HalfPrecision, EveryFiniteHalfSurvivesARoundTrip) {
 TEST(HalfPrecision, RoundsToNearestEvenAndSaturatesToInfinity) {
     EXPECT_EQ(fp16ToFloat(0x3C00), 1.0f);
     EXPECT_EQ(fp16ToFloat(0xC000), -2.0f);
-    EXPECT_EQ(fp16ToFloat(0x0001), 0x1p-24f);     // smallest subnormal
+    EXPECT_EQ(fp16ToFloat(0x0001), 0x1p-24f);        // smallest subnormal
     EXPECT_EQ(floatToFp16(1.0f + 0x1p-11f), 0x3C00); // tie goes to even
     EXPECT_EQ(floatToFp16(1.0f + 0x1.8p-10f), 0x3C02);
-    EXPECT_EQ(floatToFp16(0x1p-25f), 0x0000);     // tie between 0 and the smallest subnormal
+    EXPECT_EQ(floatToFp16(0x1p-25f), 0x0000); // tie between 0 and the smallest subnormal
     EXPECT_EQ(floatToFp16(0x1.8p-24f), 0x0002);
     EXPECT_EQ(floatToFp16(65504.0f), 0x7BFF);
     EXPECT_EQ(floatToFp16(65519.0f), 0x7BFF);
@@ -103,8 +103,10 @@ TEST(RowCodec, F32IsExactAndZerosStayZero) {
 TEST(RowCodec, ExtremeMagnitudesStayFiniteAndClose) {
     // Huge and tiny blocks next to each other: each block has its own scale.
     std::vector<float> x = gaussian(512, 11);
-    for (int i = 0; i < 256; ++i) x[i] *= 1e4f;
-    for (int i = 256; i < 512; ++i) x[i] *= 1e-3f;
+    for (int i = 0; i < 256; ++i)
+        x[i] *= 1e4f;
+    for (int i = 256; i < 512; ++i)
+        x[i] *= 1e-3f;
     for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q6_K, GgmlType::F16}) {
         std::vector<std::uint8_t> encoded(*ggmlRowBytes(type, 512));
         std::vector<float> back(512);
@@ -120,7 +122,7 @@ TEST(BlockLayout, Q4_0LowNibblesHoldTheFirstHalf) {
     std::uint8_t block[18] = {};
     const std::uint16_t one = floatToFp16(0.5f);
     std::memcpy(block, &one, 2);
-    block[2] = 0x1F; // element 0 -> 15, element 16 -> 1
+    block[2] = 0x1F;  // element 0 -> 15, element 16 -> 1
     block[17] = 0x80; // element 15 -> 0, element 31 -> 8
     float y[32];
     dequantizeRow(GgmlType::Q4_0, block, y, 32);
@@ -134,11 +136,11 @@ TEST(BlockLayout, Q5_0HighBitsComeFromALittleEndianWord) {
     std::uint8_t block[22] = {};
     const std::uint16_t one = floatToFp16(1.0f);
     std::memcpy(block, &one, 2);
-    block[2] = 0x01;  // bit 0: element 0
-    block[5] = 0x80;  // bit 31: element 31
+    block[2] = 0x01; // bit 0: element 0
+    block[5] = 0x80; // bit 31: element 31
     float y[32];
     dequantizeRow(GgmlType::Q5_0, block, y, 32);
-    EXPECT_EQ(y[0], 0.0f);   // 16 - 16
+    EXPECT_EQ(y[0], 0.0f); // 16 - 16
     EXPECT_EQ(y[31], 0.0f);
     EXPECT_EQ(y[1], -16.0f);
     EXPECT_EQ(y[16], -16.0f);
@@ -168,7 +170,8 @@ TEST(BlockLayout, Q6_KElementPositions) {
     std::uint8_t block[210] = {};
     const std::uint16_t one = floatToFp16(1.0f);
     std::memcpy(block + 208, &one, 2);
-    for (int s = 0; s < 16; ++s) block[192 + s] = static_cast<std::uint8_t>(s + 1);
+    for (int s = 0; s < 16; ++s)
+        block[192 + s] = static_cast<std::uint8_t>(s + 1);
     block[64 + 32 + 5] = 0xF0;  // second half, ql[32 + 5] high nibble: element 128 + 96 + 5
     block[128 + 32 + 5] = 0xC0; // its two high bits (bits 6-7)
     float y[256];

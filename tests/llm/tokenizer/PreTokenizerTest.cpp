@@ -1,5 +1,5 @@
-#include "llm/tokenizer/CharClass.h"
 #include "llm/tokenizer/PreTokenizer.h"
+#include "llm/tokenizer/CharClass.h"
 
 #include <gtest/gtest.h>
 
@@ -27,9 +27,9 @@ TEST(CharClassTest, ClassifiesLettersNumbersAndSpacesAcrossScripts) {
     EXPECT_EQ(charClass(U'ж'), CharClass::letter);
     EXPECT_EQ(charClass(U'我'), CharClass::letter);
     EXPECT_EQ(charClass(U'ក'), CharClass::letter);
-    EXPECT_EQ(charClass(U'٣'), CharClass::number);  // Arabic-Indic digit
-    EXPECT_EQ(charClass(U'Ⅻ'), CharClass::number);  // letter-like number (Nl)
-    EXPECT_EQ(charClass(U'½'), CharClass::number);  // No
+    EXPECT_EQ(charClass(U'٣'), CharClass::number); // Arabic-Indic digit
+    EXPECT_EQ(charClass(U'Ⅻ'), CharClass::number); // letter-like number (Nl)
+    EXPECT_EQ(charClass(U'½'), CharClass::number); // No
     EXPECT_EQ(charClass(U'\u3000'), CharClass::whitespace);
     EXPECT_EQ(charClass(U'\u00A0'), CharClass::whitespace);
     EXPECT_EQ(charClass(U'\u0301'), CharClass::other); // combining mark
@@ -62,7 +62,8 @@ TEST(PreTokenizerTest, DigitGroupingDiffersPerFamily) {
 }
 
 TEST(PreTokenizerTest, Llama3AttachesOnePunctuationCharacterToAWordAndGroupsLineBreaks) {
-    EXPECT_EQ(split(PreTokenizerKind::llama3, "(hello) \"quoted\""), (Pieces{"(hello", ")", " \"", "quoted", "\""}));
+    EXPECT_EQ(split(PreTokenizerKind::llama3, "(hello) \"quoted\""),
+              (Pieces{"(hello", ")", " \"", "quoted", "\""}));
     EXPECT_EQ(split(PreTokenizerKind::llama3, "end.\n\nNext"), (Pieces{"end", ".\n\n", "Next"}));
     EXPECT_EQ(split(PreTokenizerKind::llama3, "a \n \n  b"), (Pieces{"a", " \n \n", " ", " b"}));
     EXPECT_EQ(split(PreTokenizerKind::llama3, "x 42"), (Pieces{"x", " ", "42"}));

@@ -10,21 +10,27 @@ namespace {
 using test::sentencePieceConfig;
 using Ids = std::vector<std::int32_t>;
 
-constexpr std::int32_t byteToken(unsigned char b) { return 3 + b; }
+constexpr std::int32_t byteToken(unsigned char b) {
+    return 3 + b;
+}
 
 class SentencePieceBpeTest : public ::testing::Test {
 protected:
     // ids 259.. in this order
     std::vector<std::pair<std::string, float>> pieces{
-        {"\xE2\x96\x81", -1.0f},       // 259 ▁
-        {"a", -2.0f},                  // 260
-        {"b", -2.0f},                  // 261
-        {"c", -2.0f},                  // 262
-        {"ab", -5.0f},                 // 263
-        {"bc", -3.0f},                 // 264
-        {"\xE2\x96\x81" "a", -4.0f},   // 265 ▁a
-        {"\xE2\x96\x81" "abc", -6.0f}, // 266 ▁abc
-        {"\xC3\xA9", -2.0f},           // 267 é
+        {"\xE2\x96\x81", -1.0f}, // 259 ▁
+        {"a", -2.0f},            // 260
+        {"b", -2.0f},            // 261
+        {"c", -2.0f},            // 262
+        {"ab", -5.0f},           // 263
+        {"bc", -3.0f},           // 264
+        {"\xE2\x96\x81"
+         "a",
+         -4.0f}, // 265 ▁a
+        {"\xE2\x96\x81"
+         "abc",
+         -6.0f},             // 266 ▁abc
+        {"\xC3\xA9", -2.0f}, // 267 é
     };
 };
 
@@ -72,7 +78,8 @@ TEST_F(SentencePieceBpeTest, ControlTextInUserInputIsNeverMergedIntoAControlToke
 TEST_F(SentencePieceBpeTest, WithoutByteTokensUnknownCharactersBecomeUnknown) {
     auto config = sentencePieceConfig(pieces);
     for (int b = 0; b < 256; ++b)
-        config.tokens[static_cast<std::size_t>(byteToken(static_cast<unsigned char>(b)))] = "x" + std::to_string(b);
+        config.tokens[static_cast<std::size_t>(byteToken(static_cast<unsigned char>(b)))] =
+            "x" + std::to_string(b);
     const auto t = Tokenizer::fromConfig(config);
     EXPECT_EQ(t->encode("\xC3\xB1", false), (Ids{259, 0, 0}));
 }

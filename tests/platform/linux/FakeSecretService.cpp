@@ -52,11 +52,12 @@ void announce(const char* line) {
     std::fflush(stdout);
 }
 
-void serviceCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant* parameters,
-                 GDBusMethodInvocation* invocation, gpointer) {
+void serviceCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
+                 GVariant* parameters, GDBusMethodInvocation* invocation, gpointer) {
     if (std::strcmp(method, "OpenSession") == 0) {
         g_dbus_method_invocation_return_value(
-            invocation, g_variant_new("(vo)", g_variant_new_string(""), "/org/freedesktop/secrets/session/1"));
+            invocation,
+            g_variant_new("(vo)", g_variant_new_string(""), "/org/freedesktop/secrets/session/1"));
         return;
     }
     if (hang) {
@@ -71,7 +72,8 @@ void serviceCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, con
         const char* account = nullptr;
         const bool hasService = g_variant_lookup(wanted, "service", "&s", &service);
         const bool hasAccount = g_variant_lookup(wanted, "account", "&s", &account);
-        if (!item.deleted && (!hasService || item.service == service) && (!hasAccount || item.account == account)) {
+        if (!item.deleted && (!hasService || item.service == service) &&
+            (!hasAccount || item.account == account)) {
             g_variant_builder_add(&unlocked, "o", item.path.c_str());
         }
     }
@@ -79,7 +81,8 @@ void serviceCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, con
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(aoao)", &unlocked, nullptr));
 }
 
-GVariant* serviceProperty(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GError**, gpointer) {
+GVariant* serviceProperty(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GError**,
+                          gpointer) {
     return g_variant_new_objv(nullptr, 0);
 }
 
@@ -101,8 +104,8 @@ void itemCall(GDBusConnection* bus, const gchar*, const gchar* path, const gchar
     g_dbus_connection_unregister_object(bus, item->registration);
 }
 
-GVariant* itemProperty(GDBusConnection*, const gchar*, const gchar* path, const gchar*, const gchar* name, GError**,
-                       gpointer) {
+GVariant* itemProperty(GDBusConnection*, const gchar*, const gchar* path, const gchar*, const gchar* name,
+                       GError**, gpointer) {
     const Item* item = itemAt(path);
     if (std::strcmp(name, "Locked") == 0) {
         return g_variant_new_boolean(FALSE);
@@ -124,15 +127,17 @@ const GDBusInterfaceVTable serviceTable = {serviceCall, serviceProperty, nullptr
 const GDBusInterfaceVTable itemTable = {itemCall, itemProperty, nullptr, {}};
 
 void onBus(GDBusConnection* bus, const gchar*, gpointer) {
-    g_dbus_connection_register_object(bus, "/org/freedesktop/secrets", node->interfaces[0], &serviceTable, nullptr,
-                                      nullptr, nullptr);
+    g_dbus_connection_register_object(bus, "/org/freedesktop/secrets", node->interfaces[0], &serviceTable,
+                                      nullptr, nullptr, nullptr);
     for (Item& item : items) {
         item.registration = g_dbus_connection_register_object(bus, item.path.c_str(), node->interfaces[1],
                                                               &itemTable, nullptr, nullptr, nullptr);
     }
 }
 
-void onName(GDBusConnection*, const gchar*, gpointer) { announce("ready"); }
+void onName(GDBusConnection*, const gchar*, gpointer) {
+    announce("ready");
+}
 
 void onNameLost(GDBusConnection*, const gchar*, gpointer) {
     announce("name lost");
@@ -149,8 +154,9 @@ int main(int argc, char** argv) {
             continue;
         }
         const auto colon = argument.find(':');
-        items.push_back(Item{argument.substr(0, colon), argument.substr(colon + 1),
-                             "/org/freedesktop/secrets/collection/login/" + std::to_string(items.size() + 1)});
+        items.push_back(
+            Item{argument.substr(0, colon), argument.substr(colon + 1),
+                 "/org/freedesktop/secrets/collection/login/" + std::to_string(items.size() + 1)});
     }
     node = g_dbus_node_info_new_for_xml(introspection, nullptr);
     g_bus_own_name(G_BUS_TYPE_SESSION, "org.freedesktop.secrets", G_BUS_NAME_OWNER_FLAGS_NONE, onBus, onName,

@@ -11,9 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <unistd.h>
 #include <memory>
 #include <optional>
+#include <unistd.h>
 
 namespace parlune {
 namespace {
@@ -40,7 +40,9 @@ class QSettingsUserDefaultsTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(dir_.isValid()); }
     QTemporaryDir dir_;
-    QString file(const char* name = "parlune/parlune.conf") const { return dir_.filePath(QString::fromLatin1(name)); }
+    QString file(const char* name = "parlune/parlune.conf") const {
+        return dir_.filePath(QString::fromLatin1(name));
+    }
 };
 
 TEST_F(QSettingsUserDefaultsTest, AbsentValuesReadAsNothingZeroAndFalse) {
@@ -50,7 +52,8 @@ TEST_F(QSettingsUserDefaultsTest, AbsentValuesReadAsNothingZeroAndFalse) {
     EXPECT_FALSE(defaults.boolean("missing"));
     EXPECT_TRUE(defaults.setAsidePath().isEmpty());
     defaults.remove("missing");
-    EXPECT_FALSE(QFile::exists(dir_.filePath("parlune"))) << "reading and removing nothing must not create files";
+    EXPECT_FALSE(QFile::exists(dir_.filePath("parlune")))
+        << "reading and removing nothing must not create files";
 }
 
 TEST_F(QSettingsUserDefaultsTest, ValuesSurviveReopeningWithTheirExactText) {

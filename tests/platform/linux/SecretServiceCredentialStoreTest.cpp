@@ -71,9 +71,11 @@ TEST_F(SecretServiceCredentialStoreTest, WithoutASessionBusNothingIsStarted) {
     qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
     QElapsedTimer timer;
     timer.start();
-    EXPECT_EQ(SecretServiceCredentialStore().deleteItem(legacyService, "default"), CredentialDeletion::unavailable);
+    EXPECT_EQ(SecretServiceCredentialStore().deleteItem(legacyService, "default"),
+              CredentialDeletion::unavailable);
     qputenv("DBUS_SESSION_BUS_ADDRESS", "autolaunch:");
-    EXPECT_EQ(SecretServiceCredentialStore().deleteItem(legacyService, "default"), CredentialDeletion::unavailable);
+    EXPECT_EQ(SecretServiceCredentialStore().deleteItem(legacyService, "default"),
+              CredentialDeletion::unavailable);
     EXPECT_LT(timer.elapsed(), 200);
     qputenv("XDG_RUNTIME_DIR", savedRuntime);
 }
@@ -81,7 +83,8 @@ TEST_F(SecretServiceCredentialStoreTest, WithoutASessionBusNothingIsStarted) {
 TEST_F(SecretServiceCredentialStoreTest, BusWithoutSecretServiceAnswersQuickly) {
     QElapsedTimer timer;
     timer.start();
-    EXPECT_EQ(SecretServiceCredentialStore().deleteItem(legacyService, "default"), CredentialDeletion::unavailable);
+    EXPECT_EQ(SecretServiceCredentialStore().deleteItem(legacyService, "default"),
+              CredentialDeletion::unavailable);
     EXPECT_LT(timer.elapsed(), 1'000);
 }
 

@@ -21,7 +21,8 @@ int main(int argc, char** argv) {
     const qsizetype padding = argc > 4 ? QByteArray(argv[4]).toLongLong() : 0;
     for (long long round = 0; count == 0 || round < count; ++round) {
         if (padding > 0) {
-            defaults.setString(key + QStringLiteral(".padding"), QString(padding, QChar(char16_t(u'a' + round % 26))));
+            defaults.setString(key + QStringLiteral(".padding"),
+                               QString(padding, QChar(char16_t(u'a' + round % 26))));
         }
         defaults.setInteger(key, round);
     }

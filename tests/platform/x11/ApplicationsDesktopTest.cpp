@@ -161,7 +161,6 @@ TEST_F(ApplicationsDesktopTest, QtFiveEditorWithoutItsBridgeIsCopiedAndPastedInP
 
 // --- a browser -------------------------------------------------------------------------------
 
-
 TEST_F(ApplicationsDesktopTest, BrowserTextareaInputAndContentEditableAreEachReplacedInPlace) {
     requireProgram("chromium");
     giveUserRichClipboard();

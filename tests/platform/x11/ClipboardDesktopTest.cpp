@@ -165,7 +165,8 @@ TEST_F(ClipboardDesktopTest, KeyHeldThroughAWholeRewriteIsWaitedForOnceNotPerCho
     // Let go and held again: a new hold is waited for again.
     editor->select(0, 5);
     xdotool({QStringLiteral("keydown"), QStringLiteral("shift")});
-    QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("sleep 0.4; xdotool keyup shift")});
+    QProcess::startDetached(QStringLiteral("sh"),
+                            {QStringLiteral("-c"), QStringLiteral("sleep 0.4; xdotool keyup shift")});
     timer.restart();
     EXPECT_EQ(capture().text(), QStringLiteral("alpha"));
     EXPECT_GE(timer.elapsed(), 350);

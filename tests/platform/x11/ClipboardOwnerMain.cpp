@@ -16,7 +16,8 @@
 
 namespace {
 
-int runManager(QCoreApplication& app, parlune::x11::XcbConnection& x, parlune::x11::X11Pasteboard& pasteboard) {
+int runManager(QCoreApplication& app, parlune::x11::XcbConnection& x,
+               parlune::x11::X11Pasteboard& pasteboard) {
     xcb_connection_t* c = x.raw();
     const xcb_atom_t manager = x.atom("CLIPBOARD_MANAGER");
     xcb_set_selection_owner(c, x.window(), manager, XCB_CURRENT_TIME);

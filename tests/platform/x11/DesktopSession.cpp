@@ -73,10 +73,16 @@ bool hasWindowManager(const QString& display) {
 
 } // namespace
 
-DesktopSession* DesktopSession::current() { return currentSession; }
-void DesktopSession::setCurrent(DesktopSession* session) { currentSession = session; }
+DesktopSession* DesktopSession::current() {
+    return currentSession;
+}
+void DesktopSession::setCurrent(DesktopSession* session) {
+    currentSession = session;
+}
 
-DesktopSession::~DesktopSession() { stop(); }
+DesktopSession::~DesktopSession() {
+    stop();
+}
 
 pid_t DesktopSession::spawn(const QStringList& command, const QString& log) {
     std::vector<QByteArray> storage;
@@ -150,7 +156,8 @@ bool DesktopSession::start(const QString& openboxConfig) {
     directory_ = QDir::tempPath() + QStringLiteral("/parlune-desktop-%1").arg(::getpid());
     QDir().mkpath(directory_ + QStringLiteral("/config"));
     QDir().mkpath(directory_ + QStringLiteral("/runtime"));
-    QFile::setPermissions(directory_ + QStringLiteral("/runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QFile::setPermissions(directory_ + QStringLiteral("/runtime"),
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 
     // Test processes run in parallel: each claims a display number with a lock file of its own,
     // held until its server has fully exited, so no two sessions (nor one being torn down and one
@@ -178,14 +185,16 @@ bool DesktopSession::start(const QString& openboxConfig) {
             }
         }
         const QByteArray owner = QByteArray::number(::getpid());
-        [[maybe_unused]] const ssize_t written = ::write(fd, owner.constData(), static_cast<std::size_t>(owner.size()));
+        [[maybe_unused]] const ssize_t written =
+            ::write(fd, owner.constData(), static_cast<std::size_t>(owner.size()));
         ::close(fd);
         display = QStringLiteral(":%1").arg(number);
-        const pid_t pid = spawn({QStringLiteral("Xvfb"), display, QStringLiteral("-screen"), QStringLiteral("0"),
-                                 QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp"),
-                                 // Without this the server resets whenever its last client leaves, and
-                                 // a client connecting during the reset is refused.
-                                 QStringLiteral("-noreset")});
+        const pid_t pid =
+            spawn({QStringLiteral("Xvfb"), display, QStringLiteral("-screen"), QStringLiteral("0"),
+                   QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp"),
+                   // Without this the server resets whenever its last client leaves, and
+                   // a client connecting during the reset is refused.
+                   QStringLiteral("-noreset")});
         // The socket appears before the server takes clients; wait for a real connection.
         if (waitFor([&] { return exited(pid) || acceptsClients(display); }, 8000) && !exited(pid)) {
             xvfb_ = pid;
@@ -218,9 +227,10 @@ bool DesktopSession::start(const QString& openboxConfig) {
     }
     // Bring up the accessibility bus now (it is started on first request), so that a loaded machine
     // does not make this process's own first AT-SPI call time out.
-    const pid_t launcher = spawn({QStringLiteral("dbus-send"), QStringLiteral("--session"), QStringLiteral("--print-reply"),
-                                  QStringLiteral("--reply-timeout=10000"), QStringLiteral("--dest=org.a11y.Bus"),
-                                  QStringLiteral("/org/a11y/bus"), QStringLiteral("org.a11y.Bus.GetAddress")});
+    const pid_t launcher =
+        spawn({QStringLiteral("dbus-send"), QStringLiteral("--session"), QStringLiteral("--print-reply"),
+               QStringLiteral("--reply-timeout=10000"), QStringLiteral("--dest=org.a11y.Bus"),
+               QStringLiteral("/org/a11y/bus"), QStringLiteral("org.a11y.Bus.GetAddress")});
     if (!waitFor([&] { return exited(launcher); }, 10000)) {
         terminate(launcher);
     }

@@ -19,7 +19,8 @@ protected:
     void SetUp() override {
         DesktopSession* session = DesktopSession::current();
         if (!session || !session->isRunning()) {
-            GTEST_SKIP() << "no test desktop: " << (session ? session->failure().toStdString() : "not started");
+            GTEST_SKIP() << "no test desktop: "
+                         << (session ? session->failure().toStdString() : "not started");
         }
         connection = x11::XcbConnection::open();
         ASSERT_TRUE(connection);

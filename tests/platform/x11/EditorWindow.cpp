@@ -15,13 +15,16 @@ QString readFile(const QString& path) {
 }
 
 void key(const QStringList& keys) {
-    QStringList command{QStringLiteral("xdotool"), QStringLiteral("key"), QStringLiteral("--delay"), QStringLiteral("15")};
+    QStringList command{QStringLiteral("xdotool"), QStringLiteral("key"), QStringLiteral("--delay"),
+                        QStringLiteral("15")};
     command += keys;
     DesktopSession::run(command);
 }
 } // namespace
 
-EditorWindow::~EditorWindow() { DesktopSession::terminate(pid_); }
+EditorWindow::~EditorWindow() {
+    DesktopSession::terminate(pid_);
+}
 
 bool EditorWindow::open(const QString& text, const QString& name) {
     DesktopSession* session = DesktopSession::current();
@@ -57,7 +60,8 @@ bool EditorWindow::activate() {
     if (first.isEmpty()) {
         return false;
     }
-    DesktopSession::run({QStringLiteral("xdotool"), QStringLiteral("windowactivate"), QString::fromLatin1(first)});
+    DesktopSession::run(
+        {QStringLiteral("xdotool"), QStringLiteral("windowactivate"), QString::fromLatin1(first)});
     return waitUntilActive();
 }
 
@@ -72,7 +76,9 @@ void EditorWindow::select(int from, int length) {
     key(keys);
 }
 
-QString EditorWindow::fileText() const { return readFile(path_); }
+QString EditorWindow::fileText() const {
+    return readFile(path_);
+}
 
 QString EditorWindow::savedText() {
     const QString before = readFile(path_);

@@ -16,7 +16,8 @@ namespace parlune::test {
 class EditorWindow {
 public:
     explicit EditorWindow(parlune::x11::EwmhWorkspace& workspace,
-                          QStringList command = {QStringLiteral("mousepad"), QStringLiteral("--disable-server")})
+                          QStringList command = {QStringLiteral("mousepad"),
+                                                 QStringLiteral("--disable-server")})
         : workspace_(workspace), command_(std::move(command)) {}
     ~EditorWindow();
     EditorWindow(const EditorWindow&) = delete;

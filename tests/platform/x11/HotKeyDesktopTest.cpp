@@ -44,8 +44,8 @@ protected:
     }
 
     bool numLockIsOn() {
-        auto* reply = xcb_query_pointer_reply(connection->raw(), xcb_query_pointer(connection->raw(), connection->root()),
-                                              nullptr);
+        auto* reply = xcb_query_pointer_reply(
+            connection->raw(), xcb_query_pointer(connection->raw(), connection->root()), nullptr);
         const bool on = reply && (reply->mask & XCB_MOD_MASK_2);
         std::free(reply);
         return on;
@@ -81,7 +81,8 @@ class MovedKey {
 public:
     MovedKey(xcb_connection_t* connection, xcb_keycode_t from, xcb_keycode_t to)
         : connection_(connection), from_(from), to_(to) {
-        auto* reply = xcb_get_keyboard_mapping_reply(connection, xcb_get_keyboard_mapping(connection, from, 1), nullptr);
+        auto* reply = xcb_get_keyboard_mapping_reply(connection,
+                                                     xcb_get_keyboard_mapping(connection, from, 1), nullptr);
         if (reply) {
             const xcb_keysym_t* syms = xcb_get_keyboard_mapping_keysyms(reply);
             syms_.assign(syms, syms + reply->keysyms_per_keycode);
@@ -150,8 +151,9 @@ TEST_F(HotKeyDesktopTest, CombinationHeldByAnotherClientFailsWithTheXErrorAndDro
     const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(other)).data->root;
     xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(other);
     xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, XK_space);
-    xcb_generic_error_t* grabError = xcb_request_check(
-        other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0], XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
+    xcb_generic_error_t* grabError =
+        xcb_request_check(other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0],
+                                                      XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
     EXPECT_EQ(grabError, nullptr);
     std::free(grabError);
     std::free(codes);
@@ -181,8 +183,9 @@ TEST_F(HotKeyDesktopTest, UnregisteredShortcutReachesTheFocusedApplicationAgain)
     const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(other)).data->root;
     xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(other);
     xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, XK_space);
-    xcb_generic_error_t* grabError = xcb_request_check(
-        other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0], XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
+    xcb_generic_error_t* grabError =
+        xcb_request_check(other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0],
+                                                      XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
     EXPECT_EQ(grabError, nullptr);
     std::free(grabError);
     std::free(codes);

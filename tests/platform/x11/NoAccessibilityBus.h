@@ -14,7 +14,9 @@ public:
     std::optional<ProcessId> processOf(const AccessibilityElement&) override { return std::nullopt; }
     std::optional<TextRange> selectedTextRange(const AccessibilityElement&) override { return std::nullopt; }
     std::optional<QString> selectedText(const AccessibilityElement&) override { return std::nullopt; }
-    std::optional<QString> stringForRange(const AccessibilityElement&, TextRange) override { return std::nullopt; }
+    std::optional<QString> stringForRange(const AccessibilityElement&, TextRange) override {
+        return std::nullopt;
+    }
     SettableAnswer isSelectedTextSettable(const AccessibilityElement&) override { return {-1, false}; }
     int setSelectedText(const AccessibilityElement&, const QString&) override { return -1; }
 };

@@ -10,9 +10,10 @@ namespace {
 
 QByteArray readTarget(const QString& target, int* status = nullptr) {
     QByteArray bytes;
-    const int code = DesktopSession::run({QStringLiteral("xclip"), QStringLiteral("-o"), QStringLiteral("-selection"),
-                                          QStringLiteral("clipboard"), QStringLiteral("-t"), target},
-                                         &bytes);
+    const int code =
+        DesktopSession::run({QStringLiteral("xclip"), QStringLiteral("-o"), QStringLiteral("-selection"),
+                             QStringLiteral("clipboard"), QStringLiteral("-t"), target},
+                            &bytes);
     if (status) {
         *status = code;
     }
@@ -32,7 +33,8 @@ using PasteboardDesktopTest = DesktopTest;
 
 TEST_F(PasteboardDesktopTest, OwnWritesCountOnceAndOtherWritersCountToo) {
     const std::int64_t start = pasteboard->changeCount();
-    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("one")}}}}));
+    ASSERT_TRUE(pasteboard->writeItems(
+        {PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("one")}}}}));
     EXPECT_EQ(pasteboard->changeCount(), start + 1);
     pumpFor(200); // the server's report of our own ownership must not count again
     EXPECT_EQ(pasteboard->changeCount(), start + 1);
@@ -51,8 +53,9 @@ TEST_F(PasteboardDesktopTest, OwnWritesCountOnceAndOtherWritersCountToo) {
 }
 
 TEST_F(PasteboardDesktopTest, FetchIsReportedOnlyForRealDataOfThatWrite) {
-    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("text")},
-                                                        {QStringLiteral("org.nspasteboard.TransientType"), {}}}}}));
+    ASSERT_TRUE(
+        pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("text")},
+                                                {QStringLiteral("org.nspasteboard.TransientType"), {}}}}}));
     const std::int64_t written = pasteboard->changeCount();
     EXPECT_FALSE(pasteboard->contentsWereFetched(written));
 
@@ -65,13 +68,15 @@ TEST_F(PasteboardDesktopTest, FetchIsReportedOnlyForRealDataOfThatWrite) {
     EXPECT_TRUE(pasteboard->contentsWereFetched(written));
     EXPECT_FALSE(pasteboard->contentsWereFetched(written - 1));
 
-    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("more")}}}}));
+    ASSERT_TRUE(pasteboard->writeItems(
+        {PasteboardItem{{{QStringLiteral("UTF8_STRING"), QByteArrayLiteral("more")}}}}));
     EXPECT_FALSE(pasteboard->contentsWereFetched(pasteboard->changeCount()));
 }
 
 TEST_F(PasteboardDesktopTest, LargeDataTravelsIncrementallyBothWaysByteForByte) {
     const QByteArray bytes = largeBinary();
-    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("application/octet-stream"), bytes}}}}));
+    ASSERT_TRUE(
+        pasteboard->writeItems({PasteboardItem{{{QStringLiteral("application/octet-stream"), bytes}}}}));
     int status = -1;
     EXPECT_EQ(readTarget(QStringLiteral("application/octet-stream"), &status), bytes);
     EXPECT_EQ(status, 0);
@@ -83,7 +88,8 @@ TEST_F(PasteboardDesktopTest, LargeDataTravelsIncrementallyBothWaysByteForByte) 
     out.write(bytes);
     out.close();
     DesktopSession::run({QStringLiteral("xclip"), QStringLiteral("-selection"), QStringLiteral("clipboard"),
-                         QStringLiteral("-t"), QStringLiteral("application/octet-stream"), QStringLiteral("-i"), file});
+                         QStringLiteral("-t"), QStringLiteral("application/octet-stream"),
+                         QStringLiteral("-i"), file});
     ASSERT_TRUE(pumpUntil([&] { return !pasteboard->ownsSelection(); }, 3000));
     EXPECT_EQ(pasteboard->types(0), std::vector<QString>{QStringLiteral("application/octet-stream")});
     EXPECT_EQ(pasteboard->data(0, QStringLiteral("application/octet-stream")), bytes);
@@ -92,7 +98,8 @@ TEST_F(PasteboardDesktopTest, LargeDataTravelsIncrementallyBothWaysByteForByte) 
 }
 
 TEST_F(PasteboardDesktopTest, IncrementalTransferToAClientThatDiedIsDropped) {
-    ASSERT_TRUE(pasteboard->writeItems({PasteboardItem{{{QStringLiteral("application/octet-stream"), largeBinary()}}}}));
+    ASSERT_TRUE(pasteboard->writeItems(
+        {PasteboardItem{{{QStringLiteral("application/octet-stream"), largeBinary()}}}}));
     // A client of its own asks for the data, then goes away without pulling a single chunk.
     xcb_connection_t* client = xcb_connect(nullptr, nullptr);
     ASSERT_FALSE(xcb_connection_has_error(client));
@@ -100,8 +107,9 @@ TEST_F(PasteboardDesktopTest, IncrementalTransferToAClientThatDiedIsDropped) {
     const xcb_window_t window = xcb_generate_id(client);
     xcb_create_window(client, XCB_COPY_FROM_PARENT, window, root, 0, 0, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
                       XCB_COPY_FROM_PARENT, 0, nullptr);
-    xcb_convert_selection(client, window, connection->atom("CLIPBOARD"), connection->atom("application/octet-stream"),
-                          connection->atom("DATA"), XCB_CURRENT_TIME);
+    xcb_convert_selection(client, window, connection->atom("CLIPBOARD"),
+                          connection->atom("application/octet-stream"), connection->atom("DATA"),
+                          XCB_CURRENT_TIME);
     xcb_flush(client);
     ASSERT_TRUE(pumpUntil([&] { return pasteboard->outgoingTransferCount() == 1; }, 3000));
     xcb_disconnect(client);
@@ -113,7 +121,8 @@ TEST_F(PasteboardDesktopTest, IncrementalTransferToAClientThatDiedIsDropped) {
 TEST_F(PasteboardDesktopTest, EditorSnapshotDropsPseudoTargets) {
     DesktopSession::run({QStringLiteral("sh"), QStringLiteral("-c"),
                          QStringLiteral("printf abc | xclip -selection clipboard -t text/plain -i")});
-    ASSERT_TRUE(pumpUntil([&] { return !pasteboard->ownsSelection() && pasteboard->itemCount() == 1; }, 3000));
+    ASSERT_TRUE(
+        pumpUntil([&] { return !pasteboard->ownsSelection() && pasteboard->itemCount() == 1; }, 3000));
     const std::vector<QString> types = pasteboard->types(0);
     EXPECT_EQ(types, std::vector<QString>{QStringLiteral("text/plain")}) << "xclip offers TARGETS too";
     pasteboard->clearContents();

@@ -40,7 +40,8 @@ TEST_F(WorkspaceDesktopTest, ProcessesWithoutWindowsOrAliveHaveNoIdentifier) {
 TEST_F(WorkspaceDesktopTest, UrlsWithoutHandlerOrSchemeAndNonExecutablesAreRefused) {
     EXPECT_FALSE(workspace->openUrl(QStringLiteral("")));
     EXPECT_FALSE(workspace->openUrl(QStringLiteral("no scheme here")));
-    EXPECT_FALSE(workspace->openUrl(QStringLiteral("x-apple.systempreferences:com.apple.preference.security")));
+    EXPECT_FALSE(
+        workspace->openUrl(QStringLiteral("x-apple.systempreferences:com.apple.preference.security")));
     EXPECT_FALSE(workspace->openApplication(QStringLiteral("/nonexistent/app")));
     EXPECT_FALSE(workspace->openApplication(QDir::tempPath()));
 }

@@ -60,10 +60,12 @@ TEST(X11SessionTest, WaylandIsRecognisedEvenWithXwaylandPresent) {
 }
 
 TEST(X11PasteboardTest, PseudoTargetsAreNeverData) {
-    for (const char* target : {"TARGETS", "MULTIPLE", "TIMESTAMP", "SAVE_TARGETS", "GTK_TEXT_BUFFER_CONTENTS"}) {
+    for (const char* target :
+         {"TARGETS", "MULTIPLE", "TIMESTAMP", "SAVE_TARGETS", "GTK_TEXT_BUFFER_CONTENTS"}) {
         EXPECT_TRUE(X11Pasteboard::isPseudoTarget(QString::fromLatin1(target))) << target;
     }
-    for (const char* target : {"UTF8_STRING", "text/html", "application/x-gtk-text-buffer-rich-text", "targets"}) {
+    for (const char* target :
+         {"UTF8_STRING", "text/html", "application/x-gtk-text-buffer-rich-text", "targets"}) {
         EXPECT_FALSE(X11Pasteboard::isPseudoTarget(QString::fromLatin1(target))) << target;
     }
 }
@@ -106,13 +108,16 @@ TEST(EwmhWorkspaceTest, SchemeHandlersComeFromTheDesktopsTables) {
     EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("SETTINGS")));
     EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("empty")));
     EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("x-apple.systempreferences")));
-    xdg.write(QStringLiteral("config/mimeapps.list"), "[Default Applications]\nx-scheme-handler/zoommtg=zoom.desktop\n");
+    xdg.write(QStringLiteral("config/mimeapps.list"),
+              "[Default Applications]\nx-scheme-handler/zoommtg=zoom.desktop\n");
     EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("zoommtg")));
 }
 
 class FixedWorkspace final : public Workspace {
 public:
-    std::optional<RunningApplication> frontmostApplication() override { return RunningApplication{1, "init"}; }
+    std::optional<RunningApplication> frontmostApplication() override {
+        return RunningApplication{1, "init"};
+    }
     std::optional<QString> bundleIdentifier(ProcessId) override { return std::nullopt; }
     bool openUrl(const QString&) override { return false; }
     bool openApplication(const QString&) override { return false; }
@@ -160,8 +165,9 @@ TEST(LinuxMemoryPressureSourceTest, KernelAcceptsTheDefaultTriggersAndRejectsAMa
     source.cancel();
     EXPECT_FALSE(source.isActive());
 
-    LinuxMemoryPressureSource malformed(psi, {{MemoryPressureLevel::warning, QStringLiteral("some 150000 2000000")},
-                                              {MemoryPressureLevel::critical, QStringLiteral("full lots")}});
+    LinuxMemoryPressureSource malformed(
+        psi, {{MemoryPressureLevel::warning, QStringLiteral("some 150000 2000000")},
+              {MemoryPressureLevel::critical, QStringLiteral("full lots")}});
     malformed.start([](MemoryPressureLevel) {});
     EXPECT_FALSE(malformed.isActive()) << "half a source must not run";
 }

@@ -89,11 +89,10 @@ struct SentKey {
 //
 //   SimulatedDesktop desktop;
 //   desktop.launch(42, QStringLiteral("org.example.Editor"));
-//   const int field = desktop.addField(desktop.openWindow(42, QStringLiteral("Notes")), QStringLiteral("Hi all"));
-//   desktop.focus(field);
-//   desktop.select(field, {3, 3});
-//   ClipboardManager clipboard(desktop.pasteboard());
-//   TextSelectionReplacer replacer(desktop.accessibility(), desktop.workspace(), clipboard, desktop.keyboard(),
+//   const int field = desktop.addField(desktop.openWindow(42, QStringLiteral("Notes")), QStringLiteral("Hi
+//   all")); desktop.focus(field); desktop.select(field, {3, 3}); ClipboardManager
+//   clipboard(desktop.pasteboard()); TextSelectionReplacer replacer(desktop.accessibility(),
+//   desktop.workspace(), clipboard, desktop.keyboard(),
 //                                  AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
 class SimulatedDesktop {
 public:
