@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   # toolchain
-  build-essential cmake ninja-build pkg-config git
+  build-essential cmake ninja-build pkg-config git clang-format
   # core and shell
   qt6-base-dev qcoro-qt6-dev libsecret-1-dev
   # update signatures
