@@ -4,6 +4,7 @@
 #include "platform/x11/EwmhWorkspace.h"
 #include "support/RunTask.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 
 namespace parlune::test {
@@ -83,11 +84,21 @@ QString EditorWindow::fileText() const {
 QString EditorWindow::savedText() {
     const QString before = readFile(path_);
     key({QStringLiteral("ctrl+s")});
+    // Editors may empty the file before writing it anew: the text counts once it differs from
+    // before and then holds still for a moment.
     QString now = before;
+    QString last = before;
+    QElapsedTimer steady;
+    steady.start();
     pumpUntil(
         [&] {
             now = readFile(path_);
-            return now != before;
+            if (now != last) {
+                last = now;
+                steady.restart();
+                return false;
+            }
+            return now != before && steady.elapsed() >= 150;
         },
         3000);
     return now;
