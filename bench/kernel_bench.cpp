@@ -8,7 +8,7 @@
 // usage: parlune-kernel-bench [runs=7] [filter substring]
 //        parlune-kernel-bench bandwidth [threads=2]   (prints the plain read bandwidth in GB/s)
 
-#include "llm/runtime/ThreadPool.h"
+#include "llm/parallel/ThreadPool.h"
 #include "llm/tensor/MatMul.h"
 #include "llm/tensor/Quantization.h"
 

@@ -4,7 +4,7 @@
 //   parlune-rewrite-bench MODEL.gguf [--runs 5] [--threads N]
 #include "core/async/RunUntilDone.h"
 #include "core/engine/RewritePrompt.h"
-#include "engine/OnDeviceEngine.h"
+#include "inference/OnDeviceEngine.h"
 
 #include <QCoreApplication>
 

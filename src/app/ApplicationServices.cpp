@@ -14,15 +14,15 @@
 #include "core/settings/SettingsStore.h"
 #include "core/shell/AppReadiness.h"
 #include "core/shell/WorkflowTest.h"
-#include "engine/LlmModelFileInspector.h"
-#include "engine/ModelLocator.h"
-#include "engine/OnDeviceEngine.h"
+#include "inference/LlmModelFileInspector.h"
+#include "inference/ModelLocator.h"
+#include "inference/OnDeviceEngine.h"
 #include "platform/linux/AutostartEntry.h"
+#include "platform/linux/LinuxMemoryPressureSource.h"
 #include "platform/linux/QSettingsUserDefaults.h"
 #include "platform/linux/SecretServiceCredentialStore.h"
 #include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
-#include "platform/x11/LinuxMemoryPressureSource.h"
 #include "platform/x11/X11Desktop.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/X11PrimarySelection.h"
@@ -57,7 +57,7 @@ ApplicationServices::ApplicationServices(Options options) {
         desktopProblem_ = QStringLiteral("Parlune was started without access to the desktop.");
     }
     if (!memoryPressure) {
-        standaloneMemoryPressure_ = std::make_unique<x11::LinuxMemoryPressureSource>();
+        standaloneMemoryPressure_ = std::make_unique<LinuxMemoryPressureSource>();
         memoryPressure = standaloneMemoryPressure_.get();
     }
     // 4. engine

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/pipeline/RewriteMode.h"
+#include "core/modes/RewriteMode.h"
 
 #include <QString>
 

@@ -21,9 +21,9 @@
 #include "core/shell/ShortcutRegistration.h"
 #include "core/shell/StatusMenuModel.h"
 #include "core/shell/TransientStatus.h"
-#include "engine/ModelLocator.h"
-#include "engine/ModelSpeedTest.h"
-#include "engine/OnDeviceEngine.h"
+#include "inference/ModelLocator.h"
+#include "inference/ModelSpeedTest.h"
+#include "inference/OnDeviceEngine.h"
 #include "platform/linux/SystemTransitionWatcher.h"
 
 #include <QApplication>

@@ -4,10 +4,10 @@
 #include "core/diagnostics/PrintableText.h"
 #include "core/diagnostics/UserFacingErrorMessage.h"
 #include "core/engine/LocalRewriteEngineError.h"
-#include "core/pipeline/RewriteMode.h"
+#include "core/modes/RewriteMode.h"
 #include "core/settings/SettingsStore.h"
-#include "engine/ModelLocator.h"
-#include "engine/OnDeviceEngine.h"
+#include "inference/ModelLocator.h"
+#include "inference/OnDeviceEngine.h"
 #include "platform/linux/QSettingsUserDefaults.h"
 
 #include <QCoreApplication>

@@ -6,7 +6,7 @@
 #include "core/models/ModelDiscovery.h"
 #include "core/models/ModelRecommendation.h"
 #include "core/models/VerifiedDownload.h"
-#include "engine/LlmModelFileInspector.h"
+#include "inference/LlmModelFileInspector.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>

@@ -1,7 +1,7 @@
 #include "cli/SettingsCommands.h"
 
 #include "core/diagnostics/PrintableText.h"
-#include "core/pipeline/RewriteMode.h"
+#include "core/modes/RewriteMode.h"
 #include "core/settings/SettingsStore.h"
 #include "platform/linux/QSettingsUserDefaults.h"
 #include "platform/linux/SecretServiceCredentialStore.h"

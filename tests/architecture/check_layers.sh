@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Fails when a layer reaches past its boundary. Dependencies point down only:
-#   app → core, engine, platform;  platform → core;  engine → core, llm;  llm → nothing of ours.
+#   app → core, inference, platform;  platform → core;  inference → core, llm;  llm → nothing of ours.
 # The core never sees a display server, accessibility bus or widgets; nothing but the application's
 # own programs, its tests and the benchmarks that drive it includes src/app. Each library also
 # exposes only its own folder to the compiler (cmake/ParluneLayers.cmake), so most wrong includes
@@ -28,14 +28,14 @@ forbid() {
 }
 
 desktop='X11/|xcb/|atspi|gio/|glib|QtWidgets|QWidget|QApplication|QtGui|QGuiApplication|QScreen|QWindow'
-forbid src/core tests/core tests/support -- "engine/|platform/|llm/|app/|cli/|$desktop" \
-    "src/core includes src/engine, src/llm, a platform, the application or a desktop library"
-forbid src/llm tests/llm -- 'Q[A-Za-z]+|qcoro|core/|engine/|platform/|app/|cli/' \
+forbid src/core tests/core tests/support -- "inference/|platform/|llm/|app/|cli/|$desktop" \
+    "src/core includes src/inference, src/llm, a platform, the application or a desktop library"
+forbid src/llm tests/llm -- 'Q[A-Za-z]+|qcoro|core/|inference/|platform/|app/|cli/' \
     "src/llm includes Qt or something of ours from outside src/llm"
-forbid src/engine tests/engine -- 'platform/|app/|cli/' \
-    "src/engine includes a platform or the application"
-forbid src/platform tests/platform -- 'engine/|llm/|app/|cli/' \
-    "src/platform includes src/engine, src/llm or the application"
+forbid src/inference tests/inference -- 'platform/|app/|cli/' \
+    "src/inference includes a platform or the application"
+forbid src/platform tests/platform -- 'inference/|llm/|app/|cli/' \
+    "src/platform includes src/inference, src/llm or the application"
 forbid src/platform/linux tests/platform/linux -- 'platform/x11/|X11/|xcb/|atspi' \
     "src/platform/linux, for any Linux desktop, includes X11"
 if hits=$(grep -rnE --exclude-dir=app "${include}app/" "$source_dir/src" "$source_dir/tests"); then

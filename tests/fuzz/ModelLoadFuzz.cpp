@@ -9,7 +9,7 @@
 #include "llm/model/Model.h"
 #include "llm/model/ModelError.h"
 #include "llm/model/Transformer.h"
-#include "llm/runtime/ThreadPool.h"
+#include "llm/parallel/ThreadPool.h"
 #include "llm/tokenizer/ChatFormat.h"
 #include "llm/tokenizer/Tokenizer.h"
 #include "llm/tokenizer/TokenizerError.h"

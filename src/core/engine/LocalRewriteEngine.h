@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/engine/LocalModelAvailability.h"
-#include "core/pipeline/RewriteMode.h"
+#include "core/modes/RewriteMode.h"
 
 #include <QCoro/QCoroTask>
 #include <QString>

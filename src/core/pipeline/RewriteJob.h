@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/async/Clock.h"
-#include "core/pipeline/RewriteMode.h"
+#include "core/modes/RewriteMode.h"
 #include "core/selection/CapturedSelection.h"
 
 #include <QString>

@@ -2,7 +2,7 @@
 
 #include "core/async/ChangeSignal.h"
 #include "core/hotkeys/HotKeyShortcut.h"
-#include "core/pipeline/RewriteMode.h"
+#include "core/modes/RewriteMode.h"
 
 #include <QMap>
 #include <QString>

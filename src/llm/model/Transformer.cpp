@@ -4,7 +4,7 @@
 #include "llm/model/KvCache.h"
 #include "llm/model/ModelError.h"
 #include "llm/model/SwiGlu.h"
-#include "llm/runtime/ThreadPool.h"
+#include "llm/parallel/ThreadPool.h"
 #include "llm/tensor/MatMul.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 #include "platform/x11/X11Desktop.h"
 
+#include "platform/linux/LinuxMemoryPressureSource.h"
 #include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
-#include "platform/x11/LinuxMemoryPressureSource.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/X11PrimarySelection.h"
 #include "platform/x11/X11Session.h"

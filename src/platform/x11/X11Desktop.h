@@ -5,11 +5,14 @@
 #include <memory>
 #include <variant>
 
+namespace parlune {
+class LinuxMemoryPressureSource;
+}
+
 namespace parlune::x11 {
 
 class AtspiAccessibility;
 class EwmhWorkspace;
-class LinuxMemoryPressureSource;
 class X11Pasteboard;
 class X11PrimarySelection;
 class XTestKeyboardEvents;

@@ -1,4 +1,4 @@
-#include "core/pipeline/RewriteMode.h"
+#include "core/modes/RewriteMode.h"
 
 #include <gtest/gtest.h>
 

@@ -2,9 +2,9 @@
 
 #include "llm/model/KvCache.h"
 #include "llm/model/ModelError.h"
+#include "llm/parallel/ThreadPool.h"
 #include "llm/runtime/DraftSource.h"
 #include "llm/runtime/GenerationSession.h"
-#include "llm/runtime/ThreadPool.h"
 #include "llm/tokenizer/Tokenizer.h"
 
 #include <gtest/gtest.h>

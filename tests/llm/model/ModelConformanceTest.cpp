@@ -4,8 +4,8 @@
 #include "llm/model/KvCache.h"
 #include "llm/model/Model.h"
 #include "llm/model/Transformer.h"
+#include "llm/parallel/ThreadPool.h"
 #include "llm/runtime/GenerationSession.h"
-#include "llm/runtime/ThreadPool.h"
 #include "llm/testing/TestModelMaker.h"
 #include "llm/tokenizer/Tokenizer.h"
 

@@ -2,7 +2,7 @@
 
 #include "llm/model/KvCache.h"
 #include "llm/model/Transformer.h"
-#include "llm/runtime/ThreadPool.h"
+#include "llm/parallel/ThreadPool.h"
 #include "llm/tensor/Quantization.h"
 #include "llm/tokenizer/ChatFormat.h"
 #include "llm/tokenizer/Tokenizer.h"

@@ -3,7 +3,7 @@
 #include "llm/model/KvCache.h"
 #include "llm/model/ModelError.h"
 #include "llm/model/Transformer.h"
-#include "llm/runtime/ThreadPool.h"
+#include "llm/parallel/ThreadPool.h"
 
 #include <gtest/gtest.h>
 
