@@ -1,15 +1,11 @@
-// Entry point of the desktop tests: the private desktop must exist before QGuiApplication
-// connects to it, so it is started here rather than in a test fixture. Listing the tests (CTest's
-// discovery) starts nothing.
+// Entry point of the X11 ports' desktop tests, with a report of main-thread stalls per suite.
 #include "DesktopSession.h"
 #include "StallWatchdog.h"
-#include "platform/x11/X11Desktop.h"
 
 #include <QGuiApplication>
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 
 namespace {
 
@@ -32,30 +28,11 @@ class StallReport final : public ::testing::EmptyTestEventListener {
 } // namespace
 
 int main(int argc, char** argv) {
-    bool listing = false;
-    for (int i = 1; i < argc; ++i) {
-        listing = listing || std::strncmp(argv[i], "--gtest_list_tests", 18) == 0;
-    }
-    ::testing::InitGoogleTest(&argc, argv);
-    if (listing) {
-        return RUN_ALL_TESTS();
-    }
-    parlune::x11::X11Desktop::prepareProcess();
-    parlune::test::DesktopSession session;
-    session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC));
-    parlune::test::DesktopSession::setCurrent(&session);
-    int result = 0;
-    if (session.isRunning()) {
-        QGuiApplication app(argc, argv);
-        parlune::test::StallWatchdog watchdog;
-        ::testing::UnitTest::GetInstance()->listeners().Append(new StallReport);
-        result = RUN_ALL_TESTS();
-    } else {
-        // Without a desktop every test reports itself skipped, with the reason.
-        QCoreApplication app(argc, argv);
-        result = RUN_ALL_TESTS();
-    }
-    parlune::test::DesktopSession::setCurrent(nullptr);
-    session.stop();
-    return result;
+    return parlune::test::DesktopSession::runTests(
+        argc, argv, QStringLiteral(PARLUNE_TEST_OPENBOX_RC), [](int& count, char** arguments) {
+            QGuiApplication app(count, arguments);
+            parlune::test::StallWatchdog watchdog;
+            ::testing::UnitTest::GetInstance()->listeners().Append(new StallReport);
+            return RUN_ALL_TESTS();
+        });
 }
