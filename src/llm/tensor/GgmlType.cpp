@@ -11,14 +11,15 @@ struct Entry {
 };
 
 constexpr Entry kTypes[] = {
-    {GgmlType::F32, {"F32", 1, 4}},       {GgmlType::F16, {"F16", 1, 2}},
-    {GgmlType::BF16, {"BF16", 1, 2}},     {GgmlType::Q4_0, {"Q4_0", 32, 18}},
-    {GgmlType::Q4_1, {"Q4_1", 32, 20}},   {GgmlType::Q5_0, {"Q5_0", 32, 22}},
-    {GgmlType::Q5_1, {"Q5_1", 32, 24}},   {GgmlType::Q8_0, {"Q8_0", 32, 34}},
-    {GgmlType::Q8_1, {"Q8_1", 32, 36}},   {GgmlType::Q2_K, {"Q2_K", 256, 84}},
-    {GgmlType::Q3_K, {"Q3_K", 256, 110}}, {GgmlType::Q4_K, {"Q4_K", 256, 144}},
-    {GgmlType::Q5_K, {"Q5_K", 256, 176}}, {GgmlType::Q6_K, {"Q6_K", 256, 210}},
-    {GgmlType::Q8_K, {"Q8_K", 256, 292}},
+    {GgmlType::F32, {"F32", 1, 4}},           {GgmlType::F16, {"F16", 1, 2}},
+    {GgmlType::BF16, {"BF16", 1, 2}},         {GgmlType::Q4_0, {"Q4_0", 32, 18}},
+    {GgmlType::Q4_1, {"Q4_1", 32, 20}},       {GgmlType::Q5_0, {"Q5_0", 32, 22}},
+    {GgmlType::Q5_1, {"Q5_1", 32, 24}},       {GgmlType::Q8_0, {"Q8_0", 32, 34}},
+    {GgmlType::Q8_1, {"Q8_1", 32, 36}},       {GgmlType::Q2_K, {"Q2_K", 256, 84}},
+    {GgmlType::Q3_K, {"Q3_K", 256, 110}},     {GgmlType::Q4_K, {"Q4_K", 256, 144}},
+    {GgmlType::Q5_K, {"Q5_K", 256, 176}},     {GgmlType::Q6_K, {"Q6_K", 256, 210}},
+    {GgmlType::Q8_K, {"Q8_K", 256, 292}},     {GgmlType::IQ4_NL, {"IQ4_NL", 32, 18}},
+    {GgmlType::IQ4_XS, {"IQ4_XS", 256, 136}},
 };
 } // namespace
 
@@ -45,9 +46,13 @@ bool isSupportedWeightType(GgmlType type) {
     case GgmlType::Q5_0:
     case GgmlType::Q5_1:
     case GgmlType::Q8_0:
+    case GgmlType::Q2_K:
+    case GgmlType::Q3_K:
     case GgmlType::Q4_K:
     case GgmlType::Q5_K:
     case GgmlType::Q6_K:
+    case GgmlType::IQ4_NL:
+    case GgmlType::IQ4_XS:
         return true;
     default:
         return false;

@@ -233,9 +233,10 @@ std::optional<TestWeightScheme> TestWeightScheme::parse(std::string_view name) {
     if (lower == "q4_k_m") {
         return TestWeightScheme{GgmlType::Q4_K, true};
     }
-    static constexpr std::array types = {GgmlType::F32,  GgmlType::F16,  GgmlType::BF16, GgmlType::Q4_0,
-                                         GgmlType::Q4_1, GgmlType::Q5_0, GgmlType::Q5_1, GgmlType::Q8_0,
-                                         GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K};
+    static constexpr std::array types = {GgmlType::F32,  GgmlType::F16,    GgmlType::BF16,  GgmlType::Q4_0,
+                                         GgmlType::Q4_1, GgmlType::Q5_0,   GgmlType::Q5_1,  GgmlType::Q8_0,
+                                         GgmlType::Q2_K, GgmlType::Q3_K,   GgmlType::Q4_K,  GgmlType::Q5_K,
+                                         GgmlType::Q6_K, GgmlType::IQ4_NL, GgmlType::IQ4_XS};
     for (const GgmlType type : types) {
         std::string typeName(ggmlTypeTraits(type).name);
         for (char& c : typeName) {

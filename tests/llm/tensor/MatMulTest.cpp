@@ -274,7 +274,7 @@ TEST(MatMul, RejectsMismatchedOperands) {
     EXPECT_THROW(matmulRows(view(m), x, 2, 5, y.data(), 4), std::invalid_argument); // rows out of range
     EXPECT_THROW(matmulRows(view(m), x, 0, 4, y.data(), 3), std::invalid_argument); // stride too small
     EXPECT_THROW(prepareActivations(GgmlType::Q4_K, xs.data(), 1, 64, x), std::invalid_argument);
-    EXPECT_THROW(prepareActivations(GgmlType::Q2_K, xs.data(), 1, 256, x), std::invalid_argument);
+    EXPECT_THROW(prepareActivations(GgmlType::Q8_K, xs.data(), 1, 256, x), std::invalid_argument);
 }
 
 } // namespace

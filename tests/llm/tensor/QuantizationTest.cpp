@@ -81,7 +81,9 @@ INSTANTIATE_TEST_SUITE_P(
                       QualityCase{GgmlType::Q6_K, 4e-4}, QualityCase{GgmlType::Q5_0, 3.5e-3},
                       QualityCase{GgmlType::Q5_1, 3e-3}, QualityCase{GgmlType::Q5_K, 2e-3},
                       QualityCase{GgmlType::Q4_0, 1.3e-2}, QualityCase{GgmlType::Q4_1, 1.1e-2},
-                      QualityCase{GgmlType::Q4_K, 8e-3}),
+                      QualityCase{GgmlType::Q4_K, 8e-3}, QualityCase{GgmlType::IQ4_NL, 9e-3},
+                      QualityCase{GgmlType::IQ4_XS, 9e-3}, QualityCase{GgmlType::Q3_K, 3e-2},
+                      QualityCase{GgmlType::Q2_K, 9e-2}),
     [](const auto& tp) { return std::string(ggmlTypeTraits(tp.param.type).name); });
 
 TEST(RowCodec, F32IsExactAndZerosStayZero) {
@@ -90,7 +92,8 @@ TEST(RowCodec, F32IsExactAndZerosStayZero) {
     quantizeRow(GgmlType::F32, x.data(), back.data(), 64);
     EXPECT_EQ(back, x);
     for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q4_0, GgmlType::Q4_1, GgmlType::Q5_0, GgmlType::Q5_1,
-                          GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K, GgmlType::Q8_K}) {
+                          GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K, GgmlType::Q8_K, GgmlType::Q2_K,
+                          GgmlType::Q3_K, GgmlType::IQ4_NL, GgmlType::IQ4_XS}) {
         const std::vector<float> zeros(256, 0.0f);
         std::vector<std::uint8_t> encoded(*ggmlRowBytes(type, 256));
         std::vector<float> out(256, 1.0f);
@@ -107,7 +110,8 @@ TEST(RowCodec, ExtremeMagnitudesStayFiniteAndClose) {
         x[i] *= 1e4f;
     for (int i = 256; i < 512; ++i)
         x[i] *= 1e-3f;
-    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q6_K, GgmlType::F16}) {
+    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q6_K, GgmlType::F16,
+                          GgmlType::IQ4_NL, GgmlType::IQ4_XS}) {
         std::vector<std::uint8_t> encoded(*ggmlRowBytes(type, 512));
         std::vector<float> back(512);
         quantizeRow(type, x.data(), encoded.data(), 512);
@@ -186,8 +190,8 @@ TEST(RowCodec, RejectsPartialBlocksAndUnknownTypes) {
     std::uint8_t out[64];
     EXPECT_THROW(quantizeRow(GgmlType::Q8_0, x, out, 48), std::invalid_argument);
     EXPECT_THROW(dequantizeRow(GgmlType::Q4_K, out, x, 32), std::invalid_argument);
-    EXPECT_THROW(quantizeRow(GgmlType::Q2_K, x, out, 256), std::invalid_argument);
-    EXPECT_FALSE(hasRowCodec(GgmlType::Q3_K));
+    EXPECT_THROW(quantizeRow(GgmlType::Q8_1, x, out, 32), std::invalid_argument);
+    EXPECT_FALSE(hasRowCodec(GgmlType::Q8_1));
 }
 
 } // namespace
