@@ -4,6 +4,7 @@
 // signed activation codes by VPMADDUBSW/VPMADDWD, the format's offset or minimum applied through
 // the activation sums. Q8_0 codes need all 8 bits, so they stay signed and use the sign trick
 // (|w| times x with w's sign) to keep the 16-bit pair sums from saturating.
+#include "llm/tensor/LowBitCodecs.h"
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
@@ -303,6 +304,88 @@ struct Q6_K {
     }
 };
 
+// Two 4-lane scales: [a x4, b x4].
+inline __m256 laneQuads(float a, float b) {
+    return _mm256_set_m128(_mm_set1_ps(b), _mm_set1_ps(a));
+}
+
+// Q2_K and Q3_K: the two low bits of the 32 values of chunk j of a block (see lowBitsByte).
+inline __m256i lowBitPairs(const std::uint8_t* codes, int j) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(codes + lowBitsByte(32 * j)));
+    return _mm256_and_si256(_mm256_srl_epi16(v, _mm_cvtsi32_si128(lowBitsShift(32 * j))),
+                            _mm256_set1_epi8(3));
+}
+
+struct Q2_K {
+    static constexpr bool asym = true, signedCodes = false;
+    static constexpr float offset = 0.0f;
+    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+        for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
+            const std::uint8_t* b = row + 84 * s;
+            const float d = half(b + kQ2KScale), dmin = half(b + kQ2KMin);
+            for (int j = 0; j < 8; ++j) {
+                const int lo = b[2 * j], hi = b[2 * j + 1];
+                store(out[8 * s + j - c0], lowBitPairs(b + kQ2KCodes, j),
+                      laneQuads(d * static_cast<float>(lo & 0x0F), d * static_cast<float>(hi & 0x0F)),
+                      laneQuads(-dmin * static_cast<float>(lo >> 4), -dmin * static_cast<float>(hi >> 4)));
+            }
+        }
+    }
+};
+
+struct Q3_K {
+    static constexpr bool asym = false, signedCodes = false;
+    static constexpr float offset = 4.0f;
+    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+        for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
+            const std::uint8_t* b = row + 110 * s;
+            const float d = half(b + kQ3KScale);
+            const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
+            for (int j = 0; j < 8; ++j) {
+                const __m256i bit = _mm256_set1_epi8(static_cast<char>(1 << j));
+                const __m256i third = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_and_si256(high, bit), bit),
+                                                       _mm256_set1_epi8(4));
+                store(out[8 * s + j - c0], _mm256_or_si256(lowBitPairs(b + kQ3KCodes, j), third),
+                      laneQuads(d * static_cast<float>(q3kScale(b + kQ3KScales, 2 * j)),
+                                d * static_cast<float>(q3kScale(b + kQ3KScales, 2 * j + 1))));
+            }
+        }
+    }
+};
+
+// IQ4 codes are the grid levels themselves, signed like Q8_0's.
+inline __m256i iq4Levels(const std::uint8_t* qs) {
+    const __m256i grid =
+        _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(kIq4Levels)));
+    return _mm256_shuffle_epi8(grid, nibbles16(qs));
+}
+
+struct IQ4_NL {
+    static constexpr bool asym = false, signedCodes = true;
+    static constexpr float offset = 0.0f;
+    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+        for (std::int64_t c = c0; c < c1; ++c) {
+            const std::uint8_t* b = row + 18 * c;
+            store(out[c - c0], iq4Levels(b + 2), _mm256_set1_ps(half(b)));
+        }
+    }
+};
+
+struct IQ4_XS {
+    static constexpr bool asym = false, signedCodes = true;
+    static constexpr float offset = 0.0f;
+    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+        for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
+            const std::uint8_t* b = row + 136 * s;
+            const float d = half(b);
+            for (int j = 0; j < 8; ++j) {
+                store(out[8 * s + j - c0], iq4Levels(b + kIq4XsCodes + 16 * j),
+                      _mm256_set1_ps(d * static_cast<float>(iq4xsScale(b, j))));
+            }
+        }
+    }
+};
+
 struct TokenView {
     const std::int8_t* codes;
     const float* scales;
@@ -587,6 +670,14 @@ void matmulAvx2(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t r
         if (x.tokens() == 1)
             return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
         return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q2_K:
+        return runQuant<Q2_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q3_K:
+        return runQuant<Q3_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::IQ4_NL:
+        return runQuant<IQ4_NL>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::IQ4_XS:
+        return runQuant<IQ4_XS>(w, x, rowBegin, rowEnd, y, ldy);
     default:
         return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
     }

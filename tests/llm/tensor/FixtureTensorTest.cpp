@@ -106,7 +106,8 @@ TEST(FixtureTensors, EveryPathMultipliesTheReferenceBlocksAlike) {
     }
     int products = 0;
     for (const char* name : {"llama-tiny-Q4_K_M.gguf", "llama-tiny-Q6_K.gguf", "qwen2-tiny-Q8_0.gguf",
-                             "llama-tiny-Q4_0.gguf", "llama-tiny-f16.gguf"}) {
+                             "llama-tiny-Q4_0.gguf", "llama-tiny-f16.gguf", "llama-w256-Q2_K.gguf",
+                             "llama-w256-IQ4_XS.gguf", "llama-w256-IQ4_NL.gguf"}) {
         const auto file = GgufFile::open(kModels / name);
         for (const GgufTensorInfo& tensor : file->tensors()) {
             if (!isSupportedWeightType(tensor.type) || tensor.dims.size() != 2 || tensor.dims[1] > 4096)

@@ -19,9 +19,10 @@ using testing::EncodedMatrix;
 using testing::gaussian;
 using testing::nmse;
 
-constexpr GgmlType kAllTypes[] = {GgmlType::F32,  GgmlType::F16,  GgmlType::BF16, GgmlType::Q8_0,
-                                  GgmlType::Q4_0, GgmlType::Q4_1, GgmlType::Q5_0, GgmlType::Q5_1,
-                                  GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K};
+constexpr GgmlType kAllTypes[] = {GgmlType::F32,  GgmlType::F16,    GgmlType::BF16,  GgmlType::Q8_0,
+                                  GgmlType::Q4_0, GgmlType::Q4_1,   GgmlType::Q5_0,  GgmlType::Q5_1,
+                                  GgmlType::Q2_K, GgmlType::Q3_K,   GgmlType::Q4_K,  GgmlType::Q5_K,
+                                  GgmlType::Q6_K, GgmlType::IQ4_NL, GgmlType::IQ4_XS};
 
 WeightMatrix view(const EncodedMatrix& m) {
     return {m.type, m.bytes.data(), m.rows, m.cols, m.rowBytes};
