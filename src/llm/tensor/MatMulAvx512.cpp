@@ -7,6 +7,7 @@
 // tokens from L1/L2.
 // The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
 // in memory.
+#include "llm/tensor/LowBitCodecs.h"
 #include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
@@ -227,6 +228,113 @@ struct Q6_K {
     }
 };
 
+// Lane i of a chunk takes the scale of its 16-column group: 4 * chunk + i / 4 of a block's 16.
+__m512i groupIndex(int chunk) {
+    return _mm512_add_epi32(
+        _mm512_set1_epi32(4 * chunk),
+        _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), 2));
+}
+
+// Q2_K and Q3_K: the two low bits of the 64 values of chunk c of a block (see lowBitsByte).
+__m512i lowBitPairs(const std::uint8_t* codes, int c) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(codes + lowBitsByte(64 * c)));
+    const int shift = lowBitsShift(64 * c);
+    const __m512i both =
+        _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_srl_epi16(v, _mm_cvtsi32_si128(shift))),
+                           _mm256_srl_epi16(v, _mm_cvtsi32_si128(shift + 2)), 1);
+    return _mm512_and_si512(both, _mm512_set1_epi8(3));
+}
+
+struct Q2_K {
+    static constexpr bool asym = true;
+    static constexpr float offset = 0.0f;
+    static constexpr int kMinsPerChunk = 4; // a minimum per 16 columns
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
+                       float* mins) {
+        for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
+            const std::uint8_t* b = row + 84 * s;
+            const __m128i packed = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+            const __m128i low4 = _mm_set1_epi8(0x0F);
+            const __m512 scales =
+                _mm512_mul_ps(_mm512_set1_ps(fp16ToFloatFast(u16(b + kQ2KScale))),
+                              _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(_mm_and_si128(packed, low4))));
+            _mm512_storeu_ps(mins + 4 * (4 * s - c0),
+                             _mm512_mul_ps(_mm512_set1_ps(-fp16ToFloatFast(u16(b + kQ2KMin))),
+                                           _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(
+                                               _mm_and_si128(_mm_srli_epi16(packed, 4), low4)))));
+            for (int c = 0; c < 4; ++c)
+                finish(out[4 * s + c - c0], lowBitPairs(b + kQ2KCodes, c),
+                       _mm512_permutexvar_ps(groupIndex(c), scales));
+        }
+    }
+};
+
+struct Q3_K {
+    static constexpr bool asym = false;
+    static constexpr float offset = 4.0f;
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
+                       float*) {
+        for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
+            const std::uint8_t* b = row + 110 * s;
+            alignas(16) std::int8_t packed[16];
+            for (int j = 0; j < 16; ++j)
+                packed[j] = static_cast<std::int8_t>(q3kScale(b + kQ3KScales, j));
+            const __m512 scales = _mm512_mul_ps(_mm512_set1_ps(fp16ToFloatFast(u16(b + kQ3KScale))),
+                                                _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm_load_si128(
+                                                    reinterpret_cast<const __m128i*>(packed)))));
+            const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
+            for (int c = 0; c < 4; ++c) {
+                const std::uint64_t lo =
+                    _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c))));
+                const std::uint64_t hi =
+                    _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
+                const __m512i q = lowBitPairs(b + kQ3KCodes, c);
+                finish(out[4 * s + c - c0], _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(4)),
+                       _mm512_permutexvar_ps(groupIndex(c), scales));
+            }
+        }
+    }
+};
+
+// IQ4 codes become the grid levels plus 128, unsigned like Q8_0's.
+inline __m512i iq4Levels(__m512i nibbles) {
+    const __m512i grid = _mm512_xor_si512(
+        _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(kIq4Levels))),
+        _mm512_set1_epi8(static_cast<char>(0x80)));
+    return _mm512_shuffle_epi8(grid, nibbles);
+}
+
+struct IQ4_NL {
+    static constexpr bool asym = false;
+    static constexpr float offset = 128.0f;
+    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1,
+                       Decoded* out, float*) {
+        for (std::int64_t c = c0; c < c1; ++c) {
+            const std::uint8_t* p0 = row + 18 * (2 * c);
+            const std::uint8_t* p1 = 2 * c + 1 < nb ? p0 + 18 : nullptr;
+            finish(out[c - c0], iq4Levels(nibblePairs(p0 + 2, p1 ? p1 + 2 : nullptr)), pairHalves(p0, p1));
+        }
+    }
+};
+
+struct IQ4_XS {
+    static constexpr bool asym = false;
+    static constexpr float offset = 128.0f;
+    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
+                       float*) {
+        for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
+            const std::uint8_t* b = row + 136 * s;
+            const float d = fp16ToFloatFast(u16(b));
+            const std::uint8_t* qs = b + kIq4XsCodes;
+            for (int c = 0; c < 4; ++c) {
+                finish(out[4 * s + c - c0], iq4Levels(nibblePairs(qs + 32 * c, qs + 32 * c + 16)),
+                       pairLanes(d * static_cast<float>(iq4xsScale(b, 2 * c)),
+                                 d * static_cast<float>(iq4xsScale(b, 2 * c + 1))));
+            }
+        }
+    }
+};
+
 // ---- tiles -----------------------------------------------------------------------------------
 
 // One 64-column chunk of one token's activations with everything the tiles need from it:
@@ -237,13 +345,21 @@ struct alignas(64) TokenChunk {
     float bias[16];    // -offset * dx * (sum of the lane's 4 codes) (symmetric formats)
 };
 
-// Padded length of the per-32-column arrays (minima, activation block sums) of a row.
-std::int64_t blockArrayLength(std::int64_t nChunks) {
-    return (2 * nChunks + 15) / 16 * 16;
+// Formats with a minimum keep one per 32 columns, or per 16 where they say so.
+template <class Format> constexpr int minsPerChunk() {
+    if constexpr (requires { Format::kMinsPerChunk; })
+        return Format::kMinsPerChunk;
+    else
+        return 2;
 }
 
-// Also writes, for formats with a minimum, dx * (sum of the block's codes) per 32 columns to
-// `blockSums` (zero padded to blockArrayLength).
+// Padded length of the per-group arrays (minima, activation group sums) of a row.
+std::int64_t blockArrayLength(std::int64_t nChunks, int perChunk) {
+    return (perChunk * nChunks + 15) / 16 * 16;
+}
+
+// Also writes, for formats with a minimum, dx * (sum of the group's codes) per minimum's group of
+// columns to `blockSums` (zero padded to blockArrayLength).
 template <class Format>
 void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int64_t nChunks, TokenChunk* out,
                         float* blockSums) {
@@ -251,6 +367,8 @@ void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int6
     const __m512i pairIdx = pairIndex(0);
     const std::int8_t* codes = x.codes(token);
     const float* scales = x.blockScales(token);
+    constexpr int per = minsPerChunk<Format>();
+    constexpr unsigned groupLanes = (1u << (16 / per)) - 1;
     for (std::int64_t c = 0; c < nChunks; ++c) {
         const __m512i xs = _mm512_loadu_si512(codes + kChunk * c);
         const __m512 dx = _mm512_permutexvar_ps(
@@ -261,15 +379,17 @@ void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int6
         _mm512_store_ps(out[c].dx, dx);
         if constexpr (Format::asym) {
             const __m512 scaled = _mm512_mul_ps(dx, sums);
-            blockSums[2 * c] = _mm512_mask_reduce_add_ps(0x00FF, scaled);
-            blockSums[2 * c + 1] = _mm512_mask_reduce_add_ps(0xFF00, scaled);
+            for (int g = 0; g < per; ++g) {
+                blockSums[per * c + g] =
+                    _mm512_mask_reduce_add_ps(static_cast<__mmask16>(groupLanes << (16 / per * g)), scaled);
+            }
         } else {
             _mm512_store_ps(out[c].bias,
                             _mm512_mul_ps(_mm512_mul_ps(dx, _mm512_set1_ps(-Format::offset)), sums));
         }
     }
     if constexpr (Format::asym) {
-        for (std::int64_t i = 2 * nChunks; i < blockArrayLength(nChunks); ++i)
+        for (std::int64_t i = per * nChunks; i < blockArrayLength(nChunks, per); ++i)
             blockSums[i] = 0.0f;
     }
 }
@@ -336,7 +456,7 @@ struct Buffers {
     Decoded* decoded;   // decoded rows, rowStride chunks apart
     float* mins;        // minima of those rows, minsStride floats apart
     TokenChunk* tokens; // activation chunks of the current token tile, nChunks apart
-    float* sums;        // activation block sums of the tile, blockArrayLength(nChunks) apart
+    float* sums;        // activation group sums of the tile, sumsStride() apart
 };
 
 template <class Format> struct QuantKernel {
@@ -348,8 +468,9 @@ template <class Format> struct QuantKernel {
     std::int64_t nChunks; // 64-column chunks per row
 
     std::int64_t panelStride() const { return nChunks | 1; }
-    std::int64_t sumsStride() const { return blockArrayLength(nChunks); }
-    static constexpr std::int64_t kStreamMins = 2 * kStreamChunks; // a multiple of 16
+    static constexpr int kMins = minsPerChunk<Format>();
+    std::int64_t sumsStride() const { return blockArrayLength(nChunks, kMins); }
+    static constexpr std::int64_t kStreamMins = kMins * kStreamChunks; // a multiple of 16
 
     const std::uint8_t* row(std::int64_t r) const {
         return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
@@ -360,7 +481,7 @@ template <class Format> struct QuantKernel {
                 std::int64_t minsLength) const {
         Format::decode(row(r), nb, c0, c1, out, mins);
         if constexpr (Format::asym) {
-            for (std::int64_t i = 2 * (c1 - c0); i < minsLength; ++i)
+            for (std::int64_t i = kMins * (c1 - c0); i < minsLength; ++i)
                 mins[i] = 0.0f;
         }
     }
@@ -403,8 +524,8 @@ template <class Format> struct QuantKernel {
             if constexpr (Format::asym) {
 #pragma GCC unroll 8
                 for (int t = 0; t < T; ++t)
-                    sums[t] = b.sums + t * sumsStride() + 2 * c0;
-                addMinima<R, T>(acc, mins, sums, (2 * n + 15) / 16 * 16);
+                    sums[t] = b.sums + t * sumsStride() + kMins * c0;
+                addMinima<R, T>(acc, mins, sums, (kMins * n + 15) / 16 * 16);
             }
         }
         storeTile<R, T>(acc, y, ldy, r0, 0);
@@ -817,6 +938,14 @@ void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t
         if (x.tokens() == 1)
             return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
         return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q2_K:
+        return runQuant<Q2_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q3_K:
+        return runQuant<Q3_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::IQ4_NL:
+        return runQuant<IQ4_NL>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::IQ4_XS:
+        return runQuant<IQ4_XS>(w, x, rowBegin, rowEnd, y, ldy);
     default:
         return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
     }
