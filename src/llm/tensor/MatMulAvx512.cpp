@@ -8,7 +8,7 @@
 // The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
 // in memory.
 #include "llm/tensor/LowBitCodecs.h"
-#include "llm/tensor/MatMulKernels.h"
+#include "llm/tensor/MatMulDispatch.h"
 #include "llm/tensor/Quantization.h"
 
 #include <immintrin.h>
@@ -906,49 +906,57 @@ void quantizeActivationsAvx512(const float* x, std::int64_t cols, std::int64_t p
         _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + 32 * b + 16), qc);
     }
 }
+namespace {
+
+struct Avx512 {
+    using Q8_0 = detail::Q8_0;
+    using Q4_0 = detail::Q4_0;
+    using Q4_1 = detail::Q4_1;
+    using Q5_0 = detail::Q5_0;
+    using Q5_1 = detail::Q5_1;
+    using Q2_K = detail::Q2_K;
+    using Q3_K = detail::Q3_K;
+    using Q4_K = detail::Q4_K;
+    using Q5_K = detail::Q5_K;
+    using Q6_K = detail::Q6_K;
+    using IQ4_NL = detail::IQ4_NL;
+    using IQ4_XS = detail::IQ4_XS;
+
+    template <GgmlType Type>
+    static void floats(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                       std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        runFloat<Type>(w, x, rowBegin, rowEnd, y, ldy);
+    }
+    template <class Format>
+    static void quantised(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                          std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        runQuant<Format>(w, x, rowBegin, rowEnd, y, ldy);
+    }
+    static bool fewTokens(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                          std::int64_t rowEnd, float* y, std::int64_t) {
+        if (x.tokens() != 1)
+            return false;
+        switch (w.type) {
+        case GgmlType::Q8_0:
+            oneTokenQ8_0(w, x, rowBegin, rowEnd, y);
+            return true;
+        case GgmlType::Q4_K:
+            oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
+            return true;
+        case GgmlType::Q6_K:
+            oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
+            return true;
+        default:
+            return false;
+        }
+    }
+};
+
+} // namespace
 
 void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                   std::int64_t rowEnd, float* y, std::int64_t ldy) {
-    switch (w.type) {
-    case GgmlType::F32:
-        return runFloat<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::F16:
-        return runFloat<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::BF16:
-        return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q8_0:
-        if (x.tokens() == 1)
-            return oneTokenQ8_0(w, x, rowBegin, rowEnd, y);
-        return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_0:
-        return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_1:
-        return runQuant<Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_0:
-        return runQuant<Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_1:
-        return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_K:
-        if (x.tokens() == 1)
-            return oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
-        return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_K:
-        return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q6_K:
-        if (x.tokens() == 1)
-            return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
-        return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q2_K:
-        return runQuant<Q2_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q3_K:
-        return runQuant<Q3_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::IQ4_NL:
-        return runQuant<IQ4_NL>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::IQ4_XS:
-        return runQuant<IQ4_XS>(w, x, rowBegin, rowEnd, y, ldy);
-    default:
-        return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
-    }
+    dispatchProduct<Avx512>(w, x, rowBegin, rowEnd, y, ldy);
 }
 
 } // namespace parlune::llm::detail
