@@ -272,7 +272,7 @@ std::optional<TestModelRecipe> TestModelRecipe::shape(std::string_view name, Arc
     static constexpr Dimensions kShapes[] = {
         {"135m", 576, 30, 9, 3, 1536, 49152, 8192},    {"0.5b", 896, 24, 14, 2, 4864, 151936, 32768},
         {"1b", 2048, 16, 32, 8, 8192, 128256, 131072}, {"1.5b", 1536, 28, 12, 2, 8960, 151936, 32768},
-        {"3b", 2048, 36, 16, 2, 11008, 151936, 32768},
+        {"3b", 2048, 36, 16, 2, 11008, 151936, 32768}, {"3b-llama", 3072, 28, 24, 8, 8192, 128256, 131072},
     };
     for (const Dimensions& d : kShapes) {
         if (d.name != name) {
