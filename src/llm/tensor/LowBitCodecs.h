@@ -6,6 +6,7 @@
 // with the SIMD decoders.
 
 #include <cstdint>
+#include <cstring>
 
 namespace parlune::llm::detail {
 
@@ -39,6 +40,36 @@ inline int iq4xsScale(const std::uint8_t* block, int j) {
     const int low = (block[kIq4XsLowScales + j / 2] >> (4 * (j % 2))) & 0x0F;
     const int high = ((block[kIq4XsHighScales] | (block[kIq4XsHighScales + 1] << 8)) >> (2 * j)) & 3;
     return (low | (high << 4)) - 32;
+}
+
+// The same scales plus 32 (0..63), one per byte, for the SIMD decoders: Q3_K's sixteen in `first`
+// (0-7) and `second` (8-15), IQ4_XS's eight in one word.
+inline void q3kBiasedScales(const std::uint8_t* packed, std::uint64_t& first, std::uint64_t& second) {
+    std::uint64_t low;
+    std::uint32_t high;
+    std::memcpy(&low, packed, 8);
+    std::memcpy(&high, packed + 8, 4);
+    const std::uint64_t bits03 = (high & 0x03030303u) | static_cast<std::uint64_t>((high >> 2) & 0x03030303u)
+                                                            << 32;
+    const std::uint64_t bits47 =
+        ((high >> 4) & 0x03030303u) | static_cast<std::uint64_t>((high >> 6) & 0x03030303u) << 32;
+    first = (low & 0x0F0F0F0F0F0F0F0Full) | (bits03 << 4);
+    second = ((low >> 4) & 0x0F0F0F0F0F0F0F0Full) | (bits47 << 4);
+}
+inline std::uint64_t iq4xsBiasedScales(const std::uint8_t* block) {
+    std::uint32_t lowBytes;
+    std::uint16_t highBits;
+    std::memcpy(&lowBytes, block + kIq4XsLowScales, 4);
+    std::memcpy(&highBits, block + kIq4XsHighScales, 2);
+    std::uint64_t low = lowBytes; // byte k -> 16-bit lane k, then its nibbles to bytes 2k, 2k+1
+    low = (low | (low << 16)) & 0x0000FFFF0000FFFFull;
+    low = (low | (low << 8)) & 0x00FF00FF00FF00FFull;
+    low = (low & 0x000F000F000F000Full) | ((low >> 4) & 0x000F000F000F000Full) << 8;
+    std::uint64_t high = highBits; // bit pair j -> byte j
+    high = (high | (high << 24)) & 0x000000FF000000FFull;
+    high = (high | (high << 12)) & 0x000F000F000F000Full;
+    high = (high | (high << 6)) & 0x0303030303030303ull;
+    return low | (high << 4);
 }
 
 void quantizeQ2_K(const float* x, std::uint8_t* block);

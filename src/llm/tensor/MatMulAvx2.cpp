@@ -304,9 +304,15 @@ struct Q6_K {
     }
 };
 
-// Two 4-lane scales: [a x4, b x4].
-inline __m256 laneQuads(float a, float b) {
-    return _mm256_set_m128(_mm_set1_ps(b), _mm_set1_ps(a));
+// The low 8 unsigned bytes of v as floats.
+inline __m256 bytesToFloats(__m128i v) {
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
+}
+// Lanes of chunk j (32 columns) pick 16-column groups 2j and 2j + 1 of a block's 16, from the
+// vector holding groups 8 * (j / 4) ...
+inline __m256i groupPair(int j) {
+    const int g = 2 * (j % 4);
+    return _mm256_set_epi32(g + 1, g + 1, g + 1, g + 1, g, g, g, g);
 }
 
 // Q2_K and Q3_K: the two low bits of the 32 values of chunk j of a block (see lowBitsByte).
@@ -322,12 +328,20 @@ struct Q2_K {
     static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
             const std::uint8_t* b = row + 84 * s;
-            const float d = half(b + kQ2KScale), dmin = half(b + kQ2KMin);
+            const __m128i packed = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+            const __m128i low4 = _mm_set1_epi8(0x0F);
+            const __m128i sc = _mm_and_si128(packed, low4),
+                          mn = _mm_and_si128(_mm_srli_epi16(packed, 4), low4);
+            const __m256 d = _mm256_set1_ps(half(b + kQ2KScale)), dmin = _mm256_set1_ps(-half(b + kQ2KMin));
+            const __m256 scales[2] = {_mm256_mul_ps(d, bytesToFloats(sc)),
+                                      _mm256_mul_ps(d, bytesToFloats(_mm_srli_si128(sc, 8)))};
+            const __m256 mins[2] = {_mm256_mul_ps(dmin, bytesToFloats(mn)),
+                                    _mm256_mul_ps(dmin, bytesToFloats(_mm_srli_si128(mn, 8)))};
             for (int j = 0; j < 8; ++j) {
-                const int lo = b[2 * j], hi = b[2 * j + 1];
+                const __m256i idx = groupPair(j);
                 store(out[8 * s + j - c0], lowBitPairs(b + kQ2KCodes, j),
-                      laneQuads(d * static_cast<float>(lo & 0x0F), d * static_cast<float>(hi & 0x0F)),
-                      laneQuads(-dmin * static_cast<float>(lo >> 4), -dmin * static_cast<float>(hi >> 4)));
+                      _mm256_permutevar8x32_ps(scales[j / 4], idx),
+                      _mm256_permutevar8x32_ps(mins[j / 4], idx));
             }
         }
     }
@@ -339,15 +353,24 @@ struct Q3_K {
     static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
             const std::uint8_t* b = row + 110 * s;
-            const float d = half(b + kQ3KScale);
+            std::uint64_t first, second;
+            q3kBiasedScales(b + kQ3KScales, first, second);
+            const __m256 d = _mm256_set1_ps(half(b + kQ3KScale));
+            const __m256i bias = _mm256_set1_epi32(32);
+            const __m256 scales[2] = {
+                _mm256_mul_ps(
+                    d, _mm256_cvtepi32_ps(_mm256_sub_epi32(
+                           _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(first))), bias))),
+                _mm256_mul_ps(
+                    d, _mm256_cvtepi32_ps(_mm256_sub_epi32(
+                           _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(second))), bias)))};
             const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
             for (int j = 0; j < 8; ++j) {
                 const __m256i bit = _mm256_set1_epi8(static_cast<char>(1 << j));
                 const __m256i third = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_and_si256(high, bit), bit),
                                                        _mm256_set1_epi8(4));
                 store(out[8 * s + j - c0], _mm256_or_si256(lowBitPairs(b + kQ3KCodes, j), third),
-                      laneQuads(d * static_cast<float>(q3kScale(b + kQ3KScales, 2 * j)),
-                                d * static_cast<float>(q3kScale(b + kQ3KScales, 2 * j + 1))));
+                      _mm256_permutevar8x32_ps(scales[j / 4], groupPair(j)));
             }
         }
     }
@@ -377,10 +400,14 @@ struct IQ4_XS {
     static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
         for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
             const std::uint8_t* b = row + 136 * s;
-            const float d = half(b);
+            const __m256 scales = _mm256_mul_ps(
+                _mm256_set1_ps(half(b)),
+                _mm256_cvtepi32_ps(_mm256_sub_epi32(
+                    _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(iq4xsBiasedScales(b)))),
+                    _mm256_set1_epi32(32))));
             for (int j = 0; j < 8; ++j) {
                 store(out[8 * s + j - c0], iq4Levels(b + kIq4XsCodes + 16 * j),
-                      _mm256_set1_ps(d * static_cast<float>(iq4xsScale(b, j))));
+                      _mm256_permutevar8x32_ps(scales, _mm256_set1_epi32(j)));
             }
         }
     }

@@ -276,12 +276,13 @@ struct Q3_K {
                        float*) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + 110 * s;
-            alignas(16) std::int8_t packed[16];
-            for (int j = 0; j < 16; ++j)
-                packed[j] = static_cast<std::int8_t>(q3kScale(b + kQ3KScales, j));
-            const __m512 scales = _mm512_mul_ps(_mm512_set1_ps(fp16ToFloatFast(u16(b + kQ3KScale))),
-                                                _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm_load_si128(
-                                                    reinterpret_cast<const __m128i*>(packed)))));
+            std::uint64_t first, second;
+            q3kBiasedScales(b + kQ3KScales, first, second);
+            const __m128i biased =
+                _mm_set_epi64x(static_cast<long long>(second), static_cast<long long>(first));
+            const __m512 scales = _mm512_mul_ps(
+                _mm512_set1_ps(fp16ToFloatFast(u16(b + kQ3KScale))),
+                _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm_sub_epi8(biased, _mm_set1_epi8(32)))));
             const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
             for (int c = 0; c < 4; ++c) {
                 const std::uint64_t lo =
@@ -324,12 +325,14 @@ struct IQ4_XS {
                        float*) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + 136 * s;
-            const float d = fp16ToFloatFast(u16(b));
+            const __m128i biased = _mm_cvtsi64_si128(static_cast<long long>(iq4xsBiasedScales(b)));
+            const __m512 scales = _mm512_castps256_ps512(_mm256_mul_ps(
+                _mm256_set1_ps(fp16ToFloatFast(u16(b))),
+                _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_sub_epi8(biased, _mm_set1_epi8(32))))));
             const std::uint8_t* qs = b + kIq4XsCodes;
             for (int c = 0; c < 4; ++c) {
                 finish(out[4 * s + c - c0], iq4Levels(nibblePairs(qs + 32 * c, qs + 32 * c + 16)),
-                       pairLanes(d * static_cast<float>(iq4xsScale(b, 2 * c)),
-                                 d * static_cast<float>(iq4xsScale(b, 2 * c + 1))));
+                       _mm512_permutexvar_ps(pairIndex(2 * c), scales));
             }
         }
     }
