@@ -112,8 +112,9 @@ struct Q8_0 {
 template <int Bytes, int DataOffset, bool HasMin, bool HasHigh> struct SmallBlock {
     static constexpr bool asym = HasMin;
     static constexpr float offset = HasHigh ? 16.0f : 8.0f;
-    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1,
-                       Decoded* out, float* mins) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, float* mins,
+                      Sink&& sink) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + Bytes * (2 * c);
             const std::uint8_t* p1 = 2 * c + 1 < nb ? p0 + Bytes : nullptr;
@@ -128,7 +129,7 @@ template <int Bytes, int DataOffset, bool HasMin, bool HasHigh> struct SmallBloc
                 mins[2 * (c - c0)] = fp16ToFloatFast(u16(p0 + 2));
                 mins[2 * (c - c0) + 1] = p1 ? fp16ToFloatFast(u16(p1 + 2)) : 0.0f;
             }
-            finish(out[c - c0], q, pairHalves(p0, p1));
+            sink(c - c0, q, pairHalves(p0, p1));
         }
     }
 };
@@ -162,8 +163,9 @@ template <bool HighBits> struct KQuant {
     static constexpr bool asym = true;
     static constexpr float offset = 0.0f;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
-                       float* mins) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, float* mins,
+                      Sink&& sink) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + kBytes * s;
             __m512 scv, mnv;
@@ -184,7 +186,7 @@ template <bool HighBits> struct KQuant {
                         _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
                     q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
                 }
-                finish(out[4 * s + c - c0], q, _mm512_permutexvar_ps(pairIndex(2 * c), scv));
+                sink(4 * s + c - c0, q, _mm512_permutexvar_ps(pairIndex(2 * c), scv));
             }
         }
     }
@@ -249,8 +251,9 @@ struct Q2_K {
     static constexpr bool asym = true;
     static constexpr float offset = 0.0f;
     static constexpr int kMinsPerChunk = 4; // a minimum per 16 columns
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
-                       float* mins) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, float* mins,
+                      Sink&& sink) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + 84 * s;
             const __m128i packed = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
@@ -263,8 +266,8 @@ struct Q2_K {
                                            _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(
                                                _mm_and_si128(_mm_srli_epi16(packed, 4), low4)))));
             for (int c = 0; c < 4; ++c)
-                finish(out[4 * s + c - c0], lowBitPairs(b + kQ2KCodes, c),
-                       _mm512_permutexvar_ps(groupIndex(c), scales));
+                sink(4 * s + c - c0, lowBitPairs(b + kQ2KCodes, c),
+                     _mm512_permutexvar_ps(groupIndex(c), scales));
         }
     }
 };
@@ -272,8 +275,9 @@ struct Q2_K {
 struct Q3_K {
     static constexpr bool asym = false;
     static constexpr float offset = 4.0f;
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
-                       float*) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, float*,
+                      Sink&& sink) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + 110 * s;
             std::uint64_t first, second;
@@ -290,8 +294,8 @@ struct Q3_K {
                 const std::uint64_t hi =
                     _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
                 const __m512i q = lowBitPairs(b + kQ3KCodes, c);
-                finish(out[4 * s + c - c0], _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(4)),
-                       _mm512_permutexvar_ps(groupIndex(c), scales));
+                sink(4 * s + c - c0, _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(4)),
+                     _mm512_permutexvar_ps(groupIndex(c), scales));
             }
         }
     }
@@ -308,12 +312,13 @@ inline __m512i iq4Levels(__m512i nibbles) {
 struct IQ4_NL {
     static constexpr bool asym = false;
     static constexpr float offset = 128.0f;
-    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1,
-                       Decoded* out, float*) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, float*,
+                      Sink&& sink) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + 18 * (2 * c);
             const std::uint8_t* p1 = 2 * c + 1 < nb ? p0 + 18 : nullptr;
-            finish(out[c - c0], iq4Levels(nibblePairs(p0 + 2, p1 ? p1 + 2 : nullptr)), pairHalves(p0, p1));
+            sink(c - c0, iq4Levels(nibblePairs(p0 + 2, p1 ? p1 + 2 : nullptr)), pairHalves(p0, p1));
         }
     }
 };
@@ -321,8 +326,9 @@ struct IQ4_NL {
 struct IQ4_XS {
     static constexpr bool asym = false;
     static constexpr float offset = 128.0f;
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
-                       float*) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, float*,
+                      Sink&& sink) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + 136 * s;
             const __m128i biased = _mm_cvtsi64_si128(static_cast<long long>(iq4xsBiasedScales(b)));
@@ -331,12 +337,26 @@ struct IQ4_XS {
                 _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_sub_epi8(biased, _mm_set1_epi8(32))))));
             const std::uint8_t* qs = b + kIq4XsCodes;
             for (int c = 0; c < 4; ++c) {
-                finish(out[4 * s + c - c0], iq4Levels(nibblePairs(qs + 32 * c, qs + 32 * c + 16)),
-                       _mm512_permutexvar_ps(pairIndex(2 * c), scales));
+                sink(4 * s + c - c0, iq4Levels(nibblePairs(qs + 32 * c, qs + 32 * c + 16)),
+                     _mm512_permutexvar_ps(pairIndex(2 * c), scales));
             }
         }
     }
 };
+
+// Most decoders hand each chunk to a sink (its index from c0, codes, scales): the tiles store the
+// chunks, the one-token rows use them at once.
+template <class Format>
+inline __attribute__((always_inline)) void decodeChunks(const std::uint8_t* row, std::int64_t nb,
+                                                        std::int64_t c0, std::int64_t c1, Decoded* out,
+                                                        float* mins) {
+    if constexpr (requires { &Format::decode; }) {
+        Format::decode(row, nb, c0, c1, out, mins);
+    } else {
+        Format::visit(row, nb, c0, c1, mins,
+                      [out](std::int64_t k, __m512i q, __m512 ws) { finish(out[k], q, ws); });
+    }
+}
 
 // ---- tiles -----------------------------------------------------------------------------------
 
@@ -397,6 +417,18 @@ void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int6
     }
 }
 
+// acc += one decoded chunk (codes q, scales ws) times a token's chunk (codes xs), lane-wise.
+template <class Format>
+inline __attribute__((always_inline)) void addChunk(__m512& acc, __m512i q, __m512 ws, __m512i xs,
+                                                    const TokenChunk& tc) {
+    const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs));
+    if constexpr (Format::asym) {
+        acc = _mm512_fmadd_ps(ws, _mm512_mul_ps(_mm512_load_ps(tc.dx), dot), acc);
+    } else {
+        acc = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)), acc);
+    }
+}
+
 // acc[r][t] += the dot products of chunks [c0, c0 + n) of rows[r] and tokens[t], lane-wise.
 template <class Format, int R, int T>
 inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const Decoded* const* rows,
@@ -414,16 +446,8 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
             const __m512i q = _mm512_load_si512(d.q);
             const __m512 ws = _mm512_load_ps(d.ws);
 #pragma GCC unroll 8
-            for (int t = 0; t < T; ++t) {
-                const TokenChunk& tc = tokens[t][c];
-                const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
-                if constexpr (Format::asym) {
-                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(_mm512_load_ps(tc.dx), dot), acc[r][t]);
-                } else {
-                    acc[r][t] = _mm512_fmadd_ps(
-                        ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)), acc[r][t]);
-                }
-            }
+            for (int t = 0; t < T; ++t)
+                addChunk<Format>(acc[r][t], q, ws, xs[t], tokens[t][c]);
         }
     }
 }
@@ -482,7 +506,7 @@ template <class Format> struct QuantKernel {
     // Decodes chunks [c0, c1) of a row; minima beyond them, up to `minsLength`, are zeroed.
     void decode(std::int64_t r, std::int64_t c0, std::int64_t c1, Decoded* out, float* mins,
                 std::int64_t minsLength) const {
-        Format::decode(row(r), nb, c0, c1, out, mins);
+        decodeChunks<Format>(row(r), nb, c0, c1, out, mins);
         if constexpr (Format::asym) {
             for (std::int64_t i = kMins * (c1 - c0); i < minsLength; ++i)
                 mins[i] = 0.0f;
@@ -532,6 +556,31 @@ template <class Format> struct QuantKernel {
             }
         }
         storeTile<R, T>(acc, y, ldy, r0, 0);
+    }
+
+    // One token: each chunk goes from the decoder straight into the product, in registers; the
+    // operations and their order are streamTile<1, 1>'s.
+    static constexpr bool kVisits = !requires {
+        &Format::decode;
+    };
+    void visitRow(std::int64_t r, const Buffers& b) const {
+        __m512 acc[1][1] = {{_mm512_setzero_ps()}};
+        alignas(64) float mins[kStreamMins];
+        for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
+            const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
+            const TokenChunk* tokens = b.tokens + c0;
+            Format::visit(row(r), nb, c0, c0 + n, mins, [&](std::int64_t k, __m512i q, __m512 ws) {
+                addChunk<Format>(acc[0][0], q, ws, _mm512_load_si512(tokens[k].x), tokens[k]);
+            });
+            if constexpr (Format::asym) {
+                for (std::int64_t i = kMins * n; i < kStreamMins; ++i)
+                    mins[i] = 0.0f;
+                const float* rowMins[1] = {mins};
+                const float* sums[1] = {b.sums + kMins * c0};
+                addMinima<1, 1>(acc, rowMins, sums, (kMins * n + 15) / 16 * 16);
+            }
+        }
+        storeTile<1, 1>(acc, y, ldy, r, 0);
     }
 
     template <int T> void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, const Buffers& b) const {
@@ -597,7 +646,13 @@ template <class Format> struct QuantKernel {
             const Buffers b{decoded.data(), mins.data(), tokenChunks.data(), sums.data()};
             switch (tokens) {
             case 1:
-                streamRows<1>(rowBegin, rowEnd, b);
+                if constexpr (kVisits) {
+                    prepareTokens<1>(0, b);
+                    for (std::int64_t r = rowBegin; r < rowEnd; ++r)
+                        visitRow(r, b);
+                } else {
+                    streamRows<1>(rowBegin, rowEnd, b);
+                }
                 break;
             case 2:
                 streamRows<2>(rowBegin, rowEnd, b);
