@@ -76,6 +76,34 @@ TEST_P(EveryPath, SimdPathsMatchTheScalarReference) {
     }
 }
 
+// A token's result must not depend on how many tokens share the product (speculative decoding
+// checks drafted tokens in one batch). Formats whose offsets join through the activation sums
+// in one accumulator per lane keep the same operation order either way.
+TEST(SymmetricFormats, OneTokenEqualsItsRowInABatch) {
+    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q4_0, GgmlType::Q5_0, GgmlType::Q3_K, GgmlType::IQ4_NL,
+                          GgmlType::IQ4_XS}) {
+        const std::int64_t cols = oddColumns(type);
+        const EncodedMatrix m = testing::randomBlocks(type, 9, cols, 31);
+        const std::vector<float> xs = activations(5, cols, 32);
+        for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
+            if (!kernelPathAvailable(path))
+                continue;
+            ActivationBuffer batch;
+            prepareActivations(type, xs.data(), 5, cols, batch);
+            const std::vector<float> all = product(path, m, batch);
+            for (std::int64_t t = 0; t < 5; ++t) {
+                ActivationBuffer one;
+                prepareActivations(type, xs.data() + t * cols, 1, cols, one);
+                const std::vector<float> alone = product(path, m, one);
+                for (std::int64_t r = 0; r < m.rows; ++r) {
+                    ASSERT_EQ(alone[r], all[t * m.rows + r])
+                        << ggmlTypeTraits(type).name << " " << kernelPathName(path) << " token " << t;
+                }
+            }
+        }
+    }
+}
+
 TEST_P(EveryPath, ProductIsCloseToTheExactOne) {
     // Quantised weights against exact activations: only the activation rounding remains.
     const GgmlType type = GetParam();
