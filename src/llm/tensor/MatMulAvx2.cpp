@@ -2,8 +2,8 @@
 // the same scheme as the AVX-512 path on 32-column chunks (one 32-block, or a K-quant
 // sub-block): rows decoded to unsigned 8-bit codes with per-4-code scales, multiplied with the
 // signed activation codes by VPMADDUBSW/VPMADDWD, the format's offset or minimum applied through
-// the activation sums. Q8_0 codes need all 8 bits, so they stay signed and use the sign trick
-// (|w| times x with w's sign) to keep the 16-bit pair sums from saturating.
+// the activation sums. Q8_0 codes and the IQ4 grid levels need all 8 bits, so they stay signed and
+// use the sign trick (|w| times x with w's sign) to keep the 16-bit pair sums from saturating.
 #include "llm/tensor/LowBitCodecs.h"
 #include "llm/tensor/MatMulDispatch.h"
 #include "llm/tensor/Quantization.h"
