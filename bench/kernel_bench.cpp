@@ -55,6 +55,10 @@ Matrix randomMatrix(GgmlType type, std::int64_t rows, std::int64_t cols, std::ui
     std::vector<int> halves;
     if (type == GgmlType::Q6_K)
         halves = {208};
+    else if (type == GgmlType::Q3_K)
+        halves = {108};
+    else if (type == GgmlType::Q2_K)
+        halves = {80, 82};
     else if (type == GgmlType::Q4_K || type == GgmlType::Q5_K || type == GgmlType::Q4_1 ||
              type == GgmlType::Q5_1)
         halves = {0, 2};
@@ -190,10 +194,11 @@ double threadSeconds() {
 // the kernels can do per core regardless of memory bandwidth and of other programs' load.
 void inCacheThroughput(int runs) {
     std::printf("\nper-thread kernel throughput, matrix in L2, thread CPU time (median of %d):\n", runs);
-    std::printf("%-5s | %10s | %14s\n", "type", "1 tok GB/s", "64 tok GFLOP/s");
+    std::printf("%-6s | %10s | %14s\n", "type", "1 tok GB/s", "64 tok GFLOP/s");
     constexpr std::int64_t rows = 256, cols = 1024;
-    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q4_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q5_K,
-                          GgmlType::Q6_K, GgmlType::F16, GgmlType::BF16, GgmlType::F32}) {
+    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q4_0, GgmlType::Q5_0, GgmlType::Q2_K, GgmlType::Q3_K,
+                          GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K, GgmlType::IQ4_NL, GgmlType::IQ4_XS,
+                          GgmlType::F16, GgmlType::BF16, GgmlType::F32}) {
         const Matrix m = randomMatrix(type, rows, cols, 7);
         std::vector<float> input(static_cast<std::size_t>(64 * cols), 0.5f),
             y(static_cast<std::size_t>(64 * rows));
@@ -214,7 +219,7 @@ void inCacheThroughput(int runs) {
             figures[pass] =
                 pass == 0 ? double(m.bytes.size()) / t / 1e9 : 2.0 * rows * cols * tokens / t / 1e9;
         }
-        std::printf("%-5s | %10.1f | %14.1f\n", std::string(ggmlTypeTraits(type).name).c_str(), figures[0],
+        std::printf("%-6s | %10.1f | %14.1f\n", std::string(ggmlTypeTraits(type).name).c_str(), figures[0],
                     figures[1]);
     }
     std::printf("\n");
@@ -224,9 +229,11 @@ void inCacheThroughput(int runs) {
 // kernels reach when the weights stream from memory, as in generation.
 void fromMemoryThroughput(int runs) {
     std::printf("one-token product from memory, 2048 columns, 256 MB per type (median of %d):\n", runs);
-    std::printf("%-5s | %12s | %12s\n", "type", "1 thr GB/s", "2 thr GB/s");
+    std::printf("%-6s | %12s | %12s\n", "type", "1 thr GB/s", "2 thr GB/s");
     constexpr std::int64_t cols = 2048;
-    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K, GgmlType::F16}) {
+    for (GgmlType type :
+         {GgmlType::Q8_0, GgmlType::Q4_0, GgmlType::Q5_0, GgmlType::Q2_K, GgmlType::Q3_K, GgmlType::Q4_K,
+          GgmlType::Q5_K, GgmlType::Q6_K, GgmlType::IQ4_NL, GgmlType::IQ4_XS, GgmlType::F16}) {
         const std::int64_t rows =
             (std::int64_t{256} << 20) / static_cast<std::int64_t>(*ggmlRowBytes(type, cols));
         const Matrix m = randomMatrix(type, rows, cols, 11);
@@ -245,7 +252,7 @@ void fromMemoryThroughput(int runs) {
             }
             figures[threads - 1] = double(m.bytes.size()) / median(times) / 1e9;
         }
-        std::printf("%-5s | %12.1f | %12.1f\n", std::string(ggmlTypeTraits(type).name).c_str(), figures[0],
+        std::printf("%-6s | %12.1f | %12.1f\n", std::string(ggmlTypeTraits(type).name).c_str(), figures[0],
                     figures[1]);
     }
     std::printf("\n");

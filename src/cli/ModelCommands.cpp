@@ -42,9 +42,10 @@ constexpr const char* usageText =
     "                              (IDS: token ids separated by spaces or commas;\n"
     "                              OUT: float32 logits of every position, [positions][vocabulary])\n"
     "  parlune-cli model bench FILE [--threads N] [--prompt-tokens 128] [--gen-tokens 64] [--runs 5]\n"
-    "  parlune-cli model make-test --arch llama|qwen2|qwen3|phi3|gemma3 --shape tiny|135m|0.5b|1b|1.5b|3b\n"
+    "  parlune-cli model make-test --arch llama|qwen2|qwen3|phi3|gemma3 --shape "
+    "tiny|135m|0.5b|1b|1.5b|3b|3b-llama\n"
     "                              --type TYPE [--vocab VOCAB.gguf] [--untied] [--seed N] OUT\n"
-    "  TYPE: f32 f16 bf16 q4_0 q4_1 q5_0 q5_1 q8_0 q4_k q5_k q6_k q4_k_m\n";
+    "  TYPE: f32 f16 bf16 q4_0 q4_1 q5_0 q5_1 q8_0 q2_k q3_k q4_k q5_k q6_k iq4_nl iq4_xs q4_k_m\n";
 
 class UsageError : public std::runtime_error {
 public:

@@ -2,9 +2,10 @@
 // the same scheme as the AVX-512 path on 32-column chunks (one 32-block, or a K-quant
 // sub-block): rows decoded to unsigned 8-bit codes with per-4-code scales, multiplied with the
 // signed activation codes by VPMADDUBSW/VPMADDWD, the format's offset or minimum applied through
-// the activation sums. Q8_0 codes need all 8 bits, so they stay signed and use the sign trick
-// (|w| times x with w's sign) to keep the 16-bit pair sums from saturating.
-#include "llm/tensor/MatMulKernels.h"
+// the activation sums. Q8_0 codes and the IQ4 grid levels need all 8 bits, so they stay signed and
+// use the sign trick (|w| times x with w's sign) to keep the 16-bit pair sums from saturating.
+#include "llm/tensor/LowBitCodecs.h"
+#include "llm/tensor/MatMulDispatch.h"
 #include "llm/tensor/Quantization.h"
 
 #include <immintrin.h>
@@ -133,8 +134,6 @@ void runFloat(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t row
 }
 
 constexpr std::int64_t kChunk = 32;
-constexpr std::int64_t kStreamChunks = 32;                // multiple of 8 (a K-quant block)
-constexpr std::int64_t kStreamStride = kStreamChunks + 1; // odd: no 4K aliasing between rows
 
 struct alignas(32) Decoded {
     std::uint8_t q[32]; // unsigned codes (signed for Q8_0)
@@ -193,11 +192,12 @@ inline __m256i bitsToBytes(std::uint32_t bits) {
 struct Q8_0 {
     static constexpr bool asym = false, signedCodes = true;
     static constexpr float offset = 0.0f;
-    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Sink&& sink) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* b = row + 34 * c;
-            store(out[c - c0], _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 2)),
-                  _mm256_set1_ps(half(b)));
+            sink(c - c0, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 2)),
+                 _mm256_set1_ps(half(b)));
         }
     }
 };
@@ -205,16 +205,17 @@ struct Q8_0 {
 template <int Bytes, int DataOffset, bool HasMin, bool HasHigh> struct SmallBlock {
     static constexpr bool asym = HasMin, signedCodes = false;
     static constexpr float offset = HasHigh ? 16.0f : 8.0f;
-    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Sink&& sink) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* b = row + Bytes * c;
             __m256i q = nibbles16(b + DataOffset);
             if constexpr (HasHigh)
                 q = _mm256_or_si256(q, bitsToBytes(u32(b + (HasMin ? 4 : 2))));
             if constexpr (HasMin) {
-                store(out[c - c0], q, _mm256_set1_ps(half(b)), _mm256_set1_ps(half(b + 2)));
+                sink(c - c0, q, _mm256_set1_ps(half(b)), _mm256_set1_ps(half(b + 2)));
             } else {
-                store(out[c - c0], q, _mm256_set1_ps(half(b)));
+                sink(c - c0, q, _mm256_set1_ps(half(b)));
             }
         }
     }
@@ -228,7 +229,8 @@ template <bool HighBits> struct KQuant {
     static constexpr bool asym = true, signedCodes = false;
     static constexpr float offset = 0.0f;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
-    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Sink&& sink) {
         const __m256i low4 = _mm256_set1_epi8(0x0F);
         for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
             const std::uint8_t* b = row + kBytes * s;
@@ -255,8 +257,8 @@ template <bool HighBits> struct KQuant {
                                                          _mm256_set1_epi8(0x10)));
                 }
                 const __m256i idx = _mm256_set1_epi32(j);
-                store(out[8 * s + j - c0], q, _mm256_permutevar8x32_ps(scales, idx),
-                      _mm256_permutevar8x32_ps(mins, idx));
+                sink(8 * s + j - c0, q, _mm256_permutevar8x32_ps(scales, idx),
+                     _mm256_permutevar8x32_ps(mins, idx));
             }
         }
     }
@@ -267,7 +269,8 @@ using Q5_K = KQuant<true>;
 struct Q6_K {
     static constexpr bool asym = false, signedCodes = false;
     static constexpr float offset = 32.0f;
-    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Sink&& sink) {
         const __m256i low4 = _mm256_set1_epi8(0x0F);
         const __m256i low2 = _mm256_set1_epi8(3);
         for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
@@ -295,9 +298,121 @@ struct Q6_K {
                     const int chunk = 4 * h + p; // 16-element scale groups 2*chunk, 2*chunk + 1
                     const int g = 2 * chunk % 8;
                     const __m256i idx = _mm256_set_epi32(g + 1, g + 1, g + 1, g + 1, g, g, g, g);
-                    store(out[8 * s + chunk - c0], parts[p],
-                          _mm256_permutevar8x32_ps(scales[chunk / 4], idx));
+                    sink(8 * s + chunk - c0, parts[p], _mm256_permutevar8x32_ps(scales[chunk / 4], idx));
                 }
+            }
+        }
+    }
+};
+
+// The low 8 unsigned bytes of v as floats.
+inline __m256 bytesToFloats(__m128i v) {
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(v));
+}
+// Lanes of chunk j (32 columns) pick 16-column groups 2j and 2j + 1 of a block's 16, from the
+// vector holding groups 8 * (j / 4) ...
+inline __m256i groupPair(int j) {
+    const int g = 2 * (j % 4);
+    return _mm256_set_epi32(g + 1, g + 1, g + 1, g + 1, g, g, g, g);
+}
+
+// Q2_K and Q3_K: the two low bits of the 32 values of chunk j of a block (see lowBitsByte).
+inline __m256i lowBitPairs(const std::uint8_t* codes, int j) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(codes + lowBitsByte(32 * j)));
+    return _mm256_and_si256(_mm256_srl_epi16(v, _mm_cvtsi32_si128(lowBitsShift(32 * j))),
+                            _mm256_set1_epi8(3));
+}
+
+struct Q2_K {
+    static constexpr bool asym = true, signedCodes = false;
+    static constexpr float offset = 0.0f;
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Sink&& sink) {
+        for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
+            const std::uint8_t* b = row + 84 * s;
+            const __m128i packed = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+            const __m128i low4 = _mm_set1_epi8(0x0F);
+            const __m128i sc = _mm_and_si128(packed, low4),
+                          mn = _mm_and_si128(_mm_srli_epi16(packed, 4), low4);
+            const __m256 d = _mm256_set1_ps(half(b + kQ2KScale)), dmin = _mm256_set1_ps(-half(b + kQ2KMin));
+            const __m256 scales[2] = {_mm256_mul_ps(d, bytesToFloats(sc)),
+                                      _mm256_mul_ps(d, bytesToFloats(_mm_srli_si128(sc, 8)))};
+            const __m256 mins[2] = {_mm256_mul_ps(dmin, bytesToFloats(mn)),
+                                    _mm256_mul_ps(dmin, bytesToFloats(_mm_srli_si128(mn, 8)))};
+            for (int j = 0; j < 8; ++j) {
+                const __m256i idx = groupPair(j);
+                sink(8 * s + j - c0, lowBitPairs(b + kQ2KCodes, j),
+                     _mm256_permutevar8x32_ps(scales[j / 4], idx),
+                     _mm256_permutevar8x32_ps(mins[j / 4], idx));
+            }
+        }
+    }
+};
+
+struct Q3_K {
+    static constexpr bool asym = false, signedCodes = false;
+    static constexpr float offset = 4.0f;
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Sink&& sink) {
+        for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
+            const std::uint8_t* b = row + 110 * s;
+            std::uint64_t first, second;
+            q3kBiasedScales(b + kQ3KScales, first, second);
+            const __m256 d = _mm256_set1_ps(half(b + kQ3KScale));
+            const __m256i bias = _mm256_set1_epi32(32);
+            const __m256 scales[2] = {
+                _mm256_mul_ps(
+                    d, _mm256_cvtepi32_ps(_mm256_sub_epi32(
+                           _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(first))), bias))),
+                _mm256_mul_ps(
+                    d, _mm256_cvtepi32_ps(_mm256_sub_epi32(
+                           _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(second))), bias)))};
+            const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
+            for (int j = 0; j < 8; ++j) {
+                const __m256i bit = _mm256_set1_epi8(static_cast<char>(1 << j));
+                const __m256i third = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_and_si256(high, bit), bit),
+                                                       _mm256_set1_epi8(4));
+                sink(8 * s + j - c0, _mm256_or_si256(lowBitPairs(b + kQ3KCodes, j), third),
+                     _mm256_permutevar8x32_ps(scales[j / 4], groupPair(j)));
+            }
+        }
+    }
+};
+
+// IQ4 codes are the grid levels themselves, signed like Q8_0's.
+inline __m256i iq4Levels(const std::uint8_t* qs) {
+    const __m256i grid =
+        _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(kIq4Levels)));
+    return _mm256_shuffle_epi8(grid, nibbles16(qs));
+}
+
+struct IQ4_NL {
+    static constexpr bool asym = false, signedCodes = true;
+    static constexpr float offset = 0.0f;
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Sink&& sink) {
+        for (std::int64_t c = c0; c < c1; ++c) {
+            const std::uint8_t* b = row + 18 * c;
+            sink(c - c0, iq4Levels(b + 2), _mm256_set1_ps(half(b)));
+        }
+    }
+};
+
+struct IQ4_XS {
+    static constexpr bool asym = false, signedCodes = true;
+    static constexpr float offset = 0.0f;
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Sink&& sink) {
+        for (std::int64_t s = c0 / 8; s < c1 / 8; ++s) {
+            const std::uint8_t* b = row + 136 * s;
+            const __m256 scales = _mm256_mul_ps(
+                _mm256_set1_ps(half(b)),
+                _mm256_cvtepi32_ps(_mm256_sub_epi32(
+                    _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(iq4xsBiasedScales(b)))),
+                    _mm256_set1_epi32(32))));
+            for (int j = 0; j < 8; ++j) {
+                sink(8 * s + j - c0, iq4Levels(b + kIq4XsCodes + 16 * j),
+                     _mm256_permutevar8x32_ps(scales, _mm256_set1_epi32(j)));
             }
         }
     }
@@ -308,55 +423,86 @@ struct TokenView {
     const float* scales;
 };
 
+// Everything one chunk of a token's activations contributes to a product.
+struct TokenTerms {
+    __m256i xs;  // codes
+    __m256 dx;   // their scale
+    __m256 bias; // formats with a minimum: dx * (sum of each lane's 4 codes); with an offset:
+                 // -offset times that; zero otherwise
+};
+
+template <class Format>
+inline __attribute__((always_inline)) TokenTerms tokenTerms(const TokenView& token, std::int64_t c) {
+    TokenTerms t;
+    t.xs = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(token.codes + kChunk * c));
+    t.dx = _mm256_broadcast_ss(token.scales + c);
+    if constexpr (Format::asym || Format::offset != 0.0f) {
+        const __m256 sums = _mm256_cvtepi32_ps(
+            _mm256_madd_epi16(_mm256_maddubs_epi16(_mm256_set1_epi8(1), t.xs), _mm256_set1_epi16(1)));
+        t.bias = Format::asym ? _mm256_mul_ps(t.dx, sums)
+                              : _mm256_mul_ps(_mm256_mul_ps(t.dx, _mm256_set1_ps(-Format::offset)), sums);
+    } else {
+        t.bias = _mm256_setzero_ps();
+    }
+    return t;
+}
+
+// acc += one decoded chunk (codes q, scales ws, minima mw where the format has them) times one
+// token's chunk, lane-wise.
+template <class Format>
+inline __attribute__((always_inline)) void addChunk(__m256& acc, __m256i q, __m256 ws, __m256 mw,
+                                                    const TokenTerms& t) {
+    const __m256i ones16 = _mm256_set1_epi16(1);
+    __m256i pairs;
+    if constexpr (Format::signedCodes) {
+        pairs = _mm256_maddubs_epi16(_mm256_sign_epi8(q, q), _mm256_sign_epi8(t.xs, q));
+    } else {
+        pairs = _mm256_maddubs_epi16(q, t.xs);
+    }
+    const __m256 dot = _mm256_cvtepi32_ps(_mm256_madd_epi16(pairs, ones16));
+    if constexpr (Format::asym) {
+        acc = _mm256_fmadd_ps(ws, _mm256_mul_ps(t.dx, dot), acc);
+        acc = _mm256_fmadd_ps(mw, t.bias, acc);
+    } else {
+        acc = _mm256_fmadd_ps(ws, _mm256_fmadd_ps(t.dx, dot, t.bias), acc);
+    }
+}
+
 template <class Format, int R, int T>
 inline __attribute__((always_inline)) void accumulate(__m256 (&acc)[R][T], const Decoded* const* rows,
                                                       const TokenView* tokens, std::int64_t c0,
                                                       std::int64_t n) {
-    const __m256i ones8 = _mm256_set1_epi8(1);
-    const __m256i ones16 = _mm256_set1_epi16(1);
     for (std::int64_t k = 0; k < n; ++k) {
-        const std::int64_t c = c0 + k;
-        __m256i xs[T];
-        __m256 dx[T];
-        __m256 bias[T];
+        TokenTerms terms[T];
 #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) {
-            xs[t] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(tokens[t].codes + kChunk * c));
-            dx[t] = _mm256_broadcast_ss(tokens[t].scales + c);
-            if constexpr (Format::asym || Format::offset != 0.0f) {
-                const __m256 sums =
-                    _mm256_cvtepi32_ps(_mm256_madd_epi16(_mm256_maddubs_epi16(ones8, xs[t]), ones16));
-                bias[t] = Format::asym
-                              ? _mm256_mul_ps(dx[t], sums)
-                              : _mm256_mul_ps(_mm256_mul_ps(dx[t], _mm256_set1_ps(-Format::offset)), sums);
-            } else {
-                bias[t] = _mm256_setzero_ps();
-            }
-        }
+        for (int t = 0; t < T; ++t)
+            terms[t] = tokenTerms<Format>(tokens[t], c0 + k);
 #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const Decoded& d = rows[r][k];
             const __m256i q = _mm256_load_si256(reinterpret_cast<const __m256i*>(d.q));
             const __m256 ws = _mm256_load_ps(d.ws);
-            [[maybe_unused]] const __m256i aq = Format::signedCodes ? _mm256_sign_epi8(q, q) : q;
+            const __m256 mw = Format::asym ? _mm256_load_ps(d.mw) : _mm256_setzero_ps();
 #pragma GCC unroll 8
-            for (int t = 0; t < T; ++t) {
-                __m256i pairs;
-                if constexpr (Format::signedCodes) {
-                    pairs = _mm256_maddubs_epi16(aq, _mm256_sign_epi8(xs[t], q));
-                } else {
-                    pairs = _mm256_maddubs_epi16(q, xs[t]);
-                }
-                const __m256 dot = _mm256_cvtepi32_ps(_mm256_madd_epi16(pairs, ones16));
-                if constexpr (Format::asym) {
-                    acc[r][t] = _mm256_fmadd_ps(ws, _mm256_mul_ps(dx[t], dot), acc[r][t]);
-                    acc[r][t] = _mm256_fmadd_ps(_mm256_load_ps(d.mw), bias[t], acc[r][t]);
-                } else {
-                    acc[r][t] = _mm256_fmadd_ps(ws, _mm256_fmadd_ps(dx[t], dot, bias[t]), acc[r][t]);
-                }
-            }
+            for (int t = 0; t < T; ++t)
+                addChunk<Format>(acc[r][t], q, ws, mw, terms[t]);
         }
     }
+}
+
+template <class... Minima> inline __m256 minimaOrZero(Minima... mw) {
+    if constexpr (sizeof...(Minima) > 0)
+        return (mw, ...);
+    else
+        return _mm256_setzero_ps();
+}
+
+// Decoders hand each chunk to a sink (its index from c0, codes, scales and, with a minimum, the
+// minima): the tiles store the chunks, one-token rows use them at once.
+template <class Format>
+void decodeChunks(const std::uint8_t* row, std::int64_t c0, std::int64_t c1, Decoded* out) {
+    Format::visit(row, c0, c1,
+                  [out](std::int64_t k, __m256i q, __m256 ws, auto... mw) { store(out[k], q, ws, mw...); });
 }
 
 template <class Format> struct QuantKernel {
@@ -379,31 +525,6 @@ template <class Format> struct QuantKernel {
                 y[(t0 + t) * ldy + r0 + r] = hsum(acc[r][t]);
     }
 
-    template <int R, int T> void streamTile(std::int64_t r0, std::int64_t t0, Decoded* scratch) const {
-        __m256 acc[R][T];
-#pragma GCC unroll 8
-        for (auto& a : acc)
-#pragma GCC unroll 8
-            for (auto& v : a)
-                v = _mm256_setzero_ps();
-        TokenView tokens[T];
-#pragma GCC unroll 8
-        for (int t = 0; t < T; ++t)
-            tokens[t] = {x.codes(t0 + t), x.blockScales(t0 + t)};
-        const Decoded* rows[R];
-#pragma GCC unroll 8
-        for (int r = 0; r < R; ++r)
-            rows[r] = scratch + r * kStreamStride;
-        for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
-            const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
-#pragma GCC unroll 8
-            for (int r = 0; r < R; ++r)
-                Format::decode(row(r0 + r), c0, c0 + n, scratch + r * kStreamStride);
-            accumulate<Format, R, T>(acc, rows, tokens, c0, n);
-        }
-        store<R, T>(acc, r0, t0);
-    }
-
     template <int R, int T>
     void panelTile(const Decoded* panel, std::int64_t r0, std::int64_t panelRow, std::int64_t t0) const {
         __m256 acc[R][T];
@@ -424,16 +545,23 @@ template <class Format> struct QuantKernel {
         store<R, T>(acc, r0 + panelRow, t0);
     }
 
+    // One token: each chunk goes from the decoder straight into the product, in registers; the
+    // operations and their order are streamTile's.
+    void visitRow(std::int64_t r) const {
+        __m256 acc = _mm256_setzero_ps();
+        const TokenView token{x.codes(0), x.blockScales(0)};
+        Format::visit(row(r), 0, nChunks, [&](std::int64_t k, __m256i q, __m256 ws, auto... mw) {
+            addChunk<Format>(acc, q, ws, minimaOrZero(mw...), tokenTerms<Format>(token, k));
+        });
+        y[r] = hsum(acc);
+    }
+
     void run(std::int64_t rowBegin, std::int64_t rowEnd) const {
         thread_local std::vector<Decoded> scratch;
         const std::int64_t tokens = x.tokens();
         if (tokens == 1) {
-            scratch.resize(static_cast<std::size_t>(kRowTile * kStreamStride));
-            std::int64_t r = rowBegin;
-            for (; r + kRowTile <= rowEnd; r += kRowTile)
-                streamTile<kRowTile, 1>(r, 0, scratch.data());
-            for (; r < rowEnd; ++r)
-                streamTile<1, 1>(r, 0, scratch.data());
+            for (std::int64_t r = rowBegin; r < rowEnd; ++r)
+                visitRow(r);
             return;
         }
         constexpr int kPairRows = 2;
@@ -441,7 +569,7 @@ template <class Format> struct QuantKernel {
         for (std::int64_t r0 = rowBegin; r0 < rowEnd; r0 += kPanelRows) {
             const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
             for (std::int64_t r = 0; r < m; ++r)
-                Format::decode(row(r0 + r), 0, nChunks, scratch.data() + r * panelStride());
+                decodeChunks<Format>(row(r0 + r), 0, nChunks, scratch.data() + r * panelStride());
             for (std::int64_t t0 = 0; t0 < tokens; t0 += 2) {
                 const bool pair = t0 + 1 < tokens;
                 std::int64_t r = 0;
@@ -557,39 +685,54 @@ void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t row
 }
 
 } // namespace
+namespace {
+
+struct Avx2 {
+    using Q8_0 = detail::Q8_0;
+    using Q4_0 = detail::Q4_0;
+    using Q4_1 = detail::Q4_1;
+    using Q5_0 = detail::Q5_0;
+    using Q5_1 = detail::Q5_1;
+    using Q2_K = detail::Q2_K;
+    using Q3_K = detail::Q3_K;
+    using Q4_K = detail::Q4_K;
+    using Q5_K = detail::Q5_K;
+    using Q6_K = detail::Q6_K;
+    using IQ4_NL = detail::IQ4_NL;
+    using IQ4_XS = detail::IQ4_XS;
+
+    template <GgmlType Type>
+    static void floats(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                       std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        runFloat<Type>(w, x, rowBegin, rowEnd, y, ldy);
+    }
+    template <class Format>
+    static void quantised(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                          std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        runQuant<Format>(w, x, rowBegin, rowEnd, y, ldy);
+    }
+    static bool fewTokens(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                          std::int64_t rowEnd, float* y, std::int64_t) {
+        if (x.tokens() != 1)
+            return false;
+        switch (w.type) {
+        case GgmlType::Q4_K:
+            oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
+            return true;
+        case GgmlType::Q6_K:
+            oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
+            return true;
+        default:
+            return false;
+        }
+    }
+};
+
+} // namespace
 
 void matmulAvx2(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
                 float* y, std::int64_t ldy) {
-    switch (w.type) {
-    case GgmlType::F32:
-        return runFloat<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::F16:
-        return runFloat<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::BF16:
-        return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q8_0:
-        return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_0:
-        return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_1:
-        return runQuant<Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_0:
-        return runQuant<Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_1:
-        return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_K:
-        if (x.tokens() == 1)
-            return oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
-        return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_K:
-        return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q6_K:
-        if (x.tokens() == 1)
-            return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
-        return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
-    default:
-        return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
-    }
+    dispatchProduct<Avx2>(w, x, rowBegin, rowEnd, y, ldy);
 }
 
 } // namespace parlune::llm::detail

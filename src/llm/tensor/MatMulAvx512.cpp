@@ -7,7 +7,8 @@
 // tokens from L1/L2.
 // The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
 // in memory.
-#include "llm/tensor/MatMulKernels.h"
+#include "llm/tensor/LowBitCodecs.h"
+#include "llm/tensor/MatMulDispatch.h"
 #include "llm/tensor/Quantization.h"
 
 #include <immintrin.h>
@@ -111,8 +112,9 @@ struct Q8_0 {
 template <int Bytes, int DataOffset, bool HasMin, bool HasHigh> struct SmallBlock {
     static constexpr bool asym = HasMin;
     static constexpr float offset = HasHigh ? 16.0f : 8.0f;
-    static void decode(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1,
-                       Decoded* out, float* mins) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, float* mins,
+                      Sink&& sink) {
         for (std::int64_t c = c0; c < c1; ++c) {
             const std::uint8_t* p0 = row + Bytes * (2 * c);
             const std::uint8_t* p1 = 2 * c + 1 < nb ? p0 + Bytes : nullptr;
@@ -127,7 +129,7 @@ template <int Bytes, int DataOffset, bool HasMin, bool HasHigh> struct SmallBloc
                 mins[2 * (c - c0)] = fp16ToFloatFast(u16(p0 + 2));
                 mins[2 * (c - c0) + 1] = p1 ? fp16ToFloatFast(u16(p1 + 2)) : 0.0f;
             }
-            finish(out[c - c0], q, pairHalves(p0, p1));
+            sink(c - c0, q, pairHalves(p0, p1));
         }
     }
 };
@@ -161,8 +163,9 @@ template <bool HighBits> struct KQuant {
     static constexpr bool asym = true;
     static constexpr float offset = 0.0f;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
-    static void decode(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, Decoded* out,
-                       float* mins) {
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, float* mins,
+                      Sink&& sink) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + kBytes * s;
             __m512 scv, mnv;
@@ -183,7 +186,7 @@ template <bool HighBits> struct KQuant {
                         _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
                     q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
                 }
-                finish(out[4 * s + c - c0], q, _mm512_permutexvar_ps(pairIndex(2 * c), scv));
+                sink(4 * s + c - c0, q, _mm512_permutexvar_ps(pairIndex(2 * c), scv));
             }
         }
     }
@@ -227,6 +230,134 @@ struct Q6_K {
     }
 };
 
+// Lane i of a chunk takes the scale of its 16-column group: 4 * chunk + i / 4 of a block's 16.
+__m512i groupIndex(int chunk) {
+    return _mm512_add_epi32(
+        _mm512_set1_epi32(4 * chunk),
+        _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), 2));
+}
+
+// Q2_K and Q3_K: the two low bits of the 64 values of chunk c of a block (see lowBitsByte).
+__m512i lowBitPairs(const std::uint8_t* codes, int c) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(codes + lowBitsByte(64 * c)));
+    const int shift = lowBitsShift(64 * c);
+    const __m512i both =
+        _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_srl_epi16(v, _mm_cvtsi32_si128(shift))),
+                           _mm256_srl_epi16(v, _mm_cvtsi32_si128(shift + 2)), 1);
+    return _mm512_and_si512(both, _mm512_set1_epi8(3));
+}
+
+struct Q2_K {
+    static constexpr bool asym = true;
+    static constexpr float offset = 0.0f;
+    static constexpr int kMinsPerChunk = 4; // a minimum per 16 columns
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, float* mins,
+                      Sink&& sink) {
+        for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
+            const std::uint8_t* b = row + 84 * s;
+            const __m128i packed = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+            const __m128i low4 = _mm_set1_epi8(0x0F);
+            const __m512 scales =
+                _mm512_mul_ps(_mm512_set1_ps(fp16ToFloatFast(u16(b + kQ2KScale))),
+                              _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(_mm_and_si128(packed, low4))));
+            _mm512_storeu_ps(mins + 4 * (4 * s - c0),
+                             _mm512_mul_ps(_mm512_set1_ps(-fp16ToFloatFast(u16(b + kQ2KMin))),
+                                           _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(
+                                               _mm_and_si128(_mm_srli_epi16(packed, 4), low4)))));
+            for (int c = 0; c < 4; ++c)
+                sink(4 * s + c - c0, lowBitPairs(b + kQ2KCodes, c),
+                     _mm512_permutexvar_ps(groupIndex(c), scales));
+        }
+    }
+};
+
+struct Q3_K {
+    static constexpr bool asym = false;
+    static constexpr float offset = 4.0f;
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, float*,
+                      Sink&& sink) {
+        for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
+            const std::uint8_t* b = row + 110 * s;
+            std::uint64_t first, second;
+            q3kBiasedScales(b + kQ3KScales, first, second);
+            const __m128i biased =
+                _mm_set_epi64x(static_cast<long long>(second), static_cast<long long>(first));
+            const __m512 scales = _mm512_mul_ps(
+                _mm512_set1_ps(fp16ToFloatFast(u16(b + kQ3KScale))),
+                _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm_sub_epi8(biased, _mm_set1_epi8(32)))));
+            const __m256i high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
+            for (int c = 0; c < 4; ++c) {
+                const std::uint64_t lo =
+                    _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c))));
+                const std::uint64_t hi =
+                    _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
+                const __m512i q = lowBitPairs(b + kQ3KCodes, c);
+                sink(4 * s + c - c0, _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(4)),
+                     _mm512_permutexvar_ps(groupIndex(c), scales));
+            }
+        }
+    }
+};
+
+// IQ4 codes become the grid levels plus 128, unsigned like Q8_0's.
+inline __m512i iq4Levels(__m512i nibbles) {
+    const __m512i grid = _mm512_xor_si512(
+        _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(kIq4Levels))),
+        _mm512_set1_epi8(static_cast<char>(0x80)));
+    return _mm512_shuffle_epi8(grid, nibbles);
+}
+
+struct IQ4_NL {
+    static constexpr bool asym = false;
+    static constexpr float offset = 128.0f;
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t nb, std::int64_t c0, std::int64_t c1, float*,
+                      Sink&& sink) {
+        for (std::int64_t c = c0; c < c1; ++c) {
+            const std::uint8_t* p0 = row + 18 * (2 * c);
+            const std::uint8_t* p1 = 2 * c + 1 < nb ? p0 + 18 : nullptr;
+            sink(c - c0, iq4Levels(nibblePairs(p0 + 2, p1 ? p1 + 2 : nullptr)), pairHalves(p0, p1));
+        }
+    }
+};
+
+struct IQ4_XS {
+    static constexpr bool asym = false;
+    static constexpr float offset = 128.0f;
+    template <class Sink>
+    static void visit(const std::uint8_t* row, std::int64_t, std::int64_t c0, std::int64_t c1, float*,
+                      Sink&& sink) {
+        for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
+            const std::uint8_t* b = row + 136 * s;
+            const __m128i biased = _mm_cvtsi64_si128(static_cast<long long>(iq4xsBiasedScales(b)));
+            const __m512 scales = _mm512_castps256_ps512(_mm256_mul_ps(
+                _mm256_set1_ps(fp16ToFloatFast(u16(b))),
+                _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_sub_epi8(biased, _mm_set1_epi8(32))))));
+            const std::uint8_t* qs = b + kIq4XsCodes;
+            for (int c = 0; c < 4; ++c) {
+                sink(4 * s + c - c0, iq4Levels(nibblePairs(qs + 32 * c, qs + 32 * c + 16)),
+                     _mm512_permutexvar_ps(pairIndex(2 * c), scales));
+            }
+        }
+    }
+};
+
+// Most decoders hand each chunk to a sink (its index from c0, codes, scales): the tiles store the
+// chunks, the one-token rows use them at once.
+template <class Format>
+inline __attribute__((always_inline)) void decodeChunks(const std::uint8_t* row, std::int64_t nb,
+                                                        std::int64_t c0, std::int64_t c1, Decoded* out,
+                                                        float* mins) {
+    if constexpr (requires { &Format::decode; }) {
+        Format::decode(row, nb, c0, c1, out, mins);
+    } else {
+        Format::visit(row, nb, c0, c1, mins,
+                      [out](std::int64_t k, __m512i q, __m512 ws) { finish(out[k], q, ws); });
+    }
+}
+
 // ---- tiles -----------------------------------------------------------------------------------
 
 // One 64-column chunk of one token's activations with everything the tiles need from it:
@@ -237,13 +368,21 @@ struct alignas(64) TokenChunk {
     float bias[16];    // -offset * dx * (sum of the lane's 4 codes) (symmetric formats)
 };
 
-// Padded length of the per-32-column arrays (minima, activation block sums) of a row.
-std::int64_t blockArrayLength(std::int64_t nChunks) {
-    return (2 * nChunks + 15) / 16 * 16;
+// Formats with a minimum keep one per 32 columns, or per 16 where they say so.
+template <class Format> constexpr int minsPerChunk() {
+    if constexpr (requires { Format::kMinsPerChunk; })
+        return Format::kMinsPerChunk;
+    else
+        return 2;
 }
 
-// Also writes, for formats with a minimum, dx * (sum of the block's codes) per 32 columns to
-// `blockSums` (zero padded to blockArrayLength).
+// Padded length of the per-group arrays (minima, activation group sums) of a row.
+std::int64_t blockArrayLength(std::int64_t nChunks, int perChunk) {
+    return (perChunk * nChunks + 15) / 16 * 16;
+}
+
+// Also writes, for formats with a minimum, dx * (sum of the group's codes) per minimum's group of
+// columns to `blockSums` (zero padded to blockArrayLength).
 template <class Format>
 void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int64_t nChunks, TokenChunk* out,
                         float* blockSums) {
@@ -251,6 +390,8 @@ void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int6
     const __m512i pairIdx = pairIndex(0);
     const std::int8_t* codes = x.codes(token);
     const float* scales = x.blockScales(token);
+    constexpr int per = minsPerChunk<Format>();
+    constexpr unsigned groupLanes = (1u << (16 / per)) - 1;
     for (std::int64_t c = 0; c < nChunks; ++c) {
         const __m512i xs = _mm512_loadu_si512(codes + kChunk * c);
         const __m512 dx = _mm512_permutexvar_ps(
@@ -261,16 +402,30 @@ void prepareTokenChunks(const ActivationBuffer& x, std::int64_t token, std::int6
         _mm512_store_ps(out[c].dx, dx);
         if constexpr (Format::asym) {
             const __m512 scaled = _mm512_mul_ps(dx, sums);
-            blockSums[2 * c] = _mm512_mask_reduce_add_ps(0x00FF, scaled);
-            blockSums[2 * c + 1] = _mm512_mask_reduce_add_ps(0xFF00, scaled);
+            for (int g = 0; g < per; ++g) {
+                blockSums[per * c + g] =
+                    _mm512_mask_reduce_add_ps(static_cast<__mmask16>(groupLanes << (16 / per * g)), scaled);
+            }
         } else {
             _mm512_store_ps(out[c].bias,
                             _mm512_mul_ps(_mm512_mul_ps(dx, _mm512_set1_ps(-Format::offset)), sums));
         }
     }
     if constexpr (Format::asym) {
-        for (std::int64_t i = 2 * nChunks; i < blockArrayLength(nChunks); ++i)
+        for (std::int64_t i = per * nChunks; i < blockArrayLength(nChunks, per); ++i)
             blockSums[i] = 0.0f;
+    }
+}
+
+// acc += one decoded chunk (codes q, scales ws) times a token's chunk (codes xs), lane-wise.
+template <class Format>
+inline __attribute__((always_inline)) void addChunk(__m512& acc, __m512i q, __m512 ws, __m512i xs,
+                                                    const TokenChunk& tc) {
+    const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs));
+    if constexpr (Format::asym) {
+        acc = _mm512_fmadd_ps(ws, _mm512_mul_ps(_mm512_load_ps(tc.dx), dot), acc);
+    } else {
+        acc = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)), acc);
     }
 }
 
@@ -291,16 +446,8 @@ inline __attribute__((always_inline)) void accumulate(__m512 (&acc)[R][T], const
             const __m512i q = _mm512_load_si512(d.q);
             const __m512 ws = _mm512_load_ps(d.ws);
 #pragma GCC unroll 8
-            for (int t = 0; t < T; ++t) {
-                const TokenChunk& tc = tokens[t][c];
-                const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs[t]));
-                if constexpr (Format::asym) {
-                    acc[r][t] = _mm512_fmadd_ps(ws, _mm512_mul_ps(_mm512_load_ps(tc.dx), dot), acc[r][t]);
-                } else {
-                    acc[r][t] = _mm512_fmadd_ps(
-                        ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)), acc[r][t]);
-                }
-            }
+            for (int t = 0; t < T; ++t)
+                addChunk<Format>(acc[r][t], q, ws, xs[t], tokens[t][c]);
         }
     }
 }
@@ -336,7 +483,7 @@ struct Buffers {
     Decoded* decoded;   // decoded rows, rowStride chunks apart
     float* mins;        // minima of those rows, minsStride floats apart
     TokenChunk* tokens; // activation chunks of the current token tile, nChunks apart
-    float* sums;        // activation block sums of the tile, blockArrayLength(nChunks) apart
+    float* sums;        // activation group sums of the tile, sumsStride() apart
 };
 
 template <class Format> struct QuantKernel {
@@ -348,8 +495,9 @@ template <class Format> struct QuantKernel {
     std::int64_t nChunks; // 64-column chunks per row
 
     std::int64_t panelStride() const { return nChunks | 1; }
-    std::int64_t sumsStride() const { return blockArrayLength(nChunks); }
-    static constexpr std::int64_t kStreamMins = 2 * kStreamChunks; // a multiple of 16
+    static constexpr int kMins = minsPerChunk<Format>();
+    std::int64_t sumsStride() const { return blockArrayLength(nChunks, kMins); }
+    static constexpr std::int64_t kStreamMins = kMins * kStreamChunks; // a multiple of 16
 
     const std::uint8_t* row(std::int64_t r) const {
         return static_cast<const std::uint8_t*>(w.data) + static_cast<std::size_t>(r) * w.rowBytes;
@@ -358,9 +506,9 @@ template <class Format> struct QuantKernel {
     // Decodes chunks [c0, c1) of a row; minima beyond them, up to `minsLength`, are zeroed.
     void decode(std::int64_t r, std::int64_t c0, std::int64_t c1, Decoded* out, float* mins,
                 std::int64_t minsLength) const {
-        Format::decode(row(r), nb, c0, c1, out, mins);
+        decodeChunks<Format>(row(r), nb, c0, c1, out, mins);
         if constexpr (Format::asym) {
-            for (std::int64_t i = 2 * (c1 - c0); i < minsLength; ++i)
+            for (std::int64_t i = kMins * (c1 - c0); i < minsLength; ++i)
                 mins[i] = 0.0f;
         }
     }
@@ -403,11 +551,36 @@ template <class Format> struct QuantKernel {
             if constexpr (Format::asym) {
 #pragma GCC unroll 8
                 for (int t = 0; t < T; ++t)
-                    sums[t] = b.sums + t * sumsStride() + 2 * c0;
-                addMinima<R, T>(acc, mins, sums, (2 * n + 15) / 16 * 16);
+                    sums[t] = b.sums + t * sumsStride() + kMins * c0;
+                addMinima<R, T>(acc, mins, sums, (kMins * n + 15) / 16 * 16);
             }
         }
         storeTile<R, T>(acc, y, ldy, r0, 0);
+    }
+
+    // One token: each chunk goes from the decoder straight into the product, in registers; the
+    // operations and their order are streamTile<1, 1>'s.
+    static constexpr bool kVisits = !requires {
+        &Format::decode;
+    };
+    void visitRow(std::int64_t r, const Buffers& b) const {
+        __m512 acc[1][1] = {{_mm512_setzero_ps()}};
+        alignas(64) float mins[kStreamMins];
+        for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
+            const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
+            const TokenChunk* tokens = b.tokens + c0;
+            Format::visit(row(r), nb, c0, c0 + n, mins, [&](std::int64_t k, __m512i q, __m512 ws) {
+                addChunk<Format>(acc[0][0], q, ws, _mm512_load_si512(tokens[k].x), tokens[k]);
+            });
+            if constexpr (Format::asym) {
+                for (std::int64_t i = kMins * n; i < kStreamMins; ++i)
+                    mins[i] = 0.0f;
+                const float* rowMins[1] = {mins};
+                const float* sums[1] = {b.sums + kMins * c0};
+                addMinima<1, 1>(acc, rowMins, sums, (kMins * n + 15) / 16 * 16);
+            }
+        }
+        storeTile<1, 1>(acc, y, ldy, r, 0);
     }
 
     template <int T> void streamRows(std::int64_t rowBegin, std::int64_t rowEnd, const Buffers& b) const {
@@ -473,7 +646,13 @@ template <class Format> struct QuantKernel {
             const Buffers b{decoded.data(), mins.data(), tokenChunks.data(), sums.data()};
             switch (tokens) {
             case 1:
-                streamRows<1>(rowBegin, rowEnd, b);
+                if constexpr (kVisits) {
+                    prepareTokens<1>(0, b);
+                    for (std::int64_t r = rowBegin; r < rowEnd; ++r)
+                        visitRow(r, b);
+                } else {
+                    streamRows<1>(rowBegin, rowEnd, b);
+                }
                 break;
             case 2:
                 streamRows<2>(rowBegin, rowEnd, b);
@@ -785,41 +964,57 @@ void quantizeActivationsAvx512(const float* x, std::int64_t cols, std::int64_t p
         _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + 32 * b + 16), qc);
     }
 }
+namespace {
+
+struct Avx512 {
+    using Q8_0 = detail::Q8_0;
+    using Q4_0 = detail::Q4_0;
+    using Q4_1 = detail::Q4_1;
+    using Q5_0 = detail::Q5_0;
+    using Q5_1 = detail::Q5_1;
+    using Q2_K = detail::Q2_K;
+    using Q3_K = detail::Q3_K;
+    using Q4_K = detail::Q4_K;
+    using Q5_K = detail::Q5_K;
+    using Q6_K = detail::Q6_K;
+    using IQ4_NL = detail::IQ4_NL;
+    using IQ4_XS = detail::IQ4_XS;
+
+    template <GgmlType Type>
+    static void floats(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                       std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        runFloat<Type>(w, x, rowBegin, rowEnd, y, ldy);
+    }
+    template <class Format>
+    static void quantised(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                          std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        runQuant<Format>(w, x, rowBegin, rowEnd, y, ldy);
+    }
+    static bool fewTokens(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                          std::int64_t rowEnd, float* y, std::int64_t) {
+        if (x.tokens() != 1)
+            return false;
+        switch (w.type) {
+        case GgmlType::Q8_0:
+            oneTokenQ8_0(w, x, rowBegin, rowEnd, y);
+            return true;
+        case GgmlType::Q4_K:
+            oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
+            return true;
+        case GgmlType::Q6_K:
+            oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
+            return true;
+        default:
+            return false;
+        }
+    }
+};
+
+} // namespace
 
 void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                   std::int64_t rowEnd, float* y, std::int64_t ldy) {
-    switch (w.type) {
-    case GgmlType::F32:
-        return runFloat<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::F16:
-        return runFloat<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::BF16:
-        return runFloat<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q8_0:
-        if (x.tokens() == 1)
-            return oneTokenQ8_0(w, x, rowBegin, rowEnd, y);
-        return runQuant<Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_0:
-        return runQuant<Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_1:
-        return runQuant<Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_0:
-        return runQuant<Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_1:
-        return runQuant<Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q4_K:
-        if (x.tokens() == 1)
-            return oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
-        return runQuant<Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q5_K:
-        return runQuant<Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
-    case GgmlType::Q6_K:
-        if (x.tokens() == 1)
-            return oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
-        return runQuant<Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
-    default:
-        return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
-    }
+    dispatchProduct<Avx512>(w, x, rowBegin, rowEnd, y, ldy);
 }
 
 } // namespace parlune::llm::detail

@@ -1,5 +1,8 @@
 #include "llm/tensor/Quantization.h"
 
+#include "llm/tensor/LowBitCodecs.h"
+#include "llm/tensor/ScaleFit.h"
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -180,63 +183,6 @@ void dequantizeQ5_1(const std::uint8_t* b, float* y) {
 
 // ---- K-quants ----------------------------------------------------------------------------
 
-// Fits x ~ scale * q - offset over one sub-block, q in [0, nmax], offset >= 0. Tries a range of
-// grid spacings and refines each by least squares; keeps the one with the smallest error.
-void fitScaleOffset(const float* x, int n, int nmax, float& scale, float& offset) {
-    float lo = 0.0f;
-    float hi = x[0];
-    for (int i = 0; i < n; ++i) {
-        lo = std::min(lo, x[i]);
-        hi = std::max(hi, x[i]);
-    }
-    if (hi <= lo) {
-        scale = 0.0f;
-        offset = -lo;
-        return;
-    }
-    float bestErr = INFINITY;
-    scale = (hi - lo) / static_cast<float>(nmax);
-    offset = -lo;
-    for (int step = -6; step <= 12; ++step) {
-        const float iscale = (static_cast<float>(nmax) + 0.1f * static_cast<float>(step)) / (hi - lo);
-        double sq = 0, sqq = 0, sx = 0, sqx = 0;
-        int q[kSuperBlock];
-        for (int i = 0; i < n; ++i) {
-            q[i] = std::clamp(nearest((x[i] - lo) * iscale), 0, nmax);
-            sq += q[i];
-            sqq += static_cast<double>(q[i]) * q[i];
-            sx += x[i];
-            sqx += q[i] * static_cast<double>(x[i]);
-        }
-        // Least squares for x = s * q + m.
-        const double det = n * sqq - sq * sq;
-        double s, m;
-        if (det > 0) {
-            s = (n * sqx - sq * sx) / det;
-            m = (sqq * sx - sq * sqx) / det;
-        } else {
-            s = 0;
-            m = sx / n;
-        }
-        if (m > 0) { // the offset may only lower values
-            m = 0;
-            s = sqq > 0 ? sqx / sqq : 0;
-        }
-        if (s < 0)
-            continue;
-        double err = 0;
-        for (int i = 0; i < n; ++i) {
-            const double e = s * q[i] + m - x[i];
-            err += e * e;
-        }
-        if (err < bestErr) {
-            bestErr = static_cast<float>(err);
-            scale = static_cast<float>(s);
-            offset = static_cast<float>(-m);
-        }
-    }
-}
-
 void packScales6(const int* sc, const int* mn, std::uint8_t* q) {
     for (int j = 0; j < 4; ++j) {
         q[j] = static_cast<std::uint8_t>(sc[j] & 63);
@@ -261,6 +207,7 @@ void unpackScales6(const std::uint8_t* q, int j, int& sc, int& mn) {
 // Shared by Q4_K and Q5_K: fits the eight sub-blocks, stores d, dmin and the 6-bit scales, and
 // returns the codes (0..nmax) of all 256 elements.
 void quantizeKScales(const float* x, int nmax, std::uint8_t* b, int* q) {
+    using detail::fitScaleOffset;
     float scales[8], offsets[8];
     float maxScale = 0.0f, maxOffset = 0.0f;
     for (int j = 0; j < 8; ++j) {
@@ -432,11 +379,19 @@ struct Codec {
     BlockDecoder decode;
 };
 constexpr Codec kCodecs[] = {
-    {GgmlType::Q8_0, quantizeQ8_0, dequantizeQ8_0}, {GgmlType::Q4_0, quantizeQ4_0, dequantizeQ4_0},
-    {GgmlType::Q4_1, quantizeQ4_1, dequantizeQ4_1}, {GgmlType::Q5_0, quantizeQ5_0, dequantizeQ5_0},
-    {GgmlType::Q5_1, quantizeQ5_1, dequantizeQ5_1}, {GgmlType::Q4_K, quantizeQ4_K, dequantizeQ4_K},
-    {GgmlType::Q5_K, quantizeQ5_K, dequantizeQ5_K}, {GgmlType::Q6_K, quantizeQ6_K, dequantizeQ6_K},
+    {GgmlType::Q8_0, quantizeQ8_0, dequantizeQ8_0},
+    {GgmlType::Q4_0, quantizeQ4_0, dequantizeQ4_0},
+    {GgmlType::Q4_1, quantizeQ4_1, dequantizeQ4_1},
+    {GgmlType::Q5_0, quantizeQ5_0, dequantizeQ5_0},
+    {GgmlType::Q5_1, quantizeQ5_1, dequantizeQ5_1},
+    {GgmlType::Q4_K, quantizeQ4_K, dequantizeQ4_K},
+    {GgmlType::Q5_K, quantizeQ5_K, dequantizeQ5_K},
+    {GgmlType::Q6_K, quantizeQ6_K, dequantizeQ6_K},
     {GgmlType::Q8_K, quantizeQ8_K, dequantizeQ8_K},
+    {GgmlType::Q2_K, detail::quantizeQ2_K, detail::dequantizeQ2_K},
+    {GgmlType::Q3_K, detail::quantizeQ3_K, detail::dequantizeQ3_K},
+    {GgmlType::IQ4_NL, detail::quantizeIQ4_NL, detail::dequantizeIQ4_NL},
+    {GgmlType::IQ4_XS, detail::quantizeIQ4_XS, detail::dequantizeIQ4_XS},
 };
 const Codec* findCodec(GgmlType type) {
     for (const Codec& c : kCodecs) {

@@ -233,9 +233,10 @@ std::optional<TestWeightScheme> TestWeightScheme::parse(std::string_view name) {
     if (lower == "q4_k_m") {
         return TestWeightScheme{GgmlType::Q4_K, true};
     }
-    static constexpr std::array types = {GgmlType::F32,  GgmlType::F16,  GgmlType::BF16, GgmlType::Q4_0,
-                                         GgmlType::Q4_1, GgmlType::Q5_0, GgmlType::Q5_1, GgmlType::Q8_0,
-                                         GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K};
+    static constexpr std::array types = {GgmlType::F32,  GgmlType::F16,    GgmlType::BF16,  GgmlType::Q4_0,
+                                         GgmlType::Q4_1, GgmlType::Q5_0,   GgmlType::Q5_1,  GgmlType::Q8_0,
+                                         GgmlType::Q2_K, GgmlType::Q3_K,   GgmlType::Q4_K,  GgmlType::Q5_K,
+                                         GgmlType::Q6_K, GgmlType::IQ4_NL, GgmlType::IQ4_XS};
     for (const GgmlType type : types) {
         std::string typeName(ggmlTypeTraits(type).name);
         for (char& c : typeName) {
@@ -271,7 +272,7 @@ std::optional<TestModelRecipe> TestModelRecipe::shape(std::string_view name, Arc
     static constexpr Dimensions kShapes[] = {
         {"135m", 576, 30, 9, 3, 1536, 49152, 8192},    {"0.5b", 896, 24, 14, 2, 4864, 151936, 32768},
         {"1b", 2048, 16, 32, 8, 8192, 128256, 131072}, {"1.5b", 1536, 28, 12, 2, 8960, 151936, 32768},
-        {"3b", 2048, 36, 16, 2, 11008, 151936, 32768},
+        {"3b", 2048, 36, 16, 2, 11008, 151936, 32768}, {"3b-llama", 3072, 28, 24, 8, 8192, 128256, 131072},
     };
     for (const Dimensions& d : kShapes) {
         if (d.name != name) {

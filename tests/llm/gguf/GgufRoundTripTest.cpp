@@ -152,11 +152,11 @@ TEST(GgufRoundTripTest, TensorsAreAlignedAndTheirBytesComeBackUnchanged) {
     const auto f16Data = patternBytes(10, 1); // 5 halves: forces padding before the next tensor
     const auto q8Data = patternBytes(2 * 68, 2);
     const auto f32Data = patternBytes(4 * 3 * 4, 3);
-    const auto q3Data = patternBytes(110, 4);
+    const auto q81Data = patternBytes(36, 4);
     writer.addTensor("norm.weight", {5}, GgmlType::F16, f16Data);
     writer.addTensor("blk.0.attn_q.weight", {64, 2}, GgmlType::Q8_0, q8Data);
     writer.addTensor("cube", {4, 3, 1, 1}, GgmlType::F32, f32Data);
-    writer.addTensor("legacy", {256}, GgmlType::Q3_K, q3Data);
+    writer.addTensor("legacy", {32}, GgmlType::Q8_1, q81Data);
     const auto file = GgufFile::fromBuffer(writer.toBytes());
 
     ASSERT_EQ(file->tensors().size(), 4u);

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -82,6 +83,20 @@ TEST(ModelLoad, RejectsUnusableMetadataWithTheKeyNamed) {
                      "unsupported RoPE scaling type");
     expectModelError(fileWith([](GgufWriter& w) { w.setString("llama.context_length", "many"); }),
                      "llama.context_length");
+}
+
+TEST(ModelLoad, RefusesWeightTypesItCannotComputeByName) {
+    // A down projection (rows of 256) relabelled as IQ2_XXS, a type files carry but we do not run;
+    // its blocks are smaller, so the file stays consistent.
+    std::vector<std::byte> bytes = TestModelMaker::build(tinySpec(Architecture::llama)).toBytes();
+    const std::string name = "blk.1.ffn_down.weight";
+    const auto at = std::search(bytes.begin(), bytes.end(), name.begin(), name.end(),
+                                [](std::byte b, char c) { return b == static_cast<std::byte>(c); });
+    ASSERT_NE(at, bytes.end());
+    const std::uint32_t type = static_cast<std::uint32_t>(GgmlType::IQ2_XXS);
+    std::memcpy(&*(at + static_cast<std::ptrdiff_t>(name.size()) + 4 + 2 * 8), &type, 4);
+    expectModelError(GgufFile::fromBuffer(std::move(bytes), "relabelled model"),
+                     "'blk.1.ffn_down.weight' has unsupported type IQ2_XXS");
 }
 
 TEST(ModelLoad, RejectsMissingOrMisshapenTensors) {

@@ -74,13 +74,13 @@ TEST(TestModelMaker, MixedSchemeFollowsRowLengths) {
     const TestWeightScheme q6k = *TestWeightScheme::parse("q6_k");
     EXPECT_EQ(TestModelMaker::matrixType(q6k, "blk.0.attn_q.weight", 0, 2, 64), GgmlType::Q8_0);
     EXPECT_EQ(TestModelMaker::matrixType(q6k, "blk.0.ffn_down.weight", 0, 2, 256), GgmlType::Q6_K);
-    EXPECT_FALSE(TestWeightScheme::parse("q3_k").has_value());
+    EXPECT_FALSE(TestWeightScheme::parse("q8_1").has_value());
 }
 
 TEST(TestModelMaker, EveryWeightTypeLoadsAndRuns) {
     ThreadPool pool(2);
-    for (const char* type :
-         {"f32", "f16", "bf16", "q4_0", "q4_1", "q5_0", "q5_1", "q8_0", "q4_k", "q5_k", "q6_k", "q4_k_m"}) {
+    for (const char* type : {"f32", "f16", "bf16", "q4_0", "q4_1", "q5_0", "q5_1", "q8_0", "q2_k", "q3_k",
+                             "q4_k", "q5_k", "q6_k", "iq4_nl", "iq4_xs", "q4_k_m"}) {
         TestModelRecipe recipe = tinySpec(Architecture::llama);
         recipe.weights = *TestWeightScheme::parse(type);
         recipe.feedForwardSize = 512; // down-projection rows of two 256-blocks

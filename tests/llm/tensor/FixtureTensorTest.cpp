@@ -50,6 +50,13 @@ double boundFor(GgmlType type) {
     case GgmlType::Q5_0:
     case GgmlType::Q5_K:
         return 6e-3;
+    case GgmlType::IQ4_NL:
+    case GgmlType::IQ4_XS:
+        return 1e-2;
+    case GgmlType::Q3_K:
+        return 3e-2;
+    case GgmlType::Q2_K:
+        return 1.1e-1;
     default:
         return 2.5e-2;
     }
@@ -87,7 +94,11 @@ INSTANTIATE_TEST_SUITE_P(Models, FixtureTensors,
                                            Expectation{"llama-tiny-Q6_K.gguf", "llama-tiny-f32.gguf"},
                                            Expectation{"llama-tiny-Q4_K_M.gguf", "llama-tiny-f32.gguf"},
                                            Expectation{"qwen2-tiny-Q8_0.gguf", "qwen2-tiny-f16.gguf"},
-                                           Expectation{"qwen2-tiny-Q4_K_M.gguf", "qwen2-tiny-f16.gguf"}));
+                                           Expectation{"qwen2-tiny-Q4_K_M.gguf", "qwen2-tiny-f16.gguf"},
+                                           Expectation{"llama-w256-Q3_K_M.gguf", "llama-w256-f32.gguf"},
+                                           Expectation{"llama-w256-Q2_K.gguf", "llama-w256-f32.gguf"},
+                                           Expectation{"llama-w256-IQ4_XS.gguf", "llama-w256-f32.gguf"},
+                                           Expectation{"llama-w256-IQ4_NL.gguf", "llama-w256-f32.gguf"}));
 
 TEST(FixtureTensors, EveryPathMultipliesTheReferenceBlocksAlike) {
     if (!std::filesystem::is_directory(kModels)) {
@@ -95,7 +106,8 @@ TEST(FixtureTensors, EveryPathMultipliesTheReferenceBlocksAlike) {
     }
     int products = 0;
     for (const char* name : {"llama-tiny-Q4_K_M.gguf", "llama-tiny-Q6_K.gguf", "qwen2-tiny-Q8_0.gguf",
-                             "llama-tiny-Q4_0.gguf", "llama-tiny-f16.gguf"}) {
+                             "llama-tiny-Q4_0.gguf", "llama-tiny-f16.gguf", "llama-w256-Q2_K.gguf",
+                             "llama-w256-IQ4_XS.gguf", "llama-w256-IQ4_NL.gguf"}) {
         const auto file = GgufFile::open(kModels / name);
         for (const GgufTensorInfo& tensor : file->tensors()) {
             if (!isSupportedWeightType(tensor.type) || tensor.dims.size() != 2 || tensor.dims[1] > 4096)

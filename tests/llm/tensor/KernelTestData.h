@@ -56,6 +56,8 @@ inline std::vector<int> halfFieldOffsets(GgmlType type) {
     case GgmlType::Q8_0:
     case GgmlType::Q4_0:
     case GgmlType::Q5_0:
+    case GgmlType::IQ4_NL:
+    case GgmlType::IQ4_XS:
         return {0};
     case GgmlType::Q4_1:
     case GgmlType::Q5_1:
@@ -64,6 +66,10 @@ inline std::vector<int> halfFieldOffsets(GgmlType type) {
         return {0, 2};
     case GgmlType::Q6_K:
         return {208};
+    case GgmlType::Q3_K:
+        return {108};
+    case GgmlType::Q2_K:
+        return {80, 82};
     default:
         return {};
     }

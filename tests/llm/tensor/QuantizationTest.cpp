@@ -81,7 +81,9 @@ INSTANTIATE_TEST_SUITE_P(
                       QualityCase{GgmlType::Q6_K, 4e-4}, QualityCase{GgmlType::Q5_0, 3.5e-3},
                       QualityCase{GgmlType::Q5_1, 3e-3}, QualityCase{GgmlType::Q5_K, 2e-3},
                       QualityCase{GgmlType::Q4_0, 1.3e-2}, QualityCase{GgmlType::Q4_1, 1.1e-2},
-                      QualityCase{GgmlType::Q4_K, 8e-3}),
+                      QualityCase{GgmlType::Q4_K, 8e-3}, QualityCase{GgmlType::IQ4_NL, 9e-3},
+                      QualityCase{GgmlType::IQ4_XS, 9e-3}, QualityCase{GgmlType::Q3_K, 3e-2},
+                      QualityCase{GgmlType::Q2_K, 9e-2}),
     [](const auto& tp) { return std::string(ggmlTypeTraits(tp.param.type).name); });
 
 TEST(RowCodec, F32IsExactAndZerosStayZero) {
@@ -90,7 +92,8 @@ TEST(RowCodec, F32IsExactAndZerosStayZero) {
     quantizeRow(GgmlType::F32, x.data(), back.data(), 64);
     EXPECT_EQ(back, x);
     for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q4_0, GgmlType::Q4_1, GgmlType::Q5_0, GgmlType::Q5_1,
-                          GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K, GgmlType::Q8_K}) {
+                          GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K, GgmlType::Q8_K, GgmlType::Q2_K,
+                          GgmlType::Q3_K, GgmlType::IQ4_NL, GgmlType::IQ4_XS}) {
         const std::vector<float> zeros(256, 0.0f);
         std::vector<std::uint8_t> encoded(*ggmlRowBytes(type, 256));
         std::vector<float> out(256, 1.0f);
@@ -107,7 +110,8 @@ TEST(RowCodec, ExtremeMagnitudesStayFiniteAndClose) {
         x[i] *= 1e4f;
     for (int i = 256; i < 512; ++i)
         x[i] *= 1e-3f;
-    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q6_K, GgmlType::F16}) {
+    for (GgmlType type : {GgmlType::Q8_0, GgmlType::Q5_0, GgmlType::Q4_K, GgmlType::Q6_K, GgmlType::F16,
+                          GgmlType::IQ4_NL, GgmlType::IQ4_XS}) {
         std::vector<std::uint8_t> encoded(*ggmlRowBytes(type, 512));
         std::vector<float> back(512);
         quantizeRow(type, x.data(), encoded.data(), 512);
@@ -181,13 +185,65 @@ TEST(BlockLayout, Q6_KElementPositions) {
     EXPECT_EQ(y[128 + 32 + 5], -32.0f * 11);
 }
 
+TEST(BlockLayout, Q3_KScalesHighBitsAndElementPositions) {
+    std::uint8_t block[110] = {};
+    const std::uint16_t one = floatToFp16(1.0f);
+    std::memcpy(block + 108, &one, 2);
+    // Group 5 scale -3 (29 + 32 bias: low nibble of scale byte 5, high bits 2-3 of byte 9),
+    // group 12 scale 31 (63: high nibble of byte 4, bits 6-7 of byte 8).
+    block[96 + 5] = 13;
+    block[96 + 9] = 1 << 2;
+    block[96 + 4] = 0xF0;
+    block[96 + 8] = 3 << 6;
+    block[32 + 19] = 2 << 4; // element 83: low bits 2 (codes byte 19, bits 4-5) ...
+    block[19] = 1 << 2;      // ... third bit set (hmask byte 19, bit 2): code 6
+    block[9] = 1 << 6;       // element 201: third bit only, code 4
+    float y[256];
+    dequantizeRow(GgmlType::Q3_K, block, y, 256);
+    EXPECT_EQ(y[83], -3.0f * (6 - 4));
+    EXPECT_EQ(y[84], -3.0f * (0 - 4));
+    EXPECT_EQ(y[200], 31.0f * (0 - 4));
+    EXPECT_EQ(y[201], 0.0f);
+    EXPECT_EQ(y[0], -32.0f * (0 - 4)); // scale byte 0 zero: -32
+}
+
+TEST(BlockLayout, Q2_KScaleMinimumAndElementPositions) {
+    std::uint8_t block[84] = {};
+    const std::uint16_t one = floatToFp16(1.0f), half = floatToFp16(0.5f);
+    std::memcpy(block + 80, &one, 2);
+    std::memcpy(block + 82, &half, 2);
+    block[9] = 3 | (4 << 4); // group 9: scale 3, minimum 4
+    block[16 + 54] = 3;      // element 150: codes byte 32 + 22, bits 0-1
+    block[16 + 31] = 2 << 6; // element 127: codes byte 31, bits 6-7
+    block[7] = 5;
+    float y[256];
+    dequantizeRow(GgmlType::Q2_K, block, y, 256);
+    EXPECT_EQ(y[150], 3.0f * 3 - 0.5f * 4);
+    EXPECT_EQ(y[151], -0.5f * 4);
+    EXPECT_EQ(y[127], 5.0f * 2);
+}
+
+TEST(BlockLayout, IQ4_XSScalesAndGridLevels) {
+    std::uint8_t block[136] = {};
+    const std::uint16_t one = floatToFp16(1.0f);
+    std::memcpy(block, &one, 2);
+    block[4 + 1] = 0x80;  // sub-block 3: low scale bits 8 (high nibble of byte 1) ...
+    block[2] = 2 << 6;    // ... high bits 2 (bits 6-7 of the high word): 40, so 8 after the bias
+    block[8 + 48] = 0xF0; // sub-block 3, byte 0: element 96 level 0, element 112 level 15
+    float y[256];
+    dequantizeRow(GgmlType::IQ4_XS, block, y, 256);
+    EXPECT_EQ(y[96], 8.0f * -127);
+    EXPECT_EQ(y[112], 8.0f * 113);
+    EXPECT_EQ(y[0], -32.0f * -127); // scale bits zero: -32
+}
+
 TEST(RowCodec, RejectsPartialBlocksAndUnknownTypes) {
     float x[48] = {};
     std::uint8_t out[64];
     EXPECT_THROW(quantizeRow(GgmlType::Q8_0, x, out, 48), std::invalid_argument);
     EXPECT_THROW(dequantizeRow(GgmlType::Q4_K, out, x, 32), std::invalid_argument);
-    EXPECT_THROW(quantizeRow(GgmlType::Q2_K, x, out, 256), std::invalid_argument);
-    EXPECT_FALSE(hasRowCodec(GgmlType::Q3_K));
+    EXPECT_THROW(quantizeRow(GgmlType::Q8_1, x, out, 32), std::invalid_argument);
+    EXPECT_FALSE(hasRowCodec(GgmlType::Q8_1));
 }
 
 } // namespace

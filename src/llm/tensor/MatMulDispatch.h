@@ -1,0 +1,56 @@
+#pragma once
+
+// Internal to the matrix product: the per-type switch every SIMD level shares. A level is a
+// struct with
+//   template <GgmlType Type> static void floats(PRODUCT);   F32, F16 or BF16 weights
+//   template <class Format> static void quantised(PRODUCT); its tiles over one decoder
+//   static bool fewTokens(PRODUCT);  its own kernels for one or a few tokens; false where none
+// (PRODUCT: w, x, rowBegin, rowEnd, y, ldy) and a member type per quantised format naming that
+// level's decoder of it. Included only by the level files, each compiled with its own flags.
+
+#include "llm/tensor/MatMulKernels.h"
+
+namespace parlune::llm::detail {
+
+template <class Level>
+void dispatchProduct(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                     std::int64_t rowEnd, float* y, std::int64_t ldy) {
+    if (Level::fewTokens(w, x, rowBegin, rowEnd, y, ldy))
+        return;
+    switch (w.type) {
+    case GgmlType::F32:
+        return Level::template floats<GgmlType::F32>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::F16:
+        return Level::template floats<GgmlType::F16>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::BF16:
+        return Level::template floats<GgmlType::BF16>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q8_0:
+        return Level::template quantised<typename Level::Q8_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_0:
+        return Level::template quantised<typename Level::Q4_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_1:
+        return Level::template quantised<typename Level::Q4_1>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_0:
+        return Level::template quantised<typename Level::Q5_0>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_1:
+        return Level::template quantised<typename Level::Q5_1>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q2_K:
+        return Level::template quantised<typename Level::Q2_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q3_K:
+        return Level::template quantised<typename Level::Q3_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q4_K:
+        return Level::template quantised<typename Level::Q4_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q5_K:
+        return Level::template quantised<typename Level::Q5_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::Q6_K:
+        return Level::template quantised<typename Level::Q6_K>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::IQ4_NL:
+        return Level::template quantised<typename Level::IQ4_NL>(w, x, rowBegin, rowEnd, y, ldy);
+    case GgmlType::IQ4_XS:
+        return Level::template quantised<typename Level::IQ4_XS>(w, x, rowBegin, rowEnd, y, ldy);
+    default:
+        return matmulScalar(w, x, rowBegin, rowEnd, y, ldy);
+    }
+}
+
+} // namespace parlune::llm::detail
