@@ -1,5 +1,5 @@
 // Entry point of the X11 ports' desktop tests, with a report of main-thread stalls per suite.
-#include "DesktopSession.h"
+#include "DesktopTestRun.h"
 #include "StallWatchdog.h"
 
 #include <QGuiApplication>
@@ -28,7 +28,7 @@ class StallReport final : public ::testing::EmptyTestEventListener {
 } // namespace
 
 int main(int argc, char** argv) {
-    return parlune::test::DesktopSession::runTests(
+    return parlune::test::runDesktopTests(
         argc, argv, QStringLiteral(PARLUNE_TEST_OPENBOX_RC), [](int& count, char** arguments) {
             QGuiApplication app(count, arguments);
             parlune::test::StallWatchdog watchdog;

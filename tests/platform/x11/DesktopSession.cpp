@@ -1,5 +1,4 @@
 #include "DesktopSession.h"
-#include "platform/x11/X11Desktop.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -11,8 +10,6 @@
 
 #include <xcb/xcb.h>
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -21,7 +18,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 
 namespace parlune::test {
@@ -272,32 +268,6 @@ void DesktopSession::stop() {
         QDir(directory_).removeRecursively();
         directory_.clear();
     }
-}
-
-int DesktopSession::runTests(int argc, char** argv, const QString& openboxConfig,
-                             const std::function<int(int&, char**)>& withDesktop) {
-    bool listing = false;
-    for (int i = 1; i < argc; ++i) {
-        listing = listing || std::strncmp(argv[i], "--gtest_list_tests", 18) == 0;
-    }
-    ::testing::InitGoogleTest(&argc, argv);
-    if (listing) {
-        return RUN_ALL_TESTS();
-    }
-    x11::X11Desktop::prepareProcess();
-    DesktopSession session;
-    session.start(openboxConfig);
-    setCurrent(&session);
-    int result = 0;
-    if (session.isRunning()) {
-        result = withDesktop(argc, argv);
-    } else {
-        QCoreApplication app(argc, argv);
-        result = RUN_ALL_TESTS();
-    }
-    setCurrent(nullptr);
-    session.stop();
-    return result;
 }
 
 } // namespace parlune::test

@@ -5,7 +5,6 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -31,12 +30,6 @@ public:
 
     static DesktopSession* current();
     static void setCurrent(DesktopSession* session);
-
-    // The body of a desktop-test program's main(). Listing the tests (CTest's discovery) starts
-    // nothing. Otherwise the desktop starts first, since the Qt application `withDesktop` constructs
-    // connects to it when constructed; without a desktop every test reports itself skipped.
-    static int runTests(int argc, char** argv, const QString& openboxConfig,
-                        const std::function<int(int&, char**)>& withDesktop);
 
     // Starts a program with this desktop's environment; returns its process id or -1.
     // Its output goes to `log` when given, else nowhere.
