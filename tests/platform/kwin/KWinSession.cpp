@@ -8,6 +8,9 @@
 #include <QFile>
 #include <QStandardPaths>
 
+#include <algorithm>
+#include <vector>
+
 #include <signal.h>
 
 namespace parlune::test {
@@ -141,6 +144,14 @@ QDBusConnection KWinSession::connect(const QString& name) const {
     return QDBusConnection::connectToBus(busAddress_, name);
 }
 
+std::unique_ptr<QProcess> KWinSession::launch(const QString& program, const QStringList& arguments) const {
+    auto process = std::make_unique<QProcess>();
+    process->setProcessEnvironment(environment_);
+    process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process->start(program, arguments);
+    return process;
+}
+
 QString KWinSession::waylandSocketPath() const {
     return directory_ ? directory_->path() + QLatin1Char('/') + socketName : QString();
 }
@@ -155,23 +166,32 @@ QByteArray KWinSession::compositorLog() const {
 
 void KWinSession::endServicesStartedByBus() {
     // The portals the bus started do not all end with it (KDE's backend keeps running), so every
-    // other client of this private bus is asked to end.
+    // other client of this private bus is ended: asked first, then made to.
     const QString name = QStringLiteral("parlune-kwin-session-end");
+    std::vector<pid_t> clients;
     {
         QDBusConnection bus = connect(name);
         QDBusConnectionInterface* daemon = bus.interface();
         const QStringList names = daemon ? daemon->registeredServiceNames().value() : QStringList{};
         for (const QString& client : names) {
-            if (!client.startsWith(u':')) {
-                continue;
-            }
-            const uint pid = daemon->servicePid(client).value();
+            const uint pid = client.startsWith(u':') ? daemon->servicePid(client).value() : 0;
             if (pid != 0 && static_cast<qint64>(pid) != QCoreApplication::applicationPid()) {
-                ::kill(static_cast<pid_t>(pid), SIGTERM);
+                clients.push_back(static_cast<pid_t>(pid));
             }
         }
     }
     QDBusConnection::disconnectFromBus(name);
+    for (pid_t pid : clients) {
+        ::kill(pid, SIGTERM);
+    }
+    pumpUntil(
+        [&] {
+            return std::all_of(clients.begin(), clients.end(), [](pid_t pid) { return ::kill(pid, 0) != 0; });
+        },
+        3000);
+    for (pid_t pid : clients) {
+        ::kill(pid, SIGKILL);
+    }
 }
 
 void KWinSession::stop() {

@@ -31,6 +31,8 @@ public:
     QDBusConnection connect(const QString& name) const;
     const QString& busAddress() const { return busAddress_; }
     QString waylandSocketPath() const;
+    // Starts a program as a client of this session (Qt programs on its Wayland socket).
+    std::unique_ptr<QProcess> launch(const QString& program, const QStringList& arguments) const;
     // KWin's own output, for failure messages.
     QByteArray compositorLog() const;
 

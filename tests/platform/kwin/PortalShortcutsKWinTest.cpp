@@ -1,5 +1,5 @@
 #include "KWinFakeKeyboard.h"
-#include "KWinSession.h"
+#include "KWinTest.h"
 
 #include "core/hotkeys/HotKeyError.h"
 #include "core/hotkeys/HotKeyManager.h"
@@ -30,22 +30,20 @@ constexpr int deliveryTimeoutMs = 5'000;
 // Qt's key code for Alt+R, as the shortcut daemon stores keys.
 constexpr int altR = 0x08000000 | 0x52;
 
-class PortalShortcutsOnKWin : public ::testing::Test {
+class PortalShortcutsOnKWin : public test::KWinTest {
 protected:
     void SetUp() override {
-        if (!session_.start()) {
-            GTEST_SKIP() << "no KWin session: " << session_.failure().toStdString();
+        KWinTest::SetUp();
+        if (setUpFailed()) {
+            return;
         }
-        bus_ = session_.connect(busName);
-        ASSERT_TRUE(bus_.isConnected());
         shortcuts_.emplace(bus_, &x11::X11KeyTable::keysymFor, QStringLiteral("Rewrite the selection"));
         shortcuts_->setRefusalHandler([this](std::int32_t status) { refusals_.push_back(status); });
         ASSERT_EQ(runTask(shortcuts_->probe()), PortalGlobalShortcuts::Availability::available);
     }
     void TearDown() override {
         shortcuts_.reset();
-        QDBusConnection::disconnectFromBus(busName);
-        session_.stop();
+        KWinTest::TearDown();
     }
 
     bool waitForBinding() {
@@ -62,10 +60,6 @@ protected:
         return reply.isValid() ? reply.value() : QList<int>{};
     }
 
-    static constexpr const char* busNameText = "parlune-portal-kwin-test";
-    const QString busName = QString::fromLatin1(busNameText);
-    test::KWinSession session_;
-    QDBusConnection bus_{QString()};
     std::optional<PortalGlobalShortcuts> shortcuts_;
     std::vector<std::int32_t> refusals_;
 };

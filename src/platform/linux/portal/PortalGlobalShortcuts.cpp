@@ -68,15 +68,6 @@ std::optional<QString> triggerDescriptionIn(const QVariant& list) {
     return std::nullopt;
 }
 
-QString sessionHandleIn(const QVariantMap& results) {
-    const QVariant handle = results.value(QStringLiteral("session_handle"));
-    // Version 1 portals send it as a string, later ones as an object path.
-    if (handle.canConvert<QDBusObjectPath>() && handle.metaType() == QMetaType::fromType<QDBusObjectPath>()) {
-        return handle.value<QDBusObjectPath>().path();
-    }
-    return handle.toString();
-}
-
 // "Ctrl+Shift+Esc" → {"ctrl", "shift", "escape"}; the few names in which Qt's key descriptions and
 // XKB's keysym names differ are mapped onto one spelling.
 QSet<QString> chordWords(const QString& text) {
@@ -206,7 +197,7 @@ QCoro::Task<bool> PortalGlobalShortcuts::createSession(QString trigger) {
     if (!weak.lock() || !response.succeeded()) {
         co_return false;
     }
-    sessionHandle_ = sessionHandleIn(response.results);
+    sessionHandle_ = PortalRequest::sessionHandleIn(response.results);
     if (sessionHandle_.isEmpty()) {
         co_return false;
     }
@@ -418,10 +409,10 @@ void PortalGlobalShortcuts::onActivated(const QDBusObjectPath& session, const QS
         return;
     }
     // A backend that reports releases marks auto-repeat: presses before the release are one press.
-    if (held_) {
+    if (held_ && backendReportsRelease_) {
         return;
     }
-    held_ = backendReportsRelease_;
+    held_ = true;
     if (registrations_.empty() || !handler_ || isBinding()) {
         return;
     }

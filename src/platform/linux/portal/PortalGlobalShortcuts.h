@@ -65,6 +65,9 @@ public:
     void setTriggerChangedHandler(std::function<void(const QString& trigger)> handler);
     // The desktop's description of the key bound now; empty while none is.
     QString boundTrigger() const { return boundTrigger_; }
+    // True from a press until the desktop reports the release; a desktop that reports none leaves
+    // it true after the first press.
+    bool isHeld() const { return held_; }
     // True while a binding has been asked for and not yet answered.
     bool isBinding() const { return binding_.isValid() && !binding_.isFinished(); }
 

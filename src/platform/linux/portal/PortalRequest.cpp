@@ -63,6 +63,14 @@ QString PortalRequest::objectPath(const QString& kind, const QString& uniqueName
     return QStringLiteral("/org/freedesktop/portal/desktop/%1/%2/%3").arg(kind, sender, token);
 }
 
+QString PortalRequest::sessionHandleIn(const QVariantMap& results) {
+    const QVariant handle = results.value(QStringLiteral("session_handle"));
+    if (handle.metaType() == QMetaType::fromType<QDBusObjectPath>()) {
+        return handle.value<QDBusObjectPath>().path();
+    }
+    return handle.toString();
+}
+
 QCoro::Task<PortalResponse> PortalRequest::call(QDBusConnection bus, QDBusMessage message, QString token) {
     ResponseCatcher catcher;
     QDBusServiceWatcher watcher(QString::fromLatin1(desktopService), bus,

@@ -35,6 +35,10 @@ public:
     // without its ':' and with '.' turned into '_'.
     static QString objectPath(const QString& kind, const QString& uniqueName, const QString& token);
 
+    // The session handle of a CreateSession response: a string in version 1 portals, an object path
+    // in later ones. Empty when there is none.
+    static QString sessionHandleIn(const QVariantMap& results);
+
     // Calls `message` (whose options already carry handle_token = `token`) and waits, without
     // blocking, for the Response. A portal that leaves the bus meanwhile counts as failed.
     static QCoro::Task<PortalResponse> call(QDBusConnection bus, QDBusMessage message, QString token);
