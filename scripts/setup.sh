@@ -20,7 +20,7 @@ packages=(
   # portal ports (key names) and the KWin desktop tests: the compositor with its shortcut daemon,
   # the portal frontend and KDE's backend (a Qt 5 Wayland client), KWin's fake-input protocol
   libxkbcommon-dev libwayland-dev kwin-wayland libkf5globalaccel-bin xdg-desktop-portal
-  xdg-desktop-portal-kde qtwayland5 plasma-wayland-protocols
+  xdg-desktop-portal-kde qtwayland5 plasma-wayland-protocols qt6-wayland wl-clipboard
 )
 
 missing=()

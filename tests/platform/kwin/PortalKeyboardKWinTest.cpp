@@ -1,9 +1,9 @@
 #include "KWinTest.h"
 
-#include "core/platform/Workspace.h"
 #include "platform/linux/portal/PortalRemoteDesktopKeyboard.h"
 #include "platform/x11/X11KeyTable.h"
 #include "support/FakeUserDefaults.h"
+#include "support/FixedFrontApplication.h"
 #include "support/RunTask.h"
 
 #include <QFile>
@@ -19,19 +19,6 @@ namespace {
 using test::pumpFor;
 using test::pumpUntil;
 using test::runTask;
-
-// The application in front, as the session's workspace port would report it: which one is the
-// business of that port's own tests; here it only decides where chords may go.
-class FrontApplication final : public Workspace {
-public:
-    ProcessId front = 0;
-    std::optional<RunningApplication> frontmostApplication() override {
-        return RunningApplication{front, QStringLiteral("parlune_qt_editor")};
-    }
-    std::optional<QString> bundleIdentifier(ProcessId) override { return std::nullopt; }
-    bool openUrl(const QString&) override { return false; }
-    bool openApplication(const QString&) override { return false; }
-};
 
 class PortalKeyboardOnKWin : public test::KWinTest {
 protected:
@@ -75,7 +62,9 @@ protected:
         return text.open(QIODevice::ReadOnly) ? text.readAll() : QByteArray();
     }
 
-    FrontApplication workspace_;
+    // Which application is in front is the workspace port's business, tested with it; here it
+    // only decides where chords may go.
+    test::FixedFrontApplication workspace_;
     testing::FakeUserDefaults settings_;
     bool held_ = false;
     std::optional<PortalRemoteDesktopKeyboard> keyboard_;

@@ -1,9 +1,13 @@
 #include "platform/linux/portal/PortalGlobalShortcuts.h"
+#include "platform/linux/portal/PortalRemoteDesktopKeyboard.h"
 #include "platform/linux/portal/PortalRequest.h"
 
 #include "core/hotkeys/HotKeyShortcut.h"
+#include "support/FakeUserDefaults.h"
+#include "support/FixedFrontApplication.h"
 #include "support/RunTask.h"
 
+#include <QDBusArgument>
 #include <QDBusConnectionInterface>
 #include <QDBusObjectPath>
 #include <QDBusVirtualObject>
@@ -231,6 +235,134 @@ TEST_F(PortalRequestTest, AnErrorReplyOrAPortalLeavingTheBusEndsTheRequestAsFail
     const PortalResponse gone = runTask(PortalRequest::call(client_, call(abandoned), abandoned), 5000);
     EXPECT_EQ(gone.code, PortalResponse::failed);
     EXPECT_FALSE(gone.error.isEmpty());
+}
+
+// Plays a version 2 RemoteDesktop portal with a keyboard: records what the keyboard port asks for
+// and answers Start with `startCode` and a restore token.
+class RemoteDesktopPortalScript {
+public:
+    uint startCode = PortalResponse::success;
+    QVariantMap selectOptions;
+    int sessions = 0;
+    std::vector<std::pair<int, uint>> keysyms;
+
+    void operator()(const QDBusMessage& message, QDBusConnection& bus) {
+        const QString member = message.member();
+        if (member == QLatin1String("GetAll")) {
+            bus.send(message.createReply(QVariant(
+                QVariantMap{{QStringLiteral("version"), 2u}, {QStringLiteral("AvailableDeviceTypes"), 7u}})));
+            return;
+        }
+        if (member == QLatin1String("NotifyKeyboardKeysym")) {
+            keysyms.emplace_back(message.arguments().at(2).toInt(), message.arguments().at(3).toUInt());
+            bus.send(message.createReply());
+            return;
+        }
+        const QVariantMap options = qdbus_cast<QVariantMap>(message.arguments().last());
+        const QString request =
+            PortalRequest::objectPath(QStringLiteral("request"), message.service(),
+                                      options.value(QStringLiteral("handle_token")).toString());
+        bus.send(message.createReply(QVariant::fromValue(QDBusObjectPath(request))));
+        QVariantMap results;
+        uint code = PortalResponse::success;
+        if (member == QLatin1String("CreateSession")) {
+            ++sessions;
+            results.insert(
+                QStringLiteral("session_handle"),
+                PortalRequest::objectPath(QStringLiteral("session"), message.service(),
+                                          options.value(QStringLiteral("session_handle_token")).toString()));
+        } else if (member == QLatin1String("SelectDevices")) {
+            selectOptions = options;
+        } else if (member == QLatin1String("Start")) {
+            code = startCode;
+            results.insert(QStringLiteral("devices"), 1u);
+            results.insert(QStringLiteral("restore_token"), QStringLiteral("token-%1").arg(sessions));
+        }
+        QDBusMessage response = QDBusMessage::createSignal(
+            request, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
+        response << code << results;
+        bus.send(response);
+    }
+};
+
+class PortalKeyboardSessionTest : public PortalRequestTest {
+protected:
+    void SetUp() override {
+        PortalRequestTest::SetUp();
+        if (HasFatalFailure()) {
+            return;
+        }
+        script_ = std::make_shared<RemoteDesktopPortalScript>();
+        serve([script = script_](const QDBusMessage& message, QDBusConnection& bus) {
+            (*script)(message, bus);
+        });
+        workspace_.front = target;
+    }
+    std::unique_ptr<PortalRemoteDesktopKeyboard> makeKeyboard() {
+        auto keyboard = std::make_unique<PortalRemoteDesktopKeyboard>(
+            client_, workspace_, settings_,
+            [](std::uint32_t keyCode) {
+                return keyCode == KeyboardEvents::keyCodeC ? std::optional<std::uint32_t>(keysymC)
+                                                           : std::nullopt;
+            },
+            nullptr);
+        EXPECT_EQ(runTask(keyboard->probe()), PortalRemoteDesktopKeyboard::Availability::available);
+        return keyboard;
+    }
+    std::optional<QString> storedToken() const {
+        return settings_.string(QString::fromLatin1(PortalRemoteDesktopKeyboard::restoreTokenKey));
+    }
+
+    static constexpr ProcessId target = 4242;
+    static constexpr std::uint32_t keysymC = 0x63;
+    std::shared_ptr<RemoteDesktopPortalScript> script_;
+    test::FixedFrontApplication workspace_;
+    testing::FakeUserDefaults settings_;
+};
+
+TEST_F(PortalKeyboardSessionTest, TheConsentIsKeptAndOfferedAgainByTheNextRun) {
+    {
+        auto keyboard = makeKeyboard();
+        ASSERT_TRUE(runTask(keyboard->start()));
+    }
+    EXPECT_EQ(script_->selectOptions.value(QStringLiteral("persist_mode")).toUInt(), 2u);
+    EXPECT_FALSE(script_->selectOptions.contains(QStringLiteral("restore_token")));
+    EXPECT_EQ(storedToken(), QStringLiteral("token-1"));
+
+    auto nextRun = makeKeyboard();
+    ASSERT_TRUE(runTask(nextRun->start()));
+    EXPECT_EQ(script_->selectOptions.value(QStringLiteral("restore_token")).toString(),
+              QStringLiteral("token-1"));
+    EXPECT_EQ(storedToken(), QStringLiteral("token-2"));
+}
+
+TEST_F(PortalKeyboardSessionTest, ADeclinedConsentSendsNothingAndForgetsTheKeptOne) {
+    settings_.setString(QString::fromLatin1(PortalRemoteDesktopKeyboard::restoreTokenKey),
+                        QStringLiteral("old"));
+    script_->startCode = PortalResponse::cancelled;
+    auto keyboard = makeKeyboard();
+    EXPECT_FALSE(runTask(keyboard->sendCommandKey(KeyboardEvents::keyCodeC, target, {})));
+    EXPECT_FALSE(keyboard->isStarted());
+    EXPECT_TRUE(script_->keysyms.empty());
+    EXPECT_FALSE(storedToken());
+}
+
+TEST_F(PortalKeyboardSessionTest, ChordsPressInOrderReleaseInReverseAndGoOnlyToTheTargetInFront) {
+    auto keyboard = makeKeyboard();
+    ASSERT_TRUE(runTask(keyboard->sendChord(
+        KeyChord{KeyboardEvents::keyCodeC, KeyChord::command | KeyChord::shift}, target, {})));
+    const std::vector<std::pair<int, uint>> controlShiftC{{0xffe3, 1}, {0xffe1, 1}, {0x63, 1},
+                                                          {0x63, 0},   {0xffe1, 0}, {0xffe3, 0}};
+    EXPECT_EQ(script_->keysyms, controlShiftC);
+
+    script_->keysyms.clear();
+    workspace_.front = target + 1;
+    EXPECT_FALSE(runTask(keyboard->sendCommandKey(KeyboardEvents::keyCodeC, target, {})));
+    // A key without a keysym is refused before anything is sent.
+    workspace_.front = target;
+    EXPECT_FALSE(runTask(keyboard->sendCommandKey(KeyboardEvents::keyCodeV, target, {})));
+    EXPECT_TRUE(script_->keysyms.empty());
+    EXPECT_EQ(script_->sessions, 1);
 }
 
 } // namespace
