@@ -149,5 +149,21 @@ TEST_F(PortalShortcutsOnKWin, AnotherKeyIsRefusedWhileTheDesktopKeepsTheBoundOne
     ASSERT_TRUE(pumpUntil([&] { return presses == 1; }, deliveryTimeoutMs));
 }
 
+TEST_F(PortalShortcutsOnKWin, AShortcutReplacedWhileItIsBeingBoundLeavesOnlyTheLatest) {
+    HotKeyManager manager(*shortcuts_);
+    int presses = 0;
+    // Each registration replaces the one before at once; the bindings themselves take turns.
+    manager.registerShortcut(HotKeyShortcut{key_code::r, carbon_modifier::option, QStringLiteral("Option+R")},
+                             [&] { ++presses; });
+    manager.registerShortcut(HotKeyShortcut::defaultShortcut(), [&] { ++presses; });
+    ASSERT_TRUE(waitForBinding());
+    EXPECT_TRUE(refusals_.empty());
+    EXPECT_EQ(shortcuts_->boundTrigger(), QStringLiteral("Alt+Space"));
+
+    KWinFakeKeyboard keyboard(session_.waylandSocketPath());
+    ASSERT_TRUE(keyboard.tap({KWinFakeKeyboard::leftAlt, KWinFakeKeyboard::space}));
+    ASSERT_TRUE(pumpUntil([&] { return presses == 1; }, deliveryTimeoutMs));
+}
+
 } // namespace
 } // namespace parlune::portal

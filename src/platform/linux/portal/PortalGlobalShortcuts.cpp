@@ -6,6 +6,7 @@
 #include <QCoreApplication>
 #include <QCoro/QCoroDBusPendingCall>
 #include <QCoro/QCoroDBusPendingReply>
+#include <QCoro/QCoroSignal>
 #include <QDBusArgument>
 #include <QDBusMetaType>
 #include <QDBusPendingReply>
@@ -108,7 +109,6 @@ PortalGlobalShortcuts::PortalGlobalShortcuts(QDBusConnection bus, KeysymLookup k
 }
 
 PortalGlobalShortcuts::~PortalGlobalShortcuts() {
-    binding_.cancel();
     closeSession();
 }
 
@@ -289,11 +289,27 @@ HotKeyService::Result PortalGlobalShortcuts::registerHotKey(std::uint32_t keyCod
     }
     const Handle handle = nextHandle_++;
     registrations_[handle] = Registration{identifier, *trigger};
-    binding_.cancel();
-    binding_ = spawnTask(
+    ++pendingBindings_;
+    spawnTask(
         [weak = lifetime_.weak(this), handle, trigger = *trigger](std::stop_token) -> QCoro::Task<void> {
-            if (PortalGlobalShortcuts* self = weak.lock()) {
+            PortalGlobalShortcuts* self = weak.lock();
+            // One binding at a time: each may close the session and open another on the same path.
+            while (self && self->bindInFlight_) {
+                co_await qCoro(self, &PortalGlobalShortcuts::bindingFinished);
+                self = weak.lock();
+            }
+            if (!self) {
+                co_return;
+            }
+            self->bindInFlight_ = true;
+            // A registration dropped while it waited (a newer one replaced it) needs no binding.
+            if (self->registrations_.count(handle) != 0) {
                 co_await self->bind(handle, trigger);
+            }
+            if ((self = weak.lock())) {
+                self->bindInFlight_ = false;
+                --self->pendingBindings_;
+                Q_EMIT self->bindingFinished(QPrivateSignal());
             }
         });
     return {0, handle};

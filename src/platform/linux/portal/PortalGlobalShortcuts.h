@@ -69,7 +69,7 @@ public:
     // it true after the first press.
     bool isHeld() const { return held_; }
     // True while a binding has been asked for and not yet answered.
-    bool isBinding() const { return binding_.isValid() && !binding_.isFinished(); }
+    bool isBinding() const { return pendingBindings_ > 0; }
 
     // The portal's form of a shortcut ("ALT+space"); nullopt for a key without a name.
     static std::optional<QString> triggerFor(std::uint32_t keysym, std::uint32_t carbonModifiers);
@@ -82,6 +82,9 @@ public:
                           HotKeyIdentifier identifier) override;
     void unregisterHotKey(Handle hotKey) override;
     void removeHandler(Handle handler) override;
+
+Q_SIGNALS:
+    void bindingFinished(QPrivateSignal);
 
 private Q_SLOTS:
     void onActivated(const QDBusObjectPath& session, const QString& id, qulonglong timestamp,
@@ -124,7 +127,8 @@ private:
     bool backendReportsRelease_ = false;
     std::function<void(std::int32_t)> onRefused_;
     std::function<void(const QString&)> onTriggerChanged_;
-    TaskHandle binding_;
+    int pendingBindings_ = 0;
+    bool bindInFlight_ = false;
     LifetimeToken lifetime_;
 };
 
