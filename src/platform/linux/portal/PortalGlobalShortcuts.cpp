@@ -210,7 +210,7 @@ QCoro::Task<bool> PortalGlobalShortcuts::createSession(QString trigger) {
 void PortalGlobalShortcuts::subscribeSession(bool on) {
     // Subscribed per session rather than once at construction: a match Qt is asked for on a
     // connection that has not yet made a call can be lost, and presses then never arrive.
-    const QString service = QString::fromLatin1(desktopService);
+    const QString& service = anySender;
     const QString path = QString::fromLatin1(desktopPath);
     const QString interface = QString::fromLatin1(shortcutsInterface);
     const auto change = [&](const QString& objectPath, const QString& iface, const char* name,

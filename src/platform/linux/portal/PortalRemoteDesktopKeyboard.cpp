@@ -138,15 +138,14 @@ QCoro::Task<bool> PortalRemoteDesktopKeyboard::openSession() {
         settings_.setString(QString::fromLatin1(restoreTokenKey), restoreToken);
     }
     sessionHandle_ = session;
-    bus_.connect(QString::fromLatin1(desktopService), sessionHandle_, QString::fromLatin1(sessionInterface),
-                 QStringLiteral("Closed"), this, SLOT(onSessionClosed(QVariantMap)));
+    bus_.connect(anySender, sessionHandle_, QString::fromLatin1(sessionInterface), QStringLiteral("Closed"),
+                 this, SLOT(onSessionClosed(QVariantMap)));
     co_return true;
 }
 
 void PortalRemoteDesktopKeyboard::forgetSession() {
-    bus_.disconnect(QString::fromLatin1(desktopService), sessionHandle_,
-                    QString::fromLatin1(sessionInterface), QStringLiteral("Closed"), this,
-                    SLOT(onSessionClosed(QVariantMap)));
+    bus_.disconnect(anySender, sessionHandle_, QString::fromLatin1(sessionInterface),
+                    QStringLiteral("Closed"), this, SLOT(onSessionClosed(QVariantMap)));
     sessionHandle_.clear();
 }
 

@@ -41,13 +41,13 @@ private:
 };
 
 bool subscribe(QDBusConnection& bus, const QString& path, ResponseCatcher* catcher) {
-    return bus.connect(QString::fromLatin1(desktopService), path, QString::fromLatin1(requestInterface),
-                       QStringLiteral("Response"), catcher, SLOT(onResponse(uint, QVariantMap)));
+    return bus.connect(anySender, path, QString::fromLatin1(requestInterface), QStringLiteral("Response"),
+                       catcher, SLOT(onResponse(uint, QVariantMap)));
 }
 
 void unsubscribe(QDBusConnection& bus, const QString& path, ResponseCatcher* catcher) {
-    bus.disconnect(QString::fromLatin1(desktopService), path, QString::fromLatin1(requestInterface),
-                   QStringLiteral("Response"), catcher, SLOT(onResponse(uint, QVariantMap)));
+    bus.disconnect(anySender, path, QString::fromLatin1(requestInterface), QStringLiteral("Response"),
+                   catcher, SLOT(onResponse(uint, QVariantMap)));
 }
 
 } // namespace

@@ -12,6 +12,9 @@ namespace parlune::portal {
 
 inline constexpr const char* desktopService = "org.freedesktop.portal.Desktop";
 inline constexpr const char* desktopPath = "/org/freedesktop/portal/desktop";
+// Signals are matched on any sender: naming the portal's bus name would make Qt ask the bus for
+// its owner and wait for the answer. The paths matched hold our own name or session.
+inline const QString anySender;
 
 // What a portal request ended with: the Request object's Response, or the D-Bus error of the call.
 struct PortalResponse {
