@@ -165,5 +165,47 @@ TEST_F(PortalShortcutsOnKWin, AShortcutReplacedWhileItIsBeingBoundLeavesOnlyTheL
     ASSERT_TRUE(pumpUntil([&] { return presses == 1; }, deliveryTimeoutMs));
 }
 
+TEST_F(PortalShortcutsOnKWin, AKeyTheUserPicksInSystemSettingsIsReportedDeliveredAndKeptByTheNextRun) {
+    HotKeyManager manager(*shortcuts_);
+    int presses = 0;
+    QStringList triggers;
+    shortcuts_->setTriggerChangedHandler([&](const QString& trigger) { triggers.append(trigger); });
+    manager.registerShortcut(HotKeyShortcut::defaultShortcut(), [&] { ++presses; });
+    ASSERT_TRUE(waitForBinding());
+
+    // What System Settings → Shortcuts does when the user gives our shortcut another key.
+    QDBusMessage change = QDBusMessage::createMethodCall(
+        QStringLiteral("org.kde.kglobalaccel"), QStringLiteral("/kglobalaccel"),
+        QStringLiteral("org.kde.KGlobalAccel"), QStringLiteral("setForeignShortcut"));
+    change << QStringList{QStringLiteral("parlune"), QString::fromLatin1(PortalGlobalShortcuts::shortcutId),
+                          QStringLiteral("parlune"), QStringLiteral("Rewrite the selection")}
+           << QVariant::fromValue(QList<int>{altR});
+    ASSERT_EQ(bus_.call(change).type(), QDBusMessage::ReplyMessage);
+    ASSERT_TRUE(
+        pumpUntil([&] { return shortcuts_->boundTrigger() == QStringLiteral("Alt+R"); }, deliveryTimeoutMs))
+        << shortcuts_->boundTrigger().toStdString();
+    EXPECT_EQ(triggers.last(), QStringLiteral("Alt+R"));
+
+    KWinFakeKeyboard keyboard(session_.waylandSocketPath());
+    ASSERT_TRUE(keyboard.tap({KWinFakeKeyboard::leftAlt, KWinFakeKeyboard::r}));
+    ASSERT_TRUE(pumpUntil([&] { return presses == 1; }, deliveryTimeoutMs));
+    ASSERT_TRUE(keyboard.tap({KWinFakeKeyboard::leftAlt, KWinFakeKeyboard::space}));
+    pumpFor(500);
+    EXPECT_EQ(presses, 1);
+
+    // The next run still registers the stored Alt+Space: the user's Alt+R stands, unrefused.
+    manager.unregister();
+    shortcuts_.emplace(bus_, &x11::X11KeyTable::keysymFor, QStringLiteral("Rewrite the selection"));
+    shortcuts_->setRefusalHandler([this](std::int32_t status) { refusals_.push_back(status); });
+    ASSERT_EQ(runTask(shortcuts_->probe()), PortalGlobalShortcuts::Availability::available);
+    HotKeyManager nextRun(*shortcuts_);
+    nextRun.registerShortcut(HotKeyShortcut::defaultShortcut(), [&] { ++presses; });
+    ASSERT_TRUE(waitForBinding());
+    EXPECT_TRUE(refusals_.empty());
+    EXPECT_EQ(shortcuts_->boundTrigger(), QStringLiteral("Alt+R"));
+    ASSERT_TRUE(keyboard.tap({KWinFakeKeyboard::leftAlt, KWinFakeKeyboard::r}));
+    ASSERT_TRUE(pumpUntil([&] { return presses == 2; }, deliveryTimeoutMs));
+}
+
 } // namespace
 } // namespace parlune::portal

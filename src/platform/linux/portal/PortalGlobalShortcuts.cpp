@@ -319,7 +319,11 @@ QCoro::Task<void> PortalGlobalShortcuts::bind(Handle handle, QString trigger) {
     auto weak = lifetime_.weak(this);
     const std::int32_t status = co_await bindTrigger(trigger);
     PortalGlobalShortcuts* self = weak.lock();
-    if (!self || status == 0) {
+    if (!self) {
+        co_return;
+    }
+    if (status == 0) {
+        self->hasBound_ = true;
         co_return;
     }
     self->refuse(handle, status);
@@ -340,6 +344,12 @@ QCoro::Task<std::int32_t> PortalGlobalShortcuts::bindTrigger(QString trigger) {
         }
     }
     if (describesTrigger(boundTrigger_, trigger)) {
+        co_return co_await keyGrantedByShortcutDaemon();
+    }
+    if (!hasBound_ && !boundTrigger_.isEmpty()) {
+        // At start the desktop still holds the key the user gave our shortcut in its own settings:
+        // that choice stands (the trigger handler reports it). A key asked for later is refused
+        // below instead, since this desktop does not take it from us.
         co_return co_await keyGrantedByShortcutDaemon();
     }
 

@@ -27,10 +27,11 @@ namespace parlune::portal {
 //
 // HotKeyService is synchronous, a portal is not: registerHotKey answers at once for what can be
 // known at once (a key without a name, no session) and binds in the background; a binding the
-// desktop then refuses reports through `setRefusalHandler`. Statuses are X11's, so the user reads
-// the same sentences on either session: 10 (BadAccess) when the desktop gave the key to something
-// else or the user declined, 2 (BadValue) for a key that has no name, 17 (BadImplementation) when
-// the portal failed.
+// desktop then refuses reports through `setRefusalHandler`. At start, a key the user already gave
+// the shortcut in the desktop's settings is kept (and reported), whatever the stored shortcut says. Statuses
+// are X11's, so the user reads the same sentences on either session: 10 (BadAccess) when the desktop gave the
+// key to something else or the user declined, 2 (BadValue) for a key that has no name, 17 (BadImplementation)
+// when the portal failed.
 class PortalGlobalShortcuts final : public QObject, public HotKeyService {
     Q_OBJECT
 public:
@@ -123,6 +124,7 @@ private:
     std::map<Handle, Registration> registrations_;
     Handle nextHandle_ = 1;
     bool available_ = false;
+    bool hasBound_ = false; // a binding succeeded in this process
     bool held_ = false;
     bool backendReportsRelease_ = false;
     std::function<void(std::int32_t)> onRefused_;
