@@ -93,7 +93,7 @@ int main(int argc, char** argv) {
         session.launch(QStringLiteral("wl-copy"), {QStringLiteral("--foreground"), QStringLiteral("x")});
     auto editor = session.launch(QStringLiteral(PARLUNE_QT_EDITOR), {file});
     editor->waitForStarted();
-    test::pumpFor(3000);
+    test::pumpUntil([&] { return editor->readAllStandardOutput().contains("focused"); }, 20'000);
     test::FixedFrontApplication workspace;
     workspace.front = static_cast<ProcessId>(editor->processId());
     testing::FakeUserDefaults settings;

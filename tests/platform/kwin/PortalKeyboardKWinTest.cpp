@@ -43,8 +43,8 @@ protected:
         editor_ = session_.launch(QStringLiteral(PARLUNE_QT_EDITOR), {file_});
         ASSERT_TRUE(editor_->waitForStarted());
         workspace_.front = static_cast<ProcessId>(editor_->processId());
-        // Until the window is mapped and focused nothing can reach it.
-        pumpFor(3000);
+        // Until the window has the keyboard focus nothing can reach it.
+        ASSERT_TRUE(pumpUntil([&] { return editor_->readAllStandardOutput().contains("focused"); }, 20'000));
     }
     void TearDown() override {
         keyboard_.reset();
