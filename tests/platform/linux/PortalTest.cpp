@@ -336,6 +336,16 @@ TEST_F(PortalKeyboardSessionTest, TheConsentIsKeptAndOfferedAgainByTheNextRun) {
     EXPECT_EQ(storedToken(), QStringLiteral("token-2"));
 }
 
+TEST_F(PortalKeyboardSessionTest, AChordDuringTheConsentWaitsForItAndOneSessionIsOpened) {
+    auto keyboard = makeKeyboard();
+    TaskOutcome<bool> starting(keyboard->start());
+    EXPECT_TRUE(runTask(keyboard->sendCommandKey(KeyboardEvents::keyCodeC, target, {})));
+    ASSERT_TRUE(pumpUntil([&] { return starting.isFinished(); }));
+    EXPECT_TRUE(starting.take());
+    EXPECT_EQ(script_->sessions, 1);
+    EXPECT_EQ(script_->keysyms.size(), 4u);
+}
+
 TEST_F(PortalKeyboardSessionTest, ADeclinedConsentSendsNothingAndForgetsTheKeptOne) {
     settings_.setString(QString::fromLatin1(PortalRemoteDesktopKeyboard::restoreTokenKey),
                         QStringLiteral("old"));

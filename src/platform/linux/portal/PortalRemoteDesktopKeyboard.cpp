@@ -6,6 +6,7 @@
 #include "platform/linux/portal/PortalRequest.h"
 
 #include <QCoro/QCoroDBusPendingReply>
+#include <QCoro/QCoroSignal>
 #include <QDBusObjectPath>
 #include <QDBusPendingReply>
 #include <QElapsedTimer>
@@ -67,17 +68,22 @@ QCoro::Task<PortalRemoteDesktopKeyboard::Availability> PortalRemoteDesktopKeyboa
 }
 
 QCoro::Task<bool> PortalRemoteDesktopKeyboard::start() {
+    auto weak = lifetime_.weak(this);
+    // One consent at a time: a chord that comes while the session opens waits for it.
+    while (starting_) {
+        co_await qCoro(this, &PortalRemoteDesktopKeyboard::startFinished);
+        if (!weak.lock()) {
+            co_return false;
+        }
+    }
     if (isStarted()) {
         co_return true;
     }
-    if (starting_) {
-        co_return false; // one consent at a time
-    }
     starting_ = true;
-    auto weak = lifetime_.weak(this);
     const bool started = co_await openSession();
     if (PortalRemoteDesktopKeyboard* self = weak.lock()) {
         self->starting_ = false;
+        Q_EMIT self->startFinished(QPrivateSignal());
     }
     co_return started;
 }

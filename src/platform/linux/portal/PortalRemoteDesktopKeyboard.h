@@ -66,6 +66,9 @@ public:
     QCoro::Task<bool> sendCommandKey(std::uint16_t keyCode, ProcessId target, std::stop_token token) override;
     QCoro::Task<bool> sendChord(KeyChord chord, ProcessId target, std::stop_token token) override;
 
+Q_SIGNALS:
+    void startFinished(QPrivateSignal);
+
 private Q_SLOTS:
     void onSessionClosed(const QVariantMap& details);
 
