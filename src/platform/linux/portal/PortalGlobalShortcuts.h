@@ -26,12 +26,12 @@ namespace parlune::portal {
 // keeps it in System Settings → Shortcuts, where the user may change it).
 //
 // HotKeyService is synchronous, a portal is not: registerHotKey answers at once for what can be
-// known at once (a key without a name, no session) and binds in the background; a binding the
+// known at once (a key without a name, no portal) and binds in the background; a binding the
 // desktop then refuses reports through `setRefusalHandler`. At start, a key the user already gave
-// the shortcut in the desktop's settings is kept (and reported), whatever the stored shortcut says. Statuses
-// are X11's, so the user reads the same sentences on either session: 10 (BadAccess) when the desktop gave the
-// key to something else or the user declined, 2 (BadValue) for a key that has no name, 17 (BadImplementation)
-// when the portal failed.
+// the shortcut in the desktop's settings is kept (and reported), whatever the stored shortcut
+// says. Statuses are X11's, so the user reads the same sentences on either session: 10
+// (BadAccess) when the desktop gave the key to something else or the user declined, 2 (BadValue)
+// for a key that has no name, 17 (BadImplementation) when the portal failed.
 class PortalGlobalShortcuts final : public QObject, public HotKeyService {
     Q_OBJECT
 public:
