@@ -1,10 +1,14 @@
 // A Qt text editor for the accessibility tests: shows one file in a QPlainTextEdit and writes the
 // text back to the file on every change (Ctrl+S does nothing extra). Qt applications join the
 // accessibility bus only when asked to, so this one asks for itself.
+// Prints "focused" on standard output each time its window gets the keyboard focus.
 // Usage: parlune_qt_editor FILE
 #include <QApplication>
 #include <QFile>
 #include <QPlainTextEdit>
+#include <QWindow>
+
+#include <cstdio>
 
 int main(int argc, char** argv) {
     qputenv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
@@ -24,6 +28,12 @@ int main(int argc, char** argv) {
         QFile out(path);
         if (out.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
             out.write(editor.toPlainText().toUtf8());
+        }
+    });
+    QObject::connect(&app, &QGuiApplication::focusWindowChanged, [](QWindow* window) {
+        if (window) {
+            std::fputs("focused\n", stdout);
+            std::fflush(stdout);
         }
     });
     editor.resize(500, 300);
