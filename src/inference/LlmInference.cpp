@@ -46,6 +46,7 @@ std::shared_ptr<LlmBackend> LlmInference::currentBackend() {
         backend_ = std::make_shared<LlmBackend>(chosen->path, chosen->identity, options_.threadCount,
                                                 prefixCache_, ticket);
         backend_->forceResponseTokens(options_.forcedResponseTokens);
+        backend_->draftFromPrompt(options_.draftFromPrompt);
     }
     return backend_;
 }

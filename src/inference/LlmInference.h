@@ -36,6 +36,8 @@ public:
         // Benchmarks only: free-text responses allowed at least this many tokens are exactly this
         // long, end tokens ignored.
         std::optional<std::int64_t> forcedResponseTokens;
+        // Guesses of the next tokens from the prompt, checked in one model run (same answers).
+        bool draftFromPrompt = true;
         // When set, memory pressure drops the instruction cache. Must outlive the framework.
         MemoryPressureSource* memoryPressure = nullptr;
     };
