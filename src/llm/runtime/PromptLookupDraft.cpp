@@ -9,6 +9,7 @@ namespace {
 
 // Longest a guess grows: a batch this long still costs about one step on memory-bound models.
 constexpr std::int64_t kLongestGuess = 16;
+constexpr std::int64_t kLongestPause = 16;
 
 } // namespace
 
@@ -26,6 +27,8 @@ void PromptLookupDraft::learnFrom(std::span<const std::int32_t> context) {
         // Another text: what was learnt about the last one says nothing about this one.
         length_ = firstLength_;
         lastGuess_.clear();
+        failures_ = 0;
+        paused_ = 0;
     }
     if (lastGuess_.empty()) {
         return;
@@ -36,6 +39,9 @@ void PromptLookupDraft::learnFrom(std::span<const std::int32_t> context) {
         lastGuess_.begin());
     const auto guessed = static_cast<std::int64_t>(lastGuess_.size());
     length_ = taken == guessed ? std::min(kLongestGuess, std::max(length_, guessed) + 2) : taken + 1;
+    failures_ = taken == 0 ? failures_ + 1 : 0;
+    if (failures_ > 0)
+        paused_ = std::min(kLongestPause, std::int64_t{1} << (failures_ - 1));
     lastGuess_.clear();
 }
 
@@ -43,6 +49,10 @@ std::vector<std::int32_t> PromptLookupDraft::propose(std::span<const std::int32_
                                                      std::int64_t maxTokens) {
     learnFrom(context);
     lastContextSize_ = context.size();
+    if (paused_ > 0) {
+        --paused_;
+        return {};
+    }
     const auto most = static_cast<std::size_t>(std::min(maxTokens, length_));
     if (most == 0 || context.size() < shortestMatch_ + 1) {
         return {};

@@ -12,7 +12,9 @@ namespace parlune::llm {
 // Guesses the next tokens by looking up the text's own last few tokens earlier in the text (the
 // prompt and the answer so far) and proposing what followed there. A rewrite repeats long spans
 // of its input, so these guesses are often right, and they cost no second model. The guess grows
-// while guesses are taken whole and shrinks to what was taken when one falls short.
+// while guesses are taken whole and shrinks to what was taken when one falls short. Checking a
+// guess is not free, so after guesses of which nothing was taken the next few steps guess
+// nothing (one, two, four... up to sixteen steps while they keep failing).
 class PromptLookupDraft : public DraftSource {
 public:
     // Suffixes of `longestMatch` down to `shortestMatch` tokens are looked up, longest first.
@@ -34,6 +36,8 @@ private:
     std::int64_t length_;
     std::vector<std::int32_t> lastGuess_;
     std::size_t lastContextSize_ = 0;
+    int failures_ = 0;        // guesses in a row of which nothing was taken
+    std::int64_t paused_ = 0; // steps left without guessing
 };
 
 } // namespace parlune::llm

@@ -59,6 +59,25 @@ TEST(PromptLookupDraft, GuessesGrowWhileTakenWholeAndShrinkToWhatWasTaken) {
     EXPECT_EQ(other.length(), 3);
 }
 
+TEST(PromptLookupDraft, GuessesThatFailWholeMakeItPauseLongerEachTime) {
+    PromptLookupDraft draft(1, 1, 2);
+    Tokens text = {1, 2, 3, 1};
+    const auto next = [&](std::initializer_list<std::int32_t> more) {
+        text.insert(text.end(), more);
+        return draft.propose(text, 8);
+    };
+    EXPECT_EQ(draft.propose(text, 8), (Tokens{2, 3}));
+    EXPECT_TRUE(next({50}).empty());    // nothing taken: one step without a guess
+    EXPECT_EQ(next({1}), (Tokens{50})); // shrunk to one token
+    EXPECT_TRUE(next({51}).empty());    // nothing taken again: two steps without
+    EXPECT_TRUE(next({1}).empty());
+    EXPECT_EQ(next({1}), (Tokens{1}));
+    // A guess taken ends the pauses and lets the guesses grow again.
+    EXPECT_TRUE(next({1, 9}).empty());    // no earlier 9
+    EXPECT_EQ(next({1}), (Tokens{9, 1})); // up to the text's end
+    EXPECT_EQ(draft.length(), 3);
+}
+
 TEST(PromptLookupDraft, RejectsMatchesOfNoTokens) {
     EXPECT_THROW(PromptLookupDraft(3, 0, 4), std::invalid_argument);
     EXPECT_THROW(PromptLookupDraft(1, 2, 4), std::invalid_argument);
