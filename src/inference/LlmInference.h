@@ -30,7 +30,7 @@ public:
 
     struct Options {
         Locate locate;
-        int threadCount = 0; // 0: one per processor
+        int threadCount = 0; // 0: one per physical core this process may use
         std::size_t prefixCacheEntries = 4;
         std::size_t prefixCacheBytes = std::size_t(256) << 20;
         // Benchmarks only: free-text responses allowed at least this many tokens are exactly this
