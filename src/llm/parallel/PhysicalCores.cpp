@@ -22,14 +22,34 @@ std::optional<long long> readNumber(const std::filesystem::path& file) {
     return value;
 }
 
-// The cgroup v2 directory of this process, from /proc/self/cgroup ("0::/path").
-std::optional<std::filesystem::path> ownCgroup() {
+std::optional<int> wholeCpus(long long quota, long long period) {
+    if (quota <= 0 || period <= 0)
+        return std::nullopt;
+    return static_cast<int>(
+        std::max(1.0, std::ceil(static_cast<double>(quota) / static_cast<double>(period))));
+}
+
+// The quota of this process's cgroup, from /proc/self/cgroup: "0::/path" (v2) or
+// "N:cpu,cpuacct:/path" (v1, mounted under /sys/fs/cgroup/<controllers>).
+std::optional<int> ownQuota() {
+    const std::filesystem::path root = "/sys/fs/cgroup";
     std::ifstream in("/proc/self/cgroup");
     std::string line;
     while (std::getline(in, line)) {
-        if (line.rfind("0::", 0) == 0)
-            return std::filesystem::path("/sys/fs/cgroup") /
-                   std::filesystem::path(line.substr(3)).relative_path();
+        const std::size_t first = line.find(':');
+        const std::size_t second = first == std::string::npos ? first : line.find(':', first + 1);
+        if (second == std::string::npos)
+            continue;
+        const std::string controllers = line.substr(first + 1, second - first - 1);
+        const std::filesystem::path path = std::filesystem::path(line.substr(second + 1)).relative_path();
+        std::optional<int> quota;
+        if (controllers.empty()) {
+            quota = PhysicalCores::quotaLimit(root / path / "cpu.max");
+        } else if (("," + controllers + ",").find(",cpu,") != std::string::npos) {
+            quota = PhysicalCores::quotaLimitV1(root / controllers / path);
+        }
+        if (quota)
+            return quota;
     }
     return std::nullopt;
 }
@@ -61,13 +81,16 @@ std::optional<int> PhysicalCores::quotaLimit(const std::filesystem::path& cpuMax
     try {
         std::size_t used = 0;
         const long long amount = std::stoll(quota, &used);
-        if (used != quota.size() || amount <= 0)
-            return std::nullopt;
-        return static_cast<int>(
-            std::max(1.0, std::ceil(static_cast<double>(amount) / static_cast<double>(period))));
+        return used == quota.size() ? wholeCpus(amount, period) : std::nullopt;
     } catch (const std::exception&) {
         return std::nullopt;
     }
+}
+
+std::optional<int> PhysicalCores::quotaLimitV1(const std::filesystem::path& cpuControllerFolder) {
+    const std::optional<long long> quota = readNumber(cpuControllerFolder / "cpu.cfs_quota_us");
+    const std::optional<long long> period = readNumber(cpuControllerFolder / "cpu.cfs_period_us");
+    return quota && period ? wholeCpus(*quota, *period) : std::nullopt;
 }
 
 std::vector<int> PhysicalCores::allowedCpus() {
@@ -87,10 +110,8 @@ int PhysicalCores::defaultThreadCount() {
     const std::vector<int> cpus = allowedCpus();
     int count = cpus.empty() ? static_cast<int>(std::thread::hardware_concurrency())
                              : countAmong("/sys/devices/system/cpu", cpus);
-    if (const std::optional<std::filesystem::path> cgroup = ownCgroup()) {
-        if (const std::optional<int> quota = quotaLimit(*cgroup / "cpu.max"))
-            count = std::min(count, *quota);
-    }
+    if (const std::optional<int> quota = ownQuota())
+        count = std::min(count, *quota);
     return std::max(1, count);
 }
 

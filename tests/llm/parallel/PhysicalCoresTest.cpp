@@ -72,6 +72,17 @@ TEST_F(FakeSysfs, TheCgroupQuotaIsReadAsWholeCpus) {
     EXPECT_EQ(PhysicalCores::quotaLimit(root / "missing"), std::nullopt);
 }
 
+TEST_F(FakeSysfs, TheVersionOneQuotaIsReadAsWholeCpus) {
+    write("cpu,cpuacct/cpu.cfs_quota_us", "-1\n");
+    write("cpu,cpuacct/cpu.cfs_period_us", "100000\n");
+    EXPECT_EQ(PhysicalCores::quotaLimitV1(root / "cpu,cpuacct"), std::nullopt);
+    write("cpu,cpuacct/cpu.cfs_quota_us", "250000\n");
+    EXPECT_EQ(PhysicalCores::quotaLimitV1(root / "cpu,cpuacct"), 3);
+    write("cpu,cpuacct/cpu.cfs_period_us", "0\n");
+    EXPECT_EQ(PhysicalCores::quotaLimitV1(root / "cpu,cpuacct"), std::nullopt);
+    EXPECT_EQ(PhysicalCores::quotaLimitV1(root / "missing"), std::nullopt);
+}
+
 TEST(PhysicalCores, ThisMachinesDefaultIsWithinItsAllowedCpus) {
     const auto allowed = PhysicalCores::allowedCpus();
     ASSERT_FALSE(allowed.empty());
