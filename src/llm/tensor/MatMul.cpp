@@ -199,6 +199,11 @@ void detail::registerKQuantProduct(std::span<const KQuantRows> group, const Weig
         token[t] = x.kquantTokens(t);
     float out[ActivationBuffer::kMostRegisterTokens];
     const auto* base = static_cast<const std::uint8_t*>(w.data);
+    if (tokens == 1) { // generation: straight into the output
+        for (std::int64_t r = rowBegin; r < rowEnd; ++r)
+            group[0](base + static_cast<std::size_t>(r) * w.rowBytes, w.cols / 256, token, y + r);
+        return;
+    }
     for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
         const std::uint8_t* row = base + static_cast<std::size_t>(r) * w.rowBytes;
         // The row stays in L1 from one group of tokens to the next.
