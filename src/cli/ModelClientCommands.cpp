@@ -24,8 +24,8 @@ namespace parlune::cli {
 
 namespace {
 
-constexpr const char* rewriteUsage =
-    "rewrite --mode MODE [--preferences TEXT] [--model FILE] [--stats] [--bench-response-tokens N]";
+constexpr const char* rewriteUsage = "rewrite --mode MODE [--preferences TEXT] [--model FILE] [--stats] "
+                                     "[--no-draft] [--bench-response-tokens N]";
 
 std::string settingModelPath() {
     QSettingsUserDefaults defaults;
@@ -76,6 +76,7 @@ struct RewriteArguments {
     QString preferences;
     std::string model;
     bool stats = false;
+    bool draft = true;
     std::optional<std::int64_t> benchResponseTokens;
 };
 
@@ -86,6 +87,10 @@ std::optional<RewriteArguments> parseRewriteArguments(const std::vector<std::str
         const std::string& name = arguments[i];
         if (name == "--stats") {
             parsed.stats = true;
+            continue;
+        }
+        if (name == "--no-draft") {
+            parsed.draft = false;
             continue;
         }
         if (i + 1 >= arguments.size()) {
@@ -147,6 +152,7 @@ int runRewrite(const std::vector<std::string>& arguments) {
         .explicitModelPath = parsed->model,
         .settingModelPath = [] { return QString::fromStdString(settingModelPath()); },
         .forcedResponseTokens = parsed->benchResponseTokens,
+        .draftFromPrompt = parsed->draft,
     });
     LlmLanguageModelFramework& framework = engine.framework();
 
@@ -170,6 +176,10 @@ int runRewrite(const std::vector<std::string>& arguments) {
                          static_cast<long long>(last->promptTokens),
                          static_cast<long long>(last->promptTokensReused),
                          static_cast<long long>(last->tokens), last->secondsToFirstToken, last->totalSeconds);
+            std::fprintf(stderr, "; drafted %lld tokens, %lld accepted, %lld forward passes after the prompt",
+                         static_cast<long long>(last->draftTokensProposed),
+                         static_cast<long long>(last->draftTokensAccepted),
+                         static_cast<long long>(last->forwardPasses));
         }
         std::fprintf(stderr, "\n");
     }

@@ -5,6 +5,7 @@
 #include "llm/model/KvCache.h"
 #include "llm/model/Model.h"
 #include "llm/model/Transformer.h"
+#include "llm/parallel/PhysicalCores.h"
 #include "llm/parallel/ThreadPool.h"
 #include "llm/runtime/GenerationSession.h"
 #include "llm/testing/TestModelMaker.h"
@@ -25,7 +26,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace parlune::cli {
@@ -120,7 +120,7 @@ private:
 };
 
 int defaultThreads() {
-    return static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    return PhysicalCores::defaultThreadCount();
 }
 
 double peakRssMiB() {

@@ -11,6 +11,7 @@
 #include "llm/model/ModelError.h"
 #include "llm/parallel/ThreadPool.h"
 #include "llm/runtime/GenerationSession.h"
+#include "llm/runtime/PromptLookupDraft.h"
 #include "llm/tokenizer/ChatFormat.h"
 #include "llm/tokenizer/Tokenizer.h"
 
@@ -29,6 +30,9 @@ using Clock = std::chrono::steady_clock;
 // Prompt tokens computed per forward call: large enough for batched speed, small enough that a
 // stop request is noticed quickly.
 constexpr std::size_t prefillSlice = 64;
+// Most tokens guessed per step: checking this many costs little more than one step on the
+// memory-bound models people run, and a guess shrinks by itself when it fails.
+constexpr std::int64_t maximumDraftTokens = 8;
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -190,6 +194,11 @@ LlmResponse LlmBackend::generate(const LlmRequest& request, const std::atomic<bo
         options.stopFlag = &stop;
         options.ignoreEndOfGeneration = forced;
         options.constraint = constraint ? &*constraint : nullptr;
+        std::optional<llm::PromptLookupDraft> draft;
+        if (draftFromPrompt_) {
+            options.draft = &draft.emplace();
+            options.maxDraftTokens = maximumDraftTokens;
+        }
         const double beforeGeneration = secondsSince(started);
         const llm::GenerationResult result = session.generate(tokens, options, {});
         switch (result.stopReason) {
@@ -205,6 +214,9 @@ LlmResponse LlmBackend::generate(const LlmRequest& request, const std::atomic<bo
         }
         response.secondsToFirstToken = beforeGeneration + result.firstTokenSeconds;
         response.tokens = static_cast<std::int64_t>(result.tokens.size());
+        response.draftTokensProposed = result.draftTokensProposed;
+        response.draftTokensAccepted = result.draftTokensAccepted;
+        response.forwardPasses = result.forwardPasses;
         if (constraint) {
             if (!constraint->isComplete()) {
                 throw LanguageModelGenerationError(Kind::decodingFailure);

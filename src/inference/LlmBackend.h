@@ -38,6 +38,9 @@ struct LlmResponse {
     std::int64_t promptTokensReused = 0; // taken from the instruction cache
     double secondsToFirstToken = 0.0;    // from the request to the first generated token
     double totalSeconds = 0.0;
+    std::int64_t draftTokensProposed = 0; // guessed from the prompt and checked
+    std::int64_t draftTokensAccepted = 0; // generated without a model run of their own
+    std::int64_t forwardPasses = 0;       // model runs after the prompt
 };
 
 // The model file loaded for inference: weights, tokenizer, chat format and threads, plus the
@@ -72,6 +75,8 @@ public:
     InstructionPrefixCache& prefixCache() { return *prefixCache_; }
     // Benchmarks: free-text responses run to exactly this many tokens.
     void forceResponseTokens(std::optional<std::int64_t> count) { forcedResponseTokens_ = count; }
+    // Whether answers are sped up with guesses from the prompt (never changing them); on by default.
+    void draftFromPrompt(bool on) { draftFromPrompt_ = on; }
 
 private:
     std::vector<std::int32_t> encode(const std::string& text,
@@ -96,6 +101,7 @@ private:
     std::shared_ptr<const llm::TokenByteTable> tokenBytes_; // built on the first constrained request
     std::optional<std::int64_t> promptOverhead_;
     std::optional<std::int64_t> forcedResponseTokens_;
+    bool draftFromPrompt_ = true;
 };
 
 } // namespace parlune

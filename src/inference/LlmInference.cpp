@@ -1,6 +1,6 @@
 #include "inference/LlmInference.h"
 
-#include <thread>
+#include "llm/parallel/PhysicalCores.h"
 
 namespace parlune {
 
@@ -16,7 +16,7 @@ LlmInference::LlmInference(Options options)
                                         options_.prefixCacheEntries, options_.prefixCacheBytes)),
       worker_(std::make_unique<LlmWorker>()) {
     if (options_.threadCount <= 0) {
-        options_.threadCount = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+        options_.threadCount = llm::PhysicalCores::defaultThreadCount();
     }
 }
 
@@ -46,6 +46,7 @@ std::shared_ptr<LlmBackend> LlmInference::currentBackend() {
         backend_ = std::make_shared<LlmBackend>(chosen->path, chosen->identity, options_.threadCount,
                                                 prefixCache_, ticket);
         backend_->forceResponseTokens(options_.forcedResponseTokens);
+        backend_->draftFromPrompt(options_.draftFromPrompt);
     }
     return backend_;
 }

@@ -30,12 +30,14 @@ public:
 
     struct Options {
         Locate locate;
-        int threadCount = 0; // 0: one per processor
+        int threadCount = 0; // 0: one per physical core this process may use
         std::size_t prefixCacheEntries = 4;
         std::size_t prefixCacheBytes = std::size_t(256) << 20;
         // Benchmarks only: free-text responses allowed at least this many tokens are exactly this
         // long, end tokens ignored.
         std::optional<std::int64_t> forcedResponseTokens;
+        // Guesses of the next tokens from the prompt, checked in one model run (same answers).
+        bool draftFromPrompt = true;
         // When set, memory pressure drops the instruction cache. Must outlive the framework.
         MemoryPressureSource* memoryPressure = nullptr;
     };

@@ -2,6 +2,9 @@
 
 #include "inference/ModelLocator.h"
 
+#include <cstdlib>
+#include <string_view>
+
 namespace parlune {
 
 OnDeviceEngine::OnDeviceEngine(Options options) {
@@ -16,6 +19,9 @@ OnDeviceEngine::OnDeviceEngine(Options options) {
     };
     inference.threadCount = options.threadCount;
     inference.forcedResponseTokens = options.forcedResponseTokens;
+    const char* draftSetting = std::getenv("PARLUNE_DRAFT");
+    inference.draftFromPrompt =
+        options.draftFromPrompt && !(draftSetting && std::string_view(draftSetting) == "off");
     inference.memoryPressure = options.memoryPressure;
     framework_ = std::make_unique<LlmLanguageModelFramework>(std::move(inference));
     client_ = std::make_shared<OnDeviceModelClient>(*framework_, options.memoryPressure);

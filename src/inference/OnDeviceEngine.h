@@ -28,6 +28,8 @@ public:
         int threadCount = 0; // 0: the engine decides
         // Benchmarks only: see LlmInference::Options.
         std::optional<std::int64_t> forcedResponseTokens;
+        // See LlmInference::Options; PARLUNE_DRAFT=off in the environment turns it off too (benchmarks).
+        bool draftFromPrompt = true;
         // Drops caches and the warm-up under memory pressure; must outlive the engine. May be null.
         MemoryPressureSource* memoryPressure = nullptr;
     };

@@ -36,6 +36,12 @@ printf '%s' "$secret" | "$cli" rewrite --mode "Make concise" --stats --bench-res
 check "a forced-length rewrite succeeds (0)" test $? -eq 0
 check "stats count the forced tokens" grep -q "8 tokens generated" "$dir/err"
 check "stats never show the text" bash -c "! grep -q merger '$dir/err'"
+check "stats count guesses and model runs" grep -q "drafted [0-9]* tokens, [0-9]* accepted, [0-9]* forward passes" "$dir/err"
+printf '%s' "$secret" | "$cli" rewrite --mode "Make concise" --stats --no-draft --bench-response-tokens 8 >"$dir/plain" 2>"$dir/err"
+check "without guesses the rewrite is the same" cmp -s "$dir/out" "$dir/plain"
+check "without guesses none are drafted" grep -q "drafted 0 tokens, 0 accepted, 7 forward passes" "$dir/err"
+printf '%s' "$secret" | PARLUNE_DRAFT=off "$cli" rewrite --mode "Make concise" --stats --bench-response-tokens 8 >/dev/null 2>"$dir/err"
+check "PARLUNE_DRAFT=off turns guesses off" grep -q "drafted 0 tokens" "$dir/err"
 
 printf 'plan a trip' | "$cli" rewrite --mode "Improve prompt" >/dev/null 2>"$dir/err"
 check "an unusable improved prompt fails (1)" test $? -eq 1

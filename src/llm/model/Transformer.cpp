@@ -17,6 +17,10 @@
 
 namespace parlune::llm {
 
+// A token's scores must not depend on how many tokens share its batch (checked guesses are
+// compared with single steps).
+static_assert(Transformer::maxBatch <= ActivationBuffer::kMostRegisterTokens);
+
 namespace {
 
 // Rows a worker takes at a time: enough to keep the kernel streaming, few enough to balance.
@@ -322,11 +326,15 @@ void Transformer::forwardBatch(std::span<const std::int32_t> tokens, KvCache& ca
             {&w.up, &s.inputs.get(w.up.type, s.normed.data(), n, hidden), s.up.data(), ffn},
         };
         runMatmuls(gateUp);
+        // Token by token: a vectorised loop over several tokens' values would compute some of them
+        // in its scalar tail, and a token's result would depend on its batch.
         const auto activate = [&](std::int64_t begin, std::int64_t end) {
-            if (c.gateActivation == GateActivation::geluTanh) {
-                geluGate(s.gate.data() + begin * ffn, s.up.data() + begin * ffn, (end - begin) * ffn);
-            } else {
-                swiGlu(s.gate.data() + begin * ffn, s.up.data() + begin * ffn, (end - begin) * ffn);
+            for (std::int64_t t = begin; t < end; ++t) {
+                if (c.gateActivation == GateActivation::geluTanh) {
+                    geluGate(s.gate.data() + t * ffn, s.up.data() + t * ffn, ffn);
+                } else {
+                    swiGlu(s.gate.data() + t * ffn, s.up.data() + t * ffn, ffn);
+                }
             }
         };
         if (n > 1) {

@@ -35,21 +35,25 @@ std::int32_t GenerationSession::argmax(std::span<const float> logits) {
     return static_cast<std::int32_t>(std::max_element(logits.begin(), logits.end()) - logits.begin());
 }
 
-void GenerationSession::append(std::span<const std::int32_t> tokens) {
-    if (tokens.empty()) {
-        return;
-    }
-    transformer_.forward(tokens, state_.cache, state_.logits);
+void GenerationSession::compute(std::span<const std::int32_t> tokens, std::vector<float>& logits,
+                                bool allPositions) {
+    transformer_.forward(tokens, state_.cache, logits, allPositions);
     if (model_->file().changedSinceOpened()) {
         throw ModelFileChangedError(model_->file().source()); // these logits may come from other bytes
     }
     // NaN or infinite scales in the weights poison every score; an answer picked from them is noise.
-    if (!std::all_of(state_.logits.begin(), state_.logits.end(),
-                     [](float value) { return std::isfinite(value); })) {
+    if (!std::all_of(logits.begin(), logits.end(), [](float value) { return std::isfinite(value); })) {
         throw ModelError(
             "the model computed scores that are not finite numbers (its weights hold NaN or infinite "
             "values)");
     }
+}
+
+void GenerationSession::append(std::span<const std::int32_t> tokens) {
+    if (tokens.empty()) {
+        return;
+    }
+    compute(tokens, state_.logits, false);
     state_.tokens.insert(state_.tokens.end(), tokens.begin(), tokens.end());
 }
 
@@ -149,7 +153,7 @@ GenerationResult GenerationSession::generate(std::span<const std::int32_t> promp
             result.stopReason = StopReason::contextFull;
             break;
         }
-        if (advance(next, options, options.maxNewTokens - produced - 1)) {
+        if (advance(next, options, options.maxNewTokens - produced - 1, result)) {
             ++result.draftTokensAccepted;
         }
     }
@@ -160,7 +164,7 @@ GenerationResult GenerationSession::generate(std::span<const std::int32_t> promp
 }
 
 bool GenerationSession::advance(std::int32_t token, const GenerationOptions& options,
-                                std::int64_t remainingTokens) {
+                                std::int64_t remainingTokens, GenerationResult& result) {
     if (draftTaken_ < draftTokens_.size()) {
         if (draftTokens_[draftTaken_] == token) {
             const auto vocabulary = static_cast<std::ptrdiff_t>(state_.logits.size());
@@ -188,12 +192,14 @@ bool GenerationSession::advance(std::int32_t token, const GenerationOptions& opt
             batch.insert(batch.end(), guess.begin(), guess.end());
         }
     }
+    ++result.forwardPasses;
     if (batch.size() == 1) {
         append(batch);
         return false;
     }
+    result.draftTokensProposed += static_cast<std::int64_t>(batch.size()) - 1;
     std::vector<float> rows;
-    transformer_.forward(batch, state_.cache, rows, true);
+    compute(batch, rows, true);
     state_.tokens.insert(state_.tokens.end(), batch.begin(), batch.end());
     const std::size_t vocabulary = rows.size() / batch.size();
     state_.logits.assign(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(vocabulary));

@@ -45,7 +45,9 @@ struct GenerationResult {
     double promptSeconds = 0.0;
     double firstTokenSeconds = 0.0;       // from the call to the first token chosen
     double generationSeconds = 0.0;       // from the first generated token's logits to the end
+    std::int64_t draftTokensProposed = 0; // guessed tokens checked by the model
     std::int64_t draftTokensAccepted = 0; // generated tokens that needed no step of their own
+    std::int64_t forwardPasses = 0;       // model runs after the prompt's (one checks a whole guess)
 };
 
 // Receives decoded text as it is generated, in whole UTF-8 characters.
@@ -94,12 +96,16 @@ public:
     static std::int32_t argmax(std::span<const float> logits);
 
 private:
+    // Runs the model over `tokens` after the cache; throws when the file changed or a score is
+    // not finite.
+    void compute(std::span<const std::int32_t> tokens, std::vector<float>& logits, bool allPositions);
     void append(std::span<const std::int32_t> tokens);
     std::int32_t chooseToken(const GenerationOptions& options, std::int64_t remainingTokens);
     // Feeds the chosen token: taken from the verified draft when it is the draft's next token,
     // else computed, together with a new draft when there is a source. Returns whether the
     // draft already held it.
-    bool advance(std::int32_t token, const GenerationOptions& options, std::int64_t remainingTokens);
+    bool advance(std::int32_t token, const GenerationOptions& options, std::int64_t remainingTokens,
+                 GenerationResult& result);
     // Forgets the drafted tokens not taken, keeping the current logits.
     void dropDraft();
 

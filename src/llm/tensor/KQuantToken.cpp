@@ -33,11 +33,9 @@ void prepareQ6K(const std::int8_t* c, const float* dx, KQuantToken& t) {
 } // namespace
 
 void prepareKQuantTokens(GgmlType weightType, const std::int8_t* codes, const float* scales,
-                         std::int64_t cols, std::vector<KQuantToken>& out) {
-    const std::int64_t blocks = cols / 256;
-    out.resize(static_cast<std::size_t>(blocks));
-    for (std::int64_t s = 0; s < blocks; ++s) {
-        KQuantToken& t = out[static_cast<std::size_t>(s)];
+                         std::int64_t cols, KQuantToken* out) {
+    for (std::int64_t s = 0; s < cols / 256; ++s) {
+        KQuantToken& t = out[s];
         if (weightType == GgmlType::Q4_K) {
             prepareQ4K(codes + 256 * s, scales + 8 * s, t);
         } else {

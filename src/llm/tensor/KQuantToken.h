@@ -8,7 +8,6 @@
 #include "llm/tensor/GgmlType.h"
 
 #include <cstdint>
-#include <vector>
 
 namespace parlune::llm::detail {
 
@@ -28,6 +27,6 @@ constexpr int q4kSlot(int subBlock) {
 
 // Fills `out` (cols / 256 blocks) from one token's codes and per-32 scales, for Q4_K or Q6_K.
 void prepareKQuantTokens(GgmlType weightType, const std::int8_t* codes, const float* scales,
-                         std::int64_t cols, std::vector<KQuantToken>& out);
+                         std::int64_t cols, KQuantToken* out);
 
 } // namespace parlune::llm::detail

@@ -117,9 +117,13 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
         }
     }
     out.kquantTokens_.clear();
-    if (nTokens == 1 && (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K)) {
-        detail::prepareKQuantTokens(weightType, out.codes_.data(), out.scales_.data(), cols,
-                                    out.kquantTokens_);
+    if (nTokens <= ActivationBuffer::kMostRegisterTokens &&
+        (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K)) {
+        out.kquantTokens_.resize(static_cast<std::size_t>(nTokens * (cols / 256)));
+        for (std::int64_t t = 0; t < nTokens; ++t) {
+            detail::prepareKQuantTokens(weightType, out.codes(t), out.blockScales(t), cols,
+                                        out.kquantTokens_.data() + t * (cols / 256));
+        }
     }
 }
 
@@ -185,13 +189,30 @@ void matmulRows(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t r
     matmulRowsOn(path, w, x, rowBegin, rowEnd, y, ldy);
 }
 
-void detail::oneTokenKQuantProduct(KQuantRow row, const WeightMatrix& w, const ActivationBuffer& x,
-                                   std::int64_t rowBegin, std::int64_t rowEnd, float* y) {
-    const auto& token = x.kquantTokens();
-    const auto blocks = static_cast<std::int64_t>(token.size());
+void detail::registerKQuantProduct(std::span<const KQuantRows> group, const WeightMatrix& w,
+                                   const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+                                   float* y, std::int64_t ldy) {
+    const std::int64_t tokens = x.tokens();
+    const auto most = static_cast<std::int64_t>(group.size());
+    const KQuantToken* token[ActivationBuffer::kMostRegisterTokens];
+    for (std::int64_t t = 0; t < tokens; ++t)
+        token[t] = x.kquantTokens(t);
+    float out[ActivationBuffer::kMostRegisterTokens];
     const auto* base = static_cast<const std::uint8_t*>(w.data);
+    if (tokens == 1) { // generation: straight into the output
+        for (std::int64_t r = rowBegin; r < rowEnd; ++r)
+            group[0](base + static_cast<std::size_t>(r) * w.rowBytes, w.cols / 256, token, y + r);
+        return;
+    }
     for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
-        y[r] = row(base + static_cast<std::size_t>(r) * w.rowBytes, blocks, token.data());
+        const std::uint8_t* row = base + static_cast<std::size_t>(r) * w.rowBytes;
+        // The row stays in L1 from one group of tokens to the next.
+        for (std::int64_t t = 0; t < tokens; t += most) {
+            const std::int64_t n = std::min(most, tokens - t);
+            group[static_cast<std::size_t>(n - 1)](row, w.cols / 256, token + t, out + t);
+        }
+        for (std::int64_t t = 0; t < tokens; ++t)
+            y[t * ldy + r] = out[t];
     }
 }
 

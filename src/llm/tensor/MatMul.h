@@ -36,9 +36,17 @@ public:
     const std::int8_t* codes(std::int64_t token) const { return codes_.data() + token * paddedCols_; }
     const float* blockScales(std::int64_t token) const { return scales_.data() + token * (paddedCols_ / 32); }
     const float* values(std::int64_t token) const { return values_.data() + token * paddedCols_; }
-    // The single token laid out for the one-token Q4_K / Q6_K kernels (cols() / 256 blocks);
-    // empty for other types and for several tokens.
-    const std::vector<detail::KQuantToken>& kquantTokens() const { return kquantTokens_; }
+    // Up to this many tokens (the most the transformer multiplies at once), Q4_K and Q6_K
+    // products decode each weight block into registers and apply it to every token with the
+    // one-token arithmetic, so a token scores exactly as it would alone, in a checked guess or a
+    // prompt. Longer batches use the decoded-panel tiles, which round differently.
+    static constexpr std::int64_t kMostRegisterTokens = 256;
+    // The tokens laid out for those register kernels (cols() / 256 blocks each, token after token);
+    // empty for other types and longer batches.
+    bool hasKQuantTokens() const { return !kquantTokens_.empty(); }
+    const detail::KQuantToken* kquantTokens(std::int64_t token) const {
+        return kquantTokens_.data() + token * (cols_ / 256);
+    }
 
 private:
     friend void prepareActivations(GgmlType, const float*, std::int64_t, std::int64_t, ActivationBuffer&);

@@ -74,15 +74,29 @@ void tile(const void* const* rows, const float* const* tokens, std::int64_t cols
                 acc[r][t] = _mm256_fmadd_ps(wv, xv[t], acc[r][t]);
         }
     }
+    // The last columns join the same lanes as whole steps would: attention multiplies a row of
+    // probabilities whose length depends on the batch, and a token's result must not.
+    if (k < cols) {
+        __m256 xv[T];
+#pragma GCC unroll 8
+        for (int t = 0; t < T; ++t)
+            xv[t] = _mm256_loadu_ps(tokens[t] + k);
+#pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) {
+            alignas(32) float tail[8] = {};
+            for (std::int64_t i = k; i < cols; ++i)
+                tail[i - k] = scalarAt<Type>(rows[r], i);
+            const __m256 wv = _mm256_load_ps(tail);
+#pragma GCC unroll 8
+            for (int t = 0; t < T; ++t)
+                acc[r][t] = _mm256_fmadd_ps(wv, xv[t], acc[r][t]);
+        }
+    }
 #pragma GCC unroll 8
     for (int r = 0; r < R; ++r) {
 #pragma GCC unroll 8
-        for (int t = 0; t < T; ++t) {
-            float sum = hsum(acc[r][t]);
-            for (std::int64_t i = k; i < cols; ++i)
-                sum += scalarAt<Type>(rows[r], i) * tokens[t][i];
-            y[(token + t) * ldy + row + r] = sum;
-        }
+        for (int t = 0; t < T; ++t)
+            y[(token + t) * ldy + row + r] = hsum(acc[r][t]);
     }
 }
 
@@ -590,26 +604,34 @@ template <class Format> struct QuantKernel {
     }
 };
 
-// One token against K-quant rows (see KQuantToken.h): every 32-code vector is one Q4_K
-// sub-block or two Q6_K groups.
-float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
+// Tokens against K-quant rows (see KQuantToken.h): every 32-code vector is one Q4_K sub-block or
+// two Q6_K groups. T tokens share each block's decoding; every token keeps its own accumulators
+// and operation order, the same as when it is alone.
+template <int T>
+void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m256i low4 = _mm256_set1_epi8(0x0F);
     const __m256i ones = _mm256_set1_epi16(1);
-    __m256 acc[2] = {_mm256_setzero_ps(), _mm256_setzero_ps()};
-    __m256 accMin = _mm256_setzero_ps();
+    __m256 acc[T][2], accMin[T];
+#pragma GCC unroll 2
+    for (int t = 0; t < T; ++t)
+        acc[t][0] = acc[t][1] = accMin[t] = _mm256_setzero_ps();
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 144 * s;
         std::uint64_t sc, mn;
         kScaleBytes(b, sc, mn);
-        // d * scale * dx per sub-block; the minima meet the activation sums directly.
-        const __m256 factors = _mm256_mul_ps(
-            _mm256_mul_ps(_mm256_set1_ps(half(b)), _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(
-                                                       _mm_cvtsi64_si128(static_cast<long long>(sc))))),
-            _mm256_load_ps(tok[s].a));
+        const __m256 scales = _mm256_mul_ps(
+            _mm256_set1_ps(half(b)),
+            _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(sc)))));
         const __m256 mins = _mm256_mul_ps(
             _mm256_set1_ps(-half(b + 2)),
             _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(mn)))));
-        accMin = _mm256_fmadd_ps(mins, _mm256_load_ps(tok[s].a + 8), accMin);
+        // d * scale * dx per sub-block; the minima meet the activation sums directly.
+        __m256 factors[T];
+#pragma GCC unroll 2
+        for (int t = 0; t < T; ++t) {
+            factors[t] = _mm256_mul_ps(scales, _mm256_load_ps(tok[t][s].a));
+            accMin[t] = _mm256_fmadd_ps(mins, _mm256_load_ps(tok[t][s].a + 8), accMin[t]);
+        }
 #pragma GCC unroll 4
         for (int j = 0; j < 4; ++j) {
             const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16 + 32 * j));
@@ -617,36 +639,48 @@ float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* to
             for (int nibble = 0; nibble < 2; ++nibble) {
                 const __m256i q =
                     nibble ? _mm256_and_si256(_mm256_srli_epi16(v, 4), low4) : _mm256_and_si256(v, low4);
-                const __m256i xs = _mm256_load_si256(
-                    reinterpret_cast<const __m256i*>(tok[s].x + 32 * q4kSlot(2 * j + nibble)));
-                const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(q, xs), ones);
-                const __m256 f = _mm256_permutevar8x32_ps(factors, _mm256_set1_epi32(2 * j + nibble));
-                acc[nibble] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[nibble]);
+#pragma GCC unroll 2
+                for (int t = 0; t < T; ++t) {
+                    const __m256i xs = _mm256_load_si256(
+                        reinterpret_cast<const __m256i*>(tok[t][s].x + 32 * q4kSlot(2 * j + nibble)));
+                    const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(q, xs), ones);
+                    const __m256 f = _mm256_permutevar8x32_ps(factors[t], _mm256_set1_epi32(2 * j + nibble));
+                    acc[t][nibble] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[t][nibble]);
+                }
             }
         }
     }
-    return hsum(_mm256_add_ps(_mm256_add_ps(acc[0], acc[1]), accMin));
+#pragma GCC unroll 2
+    for (int t = 0; t < T; ++t)
+        out[t] = hsum(_mm256_add_ps(_mm256_add_ps(acc[t][0], acc[t][1]), accMin[t]));
 }
 
-float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
+template <int T>
+void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m256i low4 = _mm256_set1_epi8(0x0F);
     const __m256i low2 = _mm256_set1_epi8(3);
     const __m256i ones = _mm256_set1_epi16(1);
     const __m256i pairIdx = _mm256_set_epi32(1, 1, 1, 1, 0, 0, 0, 0);
-    __m256 acc[2] = {_mm256_setzero_ps(), _mm256_setzero_ps()};
-    __m256 accBias = _mm256_setzero_ps();
+    __m256 acc[T][2], accBias[T];
+#pragma GCC unroll 2
+    for (int t = 0; t < T; ++t)
+        acc[t][0] = acc[t][1] = accBias[t] = _mm256_setzero_ps();
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 210 * s;
         const __m256 d = _mm256_set1_ps(half(b + 208));
         const __m128i sc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192));
+        const __m256 scales[2] = {
+            _mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(sc))),
+            _mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_srli_si128(sc, 8))))};
         // d * scale * dx of each 16-column group, groups 0-7 and 8-15
-        const __m256 factors[2] = {
-            _mm256_mul_ps(_mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(sc))),
-                          _mm256_load_ps(tok[s].a)),
-            _mm256_mul_ps(_mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_srli_si128(sc, 8)))),
-                          _mm256_load_ps(tok[s].a + 8))};
-        accBias = _mm256_fmadd_ps(factors[0], _mm256_load_ps(tok[s].b), accBias);
-        accBias = _mm256_fmadd_ps(factors[1], _mm256_load_ps(tok[s].b + 8), accBias);
+        __m256 factors[T][2];
+#pragma GCC unroll 2
+        for (int t = 0; t < T; ++t) {
+            factors[t][0] = _mm256_mul_ps(scales[0], _mm256_load_ps(tok[t][s].a));
+            factors[t][1] = _mm256_mul_ps(scales[1], _mm256_load_ps(tok[t][s].a + 8));
+            accBias[t] = _mm256_fmadd_ps(factors[t][0], _mm256_load_ps(tok[t][s].b), accBias[t]);
+            accBias[t] = _mm256_fmadd_ps(factors[t][1], _mm256_load_ps(tok[t][s].b + 8), accBias[t]);
+        }
 #pragma GCC unroll 2
         for (int h = 0; h < 2; ++h) {
             const __m256i l0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 64 * h));
@@ -664,16 +698,26 @@ float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* to
 #pragma GCC unroll 4
             for (int p = 0; p < 4; ++p) {
                 const int chunk = 4 * h + p; // 32 columns: groups 2 * chunk and 2 * chunk + 1
-                const __m256i xs = _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[s].x + 32 * chunk));
-                const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(parts[p], xs), ones);
-                const __m256 f =
-                    _mm256_permutevar8x32_ps(factors[h], _mm256_add_epi32(pairIdx, _mm256_set1_epi32(2 * p)));
-                acc[p % 2] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[p % 2]);
+                const __m256i idx = _mm256_add_epi32(pairIdx, _mm256_set1_epi32(2 * p));
+#pragma GCC unroll 2
+                for (int t = 0; t < T; ++t) {
+                    const __m256i xs =
+                        _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[t][s].x + 32 * chunk));
+                    const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(parts[p], xs), ones);
+                    const __m256 f = _mm256_permutevar8x32_ps(factors[t][h], idx);
+                    acc[t][p % 2] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[t][p % 2]);
+                }
             }
         }
     }
-    return hsum(_mm256_add_ps(_mm256_add_ps(acc[0], acc[1]), accBias));
+#pragma GCC unroll 2
+    for (int t = 0; t < T; ++t)
+        out[t] = hsum(_mm256_add_ps(_mm256_add_ps(acc[t][0], acc[t][1]), accBias[t]));
 }
+
+// Two tokens at a time: more would not fit the sixteen registers.
+constexpr KQuantRows kQ4KGroup[] = {rowQ4K<1>, rowQ4K<2>};
+constexpr KQuantRows kQ6KGroup[] = {rowQ6K<1>, rowQ6K<2>};
 
 template <class Format>
 void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
@@ -712,15 +756,15 @@ struct Avx2 {
         runQuant<Format>(w, x, rowBegin, rowEnd, y, ldy);
     }
     static bool fewTokens(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
-                          std::int64_t rowEnd, float* y, std::int64_t) {
-        if (x.tokens() != 1)
+                          std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        if (!x.hasKQuantTokens())
             return false;
         switch (w.type) {
         case GgmlType::Q4_K:
-            oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
+            registerKQuantProduct(kQ4KGroup, w, x, rowBegin, rowEnd, y, ldy);
             return true;
         case GgmlType::Q6_K:
-            oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
+            registerKQuantProduct(kQ6KGroup, w, x, rowBegin, rowEnd, y, ldy);
             return true;
         default:
             return false;

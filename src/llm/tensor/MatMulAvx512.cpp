@@ -608,16 +608,26 @@ template <class Format> struct QuantKernel {
             tokens[t] = b.tokens + t * nChunks;
             sums[t] = b.sums + t * sumsStride();
         }
-        const Decoded* rows[R];
-        const float* mins[R];
+        // The minima join in the streamed tiles' order, so a token's result does not depend on
+        // which of the two served it.
+        for (std::int64_t c0 = 0; c0 < nChunks; c0 += kStreamChunks) {
+            const std::int64_t n = std::min(kStreamChunks, nChunks - c0);
+            const Decoded* rows[R];
+            const float* mins[R];
+            const float* sumsFrom[T];
 #pragma GCC unroll 8
-        for (int r = 0; r < R; ++r) {
-            rows[r] = b.decoded + (panelRow + r) * panelStride();
-            mins[r] = b.mins + (panelRow + r) * sumsStride();
+            for (int r = 0; r < R; ++r) {
+                rows[r] = b.decoded + (panelRow + r) * panelStride() + c0;
+                mins[r] = b.mins + (panelRow + r) * sumsStride() + kMins * c0;
+            }
+            accumulate<Format, R, T>(acc, rows, tokens, c0, n);
+            if constexpr (Format::asym) {
+#pragma GCC unroll 8
+                for (int t = 0; t < T; ++t)
+                    sumsFrom[t] = sums[t] + kMins * c0;
+                addMinima<R, T>(acc, mins, sumsFrom, (kMins * n + 15) / 16 * 16);
+            }
         }
-        accumulate<Format, R, T>(acc, rows, tokens, 0, nChunks);
-        if constexpr (Format::asym)
-            addMinima<R, T>(acc, mins, sums, sumsStride());
         storeTile<R, T>(acc, y, ldy, r0 + panelRow, t0);
     }
 
@@ -703,52 +713,86 @@ __m512i laneGroups(int first, int second) {
     return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(first)), _mm256_set1_epi32(second), 1);
 }
 
-float rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
+// acc[t][2h] and acc[t][2h + 1] += the two decoded 64-code vectors of half `h` of block `s` times
+// token t's codes, each lane scaled by its factor (picked from factors[t] by the two indices).
+template <int T>
+inline __attribute__((always_inline)) void
+addHalfBlock(__m512 (&acc)[T][4], int h, __m512i first, __m512i second, __m512i firstIdx, __m512i secondIdx,
+             const __m512 (&factors)[T], const KQuantToken* const* tok, std::int64_t s) {
+#pragma GCC unroll 4
+    for (int t = 0; t < T; ++t) {
+        const __m512i d0 =
+            _mm512_dpbusd_epi32(_mm512_setzero_si512(), first, _mm512_load_si512(tok[t][s].x + 128 * h));
+        const __m512i d1 = _mm512_dpbusd_epi32(_mm512_setzero_si512(), second,
+                                               _mm512_load_si512(tok[t][s].x + 128 * h + 64));
+        acc[t][2 * h] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(d0), _mm512_permutexvar_ps(firstIdx, factors[t]),
+                                        acc[t][2 * h]);
+        acc[t][2 * h + 1] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(d1),
+                                            _mm512_permutexvar_ps(secondIdx, factors[t]), acc[t][2 * h + 1]);
+    }
+}
+
+// T tokens at once share each block's decoding; every token keeps its own accumulators and
+// operation order, the same as when it is alone.
+template <int T>
+void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m512i low4 = _mm512_set1_epi8(0x0F);
     const __m512i idx[4] = {laneGroups(0, 2), laneGroups(1, 3), laneGroups(4, 6), laneGroups(5, 7)};
-    __m512 acc[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
-    __m512 accMin = _mm512_setzero_ps();
+    __m512 acc[T][4], accMin[T];
+#pragma GCC unroll 4
+    for (int t = 0; t < T; ++t) {
+        acc[t][0] = acc[t][1] = acc[t][2] = acc[t][3] = accMin[t] = _mm512_setzero_ps();
+    }
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 144 * s;
         __m512 scv, unused;
         kScales(b, scv, unused);
         // [d * scale * dx per sub-block, -dmin * min * dx * sum per sub-block]
-        const __m512 factors = _mm512_mul_ps(scv, _mm512_load_ps(tok[s].a));
-        accMin = _mm512_mask_add_ps(accMin, 0xFF00, accMin, factors);
+        __m512 factors[T];
+#pragma GCC unroll 4
+        for (int t = 0; t < T; ++t) {
+            factors[t] = _mm512_mul_ps(scv, _mm512_load_ps(tok[t][s].a));
+            accMin[t] = _mm512_mask_add_ps(accMin[t], 0xFF00, accMin[t], factors[t]);
+        }
 #pragma GCC unroll 2
         for (int h = 0; h < 2; ++h) {
             const __m512i q = _mm512_loadu_si512(b + 16 + 64 * h);
             const __m512i lo = _mm512_and_si512(q, low4);
             const __m512i hi = _mm512_and_si512(_mm512_srli_epi16(q, 4), low4);
-            const __m512i d0 =
-                _mm512_dpbusd_epi32(_mm512_setzero_si512(), lo, _mm512_load_si512(tok[s].x + 128 * h));
-            const __m512i d1 =
-                _mm512_dpbusd_epi32(_mm512_setzero_si512(), hi, _mm512_load_si512(tok[s].x + 128 * h + 64));
-            acc[2 * h] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(d0), _mm512_permutexvar_ps(idx[2 * h], factors),
-                                         acc[2 * h]);
-            acc[2 * h + 1] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(d1),
-                                             _mm512_permutexvar_ps(idx[2 * h + 1], factors), acc[2 * h + 1]);
+            addHalfBlock<T>(acc, h, lo, hi, idx[2 * h], idx[2 * h + 1], factors, tok, s);
         }
     }
-    return _mm512_reduce_add_ps(
-        _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(_mm512_add_ps(acc[2], acc[3]), accMin)));
+#pragma GCC unroll 4
+    for (int t = 0; t < T; ++t) {
+        out[t] = _mm512_reduce_add_ps(
+            _mm512_add_ps(_mm512_add_ps(acc[t][0], acc[t][1]),
+                          _mm512_add_ps(_mm512_add_ps(acc[t][2], acc[t][3]), accMin[t])));
+    }
 }
 
-float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* tok) {
+template <int T>
+void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m512i low4 = _mm512_set1_epi8(0x0F);
     const __m512i low2 = _mm512_set1_epi8(3);
     const __m512i quarter =
         _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), 2);
-    __m512 acc[4] = {_mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps(), _mm512_setzero_ps()};
-    __m512 accBias = _mm512_setzero_ps();
+    __m512 acc[T][4], accBias[T];
+#pragma GCC unroll 4
+    for (int t = 0; t < T; ++t) {
+        acc[t][0] = acc[t][1] = acc[t][2] = acc[t][3] = accBias[t] = _mm512_setzero_ps();
+    }
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 210 * s;
-        const __m512 scales = _mm512_cvtepi32_ps(
-            _mm512_cvtepi8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192))));
+        const __m512 scales = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(
+                                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192)))),
+                                            _mm512_set1_ps(fp16ToFloatFast(u16(b + 208))));
         // d * scale * dx of each 16-column group
-        const __m512 factors = _mm512_mul_ps(
-            _mm512_mul_ps(scales, _mm512_set1_ps(fp16ToFloatFast(u16(b + 208)))), _mm512_load_ps(tok[s].a));
-        accBias = _mm512_fmadd_ps(factors, _mm512_load_ps(tok[s].b), accBias);
+        __m512 factors[T];
+#pragma GCC unroll 4
+        for (int t = 0; t < T; ++t) {
+            factors[t] = _mm512_mul_ps(scales, _mm512_load_ps(tok[t][s].a));
+            accBias[t] = _mm512_fmadd_ps(factors[t], _mm512_load_ps(tok[t][s].b), accBias[t]);
+        }
 #pragma GCC unroll 2
         for (int h = 0; h < 2; ++h) {
             const __m512i ql = _mm512_loadu_si512(b + 64 * h);
@@ -759,21 +803,21 @@ float rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* to
                 _mm512_or_si512(_mm512_and_si512(ql, low4), _mm512_slli_epi16(_mm512_and_si512(hA, low2), 4));
             const __m512i qb = _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(ql, 4), low4),
                                                _mm512_slli_epi16(_mm512_and_si512(hB, low2), 4));
-            const __m512i d0 =
-                _mm512_dpbusd_epi32(_mm512_setzero_si512(), qa, _mm512_load_si512(tok[s].x + 128 * h));
-            const __m512i d1 =
-                _mm512_dpbusd_epi32(_mm512_setzero_si512(), qb, _mm512_load_si512(tok[s].x + 128 * h + 64));
             const __m512i i0 = _mm512_add_epi32(quarter, _mm512_set1_epi32(8 * h));
             const __m512i i1 = _mm512_add_epi32(quarter, _mm512_set1_epi32(8 * h + 4));
-            acc[2 * h] =
-                _mm512_fmadd_ps(_mm512_cvtepi32_ps(d0), _mm512_permutexvar_ps(i0, factors), acc[2 * h]);
-            acc[2 * h + 1] =
-                _mm512_fmadd_ps(_mm512_cvtepi32_ps(d1), _mm512_permutexvar_ps(i1, factors), acc[2 * h + 1]);
+            addHalfBlock<T>(acc, h, qa, qb, i0, i1, factors, tok, s);
         }
     }
-    return _mm512_reduce_add_ps(
-        _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(_mm512_add_ps(acc[2], acc[3]), accBias)));
+#pragma GCC unroll 4
+    for (int t = 0; t < T; ++t) {
+        out[t] = _mm512_reduce_add_ps(
+            _mm512_add_ps(_mm512_add_ps(acc[t][0], acc[t][1]),
+                          _mm512_add_ps(_mm512_add_ps(acc[t][2], acc[t][3]), accBias[t])));
+    }
 }
+
+constexpr KQuantRows kQ4KGroup[] = {rowQ4K<1>, rowQ4K<2>, rowQ4K<3>, rowQ4K<4>};
+constexpr KQuantRows kQ6KGroup[] = {rowQ6K<1>, rowQ6K<2>, rowQ6K<3>, rowQ6K<4>};
 
 // One token against Q8_0 rows, straight from the blocks like the K-quants above. The arithmetic
 // is the tiles' own, in the same order, so a token's result does not depend on how many tokens
@@ -991,18 +1035,22 @@ struct Avx512 {
         runQuant<Format>(w, x, rowBegin, rowEnd, y, ldy);
     }
     static bool fewTokens(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
-                          std::int64_t rowEnd, float* y, std::int64_t) {
-        if (x.tokens() != 1)
-            return false;
+                          std::int64_t rowEnd, float* y, std::int64_t ldy) {
         switch (w.type) {
         case GgmlType::Q8_0:
+            if (x.tokens() != 1)
+                return false;
             oneTokenQ8_0(w, x, rowBegin, rowEnd, y);
             return true;
         case GgmlType::Q4_K:
-            oneTokenKQuantProduct(rowQ4K, w, x, rowBegin, rowEnd, y);
+            if (!x.hasKQuantTokens())
+                return false;
+            registerKQuantProduct(kQ4KGroup, w, x, rowBegin, rowEnd, y, ldy);
             return true;
         case GgmlType::Q6_K:
-            oneTokenKQuantProduct(rowQ6K, w, x, rowBegin, rowEnd, y);
+            if (!x.hasKQuantTokens())
+                return false;
+            registerKQuantProduct(kQ6KGroup, w, x, rowBegin, rowEnd, y, ldy);
             return true;
         default:
             return false;

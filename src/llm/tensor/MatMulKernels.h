@@ -5,6 +5,8 @@
 
 #include "llm/tensor/MatMul.h"
 
+#include <span>
+
 namespace parlune::llm::detail {
 
 void matmulScalar(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
@@ -14,11 +16,15 @@ void matmulAvx2(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t r
 void matmulAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                   std::int64_t rowEnd, float* y, std::int64_t ldy);
 
-// One token against Q4_K or Q6_K rows: `row` is one instruction set's dot product of a row
-// (`blocks` 256-column blocks) with x.kquantTokens(); y[r] for rows [rowBegin, rowEnd).
-using KQuantRow = float (*)(const std::uint8_t* row, std::int64_t blocks, const KQuantToken* token);
-void oneTokenKQuantProduct(KQuantRow row, const WeightMatrix& w, const ActivationBuffer& x,
-                           std::int64_t rowBegin, std::int64_t rowEnd, float* y);
+// A few tokens against Q4_K or Q6_K rows. `group[n - 1]` is one instruction set's dot products of
+// a row (`blocks` 256-column blocks) with n tokens' x.kquantTokens(t), each token rounded exactly as
+// when it is alone; the tokens go through in groups of group.size(). y[t * ldy + r] for rows
+// [rowBegin, rowEnd).
+using KQuantRows = void (*)(const std::uint8_t* row, std::int64_t blocks, const KQuantToken* const* tokens,
+                            float* out);
+void registerKQuantProduct(std::span<const KQuantRows> group, const WeightMatrix& w,
+                           const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
+                           std::int64_t ldy);
 
 // 8-bit activation codes for one token row: one scale per 32 values, codes in [-127, 127].
 void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,

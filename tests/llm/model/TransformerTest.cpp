@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <numeric>
 #include <stdexcept>
 #include <vector>
@@ -85,6 +87,52 @@ INSTANTIATE_TEST_SUITE_P(Architectures, TransformerTest,
                                            std::tuple(Architecture::qwen2, GgmlType::Q8_0),
                                            std::tuple(Architecture::qwen3, GgmlType::Q4_K),
                                            std::tuple(Architecture::llama, GgmlType::F16)));
+
+// Rows 256 wide, so the K-quant matrices of a Q4_K_M mix are Q4_K and Q6_K.
+class BatchInvarianceTest : public ::testing::TestWithParam<std::tuple<Architecture, const char*>> {};
+
+TEST_P(BatchInvarianceTest, DraftSizedBatchesScoreBitForBitLikeSingleSteps) {
+    TestModelRecipe recipe = tinySpec(std::get<0>(GetParam()));
+    recipe.hiddenSize = 256;
+    recipe.feedForwardSize = 512;
+    recipe.tiedOutput = false;
+    recipe.weights = *TestWeightScheme::parse(std::get<1>(GetParam()));
+    const auto model = makeTinyModel(recipe);
+    const auto vocabulary = static_cast<std::size_t>(model->config().vocabularySize);
+    const auto tokens = sequence(30, static_cast<std::int32_t>(vocabulary));
+    const auto prompt = std::span(tokens).first(7);
+    const auto rest = std::span(tokens).subspan(7);
+    ThreadPool pool(2);
+    Transformer transformer(model, pool);
+
+    KvCache stepwise(model->config());
+    std::vector<float> logits;
+    transformer.forward(prompt, stepwise, logits);
+    std::vector<float> expected;
+    for (std::size_t i = 0; i < rest.size(); ++i) {
+        transformer.forward(rest.subspan(i, 1), stepwise, logits);
+        expected.insert(expected.end(), logits.begin(), logits.end());
+    }
+    for (const std::size_t batch : {2u, 3u, 5u, 9u, 16u, 23u}) {
+        KvCache cache(model->config());
+        transformer.forward(prompt, cache, logits);
+        std::vector<float> got;
+        for (std::size_t i = 0; i < rest.size(); i += batch) {
+            transformer.forward(rest.subspan(i, std::min(batch, rest.size() - i)), cache, logits, true);
+            got.insert(got.end(), logits.begin(), logits.end());
+        }
+        ASSERT_EQ(got.size(), expected.size());
+        for (std::size_t i = 0; i < got.size(); ++i) {
+            ASSERT_EQ(std::bit_cast<std::uint32_t>(got[i]), std::bit_cast<std::uint32_t>(expected[i]))
+                << "batch " << batch << " position " << i / vocabulary << " token " << i % vocabulary;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ArchitecturesAndWeights, BatchInvarianceTest,
+                         ::testing::Combine(::testing::Values(Architecture::llama, Architecture::qwen2,
+                                                              Architecture::phi3, Architecture::gemma3),
+                                            ::testing::Values("q4_k_m", "q8_0", "q5_k", "f16")));
 
 TEST(Transformer, LongPromptsSpanSeveralBatches) {
     TestModelRecipe recipe = tinySpec(Architecture::qwen2);

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <stdexcept>
 #include <string>
@@ -178,6 +180,42 @@ TEST_P(EveryPath, EveryTailOfRowsColumnsAndTokens) {
                     ASSERT_LT(nmse(want.data(), product(path, m, x).data(), want.size()), 1e-7)
                         << kernelPathName(path) << " cols " << cols << " rows " << rows << " tokens "
                         << tokens;
+                }
+            }
+        }
+    }
+}
+
+TEST_P(EveryPath, ATokensResultDoesNotDependOnItsBatch) {
+    // Drafted tokens are checked in one batch and must score exactly as they would one at a time,
+    // so every batch size (one-token kernels, streamed tiles, decoded panels) rounds identically.
+    const GgmlType type = GetParam();
+    const std::int64_t block = std::max<std::int64_t>(ggmlTypeTraits(type).blockElements, 16);
+    for (const std::int64_t cols : {block, 5 * block, oddColumns(type), std::int64_t{3 * 1024}}) {
+        const EncodedMatrix m = testing::randomBlocks(type, 9, cols, static_cast<std::uint32_t>(cols));
+        constexpr std::int64_t kMost = 40;
+        constexpr std::int64_t kBatches[] = {2, 3, 4, 5, 6, 9, 17, kMost};
+        const std::vector<float> xs = activations(kMost, cols, static_cast<std::uint32_t>(cols) + 1);
+        for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
+            if (!kernelPathAvailable(path))
+                continue;
+            std::vector<std::vector<float>> alone;
+            for (std::int64_t t = 0; t < kMost; ++t) {
+                ActivationBuffer x;
+                prepareActivations(type, xs.data() + t * cols, 1, cols, x);
+                alone.push_back(product(path, m, x));
+            }
+            for (const std::int64_t tokens : kBatches) {
+                ActivationBuffer x;
+                prepareActivations(type, xs.data(), tokens, cols, x);
+                const std::vector<float> batch = product(path, m, x);
+                for (std::int64_t t = 0; t < tokens; ++t) {
+                    for (std::int64_t r = 0; r < m.rows; ++r) {
+                        ASSERT_EQ(std::bit_cast<std::uint32_t>(batch[t * m.rows + r]),
+                                  std::bit_cast<std::uint32_t>(alone[t][r]))
+                            << kernelPathName(path) << " cols " << cols << " batch " << tokens << " token "
+                            << t << " row " << r << ": " << batch[t * m.rows + r] << " vs " << alone[t][r];
+                    }
                 }
             }
         }
