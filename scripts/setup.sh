@@ -12,11 +12,15 @@ packages=(
   # X11 ports
   libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev libxcb-xinput-dev
   libxtst-dev libatspi2.0-dev
+  # Wayland ports
+  libwayland-dev libxkbcommon-dev
   # tests: unit, engine oracle, real desktop
   libgtest-dev libgmock-dev python3 python3-numpy openssl
   xvfb openbox xdotool xclip x11-utils dbus-x11 dbus-daemon at-spi2-core mousepad
   # desktop tests: a terminal, a Qt 5 editor and a browser as real targets
   xterm featherpad chromium
+  # Wayland desktop tests: a headless compositor, its clipboard tools and a Wayland terminal
+  sway wl-clipboard foot
 )
 
 missing=()

@@ -1,4 +1,5 @@
 #include "core/platform/Workspace.h"
+#include "platform/linux/DesktopLauncher.h"
 #include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/X11KeyTable.h"
@@ -98,18 +99,18 @@ private:
     std::vector<std::pair<const char*, QByteArray>> saved_;
 };
 
-TEST(EwmhWorkspaceTest, SchemeHandlersComeFromTheDesktopsTables) {
+TEST(DesktopLauncherTest, SchemeHandlersComeFromTheDesktopsTables) {
     ScopedXdgDirectories xdg;
-    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("settings")));
+    EXPECT_FALSE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("settings")));
     xdg.write(QStringLiteral("system/applications/mimeinfo.cache"),
               "[MIME Cache]\nx-scheme-handler/settings=control-center.desktop;\nx-scheme-handler/empty=\n");
-    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("settings")));
-    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("SETTINGS")));
-    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("empty")));
-    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("x-apple.systempreferences")));
+    EXPECT_TRUE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("settings")));
+    EXPECT_TRUE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("SETTINGS")));
+    EXPECT_FALSE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("empty")));
+    EXPECT_FALSE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("x-apple.systempreferences")));
     xdg.write(QStringLiteral("config/mimeapps.list"),
               "[Default Applications]\nx-scheme-handler/zoommtg=zoom.desktop\n");
-    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("zoommtg")));
+    EXPECT_TRUE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("zoommtg")));
 }
 
 class FixedWorkspace final : public Workspace {
