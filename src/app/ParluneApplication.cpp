@@ -220,6 +220,13 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
     HotKeyManager* hotKeys = services_.hotKeys();
     if (!hotKeys) {
         AppReadiness& readiness = services_.readiness();
+        const std::optional<ShortcutPath> path = services_.shortcutPath();
+        if (path && path->kind == ShortcutPath::Kind::boundCommand) {
+            // Ready once the bound command has been used; until then the window says how to bind it.
+            readiness.setHotKeyReady(boundCommandArrived_);
+            readiness.setHotKeyRegistrationError(path->instructions);
+            return;
+        }
         readiness.setHotKeyReady(false);
         readiness.setHotKeyRegistrationError(services_.desktopProblem());
         return;
@@ -242,6 +249,11 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
 }
 
 void ParluneApplication::rewriteSelection() {
+    const std::optional<ShortcutPath> path = services_.shortcutPath();
+    if (path && path->kind == ShortcutPath::Kind::boundCommand && !boundCommandArrived_) {
+        boundCommandArrived_ = true;
+        services_.readiness().setHotKeyReady(true);
+    }
     if (RewriteCoordinator* coordinator = services_.coordinator()) {
         coordinator->submitRewriteSelection();
     } else if (services_.desktopProblem()) {

@@ -94,6 +94,8 @@ private:
     std::vector<Subscription> subscriptions_;
     std::vector<QMetaObject::Connection> connections_;
     bool subscribedToDownloads_ = false;
+    // Whether `parlune --rewrite-selection` has reached us, which proves the user bound it.
+    bool boundCommandArrived_ = false;
     TaskHandle warmth_;
     std::vector<TaskHandle> speedTests_;
     TaskHandle launchPreparation_;

@@ -72,11 +72,23 @@ protected:
         WaylandDesktopTest::TearDown();
     }
 
+    // Another client's write, once our port has seen it (not the report of what the clipboard held
+    // when the port started).
+    bool copiedByAnotherClient(const QByteArray& bytes, const QString& type) {
+        wlCopy(bytes, type);
+        return pumpUntil(
+            [&] {
+                const std::vector<QString> types = finish(pasteboard->typesAsync(0));
+                return std::find(types.begin(), types.end(), type) != types.end() &&
+                       !pasteboard->ownsSelection();
+            },
+            3000);
+    }
+
     // The user's clipboard: text from wl-copy, which offers it under five types.
     void giveUserText() {
-        const std::int64_t before = pasteboard->changeCount();
-        wlCopy(QByteArrayLiteral("the user's own words \xe2\x9c\x93"));
-        ASSERT_TRUE(pumpUntil([&] { return pasteboard->changeCount() > before; }, 3000));
+        ASSERT_TRUE(copiedByAnotherClient(QByteArrayLiteral("the user's own words \xe2\x9c\x93"),
+                                          QStringLiteral("text/plain;charset=utf-8")));
         userTypes = wlPasteTypes();
         ASSERT_GE(userTypes.size(), 2);
         for (const QString& type : userTypes) {
@@ -126,9 +138,7 @@ TEST_F(ClipboardWaylandTest, AnotherClientsClipboardIsReadWithEveryTypeAndOurWri
 
 TEST_F(ClipboardWaylandTest, BinaryDataWithNulBytesComesBackByteForByte) {
     const QByteArray image("\x89PNG\r\n\x1a\n\x00\x00\x00\rIHDR\x00\xff", 18);
-    const std::int64_t before = pasteboard->changeCount();
-    wlCopy(image, QStringLiteral("image/png"));
-    ASSERT_TRUE(pumpUntil([&] { return pasteboard->changeCount() > before; }, 3000));
+    ASSERT_TRUE(copiedByAnotherClient(image, QStringLiteral("image/png")));
     const ClipboardSnapshot snapshot = finish(clipboard->capture());
     clipboard->setTransientLocalString(QStringLiteral("transient"));
     EXPECT_EQ(wlPaste(QStringLiteral("text/plain")), QByteArrayLiteral("transient"));

@@ -74,14 +74,34 @@ bool SwaySession::start() {
     ::setenv("DBUS_SESSION_BUS_ADDRESS", busAddress.toLocal8Bit().constData(), 1);
     ::setenv("GSETTINGS_BACKEND", "memory", 1);
     ::setenv("XDG_SESSION_TYPE", "wayland", 1);
+    ::setenv("XDG_CURRENT_DESKTOP", "sway", 1);
     ::setenv("GDK_BACKEND", "wayland", 1);
     ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
     ::unsetenv("DISPLAY");
     ::unsetenv("WAYLAND_DISPLAY");
     ::unsetenv("SWAYSOCK");
 
-    bus_ = DesktopSession::spawn({QStringLiteral("dbus-daemon"), QStringLiteral("--session"),
-                                  QStringLiteral("--nofork"), QStringLiteral("--address=") + busAddress});
+    // As root, sway and what it starts run as another user of a user namespace, whose claim of a
+    // user id the bus cannot check against the socket's: the bus lets them in anonymously.
+    const QString busConfig = directory_ + QStringLiteral("/bus.conf");
+    QFile busConfigFile(busConfig);
+    if (!busConfigFile.open(QIODevice::WriteOnly)) {
+        failure_ = QStringLiteral("cannot write %1").arg(busConfig);
+        return false;
+    }
+    busConfigFile.write(
+        QStringLiteral("<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+                       " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                       "<busconfig><type>session</type><listen>%1</listen>\n"
+                       "<auth>EXTERNAL</auth><auth>ANONYMOUS</auth><allow_anonymous/>\n"
+                       "<standard_session_servicedirs/>\n"
+                       "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                       "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n")
+            .arg(busAddress)
+            .toUtf8());
+    busConfigFile.close();
+    bus_ = DesktopSession::spawn({QStringLiteral("dbus-daemon"), QStringLiteral("--config-file=") + busConfig,
+                                  QStringLiteral("--nofork")});
     if (!DesktopSession::waitFor([&] { return QFile::exists(busSocket); }, 5000)) {
         failure_ = QStringLiteral("the session bus did not start");
         return false;

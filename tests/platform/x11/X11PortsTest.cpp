@@ -4,7 +4,6 @@
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/X11KeyTable.h"
 #include "platform/x11/X11Pasteboard.h"
-#include "platform/x11/X11Session.h"
 #include "support/RunTask.h"
 
 #include <QDir>
@@ -41,22 +40,6 @@ TEST(X11KeyTableTest, CarbonModifiersMapToCoreMasks) {
     // Caps Lock (1024) and other Carbon bits are not part of a chord.
     EXPECT_EQ(X11KeyTable::modifierMaskFor(1024), 0);
     EXPECT_EQ(X11KeyTable::modifierMaskFor(0), 0);
-}
-
-TEST(X11SessionTest, WaylandIsRecognisedEvenWithXwaylandPresent) {
-    using Kind = X11Session::Kind;
-    EXPECT_EQ(X11Session::detect("x11", "", ":0"), Kind::x11);
-    EXPECT_EQ(X11Session::detect("", "", ":1"), Kind::x11);
-    EXPECT_EQ(X11Session::detect("wayland", "", ""), Kind::wayland);
-    EXPECT_EQ(X11Session::detect("Wayland", "", ":0"), Kind::wayland);
-    EXPECT_EQ(X11Session::detect("x11", "wayland-0", ":0"), Kind::wayland);
-    EXPECT_EQ(X11Session::detect("tty", "", ""), Kind::none);
-
-    EXPECT_EQ(X11Session::unsupportedReason(Kind::x11), std::nullopt);
-    ASSERT_TRUE(X11Session::unsupportedReason(Kind::wayland));
-    EXPECT_TRUE(X11Session::unsupportedReason(Kind::wayland)->contains(QLatin1String("Wayland")));
-    ASSERT_TRUE(X11Session::unsupportedReason(Kind::none));
-    EXPECT_TRUE(X11Session::unsupportedReason(Kind::none)->contains(QLatin1String("DISPLAY")));
 }
 
 TEST(X11PasteboardTest, PseudoTargetsAreNeverData) {
