@@ -14,6 +14,8 @@ packages=(
   libxtst-dev libatspi2.0-dev
   # Wayland ports
   libwayland-dev libxkbcommon-dev
+  # the application on a Wayland session (Qt's Wayland platform)
+  qt6-wayland
   # tests: unit, engine oracle, real desktop
   libgtest-dev libgmock-dev python3 python3-numpy openssl
   xvfb openbox xdotool xclip x11-utils dbus-x11 dbus-daemon at-spi2-core mousepad

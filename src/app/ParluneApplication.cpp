@@ -24,6 +24,7 @@
 #include "inference/ModelLocator.h"
 #include "inference/ModelSpeedTest.h"
 #include "inference/OnDeviceEngine.h"
+#include "platform/linux/DesktopNotifications.h"
 #include "platform/linux/SystemTransitionWatcher.h"
 
 #include <QApplication>
@@ -57,11 +58,19 @@ private:
 ParluneApplication::ParluneApplication(ApplicationServices& services, QString shortVersion)
     : services_(services), shortVersion_(std::move(shortVersion)),
       errorPresenter_(std::make_unique<CompactErrorPresenter>()) {
+    // A Wayland client cannot place a window of its own: there the desktop shows the status.
+    if (QGuiApplication::platformName() == QLatin1String("wayland")) {
+        notifications_ = std::make_unique<DesktopNotifications>();
+    }
     status_ = std::make_unique<TransientStatus>([this](const QString& message) {
         if (message.isEmpty()) {
             return;
         }
-        errorPresenter_->show(message);
+        if (notifications_) {
+            notifications_->show(message);
+        } else {
+            errorPresenter_->show(message);
+        }
     });
     reporter_ = std::make_shared<StatusForwarder>(lifetime_.weak(this));
     services_.updater().setHooks(AppUpdaterController::Hooks{

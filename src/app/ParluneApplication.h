@@ -15,6 +15,7 @@ class QMenu;
 class QSystemTrayIcon;
 
 namespace parlune {
+class DesktopNotifications;
 class RewriteStatusReporting;
 class ShortcutChangeWatcher;
 class ShortcutRegistration;
@@ -83,6 +84,8 @@ private:
     ApplicationServices& services_;
     QString shortVersion_;
     std::unique_ptr<CompactErrorPresenter> errorPresenter_;
+    // Instead of the panel where the session cannot place it.
+    std::unique_ptr<DesktopNotifications> notifications_;
     std::unique_ptr<TransientStatus> status_;
     std::shared_ptr<RewriteStatusReporting> reporter_;
     std::unique_ptr<QMenu> statusMenu_;
