@@ -155,7 +155,7 @@ TEST_F(ClipboardWaylandTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUser
     const CapturedSelection selection = capture();
     EXPECT_EQ(selection.text(), QStringLiteral("beta"));
     EXPECT_EQ(selection.applicationProcessIdentifier(), editor->pid());
-    EXPECT_TRUE(selection.applicationBundleIdentifier().has_value());
+    EXPECT_EQ(selection.applicationBundleIdentifier(), QStringLiteral("mousepad"));
     expectUserClipboardRestored();
 }
 
