@@ -6,49 +6,18 @@
 #include "TaskRunner.h"
 #include "WaylandDesktopTest.h"
 #include "WaylandEditor.h"
+#include "WlClipboard.h"
 #include "core/async/Clock.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
 #include "core/selection/TextSelectionReplacer.h"
 
 #include <QFile>
-#include <QProcess>
 
 #include <algorithm>
 
 namespace parlune::test {
 namespace {
-
-// Another Wayland client sets the clipboard: wl-copy reads `bytes` and keeps serving them.
-void wlCopy(const QByteArray& bytes, const QString& type = {}) {
-    QProcess copy;
-    QStringList arguments;
-    if (!type.isEmpty()) {
-        arguments << QStringLiteral("--type") << type;
-    }
-    copy.start(QStringLiteral("wl-copy"), arguments);
-    copy.waitForStarted();
-    copy.write(bytes);
-    copy.closeWriteChannel();
-    // It answers once it forked the process that serves the data.
-    pumpUntil([&] { return copy.state() == QProcess::NotRunning || copy.waitForFinished(5); }, 5000);
-}
-
-// What another Wayland client reads from the clipboard.
-QByteArray wlPaste(const QString& type) {
-    QByteArray bytes;
-    DesktopSession::run(
-        {QStringLiteral("wl-paste"), QStringLiteral("--no-newline"), QStringLiteral("--type"), type}, &bytes);
-    return bytes;
-}
-
-QStringList wlPasteTypes() {
-    QByteArray list;
-    DesktopSession::run({QStringLiteral("wl-paste"), QStringLiteral("--list-types")}, &list);
-    QStringList types = QString::fromUtf8(list).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    types.sort();
-    return types;
-}
 
 class ClipboardWaylandTest : public WaylandDesktopTest {
 protected:
@@ -75,7 +44,7 @@ protected:
     // Another client's write, once our port has seen it (not the report of what the clipboard held
     // when the port started).
     bool copiedByAnotherClient(const QByteArray& bytes, const QString& type) {
-        wlCopy(bytes, type);
+        WlClipboard::copy(bytes, type);
         return pumpUntil(
             [&] {
                 const std::vector<QString> types = finish(pasteboard->typesAsync(0));
@@ -89,19 +58,19 @@ protected:
     void giveUserText() {
         ASSERT_TRUE(copiedByAnotherClient(QByteArrayLiteral("the user's own words \xe2\x9c\x93"),
                                           QStringLiteral("text/plain;charset=utf-8")));
-        userTypes = wlPasteTypes();
+        userTypes = WlClipboard::types();
         ASSERT_GE(userTypes.size(), 2);
         for (const QString& type : userTypes) {
-            userData.push_back(wlPaste(type));
+            userData.push_back(WlClipboard::paste(type));
         }
     }
 
     void expectUserClipboardRestored() {
         // Restoring finishes on the event loop once the paste target fetched our text.
-        pumpUntil([&] { return wlPasteTypes() == userTypes; }, 3000);
-        ASSERT_EQ(wlPasteTypes(), userTypes);
+        pumpUntil([&] { return WlClipboard::types() == userTypes; }, 3000);
+        ASSERT_EQ(WlClipboard::types(), userTypes);
         for (int i = 0; i < userTypes.size(); ++i) {
-            EXPECT_EQ(wlPaste(userTypes[i]), userData[static_cast<std::size_t>(i)])
+            EXPECT_EQ(WlClipboard::paste(userTypes[i]), userData[static_cast<std::size_t>(i)])
                 << userTypes[i].toStdString();
         }
     }
@@ -128,7 +97,7 @@ TEST_F(ClipboardWaylandTest, AnotherClientsClipboardIsReadWithEveryTypeAndOurWri
         pasteboard->writeItems({PasteboardItem{{{pasteboard->plainTextType(), QByteArrayLiteral("ours")}}}}));
     const std::int64_t ours = pasteboard->changeCount();
     EXPECT_EQ(ours, before + 1);
-    EXPECT_EQ(wlPaste(QStringLiteral("text/plain;charset=utf-8")), QByteArrayLiteral("ours"));
+    EXPECT_EQ(WlClipboard::paste(QStringLiteral("text/plain;charset=utf-8")), QByteArrayLiteral("ours"));
     EXPECT_TRUE(pumpUntil([&] { return pasteboard->contentsWereFetched(ours); }, 2000));
     // The compositor's echo of our own write is not someone else's change.
     pumpFor(200);
@@ -141,10 +110,10 @@ TEST_F(ClipboardWaylandTest, BinaryDataWithNulBytesComesBackByteForByte) {
     ASSERT_TRUE(copiedByAnotherClient(image, QStringLiteral("image/png")));
     const ClipboardSnapshot snapshot = finish(clipboard->capture());
     clipboard->setTransientLocalString(QStringLiteral("transient"));
-    EXPECT_EQ(wlPaste(QStringLiteral("text/plain")), QByteArrayLiteral("transient"));
+    EXPECT_EQ(WlClipboard::paste(QStringLiteral("text/plain")), QByteArrayLiteral("transient"));
     ASSERT_TRUE(clipboard->restore(snapshot, pasteboard->changeCount()));
-    EXPECT_EQ(wlPasteTypes(), QStringList{QStringLiteral("image/png")});
-    EXPECT_EQ(wlPaste(QStringLiteral("image/png")), image);
+    EXPECT_EQ(WlClipboard::types(), QStringList{QStringLiteral("image/png")});
+    EXPECT_EQ(WlClipboard::paste(QStringLiteral("image/png")), image);
 }
 
 TEST_F(ClipboardWaylandTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUsersClipboardByteForByte) {
@@ -179,7 +148,7 @@ TEST_F(ClipboardWaylandTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeft
 
     keys->afterKey = [&](std::uint16_t key) {
         if (key == KeyboardEvents::keyCodeV) {
-            wlCopy(QByteArrayLiteral("newer words"));
+            WlClipboard::copy(QByteArrayLiteral("newer words"));
         }
     };
     try {
@@ -188,7 +157,8 @@ TEST_F(ClipboardWaylandTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeft
         // Whether the paste was confirmed does not matter here; the clipboard does.
     }
     pumpFor(500);
-    EXPECT_EQ(wlPaste(QStringLiteral("text/plain;charset=utf-8")), QByteArrayLiteral("newer words"));
+    EXPECT_EQ(WlClipboard::paste(QStringLiteral("text/plain;charset=utf-8")),
+              QByteArrayLiteral("newer words"));
 }
 
 // foot runs a raw-mode `cat` that writes every byte it reads to a file: a Control+C would arrive
