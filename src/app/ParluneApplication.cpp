@@ -229,11 +229,10 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
     HotKeyManager* hotKeys = services_.hotKeys();
     if (!hotKeys) {
         AppReadiness& readiness = services_.readiness();
-        const std::optional<ShortcutPath> path = services_.shortcutPath();
-        if (path && path->kind == ShortcutPath::Kind::boundCommand) {
+        if (std::optional<QString> instructions = boundCommandInstructions()) {
             // Ready once the bound command has been used; until then the window says how to bind it.
             readiness.setHotKeyReady(boundCommandArrived_);
-            readiness.setHotKeyRegistrationError(path->instructions);
+            readiness.setHotKeyRegistrationError(std::move(instructions));
             return;
         }
         readiness.setHotKeyReady(false);
@@ -257,9 +256,16 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
     shortcutRegistration_->registerHotKey(reportFailure, force);
 }
 
-void ParluneApplication::rewriteSelection() {
+std::optional<QString> ParluneApplication::boundCommandInstructions() const {
     const std::optional<ShortcutPath> path = services_.shortcutPath();
-    if (path && path->kind == ShortcutPath::Kind::boundCommand && !boundCommandArrived_) {
+    if (path && path->kind == ShortcutPath::Kind::boundCommand) {
+        return path->instructions;
+    }
+    return std::nullopt;
+}
+
+void ParluneApplication::rewriteSelection() {
+    if (boundCommandInstructions() && !boundCommandArrived_) {
         boundCommandArrived_ = true;
         services_.readiness().setHotKeyReady(true);
     }
@@ -376,6 +382,7 @@ SettingsWindowController& ParluneApplication::settingsWindow() {
                             measureSpeed(path, std::move(done));
                         },
                 },
+            .boundCommand = boundCommandInstructions(),
         });
     }
     return *settingsWindow_;

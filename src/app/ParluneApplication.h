@@ -57,6 +57,8 @@ public:
     void quit();
     // A press of the shortcut, or the same asked for over D-Bus.
     void rewriteSelection();
+    // How to bind the rewrite command, where the desktop owns the shortcut; nullopt elsewhere.
+    std::optional<QString> boundCommandInstructions() const;
     // Makes `path` the model to use and prepares it.
     void useModel(const QString& path);
     // Runs a short speed test of a model file and calls back with its line.
