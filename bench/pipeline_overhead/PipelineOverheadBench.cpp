@@ -15,9 +15,8 @@
 #include "core/hotkeys/HotKeyShortcut.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextSelectionReplacer.h"
-#include "platform/x11/AtspiAccessibility.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
-#include "platform/x11/X11Desktop.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/XTestKeyboardEvents.h"
 #include "platform/x11/XcbConnection.h"
@@ -54,7 +53,7 @@ int main(int argc, char** argv) {
             holdMs = std::max(0, std::atoi(argv[++i])); // the shortcut stays down this long
         }
     }
-    x11::X11Desktop::prepareProcess();
+    atspi::AtspiAccessibility::prepareProcess();
     test::DesktopSession session;
     if (!session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC))) {
         std::fprintf(stderr, "no desktop: %s\n", qPrintable(session.failure()));
@@ -67,9 +66,10 @@ int main(int argc, char** argv) {
     x11::EwmhWorkspace workspace(*connection);
     x11::X11Pasteboard pasteboard(*connection);
     x11::XTestKeyboardEvents keyboard(*connection, workspace);
-    x11::AtspiAccessibility atspi(workspace, [&] { return keyboard.isAvailable(); });
+    atspi::AtspiAccessibility accessibilityBus(workspace, [&] { return keyboard.isAvailable(); });
     test::NoAccessibilityBus noBus;
-    AccessibilityApi& accessibility = useAccessibility ? static_cast<AccessibilityApi&>(atspi) : noBus;
+    AccessibilityApi& accessibility =
+        useAccessibility ? static_cast<AccessibilityApi&>(accessibilityBus) : noBus;
     ClipboardManager clipboard(pasteboard);
     TextSelectionReplacer replacer(accessibility, workspace, clipboard, keyboard,
                                    AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());

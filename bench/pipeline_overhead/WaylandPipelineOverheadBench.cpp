@@ -14,13 +14,12 @@
 #include "core/async/TaskHandle.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextSelectionReplacer.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/linux/SessionInstance.h"
 #include "platform/wayland/DataControlPasteboard.h"
 #include "platform/wayland/SwayIpcWorkspace.h"
 #include "platform/wayland/VirtualKeyboardEvents.h"
 #include "platform/wayland/WaylandConnection.h"
-#include "platform/x11/AtspiAccessibility.h"
-#include "platform/x11/X11Desktop.h"
 #include "support/RunTask.h"
 
 #include <QCoreApplication>
@@ -45,7 +44,7 @@ int main(int argc, char** argv) {
             useAccessibility = false;
         }
     }
-    x11::X11Desktop::prepareProcess();
+    atspi::AtspiAccessibility::prepareProcess();
     test::SwaySession session;
     if (!session.start()) {
         std::fprintf(stderr, "no compositor: %s\n", qPrintable(session.failure()));
@@ -63,9 +62,10 @@ int main(int argc, char** argv) {
     wayland::DataControlPasteboard pasteboard(*connection);
     wayland::VirtualKeyboardEvents keyboard(*connection, *workspace);
     test::Typist typist(*connection);
-    x11::AtspiAccessibility atspi(*workspace, [&] { return keyboard.isAvailable(); });
+    atspi::AtspiAccessibility accessibilityBus(*workspace, [&] { return keyboard.isAvailable(); });
     test::NoAccessibilityBus noBus;
-    AccessibilityApi& accessibility = useAccessibility ? static_cast<AccessibilityApi&>(atspi) : noBus;
+    AccessibilityApi& accessibility =
+        useAccessibility ? static_cast<AccessibilityApi&>(accessibilityBus) : noBus;
     ClipboardManager clipboard(pasteboard);
     TextSelectionReplacer replacer(accessibility, *workspace, clipboard, keyboard,
                                    AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());

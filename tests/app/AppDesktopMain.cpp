@@ -1,7 +1,7 @@
 // Entry point of the application's desktop tests: the private desktop starts before QApplication
 // connects to it. Listing the tests (CTest's discovery) starts nothing.
 #include "DesktopSession.h"
-#include "platform/x11/X11Desktop.h"
+#include "platform/atspi/AtspiAccessibility.h"
 
 #include <QApplication>
 
@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
     int result = 0;
     if (session.isRunning()) {
         qputenv("QT_QPA_PLATFORM", "xcb");
-        parlune::x11::X11Desktop::prepareProcess();
+        parlune::atspi::AtspiAccessibility::prepareProcess();
         QApplication app(argc, argv);
         QApplication::setQuitOnLastWindowClosed(false);
         result = RUN_ALL_TESTS();

@@ -39,6 +39,8 @@ forbid src/platform tests/platform -- 'inference/|llm/|app/|cli/' \
     "src/platform includes src/inference, src/llm or the application"
 forbid src/platform/linux tests/platform/linux -- 'platform/x11/|X11/|xcb/|atspi' \
     "src/platform/linux, for any Linux desktop, includes X11"
+forbid src/platform/atspi -- 'platform/x11/|platform/wayland/|X11/|xcb/|wayland-' \
+    "src/platform/atspi, for either session, includes a display server's ports or libraries"
 forbid src/platform/x11 src/platform/linux tests/platform/x11 tests/platform/linux -- 'platform/wayland/|wayland-' \
     "the X11 and common Linux ports include the Wayland ports, which build on them"
 if hits=$(grep -rnE --exclude-dir=app "${include}app/" "$source_dir/src" "$source_dir/tests"); then

@@ -1,12 +1,12 @@
 #include "platform/wayland/WaylandDesktop.h"
 
 #include "core/platform/HotKeyService.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/linux/LinuxMemoryPressureSource.h"
 #include "platform/wayland/DataControlPasteboard.h"
 #include "platform/wayland/SwayIpcWorkspace.h"
 #include "platform/wayland/VirtualKeyboardEvents.h"
 #include "platform/wayland/WaylandConnection.h"
-#include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/XcbConnection.h"
 
@@ -55,7 +55,7 @@ WaylandDesktop::Result WaylandDesktop::connect(Options options) {
     }
     KeyboardEvents* keyboard = desktop->keyboard_.get();
     const bool keysAvailable = desktop->capabilities_->keys() != WaylandCapabilities::Keys::none;
-    desktop->accessibility_ = std::make_unique<x11::AtspiAccessibility>(
+    desktop->accessibility_ = std::make_unique<atspi::AtspiAccessibility>(
         *desktop->workspace_, [keyboard, keysAvailable] { return keyboard && keysAvailable; });
     desktop->memoryPressure_ = std::make_unique<LinuxMemoryPressureSource>();
     return desktop;

@@ -14,8 +14,11 @@ namespace parlune {
 class LinuxMemoryPressureSource;
 }
 
-namespace parlune::x11 {
+namespace parlune::atspi {
 class AtspiAccessibility;
+}
+
+namespace parlune::x11 {
 class X11Pasteboard;
 class XcbConnection;
 } // namespace parlune::x11
@@ -69,7 +72,7 @@ private:
     x11::X11Pasteboard* xwaylandClipboard_ = nullptr;
     std::unique_ptr<KeyboardEvents> keyboard_;
     std::unique_ptr<HotKeyService> hotKeys_;
-    std::unique_ptr<x11::AtspiAccessibility> accessibility_;
+    std::unique_ptr<atspi::AtspiAccessibility> accessibility_;
     std::unique_ptr<LinuxMemoryPressureSource> memoryPressure_;
     std::unique_ptr<WaylandCapabilities> capabilities_;
 };

@@ -1,7 +1,7 @@
 #include "platform/x11/X11Desktop.h"
 
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/linux/LinuxMemoryPressureSource.h"
-#include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/X11PrimarySelection.h"
@@ -10,12 +10,6 @@
 #include "platform/x11/XcbHotKeyService.h"
 
 namespace parlune::x11 {
-
-void X11Desktop::prepareProcess() {
-    if (!qEnvironmentVariableIsSet("QT_NO_GLIB")) {
-        qputenv("QT_NO_GLIB", "1");
-    }
-}
 
 X11Desktop::Result X11Desktop::connect() {
     auto desktop = std::unique_ptr<X11Desktop>(new X11Desktop());
@@ -38,7 +32,7 @@ X11Desktop::Result X11Desktop::connect() {
             "The X server lacks the XTest extension, which Parlune needs to copy and paste.");
     }
     XTestKeyboardEvents* keyboard = desktop->keyboard_.get();
-    desktop->accessibility_ = std::make_unique<AtspiAccessibility>(
+    desktop->accessibility_ = std::make_unique<atspi::AtspiAccessibility>(
         *desktop->workspace_, [keyboard] { return keyboard->isAvailable(); });
     desktop->memoryPressure_ = std::make_unique<LinuxMemoryPressureSource>();
     return desktop;

@@ -11,9 +11,12 @@ namespace parlune {
 class LinuxMemoryPressureSource;
 }
 
+namespace parlune::atspi {
+class AtspiAccessibility;
+}
+
 namespace parlune::x11 {
 
-class AtspiAccessibility;
 class EwmhWorkspace;
 class X11Pasteboard;
 class X11PrimarySelection;
@@ -28,12 +31,6 @@ class X11Desktop final : public DesktopPorts {
 public:
     using Result = std::variant<std::unique_ptr<X11Desktop>, QString>;
     static Result connect();
-
-    // Call before the QGuiApplication is made. libatspi attaches the private connections it opens
-    // to applications to GLib's default context; a GLib-based Qt event loop would then dispatch
-    // them on the main thread, beside the accessibility worker that owns them. This keeps Qt's loop
-    // off GLib (QT_NO_GLIB), so only the worker ever dispatches them.
-    static void prepareProcess();
 
     ~X11Desktop() override;
     X11Desktop(const X11Desktop&) = delete;
@@ -58,7 +55,7 @@ private:
     std::unique_ptr<X11Pasteboard> pasteboard_;
     std::unique_ptr<X11PrimarySelection> primarySelection_;
     std::unique_ptr<XTestKeyboardEvents> keyboard_;
-    std::unique_ptr<AtspiAccessibility> accessibility_;
+    std::unique_ptr<atspi::AtspiAccessibility> accessibility_;
     std::unique_ptr<LinuxMemoryPressureSource> memoryPressure_;
 };
 

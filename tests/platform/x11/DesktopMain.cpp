@@ -3,7 +3,7 @@
 // discovery) starts nothing.
 #include "DesktopSession.h"
 #include "StallWatchdog.h"
-#include "platform/x11/X11Desktop.h"
+#include "platform/atspi/AtspiAccessibility.h"
 
 #include <QGuiApplication>
 #include <gtest/gtest.h>
@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
     if (listing) {
         return RUN_ALL_TESTS();
     }
-    parlune::x11::X11Desktop::prepareProcess();
+    parlune::atspi::AtspiAccessibility::prepareProcess();
     parlune::test::DesktopSession session;
     session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC));
     parlune::test::DesktopSession::setCurrent(&session);

@@ -1,6 +1,6 @@
 #include "DesktopTest.h"
 #include "EditorWindow.h"
-#include "platform/x11/AtspiAccessibility.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/x11/X11Desktop.h"
 #include "platform/x11/XcbHotKeyService.h"
 #include "support/RunTask.h"

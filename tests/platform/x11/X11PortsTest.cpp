@@ -1,6 +1,6 @@
 #include "core/platform/Workspace.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/linux/DesktopLauncher.h"
-#include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/X11KeyTable.h"
 #include "platform/x11/X11Pasteboard.h"
@@ -114,7 +114,7 @@ TEST(AtspiAccessibilityTest, WithoutAnAccessibilityBusThereIsNoFocusedElement) {
     qunsetenv("DISPLAY");
     FixedWorkspace workspace;
     bool keys = false;
-    AtspiAccessibility accessibility(workspace, [&] { return keys; });
+    atspi::AtspiAccessibility accessibility(workspace, [&] { return keys; });
     EXPECT_EQ(accessibility.focusedElement(), nullptr);
     EXPECT_FALSE(accessibility.isProcessTrusted());
     EXPECT_FALSE(accessibility.requestTrustWithPrompt());
