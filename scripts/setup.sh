@@ -12,6 +12,10 @@ packages=(
   # X11 ports
   libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev libxcb-xinput-dev
   libxtst-dev libatspi2.0-dev
+  # Wayland ports
+  libwayland-dev libxkbcommon-dev
+  # the application on a Wayland session (Qt's Wayland platform)
+  qt6-wayland
   # tests: unit, engine oracle, real desktop
   libgtest-dev libgmock-dev python3 python3-numpy openssl
   xvfb openbox xdotool xclip x11-utils dbus-x11 dbus-daemon at-spi2-core mousepad
@@ -21,6 +25,8 @@ packages=(
   # the portal frontend and KDE's backend (a Qt 5 Wayland client), KWin's fake-input protocol
   libxkbcommon-dev libwayland-dev kwin-wayland libkf5globalaccel-bin xdg-desktop-portal
   xdg-desktop-portal-kde qtwayland5 plasma-wayland-protocols qt6-wayland wl-clipboard
+  # Wayland desktop tests: a headless wlroots compositor and a Wayland terminal
+  sway foot
 )
 
 missing=()

@@ -9,8 +9,8 @@
 #include "ParluneProcess.h"
 #include "StatusNotifierHost.h"
 #include "llm/testing/TestModelMaker.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
-#include "platform/x11/X11Desktop.h"
 #include "platform/x11/XcbConnection.h"
 #include "support/RunTask.h"
 
@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     test::DesktopSession::setCurrent(&session);
-    x11::X11Desktop::prepareProcess();
+    atspi::AtspiAccessibility::prepareProcess();
     QGuiApplication app(argc, argv);
     test::StatusNotifierHost host;
     if (!host.start()) {

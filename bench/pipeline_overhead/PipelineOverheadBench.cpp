@@ -7,6 +7,7 @@
 #include "DesktopSession.h"
 #include "EditorWindow.h"
 #include "NoAccessibilityBus.h"
+#include "StageTimes.h"
 #include "TargetApplications.h"
 #include "core/async/Clock.h"
 #include "core/async/TaskHandle.h"
@@ -14,9 +15,8 @@
 #include "core/hotkeys/HotKeyShortcut.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextSelectionReplacer.h"
-#include "platform/x11/AtspiAccessibility.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
-#include "platform/x11/X11Desktop.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/XTestKeyboardEvents.h"
 #include "platform/x11/XcbConnection.h"
@@ -34,25 +34,7 @@
 #include <vector>
 
 using namespace parlune;
-
-namespace {
-
-struct Stat {
-    std::vector<double> samples;
-    void add(double ms) { samples.push_back(ms); }
-    double quantile(double q) const {
-        std::vector<double> sorted = samples;
-        std::sort(sorted.begin(), sorted.end());
-        const auto index = static_cast<std::size_t>(q * static_cast<double>(sorted.size() - 1) + 0.5);
-        return sorted[std::min(index, sorted.size() - 1)];
-    }
-};
-
-double since(const QElapsedTimer& timer) {
-    return static_cast<double>(timer.nsecsElapsed()) / 1e6;
-}
-
-} // namespace
+using bench::since;
 
 int main(int argc, char** argv) {
     int runs = 30;
@@ -71,7 +53,7 @@ int main(int argc, char** argv) {
             holdMs = std::max(0, std::atoi(argv[++i])); // the shortcut stays down this long
         }
     }
-    x11::X11Desktop::prepareProcess();
+    atspi::AtspiAccessibility::prepareProcess();
     test::DesktopSession session;
     if (!session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC))) {
         std::fprintf(stderr, "no desktop: %s\n", qPrintable(session.failure()));
@@ -84,9 +66,10 @@ int main(int argc, char** argv) {
     x11::EwmhWorkspace workspace(*connection);
     x11::X11Pasteboard pasteboard(*connection);
     x11::XTestKeyboardEvents keyboard(*connection, workspace);
-    x11::AtspiAccessibility atspi(workspace, [&] { return keyboard.isAvailable(); });
+    atspi::AtspiAccessibility accessibilityBus(workspace, [&] { return keyboard.isAvailable(); });
     test::NoAccessibilityBus noBus;
-    AccessibilityApi& accessibility = useAccessibility ? static_cast<AccessibilityApi&>(atspi) : noBus;
+    AccessibilityApi& accessibility =
+        useAccessibility ? static_cast<AccessibilityApi&>(accessibilityBus) : noBus;
     ClipboardManager clipboard(pasteboard);
     TextSelectionReplacer replacer(accessibility, workspace, clipboard, keyboard,
                                    AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
@@ -116,7 +99,7 @@ int main(int argc, char** argv) {
     }
     test::pumpFor(target == "mousepad" ? 0 : 1500); // the page or the Qt text view takes focus late
 
-    std::map<std::string, Stat> stats;
+    bench::Stages stats;
     int failures = 0;
     bool running = false;
     QElapsedTimer press;
@@ -125,25 +108,7 @@ int main(int argc, char** argv) {
         delivered.start();
         stats["press delivered (xdotool -> grab)"].add(since(press));
         spawnTask([&](std::stop_token token) -> QCoro::Task<void> {
-            try {
-                QElapsedTimer step;
-                step.start();
-                CapturedSelection selection = co_await replacer.capture(token);
-                stats["capture"].add(since(step));
-                step.restart();
-                co_await replacer.validate(selection, token);
-                stats["validate"].add(since(step));
-                // The instant model: flip the case, so the next run finds a selection again.
-                const QString rewritten = selection.text() == QStringLiteral("beta") ? QStringLiteral("BETA")
-                                                                                     : QStringLiteral("beta");
-                step.restart();
-                co_await replacer.replace(rewritten, selection, token);
-                stats["replace (paste, confirm, restore)"].add(since(step));
-                stats["shortcut delivered -> replaced"].add(since(delivered));
-                stats["key press -> replaced"].add(since(press));
-            } catch (const std::exception&) {
-                ++failures;
-            }
+            co_await bench::timedRewrite(replacer, stats, press, delivered, failures, token);
             running = false;
         });
     });
@@ -168,24 +133,11 @@ int main(int argc, char** argv) {
         test::pumpFor(150);
     }
 
-    // A restore on its own: the snapshot of the user's clipboard put back while we hold ours.
-    const ClipboardSnapshot user = test::runTask(clipboard.capture());
-    for (int run = 0; run < runs; ++run) {
-        clipboard.setTransientLocalString(QStringLiteral("transient"));
-        QElapsedTimer step;
-        step.start();
-        clipboard.restore(user, clipboard.changeCount());
-        stats["clipboard restore"].add(since(step));
-    }
+    bench::timeRestores(clipboard, runs, stats);
 
     std::printf("pipeline overhead, %s, %d runs, %s, shortcut held %d ms, instant model (ms)\n",
                 target.c_str(), runs, useAccessibility ? "AT-SPI on" : "no accessibility", holdMs);
-    std::printf("%-40s %8s %8s\n", "stage", "median", "p95");
-    for (const auto& [name, stat] : stats) {
-        if (!stat.samples.empty()) {
-            std::printf("%-40s %8.1f %8.1f\n", name.c_str(), stat.quantile(0.5), stat.quantile(0.95));
-        }
-    }
+    bench::printStages(stats);
     std::printf("failed runs: %d\n", failures);
     hotkeys.unregister();
     return failures == 0 ? 0 : 2;

@@ -7,6 +7,8 @@
 #include "core/models/ModelScanner.h"
 #include "core/models/ModelStorePlaces.h"
 #include "core/pipeline/RewriteCoordinator.h"
+#include "core/platform/HotKeyService.h"
+#include "core/platform/Pasteboard.h"
 #include "core/platform/PlatformTerms.h"
 #include "core/selection/AccessibilityPermission.h"
 #include "core/selection/ClipboardManager.h"
@@ -18,16 +20,13 @@
 #include "inference/ModelLocator.h"
 #include "inference/OnDeviceEngine.h"
 #include "platform/linux/AutostartEntry.h"
+#include "platform/linux/DesktopPorts.h"
 #include "platform/linux/LinuxMemoryPressureSource.h"
+#include "platform/linux/LinuxSession.h"
 #include "platform/linux/QSettingsUserDefaults.h"
 #include "platform/linux/SecretServiceCredentialStore.h"
-#include "platform/x11/AtspiAccessibility.h"
-#include "platform/x11/EwmhWorkspace.h"
+#include "platform/wayland/WaylandDesktop.h"
 #include "platform/x11/X11Desktop.h"
-#include "platform/x11/X11Pasteboard.h"
-#include "platform/x11/X11PrimarySelection.h"
-#include "platform/x11/XTestKeyboardEvents.h"
-#include "platform/x11/XcbHotKeyService.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -46,12 +45,9 @@ ApplicationServices::ApplicationServices(Options options) {
     // 3. desktop ports
     MemoryPressureSource* memoryPressure = nullptr;
     if (options.useDesktop) {
-        x11::X11Desktop::Result connected = x11::X11Desktop::connect();
-        if (auto* desktop = std::get_if<std::unique_ptr<x11::X11Desktop>>(&connected)) {
-            desktop_ = std::move(*desktop);
+        connectDesktop();
+        if (desktop_) {
             memoryPressure = &desktop_->memoryPressure();
-        } else {
-            desktopProblem_ = std::get<QString>(connected);
         }
     } else {
         desktopProblem_ = QStringLiteral("Parlune was started without access to the desktop.");
@@ -78,7 +74,7 @@ ApplicationServices::ApplicationServices(Options options) {
             AppCompatibilityRegistry({}, AppCompatibilityRegistry::terminalsFromSettings(*userDefaults_)),
             SystemClock::shared());
         // Terminals such as xterm keep their selection only in PRIMARY.
-        replacer_->setPrimarySelection(&desktop_->primarySelection());
+        replacer_->setPrimarySelection(desktop_->primarySelection());
         replacer = replacer_;
         accessibilityPermission_ = std::make_unique<AccessibilityPermission>(
             desktop_->accessibility(), desktop_->workspace(), PlatformTerms::current());
@@ -93,7 +89,9 @@ ApplicationServices::ApplicationServices(Options options) {
     if (desktop_) {
         coordinator_ = std::make_unique<RewriteCoordinator>(*settings_, rewriteEngine_, replacer,
                                                             *diagnostics_, SystemClock::shared());
-        hotKeyManager_ = std::make_unique<HotKeyManager>(desktop_->hotKeys());
+        if (HotKeyService* hotKeys = desktop_->hotKeys()) {
+            hotKeyManager_ = std::make_unique<HotKeyManager>(*hotKeys);
+        }
     }
     workflowTest_ = std::make_unique<WorkflowTest>(*settings_, *rewriteEngine_, *replacer, *diagnostics_,
                                                    *readiness_, [this] { requestAccessibility(); });
@@ -110,6 +108,37 @@ ApplicationServices::ApplicationServices(Options options) {
     ModelCatalogue::Result catalogue = ModelCatalogue::load(ModelCatalogue::installedPath());
     catalogue_ = std::move(catalogue.entries);
     catalogueProblem_ = std::move(catalogue.problem);
+}
+
+void ApplicationServices::connectDesktop() {
+    const LinuxSession::Kind session = LinuxSession::detectFromEnvironment();
+    if (std::optional<QString> reason = LinuxSession::missingDisplayReason(session)) {
+        desktopProblem_ = std::move(reason);
+        return;
+    }
+    const auto take = [this](auto connected) {
+        if (auto* desktop = std::get_if<0>(&connected)) {
+            desktop_ = std::move(*desktop);
+        } else {
+            desktopProblem_ = std::get<QString>(connected);
+        }
+    };
+    if (session == LinuxSession::Kind::x11) {
+        take(x11::X11Desktop::connect());
+    } else {
+        take(wayland::WaylandDesktop::connect({}));
+    }
+}
+
+std::optional<ShortcutPath> ApplicationServices::shortcutPath() const {
+    if (!desktop_) {
+        return std::nullopt;
+    }
+    return desktop_->shortcutPath();
+}
+
+std::vector<QString> ApplicationServices::desktopLimitations() const {
+    return desktop_ ? desktop_->limitations() : std::vector<QString>{};
 }
 
 ApplicationServices::~ApplicationServices() {
@@ -175,7 +204,8 @@ FieldClipboard ApplicationServices::fieldClipboard() {
     if (!desktop_) {
         return {};
     }
-    x11::X11Pasteboard* pasteboard = &desktop_->pasteboard();
+    Pasteboard* pasteboard = &desktop_->pasteboard();
+    DesktopPorts* desktop = desktop_.get();
     return FieldClipboard{
         .copy =
             [pasteboard](const QString& text) {
@@ -184,7 +214,7 @@ FieldClipboard ApplicationServices::fieldClipboard() {
                     {PasteboardItem{{{pasteboard->plainTextType(), utf8},
                                      {QStringLiteral("text/plain;charset=utf-8"), utf8}}}});
             },
-        .ownText = [pasteboard]() -> std::optional<QString> { return pasteboard->fetchOwnText(); },
+        .ownText = [desktop]() -> std::optional<QString> { return desktop->fetchOwnText(); },
     };
 }
 

@@ -2,11 +2,13 @@
 
 #include "app/WorkflowTestView.h"
 #include "core/models/ModelCatalogue.h"
+#include "platform/linux/DesktopPorts.h"
 
 #include <QString>
 
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace parlune {
 class AccessibilityPermission;
@@ -27,9 +29,6 @@ class SelectionReplacing;
 class SettingsStore;
 class TextSelectionReplacer;
 class WorkflowTest;
-namespace x11 {
-class X11Desktop;
-}
 } // namespace parlune
 
 namespace parlune::app {
@@ -41,7 +40,7 @@ class AppUpdaterController;
 //
 //   1. settings file, credential store, settings store   (nothing below works without them)
 //   2. diagnostics log
-//   3. desktop ports (X11 today), or the sentence saying why this session has none
+//   3. desktop ports (X11 or Wayland, by the session), or the sentence saying why there are none
 //   4. the on-device engine (model port and client), told about memory pressure
 //   5. clipboard manager, selection replacer, accessibility permission   (need the ports)
 //   6. readiness (asks the client and the permission)
@@ -94,6 +93,10 @@ public:
     HotKeyManager* hotKeys() { return hotKeyManager_.get(); }
     AccessibilityPermission* accessibilityPermission() { return accessibilityPermission_.get(); }
     const std::optional<QString>& desktopProblem() const { return desktopProblem_; }
+    // How the shortcut reaches the program; nullopt without desktop ports.
+    std::optional<ShortcutPath> shortcutPath() const;
+    // What works only in part on this desktop, one sentence each.
+    std::vector<QString> desktopLimitations() const;
 
     // Which model file is used, or why none is: a line for the settings window.
     QString modelFileSummary();
@@ -108,11 +111,13 @@ public:
     void shutdown(int drainMilliseconds = 400);
 
 private:
+    void connectDesktop();
+
     std::unique_ptr<QSettingsUserDefaults> userDefaults_;
     std::unique_ptr<CredentialStore> credentials_;
     std::unique_ptr<SettingsStore> settings_;
     std::unique_ptr<DiagnosticsLogger> diagnostics_;
-    std::unique_ptr<x11::X11Desktop> desktop_;
+    std::unique_ptr<DesktopPorts> desktop_;
     std::unique_ptr<MemoryPressureSource> standaloneMemoryPressure_;
     std::optional<QString> desktopProblem_;
     std::unique_ptr<OnDeviceEngine> engine_;

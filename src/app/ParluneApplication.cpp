@@ -24,6 +24,7 @@
 #include "inference/ModelLocator.h"
 #include "inference/ModelSpeedTest.h"
 #include "inference/OnDeviceEngine.h"
+#include "platform/linux/DesktopNotifications.h"
 #include "platform/linux/SystemTransitionWatcher.h"
 
 #include <QApplication>
@@ -57,11 +58,19 @@ private:
 ParluneApplication::ParluneApplication(ApplicationServices& services, QString shortVersion)
     : services_(services), shortVersion_(std::move(shortVersion)),
       errorPresenter_(std::make_unique<CompactErrorPresenter>()) {
+    // A Wayland client cannot place a window of its own: there the desktop shows the status.
+    if (QGuiApplication::platformName() == QLatin1String("wayland")) {
+        notifications_ = std::make_unique<DesktopNotifications>();
+    }
     status_ = std::make_unique<TransientStatus>([this](const QString& message) {
         if (message.isEmpty()) {
             return;
         }
-        errorPresenter_->show(message);
+        if (notifications_) {
+            notifications_->show(message);
+        } else {
+            errorPresenter_->show(message);
+        }
     });
     reporter_ = std::make_shared<StatusForwarder>(lifetime_.weak(this));
     services_.updater().setHooks(AppUpdaterController::Hooks{
@@ -220,6 +229,12 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
     HotKeyManager* hotKeys = services_.hotKeys();
     if (!hotKeys) {
         AppReadiness& readiness = services_.readiness();
+        if (std::optional<QString> instructions = boundCommandInstructions()) {
+            // Ready once the bound command has been used; until then the window says how to bind it.
+            readiness.setHotKeyReady(boundCommandArrived_);
+            readiness.setHotKeyRegistrationError(std::move(instructions));
+            return;
+        }
         readiness.setHotKeyReady(false);
         readiness.setHotKeyRegistrationError(services_.desktopProblem());
         return;
@@ -241,7 +256,19 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
     shortcutRegistration_->registerHotKey(reportFailure, force);
 }
 
+std::optional<QString> ParluneApplication::boundCommandInstructions() const {
+    const std::optional<ShortcutPath> path = services_.shortcutPath();
+    if (path && path->kind == ShortcutPath::Kind::boundCommand) {
+        return path->instructions;
+    }
+    return std::nullopt;
+}
+
 void ParluneApplication::rewriteSelection() {
+    if (boundCommandInstructions() && !boundCommandArrived_) {
+        boundCommandArrived_ = true;
+        services_.readiness().setHotKeyReady(true);
+    }
     if (RewriteCoordinator* coordinator = services_.coordinator()) {
         coordinator->submitRewriteSelection();
     } else if (services_.desktopProblem()) {
@@ -355,6 +382,7 @@ SettingsWindowController& ParluneApplication::settingsWindow() {
                             measureSpeed(path, std::move(done));
                         },
                 },
+            .boundCommand = boundCommandInstructions(),
         });
     }
     return *settingsWindow_;

@@ -15,6 +15,7 @@ class QMenu;
 class QSystemTrayIcon;
 
 namespace parlune {
+class DesktopNotifications;
 class RewriteStatusReporting;
 class ShortcutChangeWatcher;
 class ShortcutRegistration;
@@ -56,6 +57,8 @@ public:
     void quit();
     // A press of the shortcut, or the same asked for over D-Bus.
     void rewriteSelection();
+    // How to bind the rewrite command, where the desktop owns the shortcut; nullopt elsewhere.
+    std::optional<QString> boundCommandInstructions() const;
     // Makes `path` the model to use and prepares it.
     void useModel(const QString& path);
     // Runs a short speed test of a model file and calls back with its line.
@@ -83,6 +86,8 @@ private:
     ApplicationServices& services_;
     QString shortVersion_;
     std::unique_ptr<CompactErrorPresenter> errorPresenter_;
+    // Instead of the panel where the session cannot place it.
+    std::unique_ptr<DesktopNotifications> notifications_;
     std::unique_ptr<TransientStatus> status_;
     std::shared_ptr<RewriteStatusReporting> reporter_;
     std::unique_ptr<QMenu> statusMenu_;
@@ -94,6 +99,8 @@ private:
     std::vector<Subscription> subscriptions_;
     std::vector<QMetaObject::Connection> connections_;
     bool subscribedToDownloads_ = false;
+    // Whether `parlune --rewrite-selection` has reached us, which proves the user bound it.
+    bool boundCommandArrived_ = false;
     TaskHandle warmth_;
     std::vector<TaskHandle> speedTests_;
     TaskHandle launchPreparation_;

@@ -30,7 +30,7 @@ SettingsWindowController::SettingsWindowController(Dependencies dependencies)
     workflowTest_ = new WorkflowTestView(dependencies_.workflowTest, dependencies_.fieldClipboard);
     setup_ = new SetupSectionView(dependencies_.settings, dependencies_.readiness, dependencies_.diagnostics,
                                   dependencies_.requestAccessibility, dependencies_.modelFileSummary,
-                                  workflowTest_, content);
+                                  workflowTest_, dependencies_.boundCommand, content);
     preferences_ = new PreferencesSectionView(dependencies_.settings, dependencies_.diagnostics,
                                               dependencies_.autostart, content);
     diagnosticsView_ = new DiagnosticsSectionView(dependencies_.diagnostics, content);

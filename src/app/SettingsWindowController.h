@@ -42,6 +42,8 @@ public:
         FieldClipboard fieldClipboard;
         std::function<void()> quit;
         std::optional<ModelLibraryView::Dependencies> modelLibrary;
+        // Where the user binds the rewrite command in the desktop's settings instead of a shortcut.
+        std::optional<QString> boundCommand;
     };
 
     explicit SettingsWindowController(Dependencies dependencies);

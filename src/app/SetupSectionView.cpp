@@ -38,12 +38,13 @@ QLabel* detail(QWidget* parent) {
 SetupSectionView::SetupSectionView(SettingsStore& settings, AppReadiness& readiness,
                                    DiagnosticsLogger& diagnostics, std::function<void()> requestAccessibility,
                                    std::function<QString()> modelFileSummary, WorkflowTestView* workflowTest,
-                                   QWidget* parent)
+                                   std::optional<QString> boundCommand, QWidget* parent)
     : QFrame(parent), settings_(settings), readiness_(readiness), diagnostics_(diagnostics),
       accessibilityDetail_(detail(this)),
       accessibilityAction_(new QPushButton(QStringLiteral("Enable Accessibility…"), this)),
       recorder_(new OptionKeyRecorderView(this)), hotKeyDetail_(detail(this)), modelDetail_(detail(this)),
-      modelFile_(detail(this)), modelFileSummary_(std::move(modelFileSummary)) {
+      modelFile_(detail(this)), modelFileSummary_(std::move(modelFileSummary)),
+      boundCommand_(std::move(boundCommand)) {
     Style::makePanel(*this);
     Style::apply(*accessibilityAction_, Style::ButtonStyle::secondary);
     QObject::connect(accessibilityAction_, &QPushButton::clicked, [requestAccessibility] {
@@ -86,6 +87,10 @@ SetupSectionView::SetupSectionView(SettingsStore& settings, AppReadiness& readin
     layout->addLayout(keyRow);
     layout->addWidget(hint);
     layout->addWidget(hotKeyDetail_);
+    for (QWidget* keyBox : {static_cast<QWidget*>(optionLabel), static_cast<QWidget*>(recorder_),
+                            static_cast<QWidget*>(reset), static_cast<QWidget*>(hint)}) {
+        keyBox->setVisible(!boundCommand_);
+    }
     layout->addSpacing(10);
     layout->addWidget(rowTitle(QStringLiteral("Model"), this));
     layout->addWidget(modelDetail_);
@@ -101,7 +106,13 @@ void SetupSectionView::refresh() {
     accessibilityDetail_->setText(readiness_.accessibilityStatusText());
     accessibilityAction_->setVisible(!readiness_.accessibilityReady());
     recorder_->setKeyName(HotKeyFormatter::recorderKeyName(settings_.selectedHotKey()));
-    hotKeyDetail_->setText(readiness_.hotKeyStatusText());
+    if (boundCommand_) {
+        hotKeyDetail_->setText(readiness_.hotKeyReady()
+                                   ? QStringLiteral("The bound command reaches Parlune. ") + *boundCommand_
+                                   : *boundCommand_);
+    } else {
+        hotKeyDetail_->setText(readiness_.hotKeyStatusText());
+    }
     modelDetail_->setText(readiness_.modelStatusMessage());
     const QString file = modelFileSummary_ ? modelFileSummary_() : QString();
     modelFile_->setText(file);

@@ -5,6 +5,7 @@
 #include <QFrame>
 
 #include <functional>
+#include <optional>
 
 class QLabel;
 class QPushButton;
@@ -24,9 +25,12 @@ class WorkflowTestView;
 // workflow test.
 class SetupSectionView : public QFrame {
 public:
+    // `boundCommand`: where the desktop lets no program register the shortcut, how to bind the
+    // rewrite command instead; the key box is then hidden, since the desktop owns the keys.
     SetupSectionView(SettingsStore& settings, AppReadiness& readiness, DiagnosticsLogger& diagnostics,
                      std::function<void()> requestAccessibility, std::function<QString()> modelFileSummary,
-                     WorkflowTestView* workflowTest, QWidget* parent = nullptr);
+                     WorkflowTestView* workflowTest, std::optional<QString> boundCommand = std::nullopt,
+                     QWidget* parent = nullptr);
 
     void refresh();
     OptionKeyRecorderView& recorder() { return *recorder_; }
@@ -45,6 +49,7 @@ private:
     QLabel* modelDetail_;
     QLabel* modelFile_;
     std::function<QString()> modelFileSummary_;
+    std::optional<QString> boundCommand_;
 };
 
 } // namespace parlune::app

@@ -4,9 +4,9 @@
 #include "app/ApplicationServices.h"
 #include "app/ParluneApplication.h"
 #include "app/ParluneIcon.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/linux/SessionInstance.h"
 #include "platform/linux/TerminationSignals.h"
-#include "platform/x11/X11Desktop.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -60,7 +60,7 @@ int main(int argc, char** argv) {
     }
 
     // Before Qt starts its event loop: accessibility runs on a thread of its own.
-    parlune::x11::X11Desktop::prepareProcess();
+    parlune::atspi::AtspiAccessibility::prepareProcess();
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("parlune"));
     QApplication::setApplicationDisplayName(QStringLiteral("Parlune"));

@@ -1,12 +1,15 @@
 #include "app/AppUpdaterController.h"
 #include "app/OptionKeyRecorderView.h"
 #include "app/PreferencesSectionView.h"
+#include "app/SetupSectionView.h"
 #include "core/diagnostics/DiagnosticsLogger.h"
 #include "core/settings/SettingsStore.h"
+#include "core/shell/AppReadiness.h"
 #include "platform/linux/AutostartEntry.h"
 #include "support/FakeCredentialStore.h"
 #include "support/FakeUserDefaults.h"
 #include "support/QtPrinters.h"
+#include "support/ScriptedRewriteEngine.h"
 
 #include <QComboBox>
 #include <QCoreApplication>
@@ -111,6 +114,32 @@ TEST(PreferencesSectionTest, SwitchingStylesWhileEditingLosesNoRules) {
     EXPECT_EQ(view.rulesEditor().toPlainText(), QStringLiteral("British spelling"));
     EXPECT_EQ(settings.writingPreferences(RewriteMode::casual), QStringLiteral("No emoji"));
     EXPECT_EQ(diagnostics.entries().size(), 1u);
+}
+
+TEST(SetupSectionTest, WhereTheDesktopOwnsTheShortcutTheKeyBoxGivesWayToTheBindingInstructions) {
+    parlune::testing::FakeUserDefaults defaults;
+    parlune::testing::FakeCredentialStore credentials;
+    SettingsStore settings(defaults, credentials, false);
+    DiagnosticsLogger diagnostics;
+    parlune::testing::ScriptedRewriteEngine engine;
+    AppReadiness readiness(engine, [] { return true; });
+    const QString instructions =
+        QStringLiteral("Add the line \"bindsym Mod1+space exec parlune --rewrite-selection\".");
+
+    SetupSectionView bound(settings, readiness, diagnostics, {}, {}, nullptr, instructions);
+    bound.show();
+    EXPECT_FALSE(bound.recorder().isVisible());
+    EXPECT_EQ(bound.hotKeyDetail(), instructions);
+    // Once the command has arrived the instructions stay, for the next time the user looks.
+    readiness.setHotKeyReady(true);
+    bound.refresh();
+    EXPECT_TRUE(bound.hotKeyDetail().startsWith(QStringLiteral("The bound command reaches Parlune.")));
+    EXPECT_TRUE(bound.hotKeyDetail().endsWith(instructions));
+
+    SetupSectionView registered(settings, readiness, diagnostics, {}, {}, nullptr);
+    registered.show();
+    EXPECT_TRUE(registered.recorder().isVisible());
+    EXPECT_EQ(registered.hotKeyDetail(), readiness.hotKeyStatusText());
 }
 
 TEST(AutostartEntryTest, EntryIsWrittenWithAQuotedCommandAndRemoved) {

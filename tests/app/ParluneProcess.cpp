@@ -1,9 +1,9 @@
 #include "ParluneProcess.h"
 
 #include "DesktopSession.h"
+#include "core/platform/Workspace.h"
 #include "llm/testing/TestModelMaker.h"
 #include "platform/linux/SessionInstance.h"
-#include "platform/x11/EwmhWorkspace.h"
 #include "support/RunTask.h"
 
 #include <QDBusConnection>
@@ -46,13 +46,13 @@ bool ParluneProcess::start() {
     } else {
         qputenv("PARLUNE_MODEL", model.toUtf8());
     }
-    qputenv("QT_QPA_PLATFORM", "xcb");
-    pid_ = DesktopSession::current()->spawn(options_.wrapper + QStringList{options_.binary},
-                                            home_.filePath(QStringLiteral("parlune.log")));
+    qputenv("QT_QPA_PLATFORM", options_.platform.toUtf8());
+    pid_ = DesktopSession::spawn(options_.wrapper + QStringList{options_.binary},
+                                 home_.filePath(QStringLiteral("parlune.log")));
     return pid_ > 0 && pumpUntil(isOnTheBus, 15000);
 }
 
-bool ParluneProcess::waitForSettingsWindow(x11::EwmhWorkspace& workspace) {
+bool ParluneProcess::waitForSettingsWindow(Workspace& workspace) {
     const pid_t application = applicationPid();
     return pumpUntil(
         [&] {

@@ -6,8 +6,8 @@
 
 #include <sys/types.h>
 
-namespace parlune::x11 {
-class EwmhWorkspace;
+namespace parlune {
+class Workspace;
 }
 
 namespace parlune::test {
@@ -22,9 +22,10 @@ class ParluneProcess {
 public:
     struct Options {
         QString binary;
-        QString model;        // empty: a tiny random-weight model written into `home`
-        bool noModel = false; // start with no model at all
-        QStringList wrapper;  // a command the binary runs under (strace, say)
+        QString model;                            // empty: a tiny random-weight model written into `home`
+        bool noModel = false;                     // start with no model at all
+        QStringList wrapper;                      // a command the binary runs under (strace, say)
+        QString platform = QStringLiteral("xcb"); // Qt's platform: xcb, or wayland on a compositor
     };
 
     ParluneProcess(const QTemporaryDir& home, Options options);
@@ -38,7 +39,7 @@ public:
     bool start();
     // The settings window opens by itself until the model is ready and the workflow test passed;
     // callers wait until it is in front before they give the focus back to their editor.
-    bool waitForSettingsWindow(x11::EwmhWorkspace& workspace);
+    bool waitForSettingsWindow(Workspace& workspace);
     // SIGTERM, as a logout sends; the milliseconds until the process was gone (-1: it had to be
     // killed), and its wait status in `status`.
     qint64 terminate(int* status = nullptr);

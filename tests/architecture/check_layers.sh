@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Fails when a layer reaches past its boundary. Dependencies point down only:
-#   app → core, inference, platform;  platform → core;  inference → core, llm;  llm → nothing of ours.
+#   app → core, inference, platform;  platform → core (platform/wayland → platform/x11, linux);
+#   inference → core, llm;  llm → nothing of ours.
 # The core never sees a display server, accessibility bus or widgets; nothing but the application's
 # own programs, its tests and the benchmarks that drive it includes src/app. Each library also
 # exposes only its own folder to the compiler (cmake/ParluneLayers.cmake), so most wrong includes
@@ -27,7 +28,7 @@ forbid() {
     fi
 }
 
-desktop='X11/|xcb/|atspi|gio/|glib|QtWidgets|QWidget|QApplication|QtGui|QGuiApplication|QScreen|QWindow'
+desktop='X11/|xcb/|wayland-|xkbcommon|atspi|gio/|glib|QtWidgets|QWidget|QApplication|QtGui|QGuiApplication|QScreen|QWindow'
 forbid src/core tests/core tests/support -- "inference/|platform/|llm/|app/|cli/|$desktop" \
     "src/core includes src/inference, src/llm, a platform, the application or a desktop library"
 forbid src/llm tests/llm -- 'Q[A-Za-z]+|qcoro|core/|inference/|platform/|app/|cli/' \
@@ -38,6 +39,10 @@ forbid src/platform tests/platform -- 'inference/|llm/|app/|cli/' \
     "src/platform includes src/inference, src/llm or the application"
 forbid src/platform/linux tests/platform/linux -- 'platform/x11/|X11/|xcb/|atspi' \
     "src/platform/linux, for any Linux desktop, includes X11"
+forbid src/platform/atspi -- 'platform/x11/|platform/wayland/|X11/|xcb/|wayland-' \
+    "src/platform/atspi, for either session, includes a display server's ports or libraries"
+forbid src/platform/x11 src/platform/linux tests/platform/x11 tests/platform/linux -- 'platform/wayland/|wayland-' \
+    "the X11 and common Linux ports include the Wayland ports, which build on them"
 if hits=$(grep -rnE --exclude-dir=app "${include}app/" "$source_dir/src" "$source_dir/tests"); then
     echo "only the application's programs and tests include src/app:"
     echo "$hits"

@@ -31,11 +31,6 @@ public:
     std::optional<ProcessId> processOf(xcb_window_t window);
     std::optional<QString> classNameOf(xcb_window_t window);
 
-    // Whether the desktop lists an application for URLs of this scheme (mimeapps.list and the
-    // desktop-file caches under the XDG directories). A URL without one is refused at once, so
-    // that the caller can fall back to opening an application instead.
-    static bool hasHandlerForScheme(const QString& scheme);
-
 private:
     std::vector<xcb_window_t> clientWindows();
 

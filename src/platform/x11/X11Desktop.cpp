@@ -1,28 +1,17 @@
 #include "platform/x11/X11Desktop.h"
 
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/linux/LinuxMemoryPressureSource.h"
-#include "platform/x11/AtspiAccessibility.h"
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/X11PrimarySelection.h"
-#include "platform/x11/X11Session.h"
 #include "platform/x11/XTestKeyboardEvents.h"
 #include "platform/x11/XcbConnection.h"
 #include "platform/x11/XcbHotKeyService.h"
 
 namespace parlune::x11 {
 
-void X11Desktop::prepareProcess() {
-    if (!qEnvironmentVariableIsSet("QT_NO_GLIB")) {
-        qputenv("QT_NO_GLIB", "1");
-    }
-}
-
 X11Desktop::Result X11Desktop::connect() {
-    const X11Session::Kind kind = X11Session::detectFromEnvironment();
-    if (std::optional<QString> reason = X11Session::unsupportedReason(kind)) {
-        return *reason;
-    }
     auto desktop = std::unique_ptr<X11Desktop>(new X11Desktop());
     desktop->connection_ = XcbConnection::open();
     desktop->hotKeys_ = XcbHotKeyService::forApplication();
@@ -43,10 +32,35 @@ X11Desktop::Result X11Desktop::connect() {
             "The X server lacks the XTest extension, which Parlune needs to copy and paste.");
     }
     XTestKeyboardEvents* keyboard = desktop->keyboard_.get();
-    desktop->accessibility_ = std::make_unique<AtspiAccessibility>(
+    desktop->accessibility_ = std::make_unique<atspi::AtspiAccessibility>(
         *desktop->workspace_, [keyboard] { return keyboard->isAvailable(); });
     desktop->memoryPressure_ = std::make_unique<LinuxMemoryPressureSource>();
     return desktop;
+}
+
+HotKeyService* X11Desktop::hotKeys() {
+    return hotKeys_.get();
+}
+Pasteboard& X11Desktop::pasteboard() {
+    return *pasteboard_;
+}
+PrimarySelection* X11Desktop::primarySelection() {
+    return primarySelection_.get();
+}
+KeyboardEvents& X11Desktop::keyboard() {
+    return *keyboard_;
+}
+Workspace& X11Desktop::workspace() {
+    return *workspace_;
+}
+AccessibilityApi& X11Desktop::accessibility() {
+    return *accessibility_;
+}
+MemoryPressureSource& X11Desktop::memoryPressure() {
+    return *memoryPressure_;
+}
+std::optional<QString> X11Desktop::fetchOwnText() {
+    return pasteboard_->fetchOwnText();
 }
 
 X11Desktop::~X11Desktop() {

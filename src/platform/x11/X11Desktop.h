@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/linux/DesktopPorts.h"
+
 #include <QString>
 
 #include <memory>
@@ -9,9 +11,12 @@ namespace parlune {
 class LinuxMemoryPressureSource;
 }
 
+namespace parlune::atspi {
+class AtspiAccessibility;
+}
+
 namespace parlune::x11 {
 
-class AtspiAccessibility;
 class EwmhWorkspace;
 class X11Pasteboard;
 class X11PrimarySelection;
@@ -20,32 +25,26 @@ class XcbConnection;
 class XcbHotKeyService;
 
 // Every Linux/X11 port, created together over one X connection for the application to hand to the
-// core. Creation fails with a sentence for the user where the ports cannot work: a Wayland session
-// (its windows' keys and selections are out of an X client's reach), no display, or a server
-// without the XFixes and XTest extensions. Requires a QGuiApplication on the xcb platform.
-class X11Desktop {
+// core. Creation fails with a sentence for the user where the ports cannot work: no X server, or
+// one without the XFixes and XTest extensions. Requires a QGuiApplication on the xcb platform.
+class X11Desktop final : public DesktopPorts {
 public:
     using Result = std::variant<std::unique_ptr<X11Desktop>, QString>;
     static Result connect();
 
-    // Call before the QGuiApplication is made. libatspi attaches the private connections it opens
-    // to applications to GLib's default context; a GLib-based Qt event loop would then dispatch
-    // them on the main thread, beside the accessibility worker that owns them. This keeps Qt's loop
-    // off GLib (QT_NO_GLIB), so only the worker ever dispatches them.
-    static void prepareProcess();
-
-    ~X11Desktop();
+    ~X11Desktop() override;
     X11Desktop(const X11Desktop&) = delete;
     X11Desktop& operator=(const X11Desktop&) = delete;
 
-    XcbHotKeyService& hotKeys() { return *hotKeys_; }
-    X11Pasteboard& pasteboard() { return *pasteboard_; }
-    // For TextSelectionReplacer::setPrimarySelection: how terminals' selections are captured.
-    X11PrimarySelection& primarySelection() { return *primarySelection_; }
-    XTestKeyboardEvents& keyboard() { return *keyboard_; }
-    EwmhWorkspace& workspace() { return *workspace_; }
-    AtspiAccessibility& accessibility() { return *accessibility_; }
-    LinuxMemoryPressureSource& memoryPressure() { return *memoryPressure_; }
+    HotKeyService* hotKeys() override;
+    ShortcutPath shortcutPath() const override { return {}; }
+    Pasteboard& pasteboard() override;
+    PrimarySelection* primarySelection() override;
+    KeyboardEvents& keyboard() override;
+    Workspace& workspace() override;
+    AccessibilityApi& accessibility() override;
+    MemoryPressureSource& memoryPressure() override;
+    std::optional<QString> fetchOwnText() override;
 
 private:
     X11Desktop() = default;
@@ -56,7 +55,7 @@ private:
     std::unique_ptr<X11Pasteboard> pasteboard_;
     std::unique_ptr<X11PrimarySelection> primarySelection_;
     std::unique_ptr<XTestKeyboardEvents> keyboard_;
-    std::unique_ptr<AtspiAccessibility> accessibility_;
+    std::unique_ptr<atspi::AtspiAccessibility> accessibility_;
     std::unique_ptr<LinuxMemoryPressureSource> memoryPressure_;
 };
 

@@ -9,7 +9,7 @@
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
 #include "core/selection/TextSelectionReplacer.h"
-#include "platform/x11/AtspiAccessibility.h"
+#include "platform/atspi/AtspiAccessibility.h"
 #include "platform/x11/X11PrimarySelection.h"
 
 #include <QStandardPaths>
@@ -32,8 +32,8 @@ protected:
         if (IsSkipped()) {
             return;
         }
-        accessibility =
-            std::make_unique<x11::AtspiAccessibility>(*workspace, [this] { return keyboard->isAvailable(); });
+        accessibility = std::make_unique<atspi::AtspiAccessibility>(
+            *workspace, [this] { return keyboard->isAvailable(); });
         primary = std::make_unique<x11::X11PrimarySelection>(*connection, *workspace);
         clipboard = std::make_unique<ClipboardManager>(*pasteboard);
         replacer = std::make_unique<TextSelectionReplacer>(*accessibility, *workspace, *clipboard, *keyboard,
@@ -70,7 +70,7 @@ protected:
         expectUserClipboardRestored();
     }
 
-    std::unique_ptr<x11::AtspiAccessibility> accessibility;
+    std::unique_ptr<atspi::AtspiAccessibility> accessibility;
     std::unique_ptr<x11::X11PrimarySelection> primary;
     std::unique_ptr<ClipboardManager> clipboard;
     std::unique_ptr<TextSelectionReplacer> replacer;

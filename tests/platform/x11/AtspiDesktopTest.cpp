@@ -6,7 +6,7 @@
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
 #include "core/selection/TextSelectionReplacer.h"
-#include "platform/x11/AtspiAccessibility.h"
+#include "platform/atspi/AtspiAccessibility.h"
 
 namespace parlune::test {
 namespace {
@@ -21,8 +21,8 @@ protected:
         if (IsSkipped()) {
             return;
         }
-        accessibility =
-            std::make_unique<x11::AtspiAccessibility>(*workspace, [this] { return keyboard->isAvailable(); });
+        accessibility = std::make_unique<atspi::AtspiAccessibility>(
+            *workspace, [this] { return keyboard->isAvailable(); });
         if (!accessibility->isBusAvailable()) {
             GTEST_SKIP() << "no accessibility bus";
         }
@@ -48,7 +48,7 @@ protected:
                                      SystemClock::shared());
     }
 
-    std::unique_ptr<x11::AtspiAccessibility> accessibility;
+    std::unique_ptr<atspi::AtspiAccessibility> accessibility;
     std::unique_ptr<EditorWindow> editor;
     std::unique_ptr<ClipboardManager> clipboard;
 };

@@ -1,5 +1,6 @@
 #include "DesktopTest.h"
 #include "EditorWindow.h"
+#include "InterceptedKeyboard.h"
 #include "NoAccessibilityBus.h"
 #include "OtherClipboardClient.h"
 #include "TaskRunner.h"
@@ -16,24 +17,6 @@
 
 namespace parlune::test {
 namespace {
-
-// Sends keys through the real port, then lets a test act right after a given key went out.
-class InterceptedKeyboard final : public KeyboardEvents {
-public:
-    explicit InterceptedKeyboard(KeyboardEvents& inner) : inner_(inner) {}
-    std::function<void(std::uint16_t)> afterKey;
-    QCoro::Task<bool> sendCommandKey(std::uint16_t keyCode, ProcessId target,
-                                     std::stop_token token) override {
-        const bool sent = co_await inner_.sendCommandKey(keyCode, target, token);
-        if (afterKey) {
-            afterKey(keyCode);
-        }
-        co_return sent;
-    }
-
-private:
-    KeyboardEvents& inner_;
-};
 
 class ClipboardDesktopTest : public DesktopTest {
 protected:

@@ -26,23 +26,6 @@ namespace {
 
 DesktopSession* currentSession = nullptr;
 
-bool waitFor(const std::function<bool()>& ready, int timeoutMs) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!ready()) {
-        if (timer.elapsed() > timeoutMs) {
-            return false;
-        }
-        QThread::msleep(20);
-    }
-    return true;
-}
-
-bool exited(pid_t pid) {
-    int status = 0;
-    return ::waitpid(pid, &status, WNOHANG) == pid;
-}
-
 bool acceptsClients(const QString& display) {
     xcb_connection_t* c = xcb_connect(display.toLocal8Bit().constData(), nullptr);
     const bool connected = !xcb_connection_has_error(c);
@@ -72,6 +55,23 @@ bool hasWindowManager(const QString& display) {
 }
 
 } // namespace
+
+bool DesktopSession::waitFor(const std::function<bool()>& ready, int timeoutMs) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!ready()) {
+        if (timer.elapsed() > timeoutMs) {
+            return false;
+        }
+        QThread::msleep(20);
+    }
+    return true;
+}
+
+bool DesktopSession::exited(pid_t pid) {
+    int status = 0;
+    return ::waitpid(pid, &status, WNOHANG) == pid;
+}
 
 DesktopSession* DesktopSession::current() {
     return currentSession;

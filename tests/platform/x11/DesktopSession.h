@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -33,11 +34,16 @@ public:
 
     // Starts a program with this desktop's environment; returns its process id or -1.
     // Its output goes to `log` when given, else nowhere.
-    pid_t spawn(const QStringList& command, const QString& log = {});
+    static pid_t spawn(const QStringList& command, const QString& log = {});
     static void terminate(pid_t pid);
     // Runs a short command to its end (xdotool, xclip); returns its exit code, -1 if it did not run.
     // The event loop is kept running meanwhile, so this process can answer selection requests.
     static int run(const QStringList& command, QByteArray* output = nullptr, int timeoutMs = 5000);
+    // Polls `ready` without running the event loop (before there is one) until it holds or
+    // `timeoutMs` passed.
+    static bool waitFor(const std::function<bool()>& ready, int timeoutMs);
+    // Whether child `pid` has ended (and is reaped).
+    static bool exited(pid_t pid);
 
 private:
     QString failure_;

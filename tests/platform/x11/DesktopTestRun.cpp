@@ -1,6 +1,6 @@
 #include "DesktopTestRun.h"
 #include "DesktopSession.h"
-#include "platform/x11/X11Desktop.h"
+#include "platform/atspi/AtspiAccessibility.h"
 
 #include <QCoreApplication>
 
@@ -20,7 +20,7 @@ int runDesktopTests(int argc, char** argv, const QString& openboxConfig,
     if (listing) {
         return RUN_ALL_TESTS();
     }
-    x11::X11Desktop::prepareProcess();
+    atspi::AtspiAccessibility::prepareProcess();
     DesktopSession session;
     session.start(openboxConfig);
     DesktopSession::setCurrent(&session);

@@ -1,9 +1,9 @@
 #include "core/platform/Workspace.h"
-#include "platform/x11/AtspiAccessibility.h"
+#include "platform/atspi/AtspiAccessibility.h"
+#include "platform/linux/DesktopLauncher.h"
 #include "platform/x11/EwmhWorkspace.h"
 #include "platform/x11/X11KeyTable.h"
 #include "platform/x11/X11Pasteboard.h"
-#include "platform/x11/X11Session.h"
 #include "support/RunTask.h"
 
 #include <QDir>
@@ -40,22 +40,6 @@ TEST(X11KeyTableTest, CarbonModifiersMapToCoreMasks) {
     // Caps Lock (1024) and other Carbon bits are not part of a chord.
     EXPECT_EQ(X11KeyTable::modifierMaskFor(1024), 0);
     EXPECT_EQ(X11KeyTable::modifierMaskFor(0), 0);
-}
-
-TEST(X11SessionTest, WaylandIsRecognisedEvenWithXwaylandPresent) {
-    using Kind = X11Session::Kind;
-    EXPECT_EQ(X11Session::detect("x11", "", ":0"), Kind::x11);
-    EXPECT_EQ(X11Session::detect("", "", ":1"), Kind::x11);
-    EXPECT_EQ(X11Session::detect("wayland", "", ""), Kind::wayland);
-    EXPECT_EQ(X11Session::detect("Wayland", "", ":0"), Kind::wayland);
-    EXPECT_EQ(X11Session::detect("x11", "wayland-0", ":0"), Kind::wayland);
-    EXPECT_EQ(X11Session::detect("tty", "", ""), Kind::none);
-
-    EXPECT_EQ(X11Session::unsupportedReason(Kind::x11), std::nullopt);
-    ASSERT_TRUE(X11Session::unsupportedReason(Kind::wayland));
-    EXPECT_TRUE(X11Session::unsupportedReason(Kind::wayland)->contains(QLatin1String("Wayland")));
-    ASSERT_TRUE(X11Session::unsupportedReason(Kind::none));
-    EXPECT_TRUE(X11Session::unsupportedReason(Kind::none)->contains(QLatin1String("DISPLAY")));
 }
 
 TEST(X11PasteboardTest, PseudoTargetsAreNeverData) {
@@ -98,18 +82,18 @@ private:
     std::vector<std::pair<const char*, QByteArray>> saved_;
 };
 
-TEST(EwmhWorkspaceTest, SchemeHandlersComeFromTheDesktopsTables) {
+TEST(DesktopLauncherTest, SchemeHandlersComeFromTheDesktopsTables) {
     ScopedXdgDirectories xdg;
-    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("settings")));
+    EXPECT_FALSE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("settings")));
     xdg.write(QStringLiteral("system/applications/mimeinfo.cache"),
               "[MIME Cache]\nx-scheme-handler/settings=control-center.desktop;\nx-scheme-handler/empty=\n");
-    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("settings")));
-    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("SETTINGS")));
-    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("empty")));
-    EXPECT_FALSE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("x-apple.systempreferences")));
+    EXPECT_TRUE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("settings")));
+    EXPECT_TRUE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("SETTINGS")));
+    EXPECT_FALSE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("empty")));
+    EXPECT_FALSE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("x-apple.systempreferences")));
     xdg.write(QStringLiteral("config/mimeapps.list"),
               "[Default Applications]\nx-scheme-handler/zoommtg=zoom.desktop\n");
-    EXPECT_TRUE(EwmhWorkspace::hasHandlerForScheme(QStringLiteral("zoommtg")));
+    EXPECT_TRUE(DesktopLauncher::hasHandlerForScheme(QStringLiteral("zoommtg")));
 }
 
 class FixedWorkspace final : public Workspace {
@@ -130,7 +114,7 @@ TEST(AtspiAccessibilityTest, WithoutAnAccessibilityBusThereIsNoFocusedElement) {
     qunsetenv("DISPLAY");
     FixedWorkspace workspace;
     bool keys = false;
-    AtspiAccessibility accessibility(workspace, [&] { return keys; });
+    atspi::AtspiAccessibility accessibility(workspace, [&] { return keys; });
     EXPECT_EQ(accessibility.focusedElement(), nullptr);
     EXPECT_FALSE(accessibility.isProcessTrusted());
     EXPECT_FALSE(accessibility.requestTrustWithPrompt());

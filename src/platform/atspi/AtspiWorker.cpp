@@ -1,4 +1,4 @@
-#include "platform/x11/AtspiWorker.h"
+#include "platform/atspi/AtspiWorker.h"
 
 #include <atspi/atspi.h>
 // After atspi.h, which brings the GLib and D-Bus declarations it relies on.
@@ -6,7 +6,7 @@
 
 #include <chrono>
 
-namespace parlune::x11 {
+namespace parlune::atspi {
 
 std::shared_ptr<AtspiWorker> AtspiWorker::start() {
     std::shared_ptr<AtspiWorker> worker(new AtspiWorker());
@@ -118,4 +118,4 @@ bool AtspiWorker::waitForBus(int timeoutMs) {
     return busAvailable_;
 }
 
-} // namespace parlune::x11
+} // namespace parlune::atspi

@@ -1,6 +1,6 @@
-#include "platform/x11/AtspiElement.h"
+#include "platform/atspi/AtspiElement.h"
 
-#include "platform/x11/AtspiWorker.h"
+#include "platform/atspi/AtspiWorker.h"
 
 #include <QCryptographicHash>
 
@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-namespace parlune::x11 {
+namespace parlune::atspi {
 
 AtspiElement::AtspiElement(AtspiAccessible* accessible, OffsetUnit unit, std::shared_ptr<AtspiWorker> worker)
     : accessible_(static_cast<AtspiAccessible*>(g_object_ref(accessible))), unit_(unit),
@@ -39,4 +39,4 @@ std::int64_t AtspiElement::hashValue() const {
     return value & 0x7fffffffffffffffLL;
 }
 
-} // namespace parlune::x11
+} // namespace parlune::atspi

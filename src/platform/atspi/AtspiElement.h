@@ -8,7 +8,7 @@
 
 typedef struct _AtspiAccessible AtspiAccessible;
 
-namespace parlune::x11 {
+namespace parlune::atspi {
 
 // One object of another application on the accessibility bus. Identity is the owning
 // application's bus name plus the object path, which is what the bus itself addresses; how the
@@ -42,4 +42,4 @@ private:
     QString address_;
 };
 
-} // namespace parlune::x11
+} // namespace parlune::atspi

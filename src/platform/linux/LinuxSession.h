@@ -4,10 +4,10 @@
 
 #include <optional>
 
-namespace parlune::x11 {
+namespace parlune {
 
-// Which display server the program was started under, and whether the X11 ports can work there.
-class X11Session {
+// Which display server the program was started under, which decides the desktop ports it uses.
+class LinuxSession {
 public:
     enum class Kind { x11, wayland, none };
 
@@ -15,8 +15,8 @@ public:
     static Kind detect(const QString& sessionType, const QString& waylandDisplay, const QString& display);
     static Kind detectFromEnvironment();
 
-    // Why global capture cannot work in this session; nullopt on an X11 session.
-    static std::optional<QString> unsupportedReason(Kind kind);
+    // Why no desktop ports can be had at all; nullopt where there is a display server.
+    static std::optional<QString> missingDisplayReason(Kind kind);
 };
 
-} // namespace parlune::x11
+} // namespace parlune

@@ -11,7 +11,7 @@ namespace parlune {
 class Workspace;
 }
 
-namespace parlune::x11 {
+namespace parlune::atspi {
 
 class AtspiWorker;
 
@@ -44,6 +44,12 @@ public:
     AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable);
     AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable, Budgets budgets);
     ~AtspiAccessibility() override;
+
+    // Call before the QGuiApplication is made. libatspi attaches the private connections it opens
+    // to applications to GLib's default context; a GLib-based Qt event loop would then dispatch
+    // them on the main thread, beside the accessibility worker that owns them. This keeps Qt's loop
+    // off GLib (QT_NO_GLIB), so only the worker ever dispatches them.
+    static void prepareProcess();
 
     // Whether the accessibility bus answered at start-up (waits for the worker's first connection).
     bool isBusAvailable() const;
@@ -85,4 +91,4 @@ private:
     std::shared_ptr<AtspiWorker> worker_;
 };
 
-} // namespace parlune::x11
+} // namespace parlune::atspi

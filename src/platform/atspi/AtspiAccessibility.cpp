@@ -1,10 +1,10 @@
-#include "platform/x11/AtspiAccessibility.h"
+#include "platform/atspi/AtspiAccessibility.h"
 
 #include "core/async/Continuation.h"
 #include "core/async/MainThread.h"
 #include "core/platform/Workspace.h"
-#include "platform/x11/AtspiElement.h"
-#include "platform/x11/AtspiWorker.h"
+#include "platform/atspi/AtspiElement.h"
+#include "platform/atspi/AtspiWorker.h"
 
 #include <atspi/atspi.h>
 
@@ -16,7 +16,13 @@
 #include <memory>
 #include <vector>
 
-namespace parlune::x11 {
+namespace parlune::atspi {
+
+void AtspiAccessibility::prepareProcess() {
+    if (!qEnvironmentVariableIsSet("QT_NO_GLIB")) {
+        qputenv("QT_NO_GLIB", "1");
+    }
+}
 
 namespace {
 
@@ -540,4 +546,4 @@ QCoro::Task<int> AtspiAccessibility::setSelectedTextAsync(const AccessibilityEle
     co_return answer;
 }
 
-} // namespace parlune::x11
+} // namespace parlune::atspi

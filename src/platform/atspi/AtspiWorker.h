@@ -10,7 +10,7 @@
 
 typedef struct _GMainContext GMainContext;
 
-namespace parlune::x11 {
+namespace parlune::atspi {
 
 // The one thread that touches libatspi. libatspi keeps process-wide state (its bus connection, the
 // cache of remote objects) that is not safe to use from two threads, and its calls wait for the
@@ -46,4 +46,4 @@ private:
     std::deque<std::function<void()>> queue_;
 };
 
-} // namespace parlune::x11
+} // namespace parlune::atspi

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "core/selection/ClipboardManager.h"
+#include "core/selection/TextSelectionReplacer.h"
+#include "support/RunTask.h"
+
+#include <QCoro/QCoroTask>
+#include <QElapsedTimer>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace parlune::bench {
+
+// Samples of one stage, in milliseconds.
+struct Stat {
+    std::vector<double> samples;
+    void add(double ms) { samples.push_back(ms); }
+    double quantile(double q) const {
+        std::vector<double> sorted = samples;
+        std::sort(sorted.begin(), sorted.end());
+        const auto index = static_cast<std::size_t>(q * static_cast<double>(sorted.size() - 1) + 0.5);
+        return sorted[std::min(index, sorted.size() - 1)];
+    }
+};
+
+inline double since(const QElapsedTimer& timer) {
+    return static_cast<double>(timer.nsecsElapsed()) / 1e6;
+}
+
+// Prints median and 95th percentile of every stage that has samples.
+inline void printStages(const std::map<std::string, Stat>& stats) {
+    std::printf("%-40s %8s %8s\n", "stage", "median", "p95");
+    for (const auto& [name, stat] : stats) {
+        if (!stat.samples.empty()) {
+            std::printf("%-40s %8.1f %8.1f\n", name.c_str(), stat.quantile(0.5), stat.quantile(0.95));
+        }
+    }
+}
+
+using Stages = std::map<std::string, Stat>;
+
+// One rewrite with the instant model (it flips the word's case, so the next run finds a selection
+// again), timing each stage; a failed run counts in `failures`.
+inline QCoro::Task<void> timedRewrite(TextSelectionReplacer& replacer, Stages& stats,
+                                      const QElapsedTimer& press, const QElapsedTimer& delivered,
+                                      int& failures, std::stop_token token) {
+    try {
+        QElapsedTimer step;
+        step.start();
+        CapturedSelection selection = co_await replacer.capture(token);
+        stats["capture"].add(since(step));
+        step.restart();
+        co_await replacer.validate(selection, token);
+        stats["validate"].add(since(step));
+        const QString rewritten =
+            selection.text() == QStringLiteral("beta") ? QStringLiteral("BETA") : QStringLiteral("beta");
+        step.restart();
+        co_await replacer.replace(rewritten, selection, token);
+        stats["replace (paste, confirm, restore)"].add(since(step));
+        stats["shortcut delivered -> replaced"].add(since(delivered));
+        stats["key press -> replaced"].add(since(press));
+    } catch (const std::exception&) {
+        ++failures;
+    }
+}
+
+// A restore on its own, `runs` times: the snapshot of the user's clipboard put back while we hold ours.
+inline void timeRestores(ClipboardManager& clipboard, int runs, Stages& stats) {
+    const ClipboardSnapshot user = test::runTask(clipboard.capture());
+    for (int run = 0; run < runs; ++run) {
+        clipboard.setTransientLocalString(QStringLiteral("transient"));
+        QElapsedTimer step;
+        step.start();
+        clipboard.restore(user, clipboard.changeCount());
+        stats["clipboard restore"].add(since(step));
+    }
+}
+
+} // namespace parlune::bench

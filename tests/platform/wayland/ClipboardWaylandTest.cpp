@@ -1,0 +1,194 @@
+// The Wayland ports against real clients of a headless sway: wl-copy and wl-paste as the user's
+// other programs, mousepad as the editor, foot as the terminal.
+#include "DesktopSession.h"
+#include "InterceptedKeyboard.h"
+#include "NoAccessibilityBus.h"
+#include "TaskRunner.h"
+#include "WaylandDesktopTest.h"
+#include "WaylandEditor.h"
+#include "WlClipboard.h"
+#include "core/async/Clock.h"
+#include "core/selection/ClipboardManager.h"
+#include "core/selection/TextReplacementError.h"
+#include "core/selection/TextSelectionReplacer.h"
+
+#include <QFile>
+
+#include <algorithm>
+
+namespace parlune::test {
+namespace {
+
+class ClipboardWaylandTest : public WaylandDesktopTest {
+protected:
+    void SetUp() override {
+        WaylandDesktopTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        keys = std::make_unique<InterceptedKeyboard>(*keyboard);
+        clipboard = std::make_unique<ClipboardManager>(*pasteboard);
+        replacer = std::make_unique<TextSelectionReplacer>(accessibility, *workspace, *clipboard, *keys,
+                                                           AppCompatibilityRegistry::defaultRegistry(),
+                                                           SystemClock::shared());
+        editor = std::make_unique<WaylandEditor>(*workspace, *typist);
+    }
+    void TearDown() override {
+        editor.reset();
+        replacer.reset();
+        clipboard.reset();
+        keys.reset();
+        WaylandDesktopTest::TearDown();
+    }
+
+    // Another client's write, once our port has seen it (not the report of what the clipboard held
+    // when the port started).
+    bool copiedByAnotherClient(const QByteArray& bytes, const QString& type) {
+        WlClipboard::copy(bytes, type);
+        return pumpUntil(
+            [&] {
+                const std::vector<QString> types = finish(pasteboard->typesAsync(0));
+                return std::find(types.begin(), types.end(), type) != types.end() &&
+                       !pasteboard->ownsSelection();
+            },
+            3000);
+    }
+
+    // The user's clipboard: text from wl-copy, which offers it under five types.
+    void giveUserText() {
+        ASSERT_TRUE(copiedByAnotherClient(QByteArrayLiteral("the user's own words \xe2\x9c\x93"),
+                                          QStringLiteral("text/plain;charset=utf-8")));
+        userTypes = WlClipboard::types();
+        ASSERT_GE(userTypes.size(), 2);
+        for (const QString& type : userTypes) {
+            userData.push_back(WlClipboard::paste(type));
+        }
+    }
+
+    void expectUserClipboardRestored() {
+        // Restoring finishes on the event loop once the paste target fetched our text.
+        pumpUntil([&] { return WlClipboard::types() == userTypes; }, 3000);
+        ASSERT_EQ(WlClipboard::types(), userTypes);
+        for (int i = 0; i < userTypes.size(); ++i) {
+            EXPECT_EQ(WlClipboard::paste(userTypes[i]), userData[static_cast<std::size_t>(i)])
+                << userTypes[i].toStdString();
+        }
+    }
+
+    CapturedSelection capture() { return finish(replacer->capture({})); }
+
+    NoAccessibilityBus accessibility;
+    std::unique_ptr<InterceptedKeyboard> keys;
+    std::unique_ptr<ClipboardManager> clipboard;
+    std::unique_ptr<TextSelectionReplacer> replacer;
+    std::unique_ptr<WaylandEditor> editor;
+    QStringList userTypes;
+    std::vector<QByteArray> userData;
+};
+
+TEST_F(ClipboardWaylandTest, AnotherClientsClipboardIsReadWithEveryTypeAndOurWritesAreServedAndCounted) {
+    giveUserText();
+    const std::vector<QString> types = finish(pasteboard->typesAsync(0));
+    EXPECT_EQ(QStringList(types.begin(), types.end()).size(), userTypes.size());
+    EXPECT_EQ(finish(pasteboard->stringAsync()), QStringLiteral("the user's own words \u2713"));
+
+    const std::int64_t before = pasteboard->changeCount();
+    ASSERT_TRUE(
+        pasteboard->writeItems({PasteboardItem{{{pasteboard->plainTextType(), QByteArrayLiteral("ours")}}}}));
+    const std::int64_t ours = pasteboard->changeCount();
+    EXPECT_EQ(ours, before + 1);
+    EXPECT_EQ(WlClipboard::paste(QStringLiteral("text/plain;charset=utf-8")), QByteArrayLiteral("ours"));
+    EXPECT_TRUE(pumpUntil([&] { return pasteboard->contentsWereFetched(ours); }, 2000));
+    // The compositor's echo of our own write is not someone else's change.
+    pumpFor(200);
+    EXPECT_EQ(pasteboard->changeCount(), ours);
+    EXPECT_TRUE(pasteboard->ownsSelection());
+}
+
+TEST_F(ClipboardWaylandTest, BinaryDataWithNulBytesComesBackByteForByte) {
+    const QByteArray image("\x89PNG\r\n\x1a\n\x00\x00\x00\rIHDR\x00\xff", 18);
+    ASSERT_TRUE(copiedByAnotherClient(image, QStringLiteral("image/png")));
+    const ClipboardSnapshot snapshot = finish(clipboard->capture());
+    clipboard->setTransientLocalString(QStringLiteral("transient"));
+    EXPECT_EQ(WlClipboard::paste(QStringLiteral("text/plain")), QByteArrayLiteral("transient"));
+    ASSERT_TRUE(clipboard->restore(snapshot, pasteboard->changeCount()));
+    EXPECT_EQ(WlClipboard::types(), QStringList{QStringLiteral("image/png")});
+    EXPECT_EQ(WlClipboard::paste(QStringLiteral("image/png")), image);
+}
+
+TEST_F(ClipboardWaylandTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUsersClipboardByteForByte) {
+    giveUserText();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+
+    const CapturedSelection selection = capture();
+    EXPECT_EQ(selection.text(), QStringLiteral("beta"));
+    EXPECT_EQ(selection.applicationProcessIdentifier(), editor->pid());
+    EXPECT_EQ(selection.applicationBundleIdentifier(), QStringLiteral("mousepad"));
+    expectUserClipboardRestored();
+}
+
+TEST_F(ClipboardWaylandTest, ReplacementIsPastedInPlaceAndTheUsersClipboardComesBack) {
+    giveUserText();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+    const CapturedSelection selection = capture();
+    ASSERT_EQ(selection.text(), QStringLiteral("beta"));
+
+    finish(replacer->replace(QStringLiteral("D\u00c9LTA \U0001F600"), selection, {}));
+    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha D\u00c9LTA \U0001F600 gamma"));
+    expectUserClipboardRestored();
+}
+
+TEST_F(ClipboardWaylandTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeftAlone) {
+    giveUserText();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
+    const CapturedSelection selection = capture();
+
+    keys->afterKey = [&](std::uint16_t key) {
+        if (key == KeyboardEvents::keyCodeV) {
+            WlClipboard::copy(QByteArrayLiteral("newer words"));
+        }
+    };
+    try {
+        finish(replacer->replace(QStringLiteral("DELTA"), selection, {}));
+    } catch (const TextReplacementError&) {
+        // Whether the paste was confirmed does not matter here; the clipboard does.
+    }
+    pumpFor(500);
+    EXPECT_EQ(WlClipboard::paste(QStringLiteral("text/plain;charset=utf-8")),
+              QByteArrayLiteral("newer words"));
+}
+
+// foot runs a raw-mode `cat` that writes every byte it reads to a file: a Control+C would arrive
+// there as byte 3 (and in cooked mode end the program). The terminal is copied from with
+// Control+Shift+C, which foot keeps for itself.
+TEST_F(ClipboardWaylandTest, TerminalNeverReceivesControlC) {
+    const QString typed = SwaySession::current()->directory() + QStringLiteral("/typed.bin");
+    WaylandEditor terminal(
+        *workspace, *typist,
+        {QStringLiteral("foot"), QStringLiteral("sh"), QStringLiteral("-c"),
+         QStringLiteral("stty raw -echo; printf ready > \"$0.ready\"; exec cat > \"$0\"")});
+    ASSERT_TRUE(terminal.open(QString(), QStringLiteral("typed.bin")));
+    ASSERT_TRUE(pumpUntil([&] { return QFile::exists(typed + QStringLiteral(".ready")); }, 5000));
+    ASSERT_EQ(workspace->bundleIdentifier(terminal.pid()), QStringLiteral("foot"));
+
+    try {
+        capture();
+    } catch (const std::exception&) {
+        // Nothing is selected in the terminal, so nothing is copied; the keys it got matter here.
+    }
+    ASSERT_FALSE(keys->sent.empty());
+    for (const KeyChord& chord : keys->sent) {
+        EXPECT_TRUE(chord.keyCode != KeyboardEvents::keyCodeC || (chord.modifiers & KeyChord::shift))
+            << "a plain Control+C was sent to the terminal";
+    }
+    pumpFor(300);
+    QFile file(typed);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_FALSE(file.readAll().contains('\x03'));
+}
+
+} // namespace
+} // namespace parlune::test
