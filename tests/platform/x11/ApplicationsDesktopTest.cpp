@@ -167,7 +167,17 @@ TEST_F(ApplicationsDesktopTest, BrowserTextareaInputAndContentEditableAreEachRep
     const QString profile = DesktopSession::current()->directory() + QStringLiteral("/chromium-profile");
     EditorWindow browser(*workspace, chromiumCommand(profile));
     ASSERT_TRUE(browser.open(QString::fromUtf8(fieldsPage), QStringLiteral("fields.html")));
-    pumpFor(1500); // the page loads and focuses its first field after the window appears
+    // The page loads and focuses its first field some time after the window appears; the field
+    // then renames the page, so the wait is as long as this machine needs and no longer.
+    EXPECT_TRUE(pumpUntil(
+        [] {
+            QByteArray title;
+            DesktopSession::run({QStringLiteral("xdotool"), QStringLiteral("getactivewindow"),
+                                 QStringLiteral("getwindowname")},
+                                &title);
+            return title.startsWith("focused");
+        },
+        20000));
 
     const QStringList replacements{QStringLiteral("DELTA"), QStringLiteral("\u00e9psilon"),
                                    QStringLiteral("Z\U0001F600")};

@@ -41,7 +41,7 @@ inline QStringList chromiumCommand(const QString& profile) {
 // A page with the three kinds of text field, the first one focused.
 inline const char* const fieldsPage = R"(<!doctype html>
 <meta charset="utf-8"><title>fields</title>
-<textarea id="area" autofocus>alpha beta gamma</textarea>
+<textarea id="area" autofocus onfocus="document.title='focused'">alpha beta gamma</textarea>
 <input id="line" value="alpha beta gamma">
 <div id="rich" contenteditable="true">alpha beta gamma</div>
 )";
