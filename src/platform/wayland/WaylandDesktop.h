@@ -32,7 +32,8 @@ class WaylandConnection;
 // desktop offers (WaylandCapabilities): the shortcut and keyboard from the desktop's portals when
 // the caller supplies them, else the command bound by the user and wlroots' virtual keyboard; the
 // clipboard through data-control, else XWayland's CLIPBOARD; the frontmost application from sway's
-// IPC. Creation fails with the capabilities' sentence where a rewrite cannot work at all.
+// IPC, else from the accessibility bus's focus events. Creation fails with the capabilities'
+// sentence where a rewrite cannot work at all.
 class WaylandDesktop final : public DesktopPorts {
 public:
     struct Options {
