@@ -47,10 +47,11 @@ WaylandDesktop::Result WaylandDesktop::connect(Options options) {
 
     facts.portalShortcuts = options.portalShortcuts != nullptr;
     desktop->hotKeys_ = std::move(options.portalShortcuts);
-    facts.portalKeyboard = options.portalKeyboard != nullptr;
-    if (facts.portalKeyboard) {
-        desktop->keyboard_ = std::move(options.portalKeyboard);
-    } else {
+    if (options.portalKeyboard) {
+        desktop->keyboard_ = options.portalKeyboard(*desktop->workspace_);
+    }
+    facts.portalKeyboard = desktop->keyboard_ != nullptr;
+    if (!facts.portalKeyboard) {
         auto virtualKeyboard = std::make_unique<VirtualKeyboardEvents>(connection, *desktop->workspace_);
         facts.virtualKeyboard = virtualKeyboard->isAvailable();
         desktop->keyboard_ = std::move(virtualKeyboard);

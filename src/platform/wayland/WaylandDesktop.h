@@ -7,6 +7,7 @@
 
 #include <QString>
 
+#include <functional>
 #include <memory>
 #include <variant>
 
@@ -39,8 +40,9 @@ public:
     struct Options {
         // From the global-shortcuts portal, where the desktop has it.
         std::unique_ptr<HotKeyService> portalShortcuts;
-        // From the remote-desktop portal, where the desktop has it.
-        std::unique_ptr<KeyboardEvents> portalKeyboard;
+        // Makes the keyboard of the remote-desktop portal, where the desktop offers one; it sends
+        // keys only to the application the workspace reports in front.
+        std::function<std::unique_ptr<KeyboardEvents>(Workspace&)> portalKeyboard;
     };
     using Result = std::variant<std::unique_ptr<WaylandDesktop>, QString>;
     static Result connect(Options options);
