@@ -16,9 +16,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <optional>
-#include <vector>
 
 namespace parlune::wayland {
 namespace {
@@ -34,34 +31,16 @@ protected:
         if (setUpFailed()) {
             return;
         }
-        // The ports find the compositor as the application does, from the environment.
-        // (Each test runs in a process of its own, so libatspi meets this bus first.)
-        for (const char* name : variables) {
-            saved_.push_back(qEnvironmentVariableIsSet(name) ? std::optional(qgetenv(name)) : std::nullopt);
-        }
-        qputenv("WAYLAND_DISPLAY", session_.waylandSocketPath().toUtf8());
-        qputenv("XDG_CURRENT_DESKTOP", "KDE");
-        qputenv("DBUS_SESSION_BUS_ADDRESS", session_.busAddress().toUtf8());
-        qunsetenv("DISPLAY");
+        enterSession();
     }
     void TearDown() override {
         if (editor_) {
             editor_->terminate();
             editor_->waitForFinished(3000);
         }
-        for (std::size_t i = 0; i < saved_.size(); ++i) {
-            if (saved_[i]) {
-                qputenv(variables[i], *saved_[i]);
-            } else {
-                qunsetenv(variables[i]);
-            }
-        }
         KWinTest::TearDown();
     }
 
-    static constexpr std::array variables{"WAYLAND_DISPLAY", "XDG_CURRENT_DESKTOP",
-                                          "DBUS_SESSION_BUS_ADDRESS", "DISPLAY"};
-    std::vector<std::optional<QByteArray>> saved_;
     std::unique_ptr<QProcess> editor_;
     QTemporaryDir directory_;
     testing::FakeUserDefaults settings_;
