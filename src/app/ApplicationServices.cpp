@@ -25,8 +25,10 @@
 #include "platform/linux/LinuxSession.h"
 #include "platform/linux/QSettingsUserDefaults.h"
 #include "platform/linux/SecretServiceCredentialStore.h"
+#include "platform/linux/portal/PortalRemoteDesktopKeyboard.h"
 #include "platform/wayland/WaylandDesktop.h"
 #include "platform/x11/X11Desktop.h"
+#include "platform/x11/X11KeyTable.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -45,7 +47,7 @@ ApplicationServices::ApplicationServices(Options options) {
     // 3. desktop ports
     MemoryPressureSource* memoryPressure = nullptr;
     if (options.useDesktop) {
-        connectDesktop();
+        connectDesktop(std::move(options.waylandPortals));
         if (desktop_) {
             memoryPressure = &desktop_->memoryPressure();
         }
@@ -110,7 +112,7 @@ ApplicationServices::ApplicationServices(Options options) {
     catalogueProblem_ = std::move(catalogue.problem);
 }
 
-void ApplicationServices::connectDesktop() {
+void ApplicationServices::connectDesktop(WaylandPortals portals) {
     const LinuxSession::Kind session = LinuxSession::detectFromEnvironment();
     if (std::optional<QString> reason = LinuxSession::missingDisplayReason(session)) {
         desktopProblem_ = std::move(reason);
@@ -125,8 +127,35 @@ void ApplicationServices::connectDesktop() {
     };
     if (session == LinuxSession::Kind::x11) {
         take(x11::X11Desktop::connect());
+        portalShortcuts_ = nullptr;
     } else {
-        take(wayland::WaylandDesktop::connect({}));
+        take(wayland::WaylandDesktop::connect(waylandOptions(std::move(portals))));
+    }
+}
+
+wayland::WaylandDesktop::Options ApplicationServices::waylandOptions(WaylandPortals portals) {
+    wayland::WaylandDesktop::Options ports;
+    portalShortcuts_ = portals.shortcuts.get();
+    ports.portalShortcuts = std::move(portals.shortcuts);
+    if (portals.keyboardOffered) {
+        portal::PortalGlobalShortcuts* shortcuts = portalShortcuts_;
+        portal::PortalRemoteDesktopKeyboard::ShortcutHeld held;
+        if (shortcuts) {
+            // Without the shortcuts portal the key comes from a bound command, whose release
+            // nothing reports.
+            held = [shortcuts] { return shortcuts->isHeld(); };
+        }
+        ports.portalKeyboard = [this, held](Workspace& workspace) {
+            return std::make_unique<portal::PortalRemoteDesktopKeyboard>(
+                QDBusConnection::sessionBus(), workspace, *userDefaults_, &x11::X11KeyTable::keysymFor, held);
+        };
+    }
+    return ports;
+}
+
+void ApplicationServices::setHotKeyRefusalHandler(std::function<void()> handler) {
+    if (desktop_ && portalShortcuts_) {
+        portalShortcuts_->setRefusalHandler([handler = std::move(handler)](std::int32_t) { handler(); });
     }
 }
 

@@ -1,11 +1,14 @@
 #pragma once
 
+#include "app/WaylandPortals.h"
 #include "app/WorkflowTestView.h"
 #include "core/models/ModelCatalogue.h"
 #include "platform/linux/DesktopPorts.h"
+#include "platform/wayland/WaylandDesktop.h"
 
 #include <QString>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -57,6 +60,8 @@ public:
         QString executable;     // for the autostart entry
         QString version;        // this build's version, for update checks
         bool useDesktop = true; // false: no ports, as in a session we cannot serve
+        // On Wayland: what the desktop's portals offer, probed before (absent: none is used).
+        WaylandPortals waylandPortals;
         // Tests only: rewrites go to this engine instead of the on-device model.
         std::shared_ptr<LocalRewriteEngine> rewriteEngineForTesting;
     };
@@ -104,6 +109,9 @@ public:
     // Copy and paste for the settings window's sample field, through this program's clipboard port.
     FieldClipboard fieldClipboard();
 
+    // Runs when the desktop refuses the shortcut after accepting it (the shortcuts portal).
+    void setHotKeyRefusalHandler(std::function<void()> handler);
+
     void setStatusReporter(std::weak_ptr<RewriteStatusReporting> reporter);
 
     // Cancels tasks, lets their clean-up run for at most `drainMilliseconds`, stops the model.
@@ -111,13 +119,15 @@ public:
     void shutdown(int drainMilliseconds = 400);
 
 private:
-    void connectDesktop();
+    void connectDesktop(WaylandPortals portals);
+    wayland::WaylandDesktop::Options waylandOptions(WaylandPortals portals);
 
     std::unique_ptr<QSettingsUserDefaults> userDefaults_;
     std::unique_ptr<CredentialStore> credentials_;
     std::unique_ptr<SettingsStore> settings_;
     std::unique_ptr<DiagnosticsLogger> diagnostics_;
     std::unique_ptr<DesktopPorts> desktop_;
+    portal::PortalGlobalShortcuts* portalShortcuts_ = nullptr; // owned by desktop_
     std::unique_ptr<MemoryPressureSource> standaloneMemoryPressure_;
     std::optional<QString> desktopProblem_;
     std::unique_ptr<OnDeviceEngine> engine_;

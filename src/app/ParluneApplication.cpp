@@ -252,6 +252,11 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
                     self->rewriteSelection();
                 }
             });
+        services_.setHotKeyRefusalHandler([weak = lifetime_.weak(this)] {
+            if (ParluneApplication* self = weak.lock()) {
+                self->shortcutRegistration_->refusedAfterRegistering();
+            }
+        });
     }
     shortcutRegistration_->registerHotKey(reportFailure, force);
 }

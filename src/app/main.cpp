@@ -4,15 +4,20 @@
 #include "app/ApplicationServices.h"
 #include "app/ParluneApplication.h"
 #include "app/ParluneIcon.h"
+#include "app/WaylandPortals.h"
 #include "platform/atspi/AtspiAccessibility.h"
+#include "platform/linux/LinuxSession.h"
 #include "platform/linux/SessionInstance.h"
 #include "platform/linux/TerminationSignals.h"
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QDBusConnection>
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <optional>
 
 namespace {
 
@@ -95,17 +100,35 @@ int main(int argc, char** argv) {
     }
 
     parlune::TerminationSignals termination([] { QApplication::quit(); });
-    int status = 0;
-    {
-        parlune::app::ApplicationServices services({.executable = QCoreApplication::applicationFilePath(),
-                                                    .version = QStringLiteral(PARLUNE_VERSION)});
-        parlune::app::ParluneApplication application(services, QStringLiteral(PARLUNE_VERSION));
-        controller = &application;
-        application.applicationDidFinishLaunching();
-        status = QApplication::exec();
-        controller = nullptr;
-        application.applicationWillTerminate();
-        services.shutdown();
+    std::unique_ptr<parlune::app::ApplicationServices> services;
+    std::unique_ptr<parlune::app::ParluneApplication> application;
+    const auto launch = [&](parlune::app::WaylandPortals portals) {
+        services = std::make_unique<parlune::app::ApplicationServices>(
+            parlune::app::ApplicationServices::Options{.executable = QCoreApplication::applicationFilePath(),
+                                                       .version = QStringLiteral(PARLUNE_VERSION),
+                                                       .waylandPortals = std::move(portals)});
+        application =
+            std::make_unique<parlune::app::ParluneApplication>(*services, QStringLiteral(PARLUNE_VERSION));
+        controller = application.get();
+        application->applicationDidFinishLaunching();
+    };
+    // On Wayland the ports depend on the desktop's portals, asked while the event loop runs.
+    const auto probeThenLaunch = [&]() -> QCoro::Task<void> {
+        launch(co_await parlune::app::WaylandPortals::probe(QDBusConnection::sessionBus()));
+    };
+    std::optional<QCoro::Task<void>> probing;
+    if (parlune::LinuxSession::detectFromEnvironment() == parlune::LinuxSession::Kind::wayland) {
+        probing.emplace(probeThenLaunch());
+    } else {
+        launch({});
     }
+    const int status = QApplication::exec();
+    controller = nullptr;
+    if (application) {
+        application->applicationWillTerminate();
+        services->shutdown();
+    }
+    application.reset();
+    services.reset();
     return status;
 }

@@ -60,14 +60,26 @@ void ShortcutRegistration::registerHotKey(bool reportFailure, bool force) {
         }
     }
 
+    reportConflict(selected, reportFailure);
+}
+
+void ShortcutRegistration::refusedAfterRegistering() {
+    if (registered_) {
+        // The desktop no longer delivers it: unregistered so that a retry starts clean.
+        hotKeys_.unregister();
+        reportConflict(*registered_, true);
+    }
+}
+
+void ShortcutRegistration::reportConflict(const HotKeyShortcut& shortcut, bool show) {
     registered_.reset();
     const QString message =
-        selected.displayName +
+        shortcut.displayName +
         QStringLiteral(" is already in use. Choose another shortcut in Parlune Settings.");
     readiness_.setHotKeyReady(false);
     readiness_.setHotKeyRegistrationError(message);
     diagnostics_.logEvent(registrationStage, QStringLiteral("failed"), conflictCategory);
-    if (reportFailure) {
+    if (show) {
         showStatus_(message);
     }
 }

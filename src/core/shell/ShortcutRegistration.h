@@ -32,11 +32,16 @@ public:
     // alone. With `reportFailure`, a conflict is shown through `showStatus`.
     void registerHotKey(bool reportFailure, bool force);
 
+    // A registration that succeeded was refused later (a desktop that asks the user, or gives the
+    // key to another program): the same sentence as a conflict, always shown.
+    void refusedAfterRegistering();
+
     // The shortcut registered now; none after a failure with nothing to fall back to.
     std::optional<HotKeyShortcut> registeredHotKey() const { return registered_; }
 
 private:
     bool tryRegister(const HotKeyShortcut& shortcut);
+    void reportConflict(const HotKeyShortcut& shortcut, bool show);
 
     HotKeyManager& hotKeys_;
     SettingsStore& settings_;

@@ -4,6 +4,7 @@
 #include "core/async/MainThread.h"
 #include "core/platform/Workspace.h"
 #include "platform/atspi/AtspiElement.h"
+#include "platform/atspi/AtspiReferences.h"
 #include "platform/atspi/AtspiWorker.h"
 
 #include <atspi/atspi.h>
@@ -32,31 +33,6 @@ constexpr int maxVisited = 4000;
 constexpr int busConnectionWaitMs = 5000;
 
 using Clock = std::chrono::steady_clock;
-
-// Owns one GObject reference.
-struct Unref {
-    void operator()(void* object) const {
-        if (object) {
-            g_object_unref(object);
-        }
-    }
-};
-template <typename T> using Ref = std::unique_ptr<T, Unref>;
-
-// Swallows an error: every failed query simply answers "absent".
-bool failed(GError*& error) {
-    if (!error) {
-        return false;
-    }
-    g_error_free(error);
-    error = nullptr;
-    return true;
-}
-
-bool hasState(AtspiAccessible* accessible, AtspiStateType state) {
-    Ref<AtspiStateSet> states(atspi_accessible_get_state_set(accessible));
-    return states && atspi_state_set_contains(states.get(), state);
-}
 
 // --- on the worker thread --------------------------------------------------------------------
 
@@ -368,6 +344,11 @@ AtspiAccessibility::AtspiAccessibility(Workspace& workspace, std::function<bool(
     : workspace_(workspace), syntheticKeysAvailable_(std::move(syntheticKeysAvailable)), budgets_(budgets),
       worker_(AtspiWorker::start()) {}
 
+AtspiAccessibility::AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable,
+                                       std::shared_ptr<AtspiWorker> worker)
+    : workspace_(workspace), syntheticKeysAvailable_(std::move(syntheticKeysAvailable)),
+      worker_(std::move(worker)) {}
+
 AtspiAccessibility::~AtspiAccessibility() = default;
 
 bool AtspiAccessibility::isBusAvailable() const {
@@ -384,7 +365,7 @@ bool AtspiAccessibility::requestTrustWithPrompt() {
 }
 
 std::function<AccessibilityElementRef()> AtspiAccessibility::focusSearch() {
-    // The frontmost process comes from the X server, here on the main thread; the bus walk runs on
+    // The frontmost process comes from the workspace, here on the main thread; the bus walk runs on
     // the worker.
     const std::optional<RunningApplication> front = workspace_.frontmostApplication();
     if (!front) {

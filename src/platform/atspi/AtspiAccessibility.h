@@ -43,6 +43,9 @@ public:
 
     AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable);
     AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable, Budgets budgets);
+    // On a worker already started for another AT-SPI user in this process (the focus workspace).
+    AtspiAccessibility(Workspace& workspace, std::function<bool()> syntheticKeysAvailable,
+                       std::shared_ptr<AtspiWorker> worker);
     ~AtspiAccessibility() override;
 
     // Call before the QGuiApplication is made. libatspi attaches the private connections it opens

@@ -85,13 +85,6 @@ std::optional<QString> WaylandCapabilities::blockingProblem() const {
                    "a desktop that offers one (KDE Plasma, sway, Hyprland), %2.")
             .arg(desktopName(), x11Advice);
     }
-    if (!facts_.focusedApplication) {
-        return QStringLiteral(
-                   "%1 does not tell Parlune which application is in front, so it cannot make sure keys "
-                   "go to the window that holds the selection. Parlune reads it from sway's IPC (sway "
-                   "and compatible compositors); on other Wayland desktops, %2.")
-            .arg(desktopName(), x11Advice.mid(3));
-    }
     return std::nullopt;
 }
 
@@ -105,6 +98,13 @@ std::vector<QString> WaylandCapabilities::limitations() const {
     if (clipboard() == Clipboard::dataControl) {
         notes.push_back(QStringLiteral("Your clipboard, once put back, is served by Parlune: it empties when "
                                        "Parlune quits unless a clipboard manager keeps it."));
+    }
+    if (!facts_.swayIpc) {
+        notes.push_back(QStringLiteral(
+            "Parlune learns which application is in front from the accessibility bus, so it recognises "
+            "only applications that report their focus there: GTK applications do; Qt applications "
+            "do when accessibility is on in the desktop's settings or QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 "
+            "is set for them."));
     }
     return notes;
 }

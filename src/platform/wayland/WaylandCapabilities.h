@@ -11,13 +11,14 @@ namespace parlune::wayland {
 
 // What a Wayland desktop offers the ports, found at start-up.
 struct WaylandFacts {
-    QString desktop;                 // XDG_CURRENT_DESKTOP: "sway", "GNOME", "KDE", "Hyprland", …
-    bool dataControl = false;        // ext_data_control_v1 or zwlr_data_control_v1
-    bool xwayland = false;           // an X server reachable through DISPLAY
-    bool virtualKeyboard = false;    // zwp_virtual_keyboard_v1, and it took our keymap
-    bool portalKeyboard = false;     // a keyboard from the remote-desktop portal was supplied
-    bool portalShortcuts = false;    // a shortcut from the global-shortcuts portal was supplied
-    bool focusedApplication = false; // the compositor tells which application is in front
+    QString desktop;              // XDG_CURRENT_DESKTOP: "sway", "GNOME", "KDE", "Hyprland", …
+    bool dataControl = false;     // ext_data_control_v1 or zwlr_data_control_v1
+    bool xwayland = false;        // an X server reachable through DISPLAY
+    bool virtualKeyboard = false; // zwp_virtual_keyboard_v1, and it took our keymap
+    bool portalKeyboard = false;  // a keyboard from the remote-desktop portal was supplied
+    bool portalShortcuts = false; // a shortcut from the global-shortcuts portal was supplied
+    bool swayIpc = false;         // the compositor tells which application is in front; else
+                                  // the accessibility bus's focus events do
 };
 
 // Which path each port takes on a Wayland desktop, and the sentences the user reads where the

@@ -2,6 +2,8 @@
 
 #include "core/platform/HotKeyService.h"
 #include "platform/atspi/AtspiAccessibility.h"
+#include "platform/atspi/AtspiFocusWorkspace.h"
+#include "platform/atspi/AtspiWorker.h"
 #include "platform/linux/LinuxMemoryPressureSource.h"
 #include "platform/wayland/DataControlPasteboard.h"
 #include "platform/wayland/SwayIpcWorkspace.h"
@@ -23,8 +25,13 @@ WaylandDesktop::Result WaylandDesktop::connect(Options options) {
     WaylandFacts facts;
     facts.desktop = qEnvironmentVariable("XDG_CURRENT_DESKTOP");
 
+    // One AT-SPI thread serves both the accessibility port and, without sway's IPC, the workspace.
+    auto atspiWorker = atspi::AtspiWorker::start();
     desktop->workspace_ = SwayIpcWorkspace::connect();
-    facts.focusedApplication = desktop->workspace_ != nullptr;
+    facts.swayIpc = desktop->workspace_ != nullptr;
+    if (!facts.swayIpc) {
+        desktop->workspace_ = std::make_unique<atspi::AtspiFocusWorkspace>(atspiWorker);
+    }
 
     auto dataControl = std::make_unique<DataControlPasteboard>(connection);
     facts.dataControl = dataControl->isUsable();
@@ -40,10 +47,11 @@ WaylandDesktop::Result WaylandDesktop::connect(Options options) {
 
     facts.portalShortcuts = options.portalShortcuts != nullptr;
     desktop->hotKeys_ = std::move(options.portalShortcuts);
-    facts.portalKeyboard = options.portalKeyboard != nullptr;
-    if (facts.portalKeyboard) {
-        desktop->keyboard_ = std::move(options.portalKeyboard);
-    } else if (desktop->workspace_) {
+    if (options.portalKeyboard) {
+        desktop->keyboard_ = options.portalKeyboard(*desktop->workspace_);
+    }
+    facts.portalKeyboard = desktop->keyboard_ != nullptr;
+    if (!facts.portalKeyboard) {
         auto virtualKeyboard = std::make_unique<VirtualKeyboardEvents>(connection, *desktop->workspace_);
         facts.virtualKeyboard = virtualKeyboard->isAvailable();
         desktop->keyboard_ = std::move(virtualKeyboard);
@@ -56,7 +64,8 @@ WaylandDesktop::Result WaylandDesktop::connect(Options options) {
     KeyboardEvents* keyboard = desktop->keyboard_.get();
     const bool keysAvailable = desktop->capabilities_->keys() != WaylandCapabilities::Keys::none;
     desktop->accessibility_ = std::make_unique<atspi::AtspiAccessibility>(
-        *desktop->workspace_, [keyboard, keysAvailable] { return keyboard && keysAvailable; });
+        *desktop->workspace_, [keyboard, keysAvailable] { return keyboard && keysAvailable; },
+        std::move(atspiWorker));
     desktop->memoryPressure_ = std::make_unique<LinuxMemoryPressureSource>();
     return desktop;
 }

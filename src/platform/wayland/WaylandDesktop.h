@@ -7,6 +7,7 @@
 
 #include <QString>
 
+#include <functional>
 #include <memory>
 #include <variant>
 
@@ -32,14 +33,16 @@ class WaylandConnection;
 // desktop offers (WaylandCapabilities): the shortcut and keyboard from the desktop's portals when
 // the caller supplies them, else the command bound by the user and wlroots' virtual keyboard; the
 // clipboard through data-control, else XWayland's CLIPBOARD; the frontmost application from sway's
-// IPC. Creation fails with the capabilities' sentence where a rewrite cannot work at all.
+// IPC, else from the accessibility bus's focus events. Creation fails with the capabilities'
+// sentence where a rewrite cannot work at all.
 class WaylandDesktop final : public DesktopPorts {
 public:
     struct Options {
         // From the global-shortcuts portal, where the desktop has it.
         std::unique_ptr<HotKeyService> portalShortcuts;
-        // From the remote-desktop portal, where the desktop has it.
-        std::unique_ptr<KeyboardEvents> portalKeyboard;
+        // Makes the keyboard of the remote-desktop portal, where the desktop offers one; it sends
+        // keys only to the application the workspace reports in front.
+        std::function<std::unique_ptr<KeyboardEvents>(Workspace&)> portalKeyboard;
     };
     using Result = std::variant<std::unique_ptr<WaylandDesktop>, QString>;
     static Result connect(Options options);

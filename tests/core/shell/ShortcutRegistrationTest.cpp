@@ -89,6 +89,28 @@ TEST_F(ShortcutRegistrationTest, TakenShortcutWithNothingToFallBackToLeavesTheHo
     EXPECT_TRUE(service_.keys.empty());
 }
 
+TEST_F(ShortcutRegistrationTest, ALateRefusalIsReportedLikeAConflictAndAForcedRetryRegistersAgain) {
+    registration_.refusedAfterRegistering(); // nothing registered: nothing to report
+    EXPECT_TRUE(shown_.empty());
+
+    registration_.registerHotKey(false, true);
+    ASSERT_TRUE(readiness_.hotKeyReady());
+    registration_.refusedAfterRegistering();
+    EXPECT_EQ(registration_.registeredHotKey(), std::nullopt);
+    EXPECT_FALSE(readiness_.hotKeyReady());
+    const QString sentence = "Option+Space is already in use. Choose another shortcut in Parlune Settings.";
+    EXPECT_EQ(readiness_.hotKeyRegistrationError(), sentence);
+    EXPECT_EQ(shown_, std::vector<QString>{sentence});
+    EXPECT_TRUE(service_.keys.empty()) << "the refused key is not left registered";
+    service_.press();
+    EXPECT_EQ(presses_, 0);
+
+    // Not "ready", so even an unforced registration tries again.
+    registration_.registerHotKey(true, false);
+    EXPECT_EQ(registration_.registeredHotKey(), optionSpace);
+    EXPECT_TRUE(readiness_.hotKeyReady());
+}
+
 TEST_F(ShortcutRegistrationTest, UnforcedRegistrationOfTheReadyShortcutDoesNothing) {
     registration_.registerHotKey(true, true);
     const std::size_t calls = service_.calls.size();

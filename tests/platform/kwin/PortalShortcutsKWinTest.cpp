@@ -50,16 +50,6 @@ protected:
         return pumpUntil([this] { return !shortcuts_->isBinding(); }, bindTimeoutMs);
     }
 
-    // The keys the shortcut daemon has for an action (what System Settings → Shortcuts shows).
-    QList<int> keysInShortcutDaemon(const QString& component, const QString& action) {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            QStringLiteral("org.kde.kglobalaccel"), QStringLiteral("/kglobalaccel"),
-            QStringLiteral("org.kde.KGlobalAccel"), QStringLiteral("shortcut"));
-        call << QStringList{component, action, component, action};
-        const QDBusReply<QList<int>> reply = bus_.call(call);
-        return reply.isValid() ? reply.value() : QList<int>{};
-    }
-
     std::optional<PortalGlobalShortcuts> shortcuts_;
     std::vector<std::int32_t> refusals_;
 };

@@ -2,14 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace parlune::wayland {
 namespace {
 
 WaylandFacts sway() {
-    return WaylandFacts{.desktop = QStringLiteral("sway"),
-                        .dataControl = true,
-                        .virtualKeyboard = true,
-                        .focusedApplication = true};
+    return WaylandFacts{
+        .desktop = QStringLiteral("sway"), .dataControl = true, .virtualKeyboard = true, .swayIpc = true};
 }
 
 bool says(const std::optional<QString>& text, const char* words) {
@@ -49,8 +49,7 @@ TEST(WaylandCapabilitiesTest, EachDesktopIsToldWhereToBindTheCommand) {
 }
 
 TEST(WaylandCapabilitiesTest, GnomeWithoutDataControlOrXwaylandSaysWhatIsMissingAndWhatToDo) {
-    const WaylandFacts gnome{
-        .desktop = QStringLiteral("GNOME"), .portalKeyboard = true, .focusedApplication = true};
+    const WaylandFacts gnome{.desktop = QStringLiteral("GNOME"), .portalKeyboard = true, .swayIpc = true};
     const WaylandCapabilities capabilities(gnome);
     EXPECT_EQ(capabilities.clipboard(), WaylandCapabilities::Clipboard::none);
     const std::optional<QString> problem = capabilities.blockingProblem();
@@ -61,7 +60,7 @@ TEST(WaylandCapabilitiesTest, GnomeWithoutDataControlOrXwaylandSaysWhatIsMissing
 }
 
 TEST(WaylandCapabilitiesTest, XwaylandStandsInForTheClipboardAndTheMissingKeyboardIsNamed) {
-    WaylandFacts gnome{.desktop = QStringLiteral("GNOME"), .xwayland = true, .focusedApplication = true};
+    WaylandFacts gnome{.desktop = QStringLiteral("GNOME"), .xwayland = true, .swayIpc = true};
     const WaylandCapabilities withoutKeys(gnome);
     EXPECT_EQ(withoutKeys.clipboard(), WaylandCapabilities::Clipboard::xwayland);
     EXPECT_TRUE(says(withoutKeys.blockingProblem(), "remote-desktop portal"));
@@ -75,16 +74,25 @@ TEST(WaylandCapabilitiesTest, XwaylandStandsInForTheClipboardAndTheMissingKeyboa
     EXPECT_TRUE(withPortal.limitations().front().contains(QLatin1String("through XWayland")));
 }
 
-TEST(WaylandCapabilitiesTest, ADesktopThatHidesTheFrontmostApplicationIsRefusedRatherThanGuessed) {
+TEST(WaylandCapabilitiesTest, KdeWithoutSwayIpcWorksAndSaysWhichApplicationsItRecognises) {
     WaylandFacts kde{.desktop = QStringLiteral("KDE"),
                      .dataControl = true,
                      .portalKeyboard = true,
                      .portalShortcuts = true};
-    const std::optional<QString> problem = WaylandCapabilities(kde).blockingProblem();
-    EXPECT_TRUE(says(problem, "which application is in front"));
-    EXPECT_TRUE(says(problem, "(KDE)"));
-    // The clipboard and keys were fine: the sentence is about the one thing missing.
-    EXPECT_FALSE(says(problem, "clipboard"));
+    const WaylandCapabilities capabilities(kde);
+    EXPECT_EQ(capabilities.blockingProblem(), std::nullopt);
+    EXPECT_EQ(capabilities.keys(), WaylandCapabilities::Keys::portal);
+    EXPECT_EQ(capabilities.shortcutPath().kind, ShortcutPath::Kind::registered);
+    const std::vector<QString> notes = capabilities.limitations();
+    EXPECT_TRUE(std::any_of(notes.begin(), notes.end(), [](const QString& note) {
+        return note.contains(QLatin1String("accessibility bus")) &&
+               note.contains(QLatin1String("QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1"));
+    }));
+    // sway tells the frontmost application itself: no such note there.
+    const std::vector<QString> swayNotes = WaylandCapabilities(sway()).limitations();
+    EXPECT_TRUE(std::none_of(swayNotes.begin(), swayNotes.end(), [](const QString& note) {
+        return note.contains(QLatin1String("accessibility bus"));
+    }));
 }
 
 } // namespace

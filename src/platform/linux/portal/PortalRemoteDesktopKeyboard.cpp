@@ -49,22 +49,33 @@ PortalRemoteDesktopKeyboard::~PortalRemoteDesktopKeyboard() {
     }
 }
 
-QCoro::Task<PortalRemoteDesktopKeyboard::Availability> PortalRemoteDesktopKeyboard::probe() {
+QCoro::Task<std::optional<std::uint32_t>> PortalRemoteDesktopKeyboard::offeredVersion(QDBusConnection bus) {
     QDBusMessage message = QDBusMessage::createMethodCall(
         QString::fromLatin1(desktopService), QString::fromLatin1(desktopPath),
         QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("GetAll"));
     message << QString::fromLatin1(remoteDesktopInterface);
-    auto weak = lifetime_.weak(this);
     const QDBusPendingReply<QVariantMap> reply =
-        co_await QDBusPendingReply<QVariantMap>(bus_.asyncCall(message));
-    PortalRemoteDesktopKeyboard* self = weak.lock();
-    if (!self || reply.isError()) {
-        co_return Availability::absent;
+        co_await QDBusPendingReply<QVariantMap>(bus.asyncCall(message));
+    if (reply.isError()) {
+        co_return std::nullopt;
     }
     const QVariantMap properties = reply.value();
-    self->version_ = properties.value(QStringLiteral("version")).toUInt();
     const std::uint32_t devices = properties.value(QStringLiteral("AvailableDeviceTypes")).toUInt();
-    co_return (devices & keyboardDevice) ? Availability::available : Availability::absent;
+    if (!(devices & keyboardDevice)) {
+        co_return std::nullopt;
+    }
+    co_return properties.value(QStringLiteral("version")).toUInt();
+}
+
+QCoro::Task<PortalRemoteDesktopKeyboard::Availability> PortalRemoteDesktopKeyboard::probe() {
+    auto weak = lifetime_.weak(this);
+    const std::optional<std::uint32_t> version = co_await offeredVersion(bus_);
+    PortalRemoteDesktopKeyboard* self = weak.lock();
+    if (!self || !version) {
+        co_return Availability::absent;
+    }
+    self->version_ = *version;
+    co_return Availability::available;
 }
 
 QCoro::Task<bool> PortalRemoteDesktopKeyboard::start() {
@@ -90,6 +101,14 @@ QCoro::Task<bool> PortalRemoteDesktopKeyboard::start() {
 
 QCoro::Task<bool> PortalRemoteDesktopKeyboard::openSession() {
     auto weak = lifetime_.weak(this);
+    // Made without a probe of its own (the offer was checked before the desktop's ports existed):
+    // the version decides whether the consent can be kept.
+    if (version_ == 0 && (co_await probe()) == Availability::absent) {
+        co_return false;
+    }
+    if (!weak.lock()) {
+        co_return false;
+    }
     const QString createToken = PortalRequest::makeToken(QStringLiteral("parlune_keys"));
     QDBusMessage create = portalCall(QStringLiteral("CreateSession"));
     create << QVariantMap{
