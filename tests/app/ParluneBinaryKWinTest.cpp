@@ -15,7 +15,6 @@
 
 #include <gtest/gtest.h>
 
-
 namespace parlune::test {
 namespace {
 
