@@ -84,8 +84,9 @@ QString EditorWindow::fileText() const {
 QString EditorWindow::savedText() {
     const QString before = readFile(path_);
     key({QStringLiteral("ctrl+s")});
-    // Editors may empty the file before writing it anew: the text counts once it differs from
-    // before and then holds still for a moment.
+    // Editors may empty the file before writing it anew, and a loaded machine can leave it empty
+    // for a while: the text counts once it differs from before, is not empty and holds still for a
+    // moment. An empty text still comes back when the wait ends.
     QString now = before;
     QString last = before;
     QElapsedTimer steady;
@@ -98,7 +99,7 @@ QString EditorWindow::savedText() {
                 steady.restart();
                 return false;
             }
-            return now != before && steady.elapsed() >= 150;
+            return now != before && !now.isEmpty() && steady.elapsed() >= 150;
         },
         3000);
     return now;
