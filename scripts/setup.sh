@@ -22,9 +22,10 @@ packages=(
   # desktop tests: a terminal, a Qt 5 editor and a browser as real targets
   xterm featherpad chromium
   # portal ports (key names) and the KWin desktop tests: the compositor with its shortcut daemon,
-  # the portal frontend and KDE's backend (a Qt 5 Wayland client), KWin's fake-input protocol
+  # the portal frontend and KDE's backend (a Qt 5 Wayland client), KWin's fake-input protocol,
+  # KDE's terminal
   libxkbcommon-dev libwayland-dev kwin-wayland libkf5globalaccel-bin xdg-desktop-portal
-  xdg-desktop-portal-kde qtwayland5 plasma-wayland-protocols qt6-wayland wl-clipboard
+  xdg-desktop-portal-kde qtwayland5 plasma-wayland-protocols qt6-wayland wl-clipboard konsole
   # Wayland desktop tests: a headless wlroots compositor and a Wayland terminal
   sway foot
 )

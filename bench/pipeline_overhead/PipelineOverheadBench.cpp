@@ -37,22 +37,22 @@ using namespace parlune;
 using bench::since;
 
 int main(int argc, char** argv) {
-    int runs = 30;
-    bool useAccessibility = true;
+    bench::RunOptions options;
     std::string target = "mousepad";
     int holdMs = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "--runs" && i + 1 < argc) {
-            runs = std::max(3, std::atoi(argv[++i]));
-        } else if (arg == "--no-accessibility") {
-            useAccessibility = false;
-        } else if (arg == "--target" && i + 1 < argc) {
+        if (options.take(i, argc, argv)) {
+            continue;
+        }
+        if (arg == "--target" && i + 1 < argc) {
             target = argv[++i]; // mousepad, featherpad or chromium
         } else if (arg == "--hold-ms" && i + 1 < argc) {
             holdMs = std::max(0, std::atoi(argv[++i])); // the shortcut stays down this long
         }
     }
+    const int runs = options.runs;
+    const bool useAccessibility = options.useAccessibility;
     atspi::AtspiAccessibility::prepareProcess();
     test::DesktopSession session;
     if (!session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC))) {

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -43,6 +44,25 @@ inline void printStages(const std::map<std::string, Stat>& stats) {
 
 using Stages = std::map<std::string, Stat>;
 
+// The options every pipeline bench takes: `--runs N` (at least 3) and `--no-accessibility`.
+struct RunOptions {
+    int runs = 30;
+    bool useAccessibility = true;
+
+    // Takes argv[i] (and its value, moving i on) if it is one of these; false otherwise.
+    bool take(int& i, int argc, char** argv) {
+        const std::string arg = argv[i];
+        if (arg == "--runs" && i + 1 < argc) {
+            runs = std::max(3, std::atoi(argv[++i]));
+        } else if (arg == "--no-accessibility") {
+            useAccessibility = false;
+        } else {
+            return false;
+        }
+        return true;
+    }
+};
+
 // One rewrite with the instant model (it flips the word's case, so the next run finds a selection
 // again), timing each stage; a failed run counts in `failures`.
 inline QCoro::Task<void> timedRewrite(TextSelectionReplacer& replacer, Stages& stats,
@@ -66,6 +86,29 @@ inline QCoro::Task<void> timedRewrite(TextSelectionReplacer& replacer, Stages& s
     } catch (const std::exception&) {
         ++failures;
     }
+}
+
+// Presses the shortcut `runs` times, each after `select` put the selection back and the editor took
+// it, and waits for the rewrite it started: the shortcut's handler starts `delivered` and the
+// rewrite clears `running` when done. `press` starts at each press. Returns the runs that never
+// finished.
+template <typename Select, typename Press>
+int pressRuns(int runs, Select select, Press pressShortcut, QElapsedTimer& press, QElapsedTimer& delivered,
+              bool& running) {
+    int unfinished = 0;
+    for (int run = 0; run < runs; ++run) {
+        select();
+        test::pumpFor(100);
+        running = true;
+        press.start();
+        pressShortcut();
+        if (!test::pumpUntil([&] { return !running && delivered.isValid(); }, 15000)) {
+            ++unfinished;
+        }
+        delivered.invalidate();
+        test::pumpFor(150);
+    }
+    return unfinished;
 }
 
 // A restore on its own, `runs` times: the snapshot of the user's clipboard put back while we hold ours.

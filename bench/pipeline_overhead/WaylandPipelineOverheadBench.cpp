@@ -34,16 +34,12 @@ using namespace parlune;
 using bench::since;
 
 int main(int argc, char** argv) {
-    int runs = 30;
-    bool useAccessibility = true;
+    bench::RunOptions options;
     for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--runs" && i + 1 < argc) {
-            runs = std::max(3, std::atoi(argv[++i]));
-        } else if (arg == "--no-accessibility") {
-            useAccessibility = false;
-        }
+        options.take(i, argc, argv);
     }
+    const int runs = options.runs;
+    const bool useAccessibility = options.useAccessibility;
     atspi::AtspiAccessibility::prepareProcess();
     test::SwaySession session;
     if (!session.start()) {
@@ -103,16 +99,9 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    for (int run = 0; run < runs; ++run) {
-        editor.select(6, 4);
-        test::pumpFor(100);
-        running = true;
-        press.start();
-        typist.tap(XKB_KEY_y, true, true);
-        test::pumpUntil([&] { return !running && delivered.isValid(); }, 15000);
-        delivered.invalidate();
-        test::pumpFor(150);
-    }
+    bench::pressRuns(
+        runs, [&] { editor.select(6, 4); }, [&] { typist.tap(XKB_KEY_y, true, true); }, press, delivered,
+        running);
 
     bench::timeRestores(clipboard, runs, stats);
 

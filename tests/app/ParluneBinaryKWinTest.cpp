@@ -30,12 +30,7 @@ protected:
         qputenv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
     }
     void TearDown() override {
-        for (auto* process : {editor_.get(), userClipboard_.get()}) {
-            if (process) {
-                process->terminate();
-                process->waitForFinished(3000);
-            }
-        }
+        endPrograms({editor_.get(), userClipboard_.get()});
         parlune_.reset();
         KWinTest::TearDown();
     }

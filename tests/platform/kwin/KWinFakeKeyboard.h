@@ -19,6 +19,10 @@ public:
     static constexpr std::uint32_t leftAlt = 56;
     static constexpr std::uint32_t space = 57;
     static constexpr std::uint32_t r = 19;
+    static constexpr std::uint32_t leftControl = 29;
+    static constexpr std::uint32_t leftShift = 42;
+    static constexpr std::uint32_t home = 102;
+    static constexpr std::uint32_t right = 106;
 
     explicit KWinFakeKeyboard(const QString& socketPath);
     ~KWinFakeKeyboard();

@@ -6,10 +6,12 @@
 #include <QDBusMessage>
 #include <QDBusReply>
 #include <QList>
+#include <QProcess>
 
 #include <gtest/gtest.h>
 
 #include <array>
+#include <initializer_list>
 #include <optional>
 #include <vector>
 
@@ -54,6 +56,16 @@ protected:
         qunsetenv("DISPLAY");
     }
     bool setUpFailed() const { return IsSkipped() || HasFatalFailure(); }
+
+    // Ends the programs a test started in the session, before the session itself goes.
+    static void endPrograms(std::initializer_list<QProcess*> programs) {
+        for (QProcess* program : programs) {
+            if (program) {
+                program->terminate();
+                program->waitForFinished(3000);
+            }
+        }
+    }
 
     // The keys the shortcut daemon has for an action (what System Settings → Shortcuts shows).
     QList<int> keysInShortcutDaemon(const QString& component, const QString& action) {

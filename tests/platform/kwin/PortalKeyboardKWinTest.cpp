@@ -48,12 +48,7 @@ protected:
     }
     void TearDown() override {
         keyboard_.reset();
-        for (auto* process : {editor_.get(), clipboard_.get()}) {
-            if (process) {
-                process->terminate();
-                process->waitForFinished(3000);
-            }
-        }
+        endPrograms({editor_.get(), clipboard_.get()});
         KWinTest::TearDown();
     }
 
