@@ -46,7 +46,7 @@ bool EditorWindow::waitUntilActive() {
             const auto front = workspace_.frontmostApplication();
             return front && front->processIdentifier == pid_;
         },
-        8000);
+        30000); // a browser's first start on a cold, loaded machine takes well over 8 s
     // The window is active before GTK has mapped its text view and taken keyboard focus.
     pumpFor(300);
     return active;
