@@ -264,7 +264,8 @@ void ApplicationServices::shutdown(int drainMilliseconds) {
     // The model stops at its next token, so a rewrite waiting on it ends now with a cancellation.
     engine_->framework().stopAllWork();
     // Destroying the coordinator cancels its captures and its queue's job; their clean-up (the
-    // clipboard put back) runs on the event loop, which is given a short while to finish it.
+    // clipboard put back) runs on the event loop, which turns until it is done: a fixed short
+    // while ran out on a loaded machine and left the user's clipboard empty.
     coordinator_.reset();
     const QDeadlineTimer deadline(drainMilliseconds);
     do {

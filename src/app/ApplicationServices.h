@@ -114,9 +114,10 @@ public:
 
     void setStatusReporter(std::weak_ptr<RewriteStatusReporting> reporter);
 
-    // Cancels tasks, lets their clean-up run for at most `drainMilliseconds`, stops the model.
-    // Safe to call twice; the destructor calls it.
-    void shutdown(int drainMilliseconds = 400);
+    // Cancels tasks, stops the model and lets their clean-up run until the clipboard is back,
+    // for at most `drainMilliseconds` (against a desktop that stopped answering). Safe to call
+    // twice; the destructor calls it.
+    void shutdown(int drainMilliseconds = 5000);
 
 private:
     void connectDesktop(WaylandPortals portals);

@@ -194,6 +194,13 @@ TEST_F(ParluneBinaryDesktopTest, QuitInTheMiddleOfARewriteIsPromptAndLeavesTheCl
     EditorWindow editor(*workspace);
     const QString original = QStringLiteral("one two three four five six seven eight nine ten");
     ASSERT_TRUE(editor.open(original));
+    // What quitting costs on this machine at this moment with nothing in flight: a loaded machine
+    // slows both alike, so "prompt" is measured against it rather than against the clock alone.
+    ParluneProcess idle(home, {.binary = QStringLiteral(PARLUNE_BINARY)});
+    ASSERT_TRUE(idle.start());
+    ASSERT_TRUE(idle.waitForSettingsWindow(*workspace));
+    const qint64 idleExitMs = idle.terminate();
+    ASSERT_GE(idleExitMs, 0) << "parlune did not exit";
     for (const int delayMs : {0, 40, 120, 300}) {
         SCOPED_TRACE(delayMs);
         ParluneProcess parlune(home, {.binary = QStringLiteral(PARLUNE_BINARY)});
@@ -210,7 +217,8 @@ TEST_F(ParluneBinaryDesktopTest, QuitInTheMiddleOfARewriteIsPromptAndLeavesTheCl
         int status = 0;
         const qint64 exitMs = parlune.terminate(&status);
         EXPECT_GE(exitMs, 0) << "parlune did not exit";
-        EXPECT_LT(exitMs, 1000);
+        // The clean-up (model stopped at its next token, clipboard put back) adds well under a second.
+        EXPECT_LT(exitMs, idleExitMs + 1000) << "an idle quit took " << idleExitMs << " ms";
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status << "\n"
                                                                    << parlune.log().toStdString();
         expectUserClipboardBack();

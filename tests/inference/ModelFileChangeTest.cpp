@@ -231,7 +231,12 @@ TEST_F(ModelFileChangeTest, ARequestRacingAChangeFailsClearlyOrIsUnaffectedAndTh
                 EXPECT_TRUE(failure.endsWith(QStringLiteral("model.gguf cannot be used: no such file.")))
                     << failure.toStdString();
             } else {
-                EXPECT_TRUE(failure.startsWith(QStringLiteral("The model file changed while in use: ")))
+                // A change that empties the file before writing it anew may be caught half done by
+                // the request's own load, which then names the file as unusable.
+                const bool caughtHalfDone = change != Change::replaceByRename &&
+                                            failure.contains(QStringLiteral("model.gguf cannot be used: "));
+                EXPECT_TRUE(failure.startsWith(QStringLiteral("The model file changed while in use: ")) ||
+                            caughtHalfDone)
                     << failure.toStdString();
             }
             if (change == Change::remove) {

@@ -1,6 +1,7 @@
 #include "platform/linux/QSettingsUserDefaults.h"
 
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -8,6 +9,7 @@
 #include <QSettings>
 #include <QStringDecoder>
 #include <QStringList>
+#include <QThread>
 
 #include <chrono>
 #include <cstdio>
@@ -21,6 +23,7 @@ namespace {
 
 // How long a save waits for another process's lock before giving up on this save.
 constexpr std::chrono::seconds lockWait{2};
+constexpr unsigned long lockRetryMs = 5;
 
 // The file holds the user's writing preferences: readable by them alone.
 constexpr QFileDevice::Permissions ownerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
@@ -88,10 +91,17 @@ QString QSettingsUserDefaults::defaultPath() {
 
 bool QSettingsUserDefaults::lockIsAvailable() const {
     // QSettings waits for its lock without end, even only to read (forever when the lock cannot
-    // be created, e.g. a directory in its place): it is taken here first, with a bound.
+    // be created, e.g. a directory in its place): it is taken here first, with a bound. The lock is
+    // tried every few milliseconds rather than with QLockFile's own timeout, whose doubling sleeps
+    // look only five times in two seconds and so miss every free moment between busy writers.
     QLockFile lock(path_ + QStringLiteral(".lock"));
-    if (!lock.tryLock(lockWait)) {
-        return false;
+    const QDeadlineTimer deadline(lockWait);
+    while (!lock.tryLock(0)) {
+        if (deadline.hasExpired() || lock.error() == QLockFile::PermissionError ||
+            lock.error() == QLockFile::UnknownError) {
+            return false;
+        }
+        QThread::msleep(lockRetryMs);
     }
     lock.unlock();
     return true;

@@ -114,9 +114,7 @@ TEST_F(DiagnosticsLoggerTest, BothListsKeepTheNewestEightyNewestFirst) {
     logger_.clear();
     EXPECT_TRUE(logger_.entries().empty());
     EXPECT_TRUE(logger_.rewritePerformanceEntries().empty());
-}
 
-TEST_F(DiagnosticsLoggerTest, ABoundOfZeroKeepsNothing) {
     DiagnosticsLogger none(0, clock_);
     none.record("dropped");
     none.logRewrite(RewriteDiagnosticStage::completed, std::nullopt, 1, 1);
@@ -134,14 +132,6 @@ TEST_F(DiagnosticsLoggerTest, ObserversSeeEveryChange) {
     subscription.reset();
     logger_.record("after");
     EXPECT_EQ(notifications, 4);
-}
-
-TEST_F(DiagnosticsLoggerTest, SelectedTextNeverReachesALine) {
-    const QString selected = QStringLiteral("Dear Sam, the launch code is 7741");
-    logger_.logRewrite(RewriteDiagnosticStage::modelRewrite, QString("org.example.Mail"), selected.size(),
-                       90);
-    EXPECT_EQ(newest(), "stage=modelRewrite app=org.example.Mail length=33 elapsed_ms=90");
-    EXPECT_FALSE(newest().contains(QStringLiteral("launch")));
 }
 
 } // namespace

@@ -255,24 +255,6 @@ TEST_F(OnDeviceModelClientTest, FrameworkErrorsAreSanitised) {
               EngineKind::emptyRewrite);
 }
 
-TEST_F(OnDeviceModelClientTest, ExactBudgetCountsDecideAtTheContextBoundary) {
-    OnDeviceModelClient client(framework, nullptr);
-    test::runTask(client.prepare({}));
-    // Instructions of about 230 bytes exceed half of this context, so the counts decide.
-    framework.context = 400;
-    framework.promptTokens = 20;
-    framework.instructionTokens = 400 - 20 - 64;
-    EXPECT_EQ(test::runTask(client.rewrite(QStringLiteral("Short text"), RewriteMode::makeConcise, {}, {})),
-              QStringLiteral("fine"));
-    EXPECT_EQ(framework.requests.back().options.maximumResponseTokens, 64);
-    framework.instructionTokens += 1;
-    const std::size_t before = framework.requests.size();
-    EXPECT_EQ(engineKindOf(rewriteError(client, QStringLiteral("Short text"), RewriteMode::makeConcise)),
-              EngineKind::selectionTooLong);
-    EXPECT_EQ(framework.requests.size(), before); // refused before any generation
-    EXPECT_FALSE(client.generationGate().isAcquired());
-}
-
 TEST_F(OnDeviceModelClientTest, ConcurrentPreparationsShareOneWarmup) {
     OnDeviceModelClient client(framework, nullptr);
     auto first = std::make_shared<Outcome>();

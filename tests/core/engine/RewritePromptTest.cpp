@@ -148,56 +148,37 @@ TEST(ResponseTokenBudgetTest, ShortSelectionsGetTheFloor) {
     EXPECT_EQ(budgetFor(model, QString(51, QLatin1Char('x')), RewriteMode::casual), 66); // 17 × 2 + 32
 }
 
-TEST(ResponseTokenBudgetTest, StyleModesStopAt496EstimatedTokens) {
+// Style modes stop at 496 estimated tokens (1,488 bytes), "Improve prompt" at 330 (990 bytes);
+// bytes count, not characters.
+TEST(ResponseTokenBudgetTest, TheWantedTokensOfLongSelectionsAreRefusedAtEachModesLimit) {
     CountingModel model;
-    EXPECT_EQ(budgetFor(model, QString(1488, QLatin1Char('x')), RewriteMode::professional), 1024);
-    for (int bytes : {1489, 1490, 1491, 4000}) {
-        EXPECT_TRUE(isTooLong(model, QString(bytes, QLatin1Char('x')), RewriteMode::improveClarity)) << bytes;
+    const QString x = QStringLiteral("x");
+    EXPECT_EQ(budgetFor(model, x.repeated(1488), RewriteMode::professional), 1024);
+    EXPECT_EQ(budgetFor(model, x.repeated(990), RewriteMode::improvePrompt), 1022);
+    EXPECT_EQ(budgetFor(model, x.repeated(993), RewriteMode::casual), 694);
+    EXPECT_EQ(budgetFor(model, QString(744, QChar(0x00e9)), RewriteMode::makeConcise), 1024);
+    for (int bytes : {1489, 1491, 4000}) {
+        EXPECT_TRUE(isTooLong(model, x.repeated(bytes), RewriteMode::improveClarity)) << bytes;
     }
-}
-
-TEST(ResponseTokenBudgetTest, ImprovePromptStopsAt330EstimatedTokens) {
-    CountingModel model;
-    EXPECT_EQ(budgetFor(model, QString(990, QLatin1Char('x')), RewriteMode::improvePrompt), 1022);
-    for (int bytes : {991, 992, 993}) {
-        EXPECT_TRUE(isTooLong(model, QString(bytes, QLatin1Char('x')), RewriteMode::improvePrompt)) << bytes;
-    }
-    // The same length is fine in a style mode.
-    EXPECT_EQ(budgetFor(model, QString(993, QLatin1Char('x')), RewriteMode::casual), 694);
-}
-
-TEST(ResponseTokenBudgetTest, MultiByteTextCountsBytesNotCharacters) {
-    CountingModel model;
-    EXPECT_EQ(budgetFor(model, QString(744, QChar(0x00e9)), RewriteMode::makeConcise), 1024); // 1,488 bytes
-    EXPECT_TRUE(isTooLong(model, QString(745, QChar(0x00e9)), RewriteMode::makeConcise)); // 745 characters
+    EXPECT_TRUE(isTooLong(model, x.repeated(991), RewriteMode::improvePrompt));
+    EXPECT_TRUE(isTooLong(model, QString(745, QChar(0x00e9)), RewriteMode::makeConcise));
     EXPECT_TRUE(isTooLong(model, QString(500, QChar(0x65e5)), RewriteMode::makeConcise)); // 1,500 bytes
 }
 
+// Without a context size, instructions of n bytes and an empty prompt estimate ceil((n + 1) / 3)
+// tokens against 4096, with "Improve prompt" keeping 128 tokens for its schema; nothing is counted.
 TEST(ResponseTokenBudgetTest, WithoutContextSizeEstimatesAgainst4096) {
     CountingModel model;
-    const auto budgetWith = [&](qsizetype instructionBytes) {
-        return test::runTask(
-            RewritePrompt::responseTokenBudget(model, QString(instructionBytes, QLatin1Char('i')), QString(),
-                                               QStringLiteral("a"), RewriteMode::casual, {}));
+    const auto budgetWith = [&](qsizetype instructionBytes, RewriteMode mode) {
+        return test::runTask(RewritePrompt::responseTokenBudget(
+            model, QString(instructionBytes, QLatin1Char('i')), QString(), QStringLiteral("a"), mode, {}));
     };
-    // Text "a" wants 64; n bytes of instructions and an empty prompt estimate ceil((n + 1) / 3) tokens.
-    EXPECT_EQ(budgetWith(1984), 64);  // passes the 2048-byte quick check
-    EXPECT_EQ(budgetWith(12095), 64); // 4032 + 64 = 4096
-    EXPECT_THROW(budgetWith(12096), LocalRewriteEngineError);
+    EXPECT_EQ(budgetWith(1984, RewriteMode::casual), 64);  // passes the 2048-byte quick check
+    EXPECT_EQ(budgetWith(12095, RewriteMode::casual), 64); // 4032 + 64 = 4096
+    EXPECT_THROW(budgetWith(12096, RewriteMode::casual), LocalRewriteEngineError);
+    EXPECT_EQ(budgetWith(11519, RewriteMode::improvePrompt), 128);
+    EXPECT_THROW(budgetWith(11520, RewriteMode::improvePrompt), LocalRewriteEngineError);
     EXPECT_EQ(model.countCalls, 0);
-}
-
-TEST(ResponseTokenBudgetTest, ImprovePromptReservesRoomForItsSchema) {
-    CountingModel model;
-    const QString text = utf8("a");
-    const auto budgetWith = [&](qsizetype instructionBytes) {
-        return test::runTask(
-            RewritePrompt::responseTokenBudget(model, QString(instructionBytes, QLatin1Char('i')), QString(),
-                                               text, RewriteMode::improvePrompt, {}));
-    };
-    // 128 schema tokens + 128 budget + ceil((n + 1) / 3) ≤ 4096.
-    EXPECT_EQ(budgetWith(11519), 128);
-    EXPECT_THROW(budgetWith(11520), LocalRewriteEngineError);
 }
 
 TEST(ResponseTokenBudgetTest, WithContextSizeCountsExactlyOnlyBeyondHalfTheWindow) {

@@ -20,6 +20,10 @@ RewriteJob makeJob(const QString& text, ProcessId pid = 4242) {
                       std::chrono::system_clock::now()};
 }
 
+QCoro::Task<void> op(RewriteJob /*job*/, std::stop_token /*token*/) {
+    co_return;
+}
+
 // A job operation that waits until the test releases it, recording start and end.
 struct GatedOperations {
     std::vector<QString> started;
@@ -100,7 +104,6 @@ TEST(RewriteJobQueueTest, RunningJobCountsTowardCapacityUntilItsCompletion) {
 
 TEST(RewriteJobQueueTest, DeduplicationIntervalRestartsAtEachRepeatAndBothBoundsAreInclusive) {
     RewriteJobQueue queue(10, 1.0, [] { return 0.0; });
-    auto op = [](RewriteJob, std::stop_token) -> QCoro::Task<void> { co_return; };
     auto enqueueAt = [&](double t) { return queue.enqueue(makeJob(QStringLiteral("same")), t, op, [] {}); };
     EXPECT_EQ(enqueueAt(10.0), RewriteJobEnqueueResult::accepted);
     EXPECT_EQ(enqueueAt(10.4), RewriteJobEnqueueResult::deduplicated);
@@ -108,22 +111,15 @@ TEST(RewriteJobQueueTest, DeduplicationIntervalRestartsAtEachRepeatAndBothBounds
     EXPECT_EQ(enqueueAt(12.3), RewriteJobEnqueueResult::deduplicated);  // exactly 1.0: inclusive
     EXPECT_EQ(enqueueAt(13.31), RewriteJobEnqueueResult::accepted);     // 1.01 later
     EXPECT_EQ(enqueueAt(13.31), RewriteJobEnqueueResult::deduplicated); // same instant: difference 0
-}
-
-TEST(RewriteJobQueueTest, OtherSelectionsAreNeverDuplicates) {
-    RewriteJobQueue queue(10, 1.0);
-    auto op = [](RewriteJob, std::stop_token) -> QCoro::Task<void> { co_return; };
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text")), 5.0, op, [] {}),
+    // Other text or another process is never a duplicate.
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("same!")), 13.31, op, [] {}),
               RewriteJobEnqueueResult::accepted);
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text!")), 5.0, op, [] {}),
-              RewriteJobEnqueueResult::accepted);
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("text"), 7), 5.0, op, [] {}),
+    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("same"), 7), 13.31, op, [] {}),
               RewriteJobEnqueueResult::accepted);
 }
 
 TEST(RewriteJobQueueTest, EarlierTimestampIsNeverADuplicateAndPurgesTheFutureEntry) {
     RewriteJobQueue queue(10, 1.0);
-    auto op = [](RewriteJob, std::stop_token) -> QCoro::Task<void> { co_return; };
     EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 50.0, op, [] {}),
               RewriteJobEnqueueResult::accepted);
     EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("y")), 49.5, op, [] {}),
@@ -137,33 +133,32 @@ TEST(RewriteJobQueueTest, EarlierTimestampIsNeverADuplicateAndPurgesTheFutureEnt
 TEST(RewriteJobQueueTest, CleanupPurgesByTheInjectedClockAfterTheInterval) {
     double now = 100.0;
     RewriteJobQueue queue(10, 0.05, [&] { return now; });
-    auto op = [](RewriteJob, std::stop_token) -> QCoro::Task<void> { co_return; };
     queue.enqueue(makeJob(QStringLiteral("x")), std::nullopt, op, [] {});
     EXPECT_EQ(queue.recentSubmissionCount(), 1u);
     now = 100.2;
     ASSERT_TRUE(pumpUntil([&] { return queue.recentSubmissionCount() == 0; }, 2000));
-}
 
-TEST(RewriteJobQueueTest, ZeroIntervalDuplicatesOnlyUntilTheCleanupRuns) {
-    RewriteJobQueue queue(10, 0.0);
-    auto op = [](RewriteJob, std::stop_token) -> QCoro::Task<void> { co_return; };
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}), RewriteJobEnqueueResult::accepted);
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}),
+    // With no interval a repeat is a duplicate only until the clean-up runs.
+    RewriteJobQueue immediate(10, 0.0);
+    EXPECT_EQ(immediate.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}),
+              RewriteJobEnqueueResult::accepted);
+    EXPECT_EQ(immediate.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}),
               RewriteJobEnqueueResult::deduplicated);
-    ASSERT_TRUE(pumpUntil([&] { return queue.recentSubmissionCount() == 0; }));
-    EXPECT_EQ(queue.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}), RewriteJobEnqueueResult::accepted);
+    ASSERT_TRUE(pumpUntil([&] { return immediate.recentSubmissionCount() == 0; }));
+    EXPECT_EQ(immediate.enqueue(makeJob(QStringLiteral("x")), 1.0, op, [] {}),
+              RewriteJobEnqueueResult::accepted);
 }
 
 TEST(RewriteJobQueueTest, SubmitAnswersCompletedOnlyAfterOperationAndCompletion) {
     RewriteJobQueue queue;
     bool operationFinished = false;
     std::optional<RewriteJobSubmission> answer;
-    auto op = [&](RewriteJob, std::stop_token token) -> QCoro::Task<void> {
+    auto slow = [&](RewriteJob, std::stop_token token) -> QCoro::Task<void> {
         co_await sleepFor(std::chrono::milliseconds(20), token);
         operationFinished = true;
     };
     auto submitter = [&]() -> QCoro::Task<void> {
-        answer = co_await queue.submit(makeJob(QStringLiteral("x")), 3.0, op);
+        answer = co_await queue.submit(makeJob(QStringLiteral("x")), 3.0, slow);
         EXPECT_TRUE(operationFinished);
     };
     auto task = submitter();
@@ -172,7 +167,7 @@ TEST(RewriteJobQueueTest, SubmitAnswersCompletedOnlyAfterOperationAndCompletion)
     EXPECT_EQ(*answer, RewriteJobSubmission::completed);
 
     // A repeat within the interval is answered at once.
-    auto repeat = queue.submit(makeJob(QStringLiteral("x")), 3.5, op);
+    auto repeat = queue.submit(makeJob(QStringLiteral("x")), 3.5, slow);
     EXPECT_TRUE(repeat.isReady());
     EXPECT_EQ(test::runTask(std::move(repeat)), RewriteJobSubmission::deduplicated);
 }

@@ -1,6 +1,5 @@
 #include "core/settings/SettingsStore.h"
 #include "core/platform/PlatformTerms.h"
-#include "core/settings/OnboardingProgress.h"
 #include "support/FakeCredentialStore.h"
 #include "support/FakeUserDefaults.h"
 #include "support/QtPrinters.h"
@@ -46,48 +45,36 @@ TEST_F(SettingsStoreTest, FreshInstallationReadsTheDefaultsAndWritesNothing) {
     EXPECT_TRUE(credentials_.deletions.empty());
 }
 
-TEST_F(SettingsStoreTest, StoredShortcutNeedsBothNumbers) {
-    defaults_.values = {{"hotKeyKeyCode", qint64(0)},
-                        {"hotKeyModifiers", qint64(256)},
-                        {"hotKeyDisplayName", QString("Command+Nothing")},
-                        {"hotKeyIdentifier", QString("custom")}};
-    auto store = open();
-    EXPECT_EQ(store->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"}));
-    EXPECT_EQ(store->hotKeyIdentifier(), "custom");
-
-    defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyDisplayName", QString("Control+Option+R")}};
-    EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"}));
-
-    defaults_.values = {{"hotKeyKeyCode", qint64(15)},
-                        {"hotKeyModifiers", qint64(6144)},
-                        {"hotKeyDisplayName", QString("Control+Option+R")}};
-    EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{15, 6144, "Control+Option+R"}));
-
-    defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", qint64(6144)}};
-    EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{15, 6144, "Option+Space"}));
-
-    defaults_.values = {{"hotKeyKeyCode", qint64(4294967295)}, {"hotKeyModifiers", qint64(4096)}};
-    EXPECT_EQ(open()->selectedHotKey().keyCode, 4294967295u);
-}
-
-TEST_F(SettingsStoreTest, NumbersNoShortcutCanHoldFallBackToTheDefault) {
-    for (qint64 bad : {qint64(-1), qint64(4294967296), std::numeric_limits<qint64>::min()}) {
-        defaults_.values = {{"hotKeyKeyCode", bad},
-                            {"hotKeyModifiers", qint64(4096)},
-                            {"hotKeyDisplayName", QString("Broken")}};
-        EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"})) << bad;
-        defaults_.values = {{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", bad}};
-        EXPECT_EQ(open()->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"})) << bad;
+TEST_F(SettingsStoreTest, StoredShortcutAndModeAreUsedOnlyWhenWhole) {
+    const HotKeyShortcut fallback{49, 2048, "Option+Space"};
+    const qint64 tooLarge = 4294967296;
+    const std::pair<std::map<QString, FakeUserDefaults::Value>, HotKeyShortcut> cases[] = {
+        {{{"hotKeyKeyCode", qint64(0)}, {"hotKeyModifiers", qint64(256)}}, fallback},
+        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyDisplayName", QString("Control+Option+R")}}, fallback},
+        {{{"hotKeyKeyCode", qint64(15)},
+          {"hotKeyModifiers", qint64(6144)},
+          {"hotKeyDisplayName", QString("C+R")}},
+         {15, 6144, "C+R"}},
+        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", qint64(6144)}}, {15, 6144, "Option+Space"}},
+        {{{"hotKeyKeyCode", tooLarge - 1}, {"hotKeyModifiers", qint64(4096)}},
+         {4294967295u, 4096, "Option+Space"}},
+        {{{"hotKeyKeyCode", qint64(-1)}, {"hotKeyModifiers", qint64(4096)}}, fallback},
+        {{{"hotKeyKeyCode", tooLarge}, {"hotKeyModifiers", qint64(4096)}}, fallback},
+        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", std::numeric_limits<qint64>::min()}}, fallback},
+        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", tooLarge}}, fallback},
+    };
+    for (const auto& [values, expected] : cases) {
+        defaults_.values = values;
+        EXPECT_EQ(open()->selectedHotKey(), expected) << expected.displayName.toStdString();
     }
-}
-
-TEST_F(SettingsStoreTest, ModeIsReadByItsExactTitle) {
-    defaults_.values = {{"rewriteMode", QString("Casual")}};
+    defaults_.values = {{"hotKeyIdentifier", QString("custom")}, {"rewriteMode", QString("Casual")}};
+    EXPECT_EQ(open()->hotKeyIdentifier(), "custom");
     EXPECT_EQ(open()->rewriteMode(), RewriteMode::casual);
-    defaults_.values = {{"rewriteMode", QString("casual")}};
-    EXPECT_EQ(open()->rewriteMode(), RewriteMode::improveClarity);
-    defaults_.values = {{"rewriteMode", qint64(3)}};
-    EXPECT_EQ(open()->rewriteMode(), RewriteMode::improveClarity);
+    for (const FakeUserDefaults::Value& mode :
+         {FakeUserDefaults::Value(QString("casual")), FakeUserDefaults::Value(qint64(3))}) {
+        defaults_.values = {{"rewriteMode", mode}};
+        EXPECT_EQ(open()->rewriteMode(), RewriteMode::improveClarity);
+    }
 }
 
 TEST_F(SettingsStoreTest, PreferencesMapDecodesOnlyAnObjectOfStrings) {
@@ -208,16 +195,6 @@ TEST_F(SettingsStoreTest, LegacyHostedConfigurationIsRemovedOnlyWhenAsked) {
         EXPECT_EQ(credentials_.deletions[0].second, "default");
         EXPECT_EQ(store->writingPreferences(), "keep");
     }
-}
-
-TEST(OnboardingProgressTest, CompleteOnlyWhenEveryStepIsReady) {
-    EXPECT_TRUE((OnboardingProgress{true, true, true, true}).isComplete());
-    EXPECT_FALSE((OnboardingProgress{}).isComplete());
-    for (int missing = 0; missing < 4; ++missing) {
-        OnboardingProgress progress{missing != 0, missing != 1, missing != 2, missing != 3};
-        EXPECT_FALSE(progress.isComplete()) << missing;
-    }
-    EXPECT_NE((OnboardingProgress{true, false, true, true}), (OnboardingProgress{true, true, false, true}));
 }
 
 } // namespace

@@ -24,13 +24,6 @@ TEST(DiagnosticsPresentationTest, RatingBoundariesAndAverage) {
     EXPECT_EQ(DiagnosticsPresentation::averageMilliseconds(logger.rewritePerformanceEntries()), 1000);
 }
 
-TEST(DiagnosticsPresentationTest, StageNamesBecomeReadableTitles) {
-    EXPECT_EQ(DiagnosticsPresentation::eventTitle("deterministicRewrite"), "Deterministic rewrite");
-    EXPECT_EQ(DiagnosticsPresentation::eventTitle("hotkey_registration"), "Hotkey registration");
-    EXPECT_EQ(DiagnosticsPresentation::eventTitle("openURLPage"), "Open URLPage");
-    EXPECT_EQ(DiagnosticsPresentation::eventTitle("staleTarget"), "Selection changed");
-}
-
 TEST(DiagnosticsPresentationTest, DescribesTheLinesTheLoggerWrites) {
     DiagnosticsLogger logger;
     const auto newest = [&] {

@@ -170,19 +170,5 @@ TEST_F(UpdateCheckerTest, AMissingFeedIsOneSentence) {
     EXPECT_EQ(result.failure, QStringLiteral("The update check could not read the feed (HTTP 404)."));
 }
 
-TEST(UpdateCheckerPolicyTest, OnlyABuildWithTheProductionFeedAndKeyGetsAChecker) {
-    QNetworkAccessManager network;
-    const UpdateConfiguration production = UpdateConfiguration::production();
-    const QString feed = production.appcastURL.toString();
-    const QString key = QString::fromLatin1(UpdateConfiguration::productionSparklePublicEDKey);
-    EXPECT_NE(UpdateChecker::forThisBuild(network, production, {feed, key}, QStringLiteral("0.1.0")),
-              nullptr);
-    EXPECT_EQ(UpdateChecker::forThisBuild(network, production, {feed + u'/', key}, QStringLiteral("0.1.0")),
-              nullptr);
-    EXPECT_EQ(UpdateChecker::forThisBuild(network, production, {feed, key + u'='}, QStringLiteral("0.1.0")),
-              nullptr);
-    EXPECT_EQ(UpdateChecker::forThisBuild(network, production, {}, QStringLiteral("0.1.0")), nullptr);
-}
-
 } // namespace
 } // namespace parlune

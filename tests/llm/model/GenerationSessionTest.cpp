@@ -3,7 +3,6 @@
 #include "llm/model/KvCache.h"
 #include "llm/model/ModelError.h"
 #include "llm/parallel/ThreadPool.h"
-#include "llm/runtime/DraftSource.h"
 #include "llm/runtime/GenerationSession.h"
 #include "llm/tokenizer/Tokenizer.h"
 
@@ -182,62 +181,6 @@ TEST_F(GenerationSessionTest, EndOfGenerationTokenStopsWithoutBeingEmitted) {
     EXPECT_EQ(result.stopReason, StopReason::endOfGeneration);
     EXPECT_EQ(result.tokens, std::vector<std::int32_t>(greedy.begin(),
                                                        greedy.begin() + static_cast<std::ptrdiff_t>(stopAt)));
-}
-
-// Guesses the rest of a known answer, or a token that never follows.
-class ScriptedDraft : public DraftSource {
-public:
-    ScriptedDraft(std::size_t promptLength, std::vector<std::int32_t> answer, std::int32_t wrongToken = -1)
-        : promptLength_(promptLength), answer_(std::move(answer)), wrongToken_(wrongToken) {}
-
-    std::vector<std::int32_t> propose(std::span<const std::int32_t> context,
-                                      std::int64_t maxTokens) override {
-        const auto most = static_cast<std::size_t>(maxTokens);
-        if (wrongToken_ >= 0) {
-            return std::vector<std::int32_t>(most, wrongToken_);
-        }
-        const std::size_t done = std::min(context.size() - promptLength_, answer_.size());
-        return {answer_.begin() + static_cast<std::ptrdiff_t>(done),
-                answer_.begin() + static_cast<std::ptrdiff_t>(std::min(answer_.size(), done + most))};
-    }
-
-private:
-    std::size_t promptLength_;
-    std::vector<std::int32_t> answer_;
-    std::int32_t wrongToken_;
-};
-
-TEST_F(GenerationSessionTest, DraftsSaveStepsWithoutChangingTheAnswer) {
-    TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
-    recipe.tiedOutput = false;
-    const auto untied = makeTinyModel(recipe);
-    const std::vector<std::int32_t> prompt = {40, 41, 42};
-    GenerationOptions options;
-    options.maxNewTokens = 12;
-    options.ignoreEndOfGeneration = true;
-    GenerationSession plainSession(untied, tokenizer, pool);
-    const GenerationResult plain = plainSession.generate(prompt, options, {});
-    ASSERT_EQ(plain.tokens.size(), 12u);
-
-    ScriptedDraft right(prompt.size(), plain.tokens);
-    ScriptedDraft wrong(prompt.size(), {}, (plain.tokens.front() + 1) % 200);
-    for (ScriptedDraft* draft : {&right, &wrong}) {
-        GenerationSession session(untied, tokenizer, pool);
-        options.draft = draft;
-        const GenerationResult drafted = session.generate(prompt, options, {});
-        EXPECT_EQ(drafted.tokens, plain.tokens);
-        EXPECT_EQ(drafted.text, plain.text);
-        // Unused guesses leave nothing behind: the session continues as the plain one would.
-        EXPECT_EQ(session.tokens(), plainSession.tokens());
-        // Bit for bit: a token scores the same in a checked guess as in a step of its own.
-        EXPECT_TRUE(std::equal(session.logits().begin(), session.logits().end(),
-                               plainSession.logits().begin(), plainSession.logits().end()));
-        if (draft == &right) {
-            EXPECT_GE(drafted.draftTokensAccepted, 8); // four guesses per step, all right
-        } else {
-            EXPECT_EQ(drafted.draftTokensAccepted, 0);
-        }
-    }
 }
 
 TEST(GenerationSessionArgmax, TiesGoToTheLowestId) {

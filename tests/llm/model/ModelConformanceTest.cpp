@@ -189,6 +189,29 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, ModelConformance, ::testing::ValuesIn(cases()
                              return testName(test.param.model);
                          });
 
+// The reference's greedy steps: each line "position token margin", the margin being how far the
+// pick led the runner-up.
+struct GreedyStep {
+    std::int32_t token;
+    double margin;
+};
+
+std::vector<GreedyStep> greedySteps(const std::string& expectedName) {
+    std::ifstream in(fixtures / "expected" / (expectedName + ".greedy.txt"));
+    std::vector<GreedyStep> steps;
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        std::istringstream fields(line);
+        std::int64_t position = 0;
+        GreedyStep step{};
+        fields >> position >> step.token >> step.margin;
+        steps.push_back(step);
+    }
+    return steps;
+}
+
 class GreedyConformance : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override {
@@ -203,20 +226,10 @@ TEST_P(GreedyConformance, ContinuationMatchesUpToTheFirstNearTie) {
     const FixtureRun run = runFor(name);
     const auto file = GgufFile::open(fixtures / "models" / (run.modelFile + ".gguf"));
     const auto model = Model::fromFile(file, run.contextLimit);
-    std::ifstream in(fixtures / "expected" / (name + ".greedy.txt"));
     std::vector<std::int32_t> expected;
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#') {
-            continue;
-        }
-        std::istringstream fields(line);
-        std::int64_t position = 0;
-        std::int32_t token = 0;
-        double margin = 0.0;
-        fields >> position >> token >> margin;
-        expected.push_back(token);
-        if (margin < 1e-3) {
+    for (const GreedyStep& step : greedySteps(name)) {
+        expected.push_back(step.token);
+        if (step.margin < 1e-3) {
             break; // an equally correct engine may pick the runner-up here; later steps follow from it
         }
     }
@@ -254,21 +267,7 @@ TEST_P(ForcedGreedyConformance, EveryClearStepPicksTheReferenceToken) {
     constexpr double kClearMargin = 0.02;
     const std::string name = GetParam();
     const auto model = Model::load(fixtures / "models" / (name + ".gguf"));
-    std::ifstream in(fixtures / "expected" / (name + ".greedy.txt"));
-    struct Step {
-        std::int32_t token;
-        double margin;
-    };
-    std::vector<Step> steps;
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#')
-            continue;
-        std::istringstream fields(line);
-        std::int64_t position = 0;
-        Step step{};
-        fields >> position >> step.token >> step.margin;
-        steps.push_back(step);
-    }
+    const std::vector<GreedyStep> steps = greedySteps(name);
     ASSERT_EQ(steps.size(), 16u);
 
     ThreadPool pool(2);

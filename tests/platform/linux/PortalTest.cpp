@@ -41,29 +41,27 @@ TEST(PortalTriggerText, NamesModifiersInTheShortcutsFormatAndTheKeyByItsKeysymNa
     EXPECT_EQ(PortalGlobalShortcuts::triggerFor(0, carbon_modifier::option), std::nullopt);
 }
 
-TEST(PortalTriggerText, TheDesktopsOwnDescriptionMatchesWhateverItsSpellingAndOrder) {
-    EXPECT_TRUE(
-        PortalGlobalShortcuts::describesTrigger(QStringLiteral("Alt+Space"), QStringLiteral("ALT+space")));
-    EXPECT_TRUE(PortalGlobalShortcuts::describesTrigger(QStringLiteral("Shift+Alt+R"),
-                                                        QStringLiteral("ALT+SHIFT+r")));
-    EXPECT_TRUE(
-        PortalGlobalShortcuts::describesTrigger(QStringLiteral("Ctrl+Esc"), QStringLiteral("CTRL+Escape")));
-    EXPECT_TRUE(PortalGlobalShortcuts::describesTrigger(QStringLiteral("Meta+R"), QStringLiteral("LOGO+r")));
-    // Several keys: any one of them is the shortcut.
-    EXPECT_TRUE(PortalGlobalShortcuts::describesTrigger(QStringLiteral("Alt+Space, Meta+R"),
-                                                        QStringLiteral("LOGO+r")));
-    EXPECT_TRUE(
-        PortalGlobalShortcuts::describesTrigger(QStringLiteral("Ctrl++"), QStringLiteral("CTRL+plus")));
-}
-
-TEST(PortalTriggerText, NoKeyOrAnotherChordIsNotTheShortcut) {
-    EXPECT_FALSE(PortalGlobalShortcuts::describesTrigger(QString(), QStringLiteral("ALT+space")));
-    EXPECT_FALSE(
-        PortalGlobalShortcuts::describesTrigger(QStringLiteral("Alt+R"), QStringLiteral("ALT+space")));
-    EXPECT_FALSE(
-        PortalGlobalShortcuts::describesTrigger(QStringLiteral("Space"), QStringLiteral("ALT+space")));
-    EXPECT_FALSE(PortalGlobalShortcuts::describesTrigger(QStringLiteral("Ctrl+Alt+Space"),
-                                                         QStringLiteral("ALT+space")));
+// The desktop describes the key it bound in its own spelling and order; several keys are
+// separated by commas, and any one of them is the shortcut.
+TEST(PortalTriggerText, TheDesktopsOwnDescriptionMatchesOnlyTheSameChord) {
+    const std::tuple<const char*, const char*, bool> cases[] = {
+        {"Alt+Space", "ALT+space", true},
+        {"Shift+Alt+R", "ALT+SHIFT+r", true},
+        {"Ctrl+Esc", "CTRL+Escape", true},
+        {"Meta+R", "LOGO+r", true},
+        {"Alt+Space, Meta+R", "LOGO+r", true},
+        {"Ctrl++", "CTRL+plus", true},
+        {"", "ALT+space", false},
+        {"Alt+R", "ALT+space", false},
+        {"Space", "ALT+space", false},
+        {"Ctrl+Alt+Space", "ALT+space", false},
+    };
+    for (const auto& [description, trigger, matches] : cases) {
+        EXPECT_EQ(PortalGlobalShortcuts::describesTrigger(QString::fromLatin1(description),
+                                                          QString::fromLatin1(trigger)),
+                  matches)
+            << description << " / " << trigger;
+    }
 }
 
 // A bus of its own with no services to start, so no real portal can answer on it.
@@ -113,21 +111,17 @@ TEST(PortalGlobalShortcutsWithoutPortal, ReportsThePortalAbsentAndRefusesToRegis
     ASSERT_TRUE(bus.isUp()) << "no dbus-daemon";
     PortalGlobalShortcuts shortcuts(
         bus.connect(QStringLiteral("no-portal-client")),
-        [](std::uint32_t) { return std::optional<std::uint32_t>(keysymSpace); }, QStringLiteral("Rewrite"));
+        [](std::uint32_t keyCode) {
+            return keyCode == key_code::space ? std::optional<std::uint32_t>(keysymSpace) : std::nullopt;
+        },
+        QStringLiteral("Rewrite"));
+    // A key without a name is refused at once, before the portal is asked.
+    EXPECT_EQ(shortcuts.registerHotKey(200, carbon_modifier::option, {1, 1}).status,
+              PortalGlobalShortcuts::noSuchKeyStatus);
     EXPECT_EQ(runTask(shortcuts.probe()), PortalGlobalShortcuts::Availability::absent);
     EXPECT_FALSE(shortcuts.isAvailable());
     EXPECT_EQ(shortcuts.registerHotKey(key_code::space, carbon_modifier::option, {1, 1}).status,
               PortalGlobalShortcuts::portalFailedStatus);
-}
-
-TEST(PortalGlobalShortcutsWithoutPortal, AKeyWithoutANameIsRefusedAtOnce) {
-    PrivateBus bus;
-    ASSERT_TRUE(bus.isUp()) << "no dbus-daemon";
-    PortalGlobalShortcuts shortcuts(
-        bus.connect(QStringLiteral("no-key-client")),
-        [](std::uint32_t) { return std::optional<std::uint32_t>(); }, QStringLiteral("Rewrite"));
-    EXPECT_EQ(shortcuts.registerHotKey(200, carbon_modifier::option, {1, 1}).status,
-              PortalGlobalShortcuts::noSuchKeyStatus);
 }
 
 // Plays the portal frontend: answers every method on the desktop path with `answer`, which may

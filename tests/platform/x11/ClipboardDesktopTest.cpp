@@ -48,6 +48,16 @@ protected:
 
     CapturedSelection capture() { return finish(replacer->capture({})); }
 
+    // The user's rich clipboard, and "beta" selected in "alpha beta gamma".
+    bool openWithBetaSelected() {
+        giveUserRichClipboard();
+        if (HasFatalFailure() || !editor->open(QStringLiteral("alpha beta gamma"))) {
+            return false;
+        }
+        editor->select(6, 4);
+        return true;
+    }
+
     NoAccessibilityBus accessibility;
     std::unique_ptr<InterceptedKeyboard> keys;
     std::unique_ptr<ClipboardManager> clipboard;
@@ -57,9 +67,7 @@ protected:
 };
 
 TEST_F(ClipboardDesktopTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUsersClipboardByteForByte) {
-    giveUserRichClipboard();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
+    ASSERT_TRUE(openWithBetaSelected());
 
     const CapturedSelection selection = capture();
     EXPECT_EQ(selection.text(), QStringLiteral("beta"));
@@ -70,9 +78,7 @@ TEST_F(ClipboardDesktopTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUser
 }
 
 TEST_F(ClipboardDesktopTest, ReplacementIsPastedInPlaceAndTheUsersClipboardComesBack) {
-    giveUserRichClipboard();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
+    ASSERT_TRUE(openWithBetaSelected());
     const CapturedSelection selection = capture();
     ASSERT_EQ(selection.text(), QStringLiteral("beta"));
 
@@ -82,9 +88,7 @@ TEST_F(ClipboardDesktopTest, ReplacementIsPastedInPlaceAndTheUsersClipboardComes
 }
 
 TEST_F(ClipboardDesktopTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeftAlone) {
-    giveUserRichClipboard();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
+    ASSERT_TRUE(openWithBetaSelected());
     const CapturedSelection selection = capture();
 
     std::unique_ptr<OtherClipboardClient> newcomer;
@@ -105,9 +109,7 @@ TEST_F(ClipboardDesktopTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeft
 }
 
 TEST_F(ClipboardDesktopTest, CaptureWithAltStillHeldWaitsAndStillCopies) {
-    giveUserRichClipboard();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
+    ASSERT_TRUE(openWithBetaSelected());
 
     xdotool({QStringLiteral("keydown"), QStringLiteral("alt")});
     const auto before = keyboard->heldKeys();
@@ -131,9 +133,7 @@ TEST_F(ClipboardDesktopTest, CaptureWithAltStillHeldWaitsAndStillCopies) {
 
 TEST_F(ClipboardDesktopTest, KeyHeldThroughAWholeRewriteIsWaitedForOnceNotPerChord) {
     // Shift, not Alt: lifting and pressing again a held Alt twice leaves mousepad in its menu bar.
-    giveUserRichClipboard();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
+    ASSERT_TRUE(openWithBetaSelected());
     xdotool({QStringLiteral("keydown"), QStringLiteral("shift")});
     const CapturedSelection selection = capture(); // waits the bound once
     QElapsedTimer timer;
@@ -241,10 +241,8 @@ TEST_F(ClipboardDesktopTest, UsersDataHeldAtExitIsHandedToTheClipboardManager) {
     const pid_t manager = DesktopSession::current()->spawn(
         {QStringLiteral(PARLUNE_CLIPBOARD_OWNER), QStringLiteral("--manager")});
     pumpFor(300);
-    giveUserRichClipboard();
     // A capture leaves us holding the user's restored data.
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
+    ASSERT_TRUE(openWithBetaSelected());
     ASSERT_EQ(capture().text(), QStringLiteral("beta"));
     ASSERT_TRUE(pasteboard->ownsSelection());
 

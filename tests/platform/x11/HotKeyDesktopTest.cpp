@@ -17,6 +17,24 @@ namespace {
 const HotKeyShortcut altSpace = HotKeyShortcut::defaultShortcut();
 const HotKeyShortcut controlShiftH{4, carbon_modifier::control | carbon_modifier::shift, "Ctrl+Shift+H"};
 
+// Grabs Alt+Space on a connection of its own, as a window manager's key binding would; the grab
+// lasts until that connection is closed.
+xcb_connection_t* grabAltSpaceAsAnotherClient() {
+    xcb_connection_t* other = xcb_connect(nullptr, nullptr);
+    EXPECT_FALSE(xcb_connection_has_error(other));
+    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(other)).data->root;
+    xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(other);
+    xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, XK_space);
+    xcb_generic_error_t* grabError =
+        xcb_request_check(other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0],
+                                                      XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
+    EXPECT_EQ(grabError, nullptr);
+    std::free(grabError);
+    std::free(codes);
+    xcb_key_symbols_free(symbols);
+    return other;
+}
+
 class HotKeyDesktopTest : public DesktopTest {
 protected:
     void SetUp() override {
@@ -145,19 +163,7 @@ TEST_F(HotKeyDesktopTest, HeldShortcutAutoRepeatsButIsDeliveredOnce) {
 TEST_F(HotKeyDesktopTest, CombinationHeldByAnotherClientFailsWithTheXErrorAndDropsThePreviousShortcut) {
     manager->registerShortcut(controlShiftH, [&] { ++presses; });
 
-    // Another client grabs Alt+Space first, as a window manager's key binding would.
-    xcb_connection_t* other = xcb_connect(nullptr, nullptr);
-    ASSERT_FALSE(xcb_connection_has_error(other));
-    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(other)).data->root;
-    xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(other);
-    xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, XK_space);
-    xcb_generic_error_t* grabError =
-        xcb_request_check(other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0],
-                                                      XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
-    EXPECT_EQ(grabError, nullptr);
-    std::free(grabError);
-    std::free(codes);
-    xcb_key_symbols_free(symbols);
+    xcb_connection_t* other = grabAltSpaceAsAnotherClient();
 
     try {
         manager->registerShortcut(altSpace, [&] { ++presses; });
@@ -179,18 +185,7 @@ TEST_F(HotKeyDesktopTest, UnregisteredShortcutReachesTheFocusedApplicationAgain)
     manager->unregister();
     EXPECT_EQ(pressesAfter({QStringLiteral("alt+space")}), 0);
     // A second client can now take the combination.
-    xcb_connection_t* other = xcb_connect(nullptr, nullptr);
-    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(other)).data->root;
-    xcb_key_symbols_t* symbols = xcb_key_symbols_alloc(other);
-    xcb_keycode_t* codes = xcb_key_symbols_get_keycode(symbols, XK_space);
-    xcb_generic_error_t* grabError =
-        xcb_request_check(other, xcb_grab_key_checked(other, 1, root, XCB_MOD_MASK_1, codes[0],
-                                                      XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC));
-    EXPECT_EQ(grabError, nullptr);
-    std::free(grabError);
-    std::free(codes);
-    xcb_key_symbols_free(symbols);
-    xcb_disconnect(other);
+    xcb_disconnect(grabAltSpaceAsAnotherClient());
 }
 
 } // namespace

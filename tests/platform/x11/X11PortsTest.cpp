@@ -10,25 +10,12 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-#include <X11/keysym.h>
 #include <xcb/xproto.h>
 
 #include <gtest/gtest.h>
 
 namespace parlune::x11 {
 namespace {
-
-TEST(X11KeyTableTest, StoredMacKeyCodesBecomeTheKeysymsOfTheSameKeys) {
-    EXPECT_EQ(X11KeyTable::keysymFor(49), XK_space);
-    EXPECT_EQ(X11KeyTable::keysymFor(8), XK_c); // copy and paste
-    EXPECT_EQ(X11KeyTable::keysymFor(9), XK_v);
-    EXPECT_EQ(X11KeyTable::keysymFor(22), XK_6); // the ANSI digits are not in order
-    EXPECT_EQ(X11KeyTable::keysymFor(122), XK_F1);
-    // 10 is the ISO section key and 52 is unused: no keysym to grab.
-    EXPECT_EQ(X11KeyTable::keysymFor(10), std::nullopt);
-    EXPECT_EQ(X11KeyTable::keysymFor(52), std::nullopt);
-    EXPECT_EQ(X11KeyTable::keysymFor(0xFFFF), std::nullopt);
-}
 
 TEST(X11KeyTableTest, CarbonModifiersMapToCoreMasks) {
     EXPECT_EQ(X11KeyTable::modifierMaskFor(2048), XCB_MOD_MASK_1);
