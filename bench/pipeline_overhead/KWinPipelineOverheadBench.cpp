@@ -8,6 +8,7 @@
 // (--no-accessibility: the selection is taken by copy and paste, as for an application that shows
 // no text on the bus; the application in front still comes from the bus.)
 // Prints median and 95th percentile in milliseconds. The selected text is never printed.
+#include "CompositorConnection.h"
 #include "KWinFakeKeyboard.h"
 #include "KWinSession.h"
 #include "NoAccessibilityBus.h"
@@ -77,7 +78,7 @@ int main(int argc, char** argv) {
     qunsetenv("DISPLAY");
     QDBusConnection bus = session.connect(QStringLiteral("parlune-kwin-pipeline-bench"));
 
-    auto connection = wayland::WaylandConnection::open();
+    auto connection = test::connectToCompositor();
     auto worker = atspi::AtspiWorker::start();
     if (!connection || !worker->waitForBus(10'000)) {
         std::fprintf(stderr, "cannot reach the compositor or the accessibility bus\n");

@@ -5,6 +5,7 @@
 // clipboard restore) and a clipboard restore on their own. Run by hand:
 //   parlune-bench-wayland-pipeline-overhead [--runs N] [--no-accessibility]
 // Prints median and 95th percentile in milliseconds. The selected text is never printed.
+#include "CompositorConnection.h"
 #include "NoAccessibilityBus.h"
 #include "StageTimes.h"
 #include "SwaySession.h"
@@ -49,7 +50,7 @@ int main(int argc, char** argv) {
     test::SwaySession::setCurrent(&session);
     QCoreApplication app(argc, argv);
 
-    auto connection = wayland::WaylandConnection::open();
+    auto connection = test::connectToCompositor();
     auto workspace = connection ? wayland::SwayIpcWorkspace::connect() : nullptr;
     if (!workspace) {
         std::fprintf(stderr, "cannot reach the compositor\n");

@@ -4,10 +4,12 @@
 #include "app/WorkflowTestView.h"
 #include "core/models/ModelCatalogue.h"
 #include "platform/linux/DesktopPorts.h"
+#include "platform/wayland/WaylandConnection.h"
 #include "platform/wayland/WaylandDesktop.h"
 
 #include <QString>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -60,8 +62,10 @@ public:
         QString executable;     // for the autostart entry
         QString version;        // this build's version, for update checks
         bool useDesktop = true; // false: no ports, as in a session we cannot serve
-        // On Wayland: what the desktop's portals offer, probed before (absent: none is used).
+        // On Wayland: what the desktop's portals offer, probed before (absent: none is used), and
+        // the compositor connection opened before, or why there is none.
         WaylandPortals waylandPortals;
+        std::optional<wayland::WaylandConnection::Opened> waylandCompositor;
         // Tests only: rewrites go to this engine instead of the on-device model.
         std::shared_ptr<LocalRewriteEngine> rewriteEngineForTesting;
     };
@@ -110,7 +114,7 @@ public:
     FieldClipboard fieldClipboard();
 
     // Runs when the desktop refuses the shortcut after accepting it (the shortcuts portal).
-    void setHotKeyRefusalHandler(std::function<void()> handler);
+    void setHotKeyRefusalHandler(std::function<void(std::int32_t status)> handler);
 
     void setStatusReporter(std::weak_ptr<RewriteStatusReporting> reporter);
 
@@ -119,7 +123,7 @@ public:
     void shutdown(int drainMilliseconds = 400);
 
 private:
-    void connectDesktop(WaylandPortals portals);
+    void connectDesktop(Options& options);
     wayland::WaylandDesktop::Options waylandOptions(WaylandPortals portals);
 
     std::unique_ptr<QSettingsUserDefaults> userDefaults_;

@@ -45,7 +45,8 @@ public:
         std::function<std::unique_ptr<KeyboardEvents>(Workspace&)> portalKeyboard;
     };
     using Result = std::variant<std::unique_ptr<WaylandDesktop>, QString>;
-    static Result connect(Options options);
+    // Over a connection whose globals are in (WaylandConnection::open()).
+    static Result connect(std::unique_ptr<WaylandConnection> connection, Options options);
 
     ~WaylandDesktop() override;
     WaylandDesktop(const WaylandDesktop&) = delete;

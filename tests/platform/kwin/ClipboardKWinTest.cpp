@@ -1,6 +1,7 @@
 // The clipboard path on a KDE session with the ports the application takes there: KWin's
 // data-control for the clipboard, the remote-desktop portal for the keys and the accessibility
 // focus for the application in front; wl-copy and wl-paste are the user's other programs.
+#include "CompositorConnection.h"
 #include "InterceptedKeyboard.h"
 #include "KWinFakeKeyboard.h"
 #include "KWinTest.h"
@@ -37,7 +38,7 @@ protected:
             return;
         }
         enterSession();
-        connection_ = wayland::WaylandConnection::open();
+        connection_ = test::connectToCompositor();
         ASSERT_TRUE(connection_);
         pasteboard_ = std::make_unique<wayland::DataControlPasteboard>(*connection_);
         ASSERT_TRUE(pasteboard_->isUsable());

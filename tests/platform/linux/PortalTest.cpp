@@ -11,6 +11,7 @@
 #include <QDBusConnectionInterface>
 #include <QDBusObjectPath>
 #include <QDBusVirtualObject>
+#include <QElapsedTimer>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -235,6 +236,18 @@ TEST_F(PortalRequestTest, AnErrorReplyOrAPortalLeavingTheBusEndsTheRequestAsFail
     const PortalResponse gone = runTask(PortalRequest::call(client_, call(abandoned), abandoned), 5000);
     EXPECT_EQ(gone.code, PortalResponse::failed);
     EXPECT_FALSE(gone.error.isEmpty());
+}
+
+TEST_F(PortalRequestTest, APortalThatNeverAnswersAProbeCountsAsAbsentAfterTheBound) {
+    const QString interface = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
+    EXPECT_EQ(runTask(PortalRequest::properties(client_, interface), 5000).absence,
+              QStringLiteral("not_offered"));
+    serve([](const QDBusMessage&, QDBusConnection&) {}); // takes the call, never replies
+    QElapsedTimer waited;
+    waited.start();
+    const PortalProbe silent = runTask(PortalRequest::properties(client_, interface, 300), 5000);
+    EXPECT_EQ(silent.absence, QStringLiteral("no_answer"));
+    EXPECT_LT(waited.elapsed(), 2000);
 }
 
 // Plays a version 2 RemoteDesktop portal with a keyboard: records what the keyboard port asks for

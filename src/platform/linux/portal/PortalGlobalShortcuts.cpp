@@ -157,19 +157,16 @@ bool PortalGlobalShortcuts::describesTrigger(const QString& description, const Q
 }
 
 QCoro::Task<PortalGlobalShortcuts::Availability> PortalGlobalShortcuts::probe() {
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        QString::fromLatin1(desktopService), QString::fromLatin1(desktopPath),
-        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-    message << QString::fromLatin1(shortcutsInterface) << QStringLiteral("version");
     auto weak = lifetime_.weak(this);
-    const QDBusPendingReply<QDBusVariant> version =
-        co_await QDBusPendingReply<QDBusVariant>(bus_.asyncCall(message));
+    const PortalProbe found =
+        co_await PortalRequest::properties(bus_, QString::fromLatin1(shortcutsInterface));
     PortalGlobalShortcuts* self = weak.lock();
-    if (!self || version.isError()) {
+    if (!self) {
         co_return Availability::absent;
     }
-    self->available_ = true;
-    co_return Availability::available;
+    self->available_ = found.offered();
+    self->absence_ = found.absence;
+    co_return self->available_ ? Availability::available : Availability::absent;
 }
 
 QVariant PortalGlobalShortcuts::shortcutList(const QString& trigger) const {
@@ -366,14 +363,14 @@ QCoro::Task<std::int32_t> PortalGlobalShortcuts::bindTrigger(QString trigger) {
         co_return 0;
     }
     if (response.code == PortalResponse::cancelled) {
-        co_return refusedStatus;
+        co_return declinedStatus;
     }
     if (!response.succeeded()) {
         co_return portalFailedStatus;
     }
     noteBoundTrigger(response.results);
     if (!describesTrigger(boundTrigger_, trigger)) {
-        co_return refusedStatus;
+        co_return boundTrigger_.isEmpty() ? refusedStatus : keptOtherKeyStatus;
     }
     co_return co_await keyGrantedByShortcutDaemon();
 }
@@ -475,7 +472,7 @@ void PortalGlobalShortcuts::onSessionClosed(const QVariantMap&) {
     const bool hadRegistrations = !registrations_.empty();
     registrations_.clear();
     if (hadRegistrations && onRefused_) {
-        onRefused_(portalFailedStatus);
+        onRefused_(sessionEndedStatus);
     }
 }
 

@@ -29,9 +29,11 @@ namespace parlune::portal {
 // known at once (a key without a name, no portal) and binds in the background; a binding the
 // desktop then refuses reports through `setRefusalHandler`. At start, a key the user already gave
 // the shortcut in the desktop's settings is kept (and reported), whatever the stored shortcut
-// says. Statuses are X11's, so the user reads the same sentences on either session: 10
-// (BadAccess) when the desktop gave the key to something else or the user declined, 2 (BadValue)
-// for a key that has no name, 17 (BadImplementation) when the portal failed.
+// says. Statuses reuse the X protocol's numbers where the meaning is the same (PlatformTerms'
+// Wayland table words them): 10 (BadAccess) when the desktop gave the key to something else, 2
+// (BadValue) for a key that has no name, 17 (BadImplementation) when the portal failed; 11 when the
+// user declined, 12 when the desktop keeps another key for the shortcut and 18 when it ended the
+// session.
 class PortalGlobalShortcuts final : public QObject, public HotKeyService {
     Q_OBJECT
 public:
@@ -40,7 +42,10 @@ public:
 
     static constexpr std::int32_t noSuchKeyStatus = 2;
     static constexpr std::int32_t refusedStatus = 10;
+    static constexpr std::int32_t declinedStatus = 11;
+    static constexpr std::int32_t keptOtherKeyStatus = 12;
     static constexpr std::int32_t portalFailedStatus = 17;
+    static constexpr std::int32_t sessionEndedStatus = 18;
 
     // The shortcut's id within the session, stable so the desktop remembers the user's choice.
     static constexpr const char* shortcutId = "rewrite-selection";
@@ -57,6 +62,8 @@ public:
     // itself is opened by the first registration. Never blocks the event loop.
     QCoro::Task<Availability> probe();
     bool isAvailable() const { return available_; }
+    // Why probe() found the portal absent (PortalProbe's word); empty while it is available.
+    const QString& absence() const { return absence_; }
     bool isOpen() const { return !sessionHandle_.isEmpty(); }
 
     // Runs on the main thread when a registration answered with success is refused afterwards.
@@ -124,6 +131,7 @@ private:
     std::map<Handle, Registration> registrations_;
     Handle nextHandle_ = 1;
     bool available_ = false;
+    QString absence_;
     bool hasBound_ = false; // a binding succeeded in this process
     bool held_ = false;
     bool backendReportsRelease_ = false;
