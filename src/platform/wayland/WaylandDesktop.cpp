@@ -9,6 +9,7 @@
 #include "platform/wayland/SwayIpcWorkspace.h"
 #include "platform/wayland/VirtualKeyboardEvents.h"
 #include "platform/wayland/WaylandConnection.h"
+#include "platform/wayland/WaylandPrimarySelection.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/XcbConnection.h"
 
@@ -34,6 +35,10 @@ WaylandDesktop::Result WaylandDesktop::connect(std::unique_ptr<WaylandConnection
     facts.dataControl = dataControl->isUsable();
     if (facts.dataControl) {
         desktop->dataControl_ = dataControl.get();
+        if (dataControl->carriesPrimary()) {
+            desktop->primarySelection_ =
+                std::make_unique<WaylandPrimarySelection>(*dataControl, *desktop->workspace_);
+        }
 
         desktop->pasteboard_ = std::move(dataControl);
     } else if ((desktop->xwayland_ = x11::XcbConnection::open())) {
@@ -74,10 +79,15 @@ WaylandDesktop::~WaylandDesktop() {
     accessibility_.reset();
     hotKeys_.reset();
     keyboard_.reset();
+    primarySelection_.reset();
     pasteboard_.reset();
     workspace_.reset();
     xwayland_.reset();
     connection_.reset();
+}
+
+PrimarySelection* WaylandDesktop::primarySelection() {
+    return primarySelection_.get();
 }
 
 AccessibilityApi& WaylandDesktop::accessibility() {

@@ -11,10 +11,13 @@
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
 #include "core/selection/TextSelectionReplacer.h"
+#include "platform/wayland/WaylandPrimarySelection.h"
 
 #include <QFile>
 
 #include <algorithm>
+
+#include <xkbcommon/xkbcommon-keysyms.h>
 
 namespace parlune::test {
 namespace {
@@ -162,32 +165,38 @@ TEST_F(ClipboardWaylandTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeft
 }
 
 // foot runs a raw-mode `cat` that writes every byte it reads to a file: a Control+C would arrive
-// there as byte 3 (and in cooked mode end the program). The terminal is copied from with
-// Control+Shift+C, which foot keeps for itself.
-TEST_F(ClipboardWaylandTest, TerminalNeverReceivesControlC) {
+// there as byte 3 (and in cooked mode end the program), and so would Control+Shift+C with nothing
+// selected. The selection, made with foot's search mode, is read from the primary selection
+// without a single key sent, and the replacement is refused rather than typed into the program.
+TEST_F(ClipboardWaylandTest, TerminalSelectionIsReadFromPrimaryWithoutAnyKey) {
+    ASSERT_TRUE(pasteboard->carriesPrimary()) << "sway offers data-control version 2";
+    wayland::WaylandPrimarySelection primary(*pasteboard, *workspace);
+    replacer->setPrimarySelection(&primary);
     const QString typed = SwaySession::current()->directory() + QStringLiteral("/typed.bin");
-    WaylandEditor terminal(
-        *workspace, *typist,
-        {QStringLiteral("foot"), QStringLiteral("sh"), QStringLiteral("-c"),
-         QStringLiteral("stty raw -echo; printf ready > \"$0.ready\"; exec cat > \"$0\"")});
+    WaylandEditor terminal(*workspace, *typist,
+                           {QStringLiteral("foot"), QStringLiteral("sh"), QStringLiteral("-c"),
+                            QStringLiteral("stty raw -echo; printf 'alpha beta gamma'; printf ready > "
+                                           "\"$0.ready\"; exec cat > \"$0\"")});
     ASSERT_TRUE(terminal.open(QString(), QStringLiteral("typed.bin")));
     ASSERT_TRUE(pumpUntil([&] { return QFile::exists(typed + QStringLiteral(".ready")); }, 5000));
     ASSERT_EQ(workspace->bundleIdentifier(terminal.pid()), QStringLiteral("foot"));
+    EXPECT_THROW(capture(), TextReplacementError) << "nothing is selected yet";
 
-    try {
-        capture();
-    } catch (const std::exception&) {
-        // Nothing is selected in the terminal, so nothing is copied; the keys it got matter here.
+    // Search for "beta" and commit it: foot puts the match in the primary selection.
+    for (const std::uint32_t key : {XKB_KEY_b, XKB_KEY_e, XKB_KEY_t, XKB_KEY_a, XKB_KEY_Return}) {
+        ASSERT_TRUE(key != XKB_KEY_b || typist->tap(XKB_KEY_r, true, true));
+        ASSERT_TRUE(typist->tap(key));
     }
-    ASSERT_FALSE(keys->sent.empty());
-    for (const KeyChord& chord : keys->sent) {
-        EXPECT_TRUE(chord.keyCode != KeyboardEvents::keyCodeC || (chord.modifiers & KeyChord::shift))
-            << "a plain Control+C was sent to the terminal";
-    }
+    ASSERT_TRUE(
+        pumpUntil([&] { return finish(pasteboard->primaryTextAsync()) == QStringLiteral("beta"); }, 5000));
+    const CapturedSelection selection = capture();
+    EXPECT_EQ(selection.text(), QStringLiteral("beta"));
+    EXPECT_THROW(finish(replacer->replace(QStringLiteral("DELTA"), selection, {})), TextReplacementError);
+    EXPECT_TRUE(keys->sent.empty());
     pumpFor(300);
     QFile file(typed);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_FALSE(file.readAll().contains('\x03'));
+    EXPECT_EQ(file.readAll(), QByteArray()) << "no byte reached the program";
 }
 
 } // namespace
