@@ -168,6 +168,19 @@ wayland::WaylandDesktop::Options ApplicationServices::waylandOptions(WaylandPort
     return ports;
 }
 
+void ApplicationServices::setHotKeyChosenByDesktopHandler(
+    std::function<void(const HotKeyShortcut&)> handler) {
+    if (desktop_ && portalShortcuts_) {
+        portalShortcuts_->setTriggerChangedHandler(
+            [handler = std::move(handler)](const QString& description) {
+                if (const std::optional<HotKeyShortcut> chosen = portal::PortalGlobalShortcuts::shortcutFor(
+                        description, &x11::X11KeyTable::macKeyCodeFor)) {
+                    handler(*chosen);
+                }
+            });
+    }
+}
+
 void ApplicationServices::setHotKeyRefusalHandler(std::function<void(std::int32_t)> handler) {
     if (desktop_ && portalShortcuts_) {
         portalShortcuts_->setRefusalHandler(std::move(handler));

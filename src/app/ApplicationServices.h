@@ -23,6 +23,7 @@ class ClipboardManager;
 class CredentialStore;
 class DiagnosticsLogger;
 class HotKeyManager;
+struct HotKeyShortcut;
 class LocalRewriteEngine;
 class MemoryPressureSource;
 class ModelScanner;
@@ -112,6 +113,10 @@ public:
 
     // Copy and paste for the settings window's sample field, through this program's clipboard port.
     FieldClipboard fieldClipboard();
+
+    // Runs when the desktop binds another key to the shortcut (the user chose it in the desktop's
+    // settings), with that key as a stored shortcut.
+    void setHotKeyChosenByDesktopHandler(std::function<void(const HotKeyShortcut&)> handler);
 
     // Runs when the desktop refuses the shortcut after accepting it (the shortcuts portal).
     void setHotKeyRefusalHandler(std::function<void(std::int32_t status)> handler);

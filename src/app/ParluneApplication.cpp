@@ -252,6 +252,12 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
                     self->rewriteSelection();
                 }
             });
+        services_.setHotKeyChosenByDesktopHandler(
+            [weak = lifetime_.weak(this)](const HotKeyShortcut& chosen) {
+                if (ParluneApplication* self = weak.lock()) {
+                    self->shortcutRegistration_->adoptDesktopChoice(chosen);
+                }
+            });
         services_.setHotKeyRefusalHandler([weak = lifetime_.weak(this)](std::int32_t status) {
             if (ParluneApplication* self = weak.lock()) {
                 self->shortcutRegistration_->refusedAfterRegistering(status);

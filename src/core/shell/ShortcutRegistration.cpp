@@ -79,6 +79,20 @@ void ShortcutRegistration::registerHotKey(bool reportFailure, bool force) {
     reportRefusal(selected, *refused, reportFailure);
 }
 
+void ShortcutRegistration::adoptDesktopChoice(const HotKeyShortcut& chosen) {
+    const HotKeyShortcut stored = settings_.selectedHotKey();
+    if (registered_) {
+        registered_ = chosen;
+        readiness_.setHotKeyReady(true);
+        readiness_.setHotKeyRegistrationError(std::nullopt);
+    }
+    if (stored.keyCode == chosen.keyCode && stored.carbonModifiers == chosen.carbonModifiers) {
+        return;
+    }
+    settings_.saveHotKey(chosen);
+    diagnostics_.logEvent(QStringLiteral("hotkey_change"), QStringLiteral("chosen_in_desktop"));
+}
+
 void ShortcutRegistration::refusedAfterRegistering(std::int32_t status) {
     if (registered_) {
         // The desktop no longer delivers it: unregistered so that a retry starts clean.

@@ -38,6 +38,11 @@ public:
     // or gives the key to another program): the same sentence as a refusal at once, always shown.
     void refusedAfterRegistering(std::int32_t status);
 
+    // The desktop bound `chosen` to our shortcut (the user picked it in the desktop's own settings):
+    // it is stored, so the settings window shows it, and only when it differs from the stored one;
+    // while registered it counts as what is registered, so storing it binds nothing again.
+    void adoptDesktopChoice(const HotKeyShortcut& chosen);
+
     // The shortcut registered now; none after a failure with nothing to fall back to.
     std::optional<HotKeyShortcut> registeredHotKey() const { return registered_; }
 

@@ -132,6 +132,26 @@ TEST_F(ShortcutRegistrationTest, OnWaylandARefusalSaysWhatTheDesktopDidNotAnX11E
     EXPECT_FALSE(shown_.back().contains("X11"));
 }
 
+TEST_F(ShortcutRegistrationTest, AKeyChosenInTheDesktopIsStoredOnceAndBindsNothingAgain) {
+    registration_.registerHotKey(true, true);
+    const std::size_t calls = service_.calls.size();
+    int saves = 0;
+    auto subscription = settings_.changed.connect([&](SettingsStore::Field) { ++saves; });
+
+    registration_.adoptDesktopChoice(optionTab);
+    EXPECT_EQ(settings_.selectedHotKey(), optionTab);
+    EXPECT_EQ(registration_.registeredHotKey(), optionTab);
+    const int savesOfOneShortcut = saves;
+    EXPECT_GT(savesOfOneShortcut, 0);
+    // What the settings watcher does next, and the desktop's second report of the same key.
+    registration_.registerHotKey(true, false);
+    registration_.adoptDesktopChoice(HotKeyShortcut{optionTab.keyCode, optionTab.carbonModifiers, "Alt+Tab"});
+    EXPECT_EQ(saves, savesOfOneShortcut);
+    EXPECT_EQ(service_.calls.size(), calls) << "no registration went to the desktop";
+    EXPECT_TRUE(readiness_.hotKeyReady());
+    EXPECT_TRUE(shown_.empty());
+}
+
 TEST_F(ShortcutRegistrationTest, UnforcedRegistrationOfTheReadyShortcutDoesNothing) {
     registration_.registerHotKey(true, true);
     const std::size_t calls = service_.calls.size();

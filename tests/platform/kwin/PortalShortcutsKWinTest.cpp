@@ -177,6 +177,19 @@ TEST_F(PortalShortcutsOnKWin, AKeyTheUserPicksInSystemSettingsIsReportedDelivere
         pumpUntil([&] { return shortcuts_->boundTrigger() == QStringLiteral("Alt+R"); }, deliveryTimeoutMs))
         << shortcuts_->boundTrigger().toStdString();
     EXPECT_EQ(triggers.last(), QStringLiteral("Alt+R"));
+    // The application stores it as its shortcut and registers that: the desktop binds it already,
+    // so no new session is opened and nothing is reported again.
+    const std::optional<HotKeyShortcut> chosen =
+        PortalGlobalShortcuts::shortcutFor(triggers.last(), &x11::X11KeyTable::macKeyCodeFor);
+    ASSERT_TRUE(chosen);
+    EXPECT_EQ(chosen->keyCode, key_code::r);
+    EXPECT_EQ(chosen->carbonModifiers, carbon_modifier::option);
+    const qsizetype reports = triggers.size();
+    manager.registerShortcut(*chosen, [&] { ++presses; });
+    ASSERT_TRUE(waitForBinding());
+    pumpFor(300);
+    EXPECT_EQ(triggers.size(), reports);
+    EXPECT_TRUE(refusals_.empty());
 
     KWinFakeKeyboard keyboard(session_.waylandSocketPath());
     ASSERT_TRUE(keyboard.tap({KWinFakeKeyboard::leftAlt, KWinFakeKeyboard::r}));

@@ -6,6 +6,7 @@
 #include "support/FakeUserDefaults.h"
 #include "support/FixedFrontApplication.h"
 #include "support/RunTask.h"
+#include "support/ScopedPlatformTerms.h"
 
 #include <QDBusArgument>
 #include <QDBusConnectionInterface>
@@ -65,6 +66,36 @@ TEST(PortalTriggerText, NoKeyOrAnotherChordIsNotTheShortcut) {
         PortalGlobalShortcuts::describesTrigger(QStringLiteral("Space"), QStringLiteral("ALT+space")));
     EXPECT_FALSE(PortalGlobalShortcuts::describesTrigger(QStringLiteral("Ctrl+Alt+Space"),
                                                          QStringLiteral("ALT+space")));
+}
+
+TEST(PortalTriggerText, TheDesktopsDescriptionBecomesAStoredShortcutInOurWords) {
+    testing::ScopedPlatformTerms linuxWords(PlatformTerms::linux());
+    const auto keyCodeFor = [](std::uint32_t keysym) -> std::optional<std::uint32_t> {
+        switch (keysym) {
+        case keysymR:
+        case 0x52: // R
+            return key_code::r;
+        case keysymEscape:
+            return key_code::escape;
+        case keysymSpace:
+            return key_code::space;
+        default:
+            return std::nullopt;
+        }
+    };
+    EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QStringLiteral("Alt+R"), keyCodeFor),
+              (HotKeyShortcut{key_code::r, carbon_modifier::option, QStringLiteral("Alt+R")}));
+    EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QStringLiteral("Shift+Ctrl+Esc, Meta+R"), keyCodeFor),
+              (HotKeyShortcut{key_code::escape, carbon_modifier::control | carbon_modifier::shift,
+                              QStringLiteral("Ctrl+Shift+Escape")}));
+    EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QStringLiteral("Meta+Space"), keyCodeFor)->displayName,
+              QStringLiteral("Super+Space"));
+    // No modifier, a key our table lacks, two keys, nothing bound: nothing to store.
+    for (const char* description : {"R", "Alt+F13", "Alt+R+Space", ""}) {
+        EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QString::fromLatin1(description), keyCodeFor),
+                  std::nullopt)
+            << description;
+    }
 }
 
 // A bus of its own with no services to start, so no real portal can answer on it.

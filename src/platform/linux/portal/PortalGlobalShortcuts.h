@@ -2,6 +2,7 @@
 
 #include "core/async/TaskHandle.h"
 #include "core/async/WeakRef.h"
+#include "core/hotkeys/HotKeyShortcut.h"
 #include "core/platform/HotKeyService.h"
 
 #include <QCoro/QCoroTask>
@@ -39,6 +40,8 @@ class PortalGlobalShortcuts final : public QObject, public HotKeyService {
 public:
     // The X keysym (also XKB's) for a stored key code; the platform's key table.
     using KeysymLookup = std::function<std::optional<std::uint32_t>(std::uint32_t macKeyCode)>;
+    // The reverse: the stored key code of an X keysym.
+    using KeyCodeLookup = std::function<std::optional<std::uint32_t>(std::uint32_t keysym)>;
 
     static constexpr std::int32_t noSuchKeyStatus = 2;
     static constexpr std::int32_t refusedStatus = 10;
@@ -84,6 +87,11 @@ public:
     // Whether the desktop's description ("Alt+Space", "Ctrl+Shift+Esc") names the same chord as a
     // portal trigger; a desktop that describes keys in its own words compares unequal.
     static bool describesTrigger(const QString& description, const QString& trigger);
+    // The desktop's description of a key ("Ctrl+Shift+Esc"; of several, the first) as a stored
+    // shortcut named in this platform's words; nullopt without a modifier or for a key `keyCodeFor`
+    // does not know.
+    static std::optional<HotKeyShortcut> shortcutFor(const QString& description,
+                                                     const KeyCodeLookup& keyCodeFor);
 
     Result installHandler(Handler handler) override;
     Result registerHotKey(std::uint32_t keyCode, std::uint32_t modifiers,
