@@ -57,12 +57,8 @@ void selectWord(KWinFakeKeyboard& keys) {
 } // namespace
 
 int main(int argc, char** argv) {
-    bench::RunOptions options;
-    for (int i = 1; i < argc; ++i) {
-        options.take(i, argc, argv);
-    }
+    const bench::RunOptions options = bench::RunOptions::parse(argc, argv);
     const int runs = options.runs;
-    const bool useAccessibility = options.useAccessibility;
     atspi::AtspiAccessibility::prepareProcess();
     QCoreApplication app(argc, argv);
     test::KWinSession session;
@@ -99,12 +95,9 @@ int main(int argc, char** argv) {
     }
     atspi::AtspiAccessibility accessibilityBus(
         workspace, [] { return true; }, worker);
-    test::NoAccessibilityBus noBus;
-    AccessibilityApi& accessibility =
-        useAccessibility ? static_cast<AccessibilityApi&>(accessibilityBus) : noBus;
-    ClipboardManager clipboard(pasteboard);
-    TextSelectionReplacer replacer(accessibility, workspace, clipboard, keyboard,
-                                   AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
+    bench::TimedPipeline pipeline(options, accessibilityBus, workspace, pasteboard, keyboard);
+    ClipboardManager& clipboard = pipeline.clipboard;
+    TextSelectionReplacer& replacer = pipeline.replacer;
 
     // The user's clipboard: something of their own for every restore to bring back.
     auto userClipboard =
@@ -167,7 +160,7 @@ int main(int argc, char** argv) {
     bench::timeRestores(clipboard, runs, stats);
 
     std::printf("pipeline overhead on KWin, Qt editor, %d runs, %s, instant model (ms)\n", runs,
-                useAccessibility ? "AT-SPI on" : "selection by copy");
+                options.useAccessibility ? "AT-SPI on" : "selection by copy");
     bench::printStages(stats);
     std::printf("failed runs: %d\n", failures);
     for (auto* program : {editor.get(), userClipboard.get()}) {

@@ -1,17 +1,13 @@
 // The Wayland ports against real clients of a headless sway: wl-copy and wl-paste as the user's
 // other programs, mousepad as the editor, foot as the terminal.
 #include "DesktopSession.h"
-#include "InterceptedKeyboard.h"
-#include "NoAccessibilityBus.h"
 #include "TaskRunner.h"
 #include "WaylandDesktopTest.h"
 #include "WaylandEditor.h"
 #include "WlClipboard.h"
-#include "core/async/Clock.h"
-#include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
-#include "core/selection/TextSelectionReplacer.h"
 #include "platform/wayland/WaylandPrimarySelection.h"
+#include "support/desktop/PasteInPlaceChecks.h"
 
 #include <QFile>
 
@@ -22,25 +18,19 @@
 namespace parlune::test {
 namespace {
 
-class ClipboardWaylandTest : public WaylandDesktopTest {
+class ClipboardWaylandTest : public WaylandDesktopTest, protected CopyPasteParts<WaylandEditor> {
 protected:
     void SetUp() override {
         WaylandDesktopTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) {
             return;
         }
-        keys = std::make_unique<InterceptedKeyboard>(*keyboard);
-        clipboard = std::make_unique<ClipboardManager>(*pasteboard);
-        replacer = std::make_unique<TextSelectionReplacer>(accessibility, *workspace, *clipboard, *keys,
-                                                           AppCompatibilityRegistry::defaultRegistry(),
-                                                           SystemClock::shared());
+        makePath(*workspace, *pasteboard, *keyboard);
         editor = std::make_unique<WaylandEditor>(*workspace, *typist);
     }
     void TearDown() override {
         editor.reset();
-        replacer.reset();
-        clipboard.reset();
-        keys.reset();
+        path.reset();
         WaylandDesktopTest::TearDown();
     }
 
@@ -78,13 +68,6 @@ protected:
         }
     }
 
-    CapturedSelection capture() { return finish(replacer->capture({})); }
-
-    NoAccessibilityBus accessibility;
-    std::unique_ptr<InterceptedKeyboard> keys;
-    std::unique_ptr<ClipboardManager> clipboard;
-    std::unique_ptr<TextSelectionReplacer> replacer;
-    std::unique_ptr<WaylandEditor> editor;
     QStringList userTypes;
     std::vector<QByteArray> userData;
 };
@@ -119,46 +102,20 @@ TEST_F(ClipboardWaylandTest, BinaryDataWithNulBytesComesBackByteForByte) {
     EXPECT_EQ(WlClipboard::paste(QStringLiteral("image/png")), image);
 }
 
-TEST_F(ClipboardWaylandTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUsersClipboardByteForByte) {
+TEST_F(ClipboardWaylandTest, SelectionIsCopiedThenReplacedInPlaceAndTheUsersClipboardComesBackEachTime) {
     giveUserText();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
-
-    const CapturedSelection selection = capture();
-    EXPECT_EQ(selection.text(), QStringLiteral("beta"));
-    EXPECT_EQ(selection.applicationProcessIdentifier(), editor->pid());
-    EXPECT_EQ(selection.applicationBundleIdentifier(), QStringLiteral("mousepad"));
-    expectUserClipboardRestored();
-}
-
-TEST_F(ClipboardWaylandTest, ReplacementIsPastedInPlaceAndTheUsersClipboardComesBack) {
-    giveUserText();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
-    const CapturedSelection selection = capture();
-    ASSERT_EQ(selection.text(), QStringLiteral("beta"));
-
-    finish(replacer->replace(QStringLiteral("D\u00c9LTA \U0001F600"), selection, {}));
-    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha D\u00c9LTA \U0001F600 gamma"));
-    expectUserClipboardRestored();
+    std::optional<CapturedSelection> selection;
+    ASSERT_NO_FATAL_FAILURE(
+        captureAndPasteInPlace(*editor, *replacer, selection, [&] { expectUserClipboardRestored(); }));
+    EXPECT_EQ(selection->applicationBundleIdentifier(), QStringLiteral("mousepad"));
 }
 
 TEST_F(ClipboardWaylandTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeftAlone) {
     giveUserText();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
-    const CapturedSelection selection = capture();
-
-    keys->afterKey = [&](std::uint16_t key) {
-        if (key == KeyboardEvents::keyCodeV) {
-            WlClipboard::copy(QByteArrayLiteral("newer words"));
-        }
-    };
-    try {
-        finish(replacer->replace(QStringLiteral("DELTA"), selection, {}));
-    } catch (const TextReplacementError&) {
-        // Whether the paste was confirmed does not matter here; the clipboard does.
-    }
+    std::optional<CapturedSelection> selection;
+    ASSERT_NO_FATAL_FAILURE(captureBeta(*editor, *replacer, selection));
+    replaceWhileAnotherClientWrites(*replacer, *selection, keys->afterKey,
+                                    [] { WlClipboard::copy(QByteArrayLiteral("newer words")); });
     pumpFor(500);
     EXPECT_EQ(WlClipboard::paste(QStringLiteral("text/plain;charset=utf-8")),
               QByteArrayLiteral("newer words"));
