@@ -8,9 +8,10 @@
 
 namespace parlune::test {
 
-// This process's connection to the test compositor, or null (with the reason on stderr).
+// This process's connection to the test compositor, or null (with the reason on stderr). A
+// compositor just started on a loaded machine may take seconds to answer its first client.
 inline std::unique_ptr<wayland::WaylandConnection> connectToCompositor() {
-    wayland::WaylandConnection::Opened opened = runTask(wayland::WaylandConnection::open(), 10000);
+    wayland::WaylandConnection::Opened opened = runTask(wayland::WaylandConnection::open(10000), 15000);
     if (auto* connection = std::get_if<std::unique_ptr<wayland::WaylandConnection>>(&opened)) {
         return std::move(*connection);
     }
