@@ -87,6 +87,10 @@ void ShortcutRegistration::adoptDesktopChoice(const HotKeyShortcut& chosen) {
         readiness_.setHotKeyRegistrationError(std::nullopt);
     }
     if (stored.keyCode == chosen.keyCode && stored.carbonModifiers == chosen.carbonModifiers) {
+        if (!registered_) {
+            // Refused before, bound now: presses are only delivered to a registration.
+            registerHotKey(false, true);
+        }
         return;
     }
     settings_.saveHotKey(chosen);
@@ -97,7 +101,8 @@ void ShortcutRegistration::refusedAfterRegistering(std::int32_t status) {
     if (registered_) {
         // The desktop no longer delivers it: unregistered so that a retry starts clean.
         hotKeys_.unregister();
-        reportRefusal(*registered_, status, true);
+        const HotKeyShortcut refused = *registered_; // reportRefusal clears registered_
+        reportRefusal(refused, status, true);
     }
 }
 

@@ -46,7 +46,7 @@ QCoro::Task<WaylandConnection::Opened> WaylandConnection::open(int timeoutMs) {
     });
     QTimer::singleShot(timeoutMs, [listed, timeoutMs]() mutable {
         listed.resume(QStringLiteral("The Wayland compositor (WAYLAND_DISPLAY=%1) accepted Parlune's "
-                                     "connection but did not answer within %2 seconds.")
+                                     "connection but did not answer within %2 s.")
                           .arg(displayName())
                           .arg(timeoutMs / 1000.0));
     });

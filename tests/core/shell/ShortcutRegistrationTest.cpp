@@ -150,6 +150,12 @@ TEST_F(ShortcutRegistrationTest, AKeyChosenInTheDesktopIsStoredOnceAndBindsNothi
     EXPECT_EQ(service_.calls.size(), calls) << "no registration went to the desktop";
     EXPECT_TRUE(readiness_.hotKeyReady());
     EXPECT_TRUE(shown_.empty());
+
+    // Refused later, then bound by the desktop again under the stored key: registered once more.
+    registration_.refusedAfterRegistering(testing::FakeHotKeyService::alreadyTakenStatus);
+    registration_.adoptDesktopChoice(optionTab);
+    EXPECT_EQ(registration_.registeredHotKey(), optionTab);
+    EXPECT_TRUE(readiness_.hotKeyReady());
 }
 
 TEST_F(ShortcutRegistrationTest, UnforcedRegistrationOfTheReadyShortcutDoesNothing) {
