@@ -8,6 +8,7 @@
 // (--no-accessibility: the selection is taken by copy and paste, as for an application that shows
 // no text on the bus; the application in front still comes from the bus.)
 // Prints median and 95th percentile in milliseconds. The selected text is never printed.
+#include "CompositorConnection.h"
 #include "KWinFakeKeyboard.h"
 #include "KWinSession.h"
 #include "NoAccessibilityBus.h"
@@ -56,12 +57,8 @@ void selectWord(KWinFakeKeyboard& keys) {
 } // namespace
 
 int main(int argc, char** argv) {
-    bench::RunOptions options;
-    for (int i = 1; i < argc; ++i) {
-        options.take(i, argc, argv);
-    }
+    const bench::RunOptions options = bench::RunOptions::parse(argc, argv);
     const int runs = options.runs;
-    const bool useAccessibility = options.useAccessibility;
     atspi::AtspiAccessibility::prepareProcess();
     QCoreApplication app(argc, argv);
     test::KWinSession session;
@@ -77,7 +74,7 @@ int main(int argc, char** argv) {
     qunsetenv("DISPLAY");
     QDBusConnection bus = session.connect(QStringLiteral("parlune-kwin-pipeline-bench"));
 
-    auto connection = wayland::WaylandConnection::open();
+    auto connection = test::connectToCompositor();
     auto worker = atspi::AtspiWorker::start();
     if (!connection || !worker->waitForBus(10'000)) {
         std::fprintf(stderr, "cannot reach the compositor or the accessibility bus\n");
@@ -98,12 +95,9 @@ int main(int argc, char** argv) {
     }
     atspi::AtspiAccessibility accessibilityBus(
         workspace, [] { return true; }, worker);
-    test::NoAccessibilityBus noBus;
-    AccessibilityApi& accessibility =
-        useAccessibility ? static_cast<AccessibilityApi&>(accessibilityBus) : noBus;
-    ClipboardManager clipboard(pasteboard);
-    TextSelectionReplacer replacer(accessibility, workspace, clipboard, keyboard,
-                                   AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
+    bench::TimedPipeline pipeline(options, accessibilityBus, workspace, pasteboard, keyboard);
+    ClipboardManager& clipboard = pipeline.clipboard;
+    TextSelectionReplacer& replacer = pipeline.replacer;
 
     // The user's clipboard: something of their own for every restore to bring back.
     auto userClipboard =
@@ -166,7 +160,7 @@ int main(int argc, char** argv) {
     bench::timeRestores(clipboard, runs, stats);
 
     std::printf("pipeline overhead on KWin, Qt editor, %d runs, %s, instant model (ms)\n", runs,
-                useAccessibility ? "AT-SPI on" : "selection by copy");
+                options.useAccessibility ? "AT-SPI on" : "selection by copy");
     bench::printStages(stats);
     std::printf("failed runs: %d\n", failures);
     for (auto* program : {editor.get(), userClipboard.get()}) {

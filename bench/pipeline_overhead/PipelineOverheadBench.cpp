@@ -52,7 +52,6 @@ int main(int argc, char** argv) {
         }
     }
     const int runs = options.runs;
-    const bool useAccessibility = options.useAccessibility;
     atspi::AtspiAccessibility::prepareProcess();
     test::DesktopSession session;
     if (!session.start(QStringLiteral(PARLUNE_TEST_OPENBOX_RC))) {
@@ -67,12 +66,9 @@ int main(int argc, char** argv) {
     x11::X11Pasteboard pasteboard(*connection);
     x11::XTestKeyboardEvents keyboard(*connection, workspace);
     atspi::AtspiAccessibility accessibilityBus(workspace, [&] { return keyboard.isAvailable(); });
-    test::NoAccessibilityBus noBus;
-    AccessibilityApi& accessibility =
-        useAccessibility ? static_cast<AccessibilityApi&>(accessibilityBus) : noBus;
-    ClipboardManager clipboard(pasteboard);
-    TextSelectionReplacer replacer(accessibility, workspace, clipboard, keyboard,
-                                   AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
+    bench::TimedPipeline pipeline(options, accessibilityBus, workspace, pasteboard, keyboard);
+    ClipboardManager& clipboard = pipeline.clipboard;
+    TextSelectionReplacer& replacer = pipeline.replacer;
     auto service = x11::XcbHotKeyService::forApplication();
     HotKeyManager hotkeys(*service);
 
@@ -86,7 +82,7 @@ int main(int argc, char** argv) {
     QString document = QStringLiteral("alpha beta gamma");
     QString fileName = QStringLiteral("document.txt");
     if (target == "featherpad") {
-        command = test::featherPadCommand(useAccessibility);
+        command = test::featherPadCommand(options.useAccessibility);
     } else if (target == "chromium") {
         command = test::chromiumCommand(session.directory() + QStringLiteral("/chromium-profile"));
         document = QString::fromUtf8(test::fieldsPage);
@@ -136,7 +132,7 @@ int main(int argc, char** argv) {
     bench::timeRestores(clipboard, runs, stats);
 
     std::printf("pipeline overhead, %s, %d runs, %s, shortcut held %d ms, instant model (ms)\n",
-                target.c_str(), runs, useAccessibility ? "AT-SPI on" : "no accessibility", holdMs);
+                target.c_str(), runs, options.useAccessibility ? "AT-SPI on" : "no accessibility", holdMs);
     bench::printStages(stats);
     std::printf("failed runs: %d\n", failures);
     hotkeys.unregister();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "NoAccessibilityBus.h"
+#include "core/async/Clock.h"
 #include "core/selection/ClipboardManager.h"
 #include "core/selection/TextSelectionReplacer.h"
 #include "support/RunTask.h"
@@ -49,6 +51,15 @@ struct RunOptions {
     int runs = 30;
     bool useAccessibility = true;
 
+    // The options of a bench's command line; others are left for the bench.
+    static RunOptions parse(int argc, char** argv) {
+        RunOptions options;
+        for (int i = 1; i < argc; ++i) {
+            options.take(i, argc, argv);
+        }
+        return options;
+    }
+
     // Takes argv[i] (and its value, moving i on) if it is one of these; false otherwise.
     bool take(int& i, int argc, char** argv) {
         const std::string arg = argv[i];
@@ -61,6 +72,20 @@ struct RunOptions {
         }
         return true;
     }
+};
+
+// What each bench times: the selection replacer over a desktop's ports, reading the selection
+// through the accessibility bus or, with --no-accessibility, only through the copy.
+struct TimedPipeline {
+    TimedPipeline(const RunOptions& options, AccessibilityApi& accessibilityBus, Workspace& workspace,
+                  Pasteboard& pasteboard, KeyboardEvents& keyboard)
+        : clipboard(pasteboard),
+          replacer(options.useAccessibility ? accessibilityBus : noBus, workspace, clipboard, keyboard,
+                   AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared()) {}
+
+    test::NoAccessibilityBus noBus;
+    ClipboardManager clipboard;
+    TextSelectionReplacer replacer;
 };
 
 // One rewrite with the instant model (it flips the word's case, so the next run finds a selection

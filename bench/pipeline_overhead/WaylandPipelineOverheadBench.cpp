@@ -5,6 +5,7 @@
 // clipboard restore) and a clipboard restore on their own. Run by hand:
 //   parlune-bench-wayland-pipeline-overhead [--runs N] [--no-accessibility]
 // Prints median and 95th percentile in milliseconds. The selected text is never printed.
+#include "CompositorConnection.h"
 #include "NoAccessibilityBus.h"
 #include "StageTimes.h"
 #include "SwaySession.h"
@@ -34,12 +35,8 @@ using namespace parlune;
 using bench::since;
 
 int main(int argc, char** argv) {
-    bench::RunOptions options;
-    for (int i = 1; i < argc; ++i) {
-        options.take(i, argc, argv);
-    }
+    const bench::RunOptions options = bench::RunOptions::parse(argc, argv);
     const int runs = options.runs;
-    const bool useAccessibility = options.useAccessibility;
     atspi::AtspiAccessibility::prepareProcess();
     test::SwaySession session;
     if (!session.start()) {
@@ -49,7 +46,7 @@ int main(int argc, char** argv) {
     test::SwaySession::setCurrent(&session);
     QCoreApplication app(argc, argv);
 
-    auto connection = wayland::WaylandConnection::open();
+    auto connection = test::connectToCompositor();
     auto workspace = connection ? wayland::SwayIpcWorkspace::connect() : nullptr;
     if (!workspace) {
         std::fprintf(stderr, "cannot reach the compositor\n");
@@ -59,12 +56,9 @@ int main(int argc, char** argv) {
     wayland::VirtualKeyboardEvents keyboard(*connection, *workspace);
     test::Typist typist(*connection);
     atspi::AtspiAccessibility accessibilityBus(*workspace, [&] { return keyboard.isAvailable(); });
-    test::NoAccessibilityBus noBus;
-    AccessibilityApi& accessibility =
-        useAccessibility ? static_cast<AccessibilityApi&>(accessibilityBus) : noBus;
-    ClipboardManager clipboard(pasteboard);
-    TextSelectionReplacer replacer(accessibility, *workspace, clipboard, keyboard,
-                                   AppCompatibilityRegistry::defaultRegistry(), SystemClock::shared());
+    bench::TimedPipeline pipeline(options, accessibilityBus, *workspace, pasteboard, keyboard);
+    ClipboardManager& clipboard = pipeline.clipboard;
+    TextSelectionReplacer& replacer = pipeline.replacer;
 
     // The user's clipboard: something of their own for every restore to bring back.
     QProcess::startDetached(QStringLiteral("sh"),
@@ -106,7 +100,7 @@ int main(int argc, char** argv) {
     bench::timeRestores(clipboard, runs, stats);
 
     std::printf("pipeline overhead on sway, mousepad, %d runs, %s, instant model (ms)\n", runs,
-                useAccessibility ? "AT-SPI on" : "no accessibility");
+                options.useAccessibility ? "AT-SPI on" : "no accessibility");
     bench::printStages(stats);
     std::printf("failed runs: %d\n", failures);
     test::SwaySession::setCurrent(nullptr);

@@ -47,7 +47,7 @@ ApplicationServices::ApplicationServices(Options options) {
     // 3. desktop ports
     MemoryPressureSource* memoryPressure = nullptr;
     if (options.useDesktop) {
-        connectDesktop(std::move(options.waylandPortals));
+        connectDesktop(options);
         if (desktop_) {
             memoryPressure = &desktop_->memoryPressure();
         }
@@ -112,7 +112,7 @@ ApplicationServices::ApplicationServices(Options options) {
     catalogueProblem_ = std::move(catalogue.problem);
 }
 
-void ApplicationServices::connectDesktop(WaylandPortals portals) {
+void ApplicationServices::connectDesktop(Options& options) {
     const LinuxSession::Kind session = LinuxSession::detectFromEnvironment();
     if (std::optional<QString> reason = LinuxSession::missingDisplayReason(session)) {
         desktopProblem_ = std::move(reason);
@@ -128,9 +128,24 @@ void ApplicationServices::connectDesktop(WaylandPortals portals) {
     if (session == LinuxSession::Kind::x11) {
         take(x11::X11Desktop::connect());
         portalShortcuts_ = nullptr;
-    } else {
-        take(wayland::WaylandDesktop::connect(waylandOptions(std::move(portals))));
+        return;
     }
+    for (const auto& [portal, reason] : options.waylandPortals.absent) {
+        diagnostics_->logEvent(QStringLiteral("portal_probe"), portal + QStringLiteral("_absent"), reason);
+    }
+    if (!options.waylandCompositor) {
+        desktopProblem_ =
+            QStringLiteral("Parlune was started without a connection to the Wayland compositor.");
+        return;
+    }
+    auto* connection = std::get_if<0>(&*options.waylandCompositor);
+    if (!connection) {
+        desktopProblem_ = std::get<QString>(*options.waylandCompositor);
+        diagnostics_->logEvent(QStringLiteral("compositor_connect"), QStringLiteral("failed"));
+        return;
+    }
+    take(wayland::WaylandDesktop::connect(std::move(*connection),
+                                          waylandOptions(std::move(options.waylandPortals))));
 }
 
 wayland::WaylandDesktop::Options ApplicationServices::waylandOptions(WaylandPortals portals) {
@@ -153,9 +168,22 @@ wayland::WaylandDesktop::Options ApplicationServices::waylandOptions(WaylandPort
     return ports;
 }
 
-void ApplicationServices::setHotKeyRefusalHandler(std::function<void()> handler) {
+void ApplicationServices::setHotKeyChosenByDesktopHandler(
+    std::function<void(const HotKeyShortcut&)> handler) {
     if (desktop_ && portalShortcuts_) {
-        portalShortcuts_->setRefusalHandler([handler = std::move(handler)](std::int32_t) { handler(); });
+        portalShortcuts_->setTriggerChangedHandler(
+            [handler = std::move(handler)](const QString& description) {
+                if (const std::optional<HotKeyShortcut> chosen = portal::PortalGlobalShortcuts::shortcutFor(
+                        description, &x11::X11KeyTable::macKeyCodeFor)) {
+                    handler(*chosen);
+                }
+            });
+    }
+}
+
+void ApplicationServices::setHotKeyRefusalHandler(std::function<void(std::int32_t)> handler) {
+    if (desktop_ && portalShortcuts_) {
+        portalShortcuts_->setRefusalHandler(std::move(handler));
     }
 }
 

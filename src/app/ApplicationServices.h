@@ -4,10 +4,12 @@
 #include "app/WorkflowTestView.h"
 #include "core/models/ModelCatalogue.h"
 #include "platform/linux/DesktopPorts.h"
+#include "platform/wayland/WaylandConnection.h"
 #include "platform/wayland/WaylandDesktop.h"
 
 #include <QString>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -21,6 +23,7 @@ class ClipboardManager;
 class CredentialStore;
 class DiagnosticsLogger;
 class HotKeyManager;
+struct HotKeyShortcut;
 class LocalRewriteEngine;
 class MemoryPressureSource;
 class ModelScanner;
@@ -60,8 +63,10 @@ public:
         QString executable;     // for the autostart entry
         QString version;        // this build's version, for update checks
         bool useDesktop = true; // false: no ports, as in a session we cannot serve
-        // On Wayland: what the desktop's portals offer, probed before (absent: none is used).
+        // On Wayland: what the desktop's portals offer, probed before (absent: none is used), and
+        // the compositor connection opened before, or why there is none.
         WaylandPortals waylandPortals;
+        std::optional<wayland::WaylandConnection::Opened> waylandCompositor;
         // Tests only: rewrites go to this engine instead of the on-device model.
         std::shared_ptr<LocalRewriteEngine> rewriteEngineForTesting;
     };
@@ -109,8 +114,12 @@ public:
     // Copy and paste for the settings window's sample field, through this program's clipboard port.
     FieldClipboard fieldClipboard();
 
+    // Runs when the desktop binds another key to the shortcut (the user chose it in the desktop's
+    // settings), with that key as a stored shortcut.
+    void setHotKeyChosenByDesktopHandler(std::function<void(const HotKeyShortcut&)> handler);
+
     // Runs when the desktop refuses the shortcut after accepting it (the shortcuts portal).
-    void setHotKeyRefusalHandler(std::function<void()> handler);
+    void setHotKeyRefusalHandler(std::function<void(std::int32_t status)> handler);
 
     void setStatusReporter(std::weak_ptr<RewriteStatusReporting> reporter);
 
@@ -120,7 +129,7 @@ public:
     void shutdown(int drainMilliseconds = 5000);
 
 private:
-    void connectDesktop(WaylandPortals portals);
+    void connectDesktop(Options& options);
     wayland::WaylandDesktop::Options waylandOptions(WaylandPortals portals);
 
     std::unique_ptr<QSettingsUserDefaults> userDefaults_;

@@ -252,9 +252,15 @@ void ParluneApplication::registerHotKey(bool reportFailure, bool force) {
                     self->rewriteSelection();
                 }
             });
-        services_.setHotKeyRefusalHandler([weak = lifetime_.weak(this)] {
+        services_.setHotKeyChosenByDesktopHandler(
+            [weak = lifetime_.weak(this)](const HotKeyShortcut& chosen) {
+                if (ParluneApplication* self = weak.lock()) {
+                    self->shortcutRegistration_->adoptDesktopChoice(chosen);
+                }
+            });
+        services_.setHotKeyRefusalHandler([weak = lifetime_.weak(this)](std::int32_t status) {
             if (ParluneApplication* self = weak.lock()) {
-                self->shortcutRegistration_->refusedAfterRegistering();
+                self->shortcutRegistration_->refusedAfterRegistering(status);
             }
         });
     }

@@ -111,7 +111,14 @@ void SetupSectionView::refresh() {
                                    ? QStringLiteral("The bound command reaches Parlune. ") + *boundCommand_
                                    : *boundCommand_);
     } else {
-        hotKeyDetail_->setText(readiness_.hotKeyStatusText());
+        // The key box holds Alt plus one key; a shortcut chosen in the desktop's own settings may
+        // be any chord, so its whole name is said here.
+        const HotKeyShortcut stored = settings_.selectedHotKey();
+        const bool fitsKeyBox = stored.displayName.startsWith(PlatformTerms::current().optionPrefix()) &&
+                                stored.carbonModifiers == carbon_modifier::option;
+        hotKeyDetail_->setText(
+            (fitsKeyBox ? QString() : QStringLiteral("The shortcut is %1. ").arg(stored.displayName)) +
+            readiness_.hotKeyStatusText());
     }
     modelDetail_->setText(readiness_.modelStatusMessage());
     const QString file = modelFileSummary_ ? modelFileSummary_() : QString();

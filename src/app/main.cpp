@@ -5,6 +5,7 @@
 #include "app/ParluneApplication.h"
 #include "app/ParluneIcon.h"
 #include "app/WaylandPortals.h"
+#include "core/platform/PlatformTerms.h"
 #include "platform/atspi/AtspiAccessibility.h"
 #include "platform/linux/LinuxSession.h"
 #include "platform/linux/SessionInstance.h"
@@ -102,25 +103,33 @@ int main(int argc, char** argv) {
     parlune::TerminationSignals termination([] { QApplication::quit(); });
     std::unique_ptr<parlune::app::ApplicationServices> services;
     std::unique_ptr<parlune::app::ParluneApplication> application;
-    const auto launch = [&](parlune::app::WaylandPortals portals) {
+    const auto launch = [&](parlune::app::WaylandPortals portals,
+                            std::optional<parlune::wayland::WaylandConnection::Opened> compositor) {
         services = std::make_unique<parlune::app::ApplicationServices>(
             parlune::app::ApplicationServices::Options{.executable = QCoreApplication::applicationFilePath(),
                                                        .version = QStringLiteral(PARLUNE_VERSION),
-                                                       .waylandPortals = std::move(portals)});
+                                                       .waylandPortals = std::move(portals),
+                                                       .waylandCompositor = std::move(compositor)});
         application =
             std::make_unique<parlune::app::ParluneApplication>(*services, QStringLiteral(PARLUNE_VERSION));
         controller = application.get();
         application->applicationDidFinishLaunching();
     };
-    // On Wayland the ports depend on the desktop's portals, asked while the event loop runs.
+    // On Wayland the ports depend on the desktop's portals and the compositor's globals, both asked
+    // at once while the event loop runs; each gives up after a few seconds.
     const auto probeThenLaunch = [&]() -> QCoro::Task<void> {
-        launch(co_await parlune::app::WaylandPortals::probe(QDBusConnection::sessionBus()));
+        QCoro::Task<parlune::wayland::WaylandConnection::Opened> compositor =
+            parlune::wayland::WaylandConnection::open();
+        parlune::app::WaylandPortals portals =
+            co_await parlune::app::WaylandPortals::probe(QDBusConnection::sessionBus());
+        launch(std::move(portals), co_await std::move(compositor));
     };
     std::optional<QCoro::Task<void>> probing;
     if (parlune::LinuxSession::detectFromEnvironment() == parlune::LinuxSession::Kind::wayland) {
+        parlune::PlatformTerms::select(parlune::PlatformTerms::waylandLinux());
         probing.emplace(probeThenLaunch());
     } else {
-        launch({});
+        launch({}, std::nullopt);
     }
     const int status = QApplication::exec();
     controller = nullptr;

@@ -1,6 +1,7 @@
 // The real `parlune` on a private headless sway, on Qt's Wayland platform: the shortcut is a key
 // bound in sway to `parlune --rewrite-selection`, as the settings window tells the user, and the
 // rewrite comes from a model our writer made.
+#include "CompositorConnection.h"
 #include "ParluneProcess.h"
 #include "SwaySession.h"
 #include "Typist.h"
@@ -22,7 +23,7 @@ TEST(ParluneBinaryWaylandTest, BoundCommandReplacesTheEditorSelectionAndGivesThe
     if (!SwaySession::current() || !SwaySession::current()->isRunning()) {
         GTEST_SKIP() << "no test compositor";
     }
-    auto connection = wayland::WaylandConnection::open();
+    auto connection = test::connectToCompositor();
     ASSERT_TRUE(connection);
     auto workspace = wayland::SwayIpcWorkspace::connect();
     ASSERT_TRUE(workspace);

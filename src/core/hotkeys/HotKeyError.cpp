@@ -5,10 +5,11 @@
 namespace parlune {
 
 HotKeyError::HotKeyError(Case errorCase, std::int32_t status) : case_(errorCase), status_(status) {
-    description_ = "Could not register the hotkey. ";
-    description_ += PlatformTerms::current().hotKeyStatusName;
-    description_ += ' ';
-    description_ += std::to_string(status);
+    const QString failure = PlatformTerms::current().hotKeyFailure(status);
+    // A reason is a clause ("the desktop …"), a status name a label ("X11 error 10").
+    description_ = "Could not register the hotkey";
+    description_ += PlatformTerms::current().hotKeyStatusTexts.empty() ? ". " : ": ";
+    description_ += failure.toStdString();
     description_ += '.';
 }
 

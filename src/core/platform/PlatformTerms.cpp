@@ -3,8 +3,29 @@
 namespace parlune {
 
 namespace {
+
 const PlatformTerms* overrideTerms = nullptr;
+const PlatformTerms* selectedTerms = nullptr;
+
+// The statuses of the global-shortcuts portal port, which reuses the X protocol's numbers where
+// they mean the same thing.
+constexpr HotKeyStatusText portalStatuses[] = {
+    {2, "the desktop has no name for that key"},
+    {10, "the desktop gave the key to another program"},
+    {11, "the request was declined in the desktop's dialog"},
+    {12, "the desktop keeps the key chosen in its own shortcut settings, where it can be changed"},
+    {17, "the desktop's shortcuts portal failed to bind it"},
+    {18, "the desktop ended Parlune's shortcut session"},
+};
+
+PlatformTerms waylandTerms() {
+    PlatformTerms terms = PlatformTerms::linux();
+    terms.hotKeyStatusName = "portal status";
+    terms.hotKeyStatusTexts = portalStatuses;
+    return terms;
 }
+
+} // namespace
 
 const PlatformTerms& PlatformTerms::macOS() {
     static const PlatformTerms terms{
@@ -23,6 +44,7 @@ const PlatformTerms& PlatformTerms::macOS() {
                                           "the workflow test.",
         .deviceNotSupportedDescription = "This Mac does not support Parlune's on-device rewriting.",
         .hotKeyStatusName = "OSStatus",
+        .hotKeyTakenStatus = -9878,
     };
     return terms;
 }
@@ -46,8 +68,25 @@ const PlatformTerms& PlatformTerms::linux() {
         .deviceNotSupportedDescription = "This computer does not support Parlune's on-device rewriting.",
         // The X11 port reports the X protocol error of a refused key grab.
         .hotKeyStatusName = "X11 error",
+        .hotKeyTakenStatus = 10, // BadAccess: another client grabbed the key
     };
     return terms;
+}
+
+const PlatformTerms& PlatformTerms::waylandLinux() {
+    static const PlatformTerms terms = waylandTerms();
+    return terms;
+}
+
+QString PlatformTerms::hotKeyFailure(std::int32_t status) const {
+    for (const HotKeyStatusText& text : hotKeyStatusTexts) {
+        if (text.status == status) {
+            return QString::fromUtf8(text.reason.data(), static_cast<qsizetype>(text.reason.size()));
+        }
+    }
+    return QStringLiteral("%1 %2")
+        .arg(QString::fromUtf8(hotKeyStatusName.data(), static_cast<qsizetype>(hotKeyStatusName.size())))
+        .arg(status);
 }
 
 QString PlatformTerms::optionPrefix() const {
@@ -55,7 +94,14 @@ QString PlatformTerms::optionPrefix() const {
 }
 
 const PlatformTerms& PlatformTerms::current() {
-    return overrideTerms ? *overrideTerms : linux();
+    if (overrideTerms) {
+        return *overrideTerms;
+    }
+    return selectedTerms ? *selectedTerms : linux();
+}
+
+void PlatformTerms::select(const PlatformTerms& terms) {
+    selectedTerms = &terms;
 }
 
 void PlatformTerms::setCurrentForTesting(const PlatformTerms* terms) {

@@ -2,9 +2,17 @@
 
 #include <QString>
 
+#include <cstdint>
+#include <span>
 #include <string_view>
 
 namespace parlune {
+
+// What one status of the session's shortcut service means, in the user's words.
+struct HotKeyStatusText {
+    std::int32_t status;
+    std::string_view reason; // "the desktop gave the key to another program"
+};
 
 // The few words of the product that name platform things. The macOS table holds the original
 // texts; the Linux table reads naturally on a Linux desktop. Everything user-visible that names the
@@ -25,16 +33,30 @@ struct PlatformTerms {
     std::string_view accessibilityEnableInstruction;
     // "This Mac does not support Parlune's on-device rewriting."
     std::string_view deviceNotSupportedDescription;
-    // The name of the platform's status code in "Could not register the hotkey. OSStatus -9878."
+    // The name of the platform's status code in "Could not register the hotkey. OSStatus -9878.",
+    // for a status `hotKeyStatusTexts` does not explain.
     std::string_view hotKeyStatusName;
+    // The status meaning another program holds the key: "… is already in use".
+    std::int32_t hotKeyTakenStatus = 0;
+    // Statuses whose meaning the session's shortcut service fixes; empty where the platform's codes
+    // are shown as they are.
+    std::span<const HotKeyStatusText> hotKeyStatusTexts;
+
+    // "X11 error 10", or the reason `hotKeyStatusTexts` gives for `status`.
+    QString hotKeyFailure(std::int32_t status) const;
 
     // "Option+" or its equivalent: how every shortcut whose first key is Option begins.
     QString optionPrefix() const;
 
     static const PlatformTerms& macOS();
+    // Linux in an X11 session.
     static const PlatformTerms& linux();
-    // The table in effect; Linux unless a test chose another.
+    // Linux in a Wayland session: the desktop's portals bind the shortcut.
+    static const PlatformTerms& waylandLinux();
+    // The table in effect: the one selected for the session (linux() until then), unless a test
+    // chose another.
     static const PlatformTerms& current();
+    static void select(const PlatformTerms& terms);
     static void setCurrentForTesting(const PlatformTerms* terms);
 };
 

@@ -20,7 +20,8 @@ class AppCompatibilityRegistry {
 public:
     // How the selection is copied and the replacement pasted in one application.
     struct ApplicationChords {
-        // nullopt: no key is sent; the selection is read from the primary selection.
+        // nullopt: no key is sent; the selection is read from the primary selection. A terminal's
+        // chord is used only where the desktop has no primary selection.
         std::optional<KeyChord> copy;
         // nullopt: pasting cannot replace the selection safely (in a terminal the text would be
         // typed into whatever runs there), so the replacement is refused and nothing changes.

@@ -241,7 +241,12 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCop
 QCoro::Task<QString> TextSelectionReplacer::copySelectedTextRestoringClipboard(
     ProcessId process, const std::optional<QString>& bundleIdentifier, std::stop_token token) {
     requireTrust();
-    const std::optional<KeyChord> copyChord = compatibilityRegistry_.chordsFor(bundleIdentifier).copy;
+    const AppCompatibilityRegistry::ApplicationChords chords =
+        compatibilityRegistry_.chordsFor(bundleIdentifier);
+    // A terminal (no paste chord) already put its selection in the primary selection: where the
+    // desktop has one it is read there, since even a terminal's copy chord reaches the program
+    // running in it when nothing is selected.
+    const std::optional<KeyChord> copyChord = chords.paste || !primarySelection_ ? chords.copy : std::nullopt;
     if (!copyChord) {
         // No key may be sent here: the selection is taken from where the application already put it.
         std::optional<QString> text;

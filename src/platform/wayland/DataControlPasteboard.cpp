@@ -38,11 +38,21 @@ DataControlPasteboard::DataControlPasteboard(WaylandConnection& connection)
         .cancelled = [this,
                       toMain](std::uint64_t source) { toMain([this, source] { onCancelled(source); }); },
         .fetched = [this, toMain](std::int64_t count) { toMain([this, count] { fetched_.insert(count); }); },
+        .primary =
+            [this, toMain](DataControlSelection change) {
+                toMain([this, change] {
+                    primary_ = change.offer != 0 ? std::optional<DataControlSelection>(change) : std::nullopt;
+                    if (onPrimaryChanged_) {
+                        onPrimaryChanged_();
+                    }
+                });
+            },
     };
     connection_.postAndWait([&] {
         worker_ = std::make_unique<DataControlWorker>(connection_, std::move(reports));
         usable_ = worker_->start();
         protocol_ = worker_->protocol();
+        carriesPrimary_ = usable_ && worker_->carriesPrimary();
     });
 }
 
@@ -128,15 +138,7 @@ QCoro::Task<std::optional<QByteArray>> DataControlPasteboard::dataAsync(int inde
     if (auto it = cache_.data.find(type); it != cache_.data.end()) {
         co_return it->second;
     }
-    Continuation<std::optional<QByteArray>> answer;
-    const std::uint64_t offer = foreign_->offer;
-    connection_.post([this, offer, type, answer] {
-        worker_->read(offer, type, readTimeoutMs, [answer](std::optional<QByteArray> bytes) mutable {
-            postToMainThread(
-                [answer, bytes = std::move(bytes)]() mutable { answer.resume(std::move(bytes)); });
-        });
-    });
-    std::optional<QByteArray> bytes = co_await answer.wait();
+    std::optional<QByteArray> bytes = co_await readOffer(foreign_->offer, type);
     // What was read belongs to the contents it was asked of: kept, and given, only while they last.
     if (changeCount_ != count) {
         co_return std::nullopt;
@@ -145,6 +147,37 @@ QCoro::Task<std::optional<QByteArray>> DataControlPasteboard::dataAsync(int inde
         cache_.data.emplace(type, bytes);
     }
     co_return bytes;
+}
+
+QCoro::Task<std::optional<QByteArray>> DataControlPasteboard::readOffer(std::uint64_t offer, QString type) {
+    Continuation<std::optional<QByteArray>> answer;
+    connection_.post([this, offer, type, answer] {
+        worker_->read(offer, type, readTimeoutMs, [answer](std::optional<QByteArray> bytes) mutable {
+            postToMainThread(
+                [answer, bytes = std::move(bytes)]() mutable { answer.resume(std::move(bytes)); });
+        });
+    });
+    co_return co_await answer.wait();
+}
+
+QCoro::Task<std::optional<QString>> DataControlPasteboard::primaryTextAsync() {
+    if (!primary_) {
+        co_return std::nullopt;
+    }
+    const std::uint64_t offer = primary_->offer;
+    for (const QString& type : textTypes) {
+        if (std::find(primary_->types.begin(), primary_->types.end(), type) == primary_->types.end()) {
+            continue;
+        }
+        const std::optional<QByteArray> bytes = co_await readOffer(offer, type);
+        if (!primary_ || primary_->offer != offer) {
+            co_return std::nullopt;
+        }
+        if (bytes) {
+            co_return QString::fromUtf8(*bytes);
+        }
+    }
+    co_return std::nullopt;
 }
 
 QCoro::Task<std::optional<QString>> DataControlPasteboard::stringAsync() {

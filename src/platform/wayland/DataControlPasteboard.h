@@ -6,6 +6,7 @@
 #include <QObject>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -44,6 +45,14 @@ public:
     const QString& protocol() const { return protocol_; }
     bool ownsSelection() const { return owned_.has_value(); }
 
+    // Whether the compositor reports the primary selection (the text last selected anywhere) here.
+    bool carriesPrimary() const { return carriesPrimary_; }
+    // Runs on the main thread whenever the primary selection changes.
+    void setPrimaryChangedHandler(std::function<void()> handler) { onPrimaryChanged_ = std::move(handler); }
+    // The primary selection as text; nullopt when it is empty, offers no text, its owner did not
+    // answer, or it changed while being read.
+    QCoro::Task<std::optional<QString>> primaryTextAsync();
+
     std::int64_t changeCount() const override { return changeCount_; }
     int itemCount() const override;
     std::vector<QString> types(int index) const override;
@@ -76,6 +85,8 @@ private:
     };
 
     void onSelection(const DataControlSelection& change);
+    // Reads `type` of the worker's offer `offer`, without blocking the event loop.
+    QCoro::Task<std::optional<QByteArray>> readOffer(std::uint64_t offer, QString type);
     void onCancelled(std::uint64_t source);
     const std::vector<std::pair<QString, QByteArray>>* ownedValues() const;
 
@@ -89,6 +100,9 @@ private:
     std::int64_t changeCount_ = 0;
     std::optional<Owned> owned_;
     std::optional<DataControlSelection> foreign_;
+    bool carriesPrimary_ = false;
+    std::optional<DataControlSelection> primary_;
+    std::function<void()> onPrimaryChanged_;
     std::set<std::int64_t> fetched_;
     ReadCache cache_;
     std::uint64_t nextSource_ = 1;

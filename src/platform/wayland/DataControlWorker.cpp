@@ -46,6 +46,7 @@ struct DataControlWorker::Family {
     const wl_interface* manager;
     const wl_interface* device;
     const wl_interface* source;
+    std::uint32_t primarySince; // the version whose device reports the primary selection
 };
 
 struct DataControlWorker::Transfer {
@@ -90,10 +91,12 @@ DataControlWorker::~DataControlWorker() {
 }
 
 bool DataControlWorker::start() {
-    static const Family ext{"ext_data_control_manager_v1", 1, &ext_data_control_manager_v1_interface,
-                            &ext_data_control_device_v1_interface, &ext_data_control_source_v1_interface};
-    static const Family wlr{"zwlr_data_control_manager_v1", 2, &zwlr_data_control_manager_v1_interface,
-                            &zwlr_data_control_device_v1_interface, &zwlr_data_control_source_v1_interface};
+    static const Family ext{"ext_data_control_manager_v1",          1,
+                            &ext_data_control_manager_v1_interface, &ext_data_control_device_v1_interface,
+                            &ext_data_control_source_v1_interface,  1};
+    static const Family wlr{"zwlr_data_control_manager_v1",          2,
+                            &zwlr_data_control_manager_v1_interface, &zwlr_data_control_device_v1_interface,
+                            &zwlr_data_control_source_v1_interface,  2};
     if (!connection_.seat()) {
         return false;
     }
@@ -127,6 +130,10 @@ QString DataControlWorker::protocol() const {
     return family_ ? QString::fromLatin1(family_->global) : QString();
 }
 
+bool DataControlWorker::carriesPrimary() const {
+    return device_ && wl_proxy_get_version(manager_) >= family_->primarySince;
+}
+
 // --- the compositor's reports ------------------------------------------------------------------
 
 void DataControlWorker::onDataOffer(void* data, wl_proxy*, wl_proxy* offer) {
@@ -156,32 +163,33 @@ void DataControlWorker::releaseOffer(wl_proxy*& offer) {
     }
 }
 
+DataControlSelection DataControlWorker::adopt(wl_proxy*& slot, std::uint64_t& id, wl_proxy* offer) {
+    releaseOffer(slot);
+    DataControlSelection change;
+    id = 0;
+    if (offer) {
+        auto it = announced_.find(offer);
+        if (it != announced_.end()) {
+            change.types = std::move(it->second);
+            announced_.erase(it);
+        }
+        slot = offer;
+        id = nextOfferId_++;
+        change.offer = id;
+    }
+    return change;
+}
+
 void DataControlWorker::onSelection(void* data, wl_proxy*, wl_proxy* offer) {
     auto* self = static_cast<DataControlWorker*>(data);
-    self->releaseOffer(self->selection_);
-    DataControlSelection change;
-    if (offer) {
-        auto it = self->announced_.find(offer);
-        if (it != self->announced_.end()) {
-            change.types = std::move(it->second);
-            self->announced_.erase(it);
-        }
-        self->selection_ = offer;
-        self->selectionId_ = self->nextOfferId_++;
-        change.offer = self->selectionId_;
-    } else {
-        self->selectionId_ = 0;
-    }
-    self->report(std::move(change));
+    self->report(self->adopt(self->selection_, self->selectionId_, offer));
 }
 
 void DataControlWorker::onPrimarySelection(void* data, wl_proxy*, wl_proxy* offer) {
     auto* self = static_cast<DataControlWorker*>(data);
-    // Not read yet: only kept so its offer is released.
-    self->releaseOffer(self->primary_);
-    if (offer) {
-        self->announced_.erase(offer);
-        self->primary_ = offer;
+    DataControlSelection change = self->adopt(self->primary_, self->primaryId_, offer);
+    if (self->reports_.primary) {
+        self->reports_.primary(std::move(change));
     }
 }
 
@@ -308,11 +316,15 @@ void DataControlWorker::onSend(void* data, wl_proxy* source, const char* type, s
 void DataControlWorker::read(std::uint64_t offer, const QString& type, int timeoutMs,
                              std::function<void(std::optional<QByteArray>)> done) {
     int fds[2];
-    if (offer == 0 || offer != selectionId_ || !selection_ || ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
+    wl_proxy* source = offer == 0              ? nullptr
+                       : offer == selectionId_ ? selection_
+                       : offer == primaryId_   ? primary_
+                                               : nullptr;
+    if (!source || ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
         done(std::nullopt);
         return;
     }
-    wl_proxy_marshal_flags(selection_, offerReceive, nullptr, wl_proxy_get_version(selection_), 0,
+    wl_proxy_marshal_flags(source, offerReceive, nullptr, wl_proxy_get_version(source), 0,
                            type.toUtf8().constData(), fds[1]);
     ::close(fds[1]);
     auto transfer = std::make_unique<Transfer>();

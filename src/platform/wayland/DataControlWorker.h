@@ -37,6 +37,8 @@ public:
         std::function<void(DataControlSelection)> selection;
         std::function<void(std::uint64_t source)> cancelled;
         std::function<void(std::int64_t count)> fetched;
+        // The primary selection changed (never ours: we do not set it).
+        std::function<void(DataControlSelection)> primary;
     };
     using Values = std::vector<std::pair<QString, QByteArray>>;
 
@@ -48,12 +50,14 @@ public:
     // Binds the protocol; false when the compositor offers neither family or has no seat.
     bool start();
     QString protocol() const;
+    // Whether the protocol carries the primary selection (ext, or wlroots' from version 2).
+    bool carriesPrimary() const;
 
     // Makes `values` the selection as source `source` (written while the count was `count`), or
     // empties the selection when `values` is null.
     void setSelection(std::uint64_t source, std::int64_t count, std::shared_ptr<const Values> values);
-    // Reads `type` of offer `offer`; nullopt when that offer is no longer the selection, the owner
-    // refused, or it did not answer within `timeoutMs`.
+    // Reads `type` of offer `offer`; nullopt when that offer is no longer the selection (or the
+    // primary selection), the owner refused, or it did not answer within `timeoutMs`.
     void read(std::uint64_t offer, const QString& type, int timeoutMs,
               std::function<void(std::optional<QByteArray>)> done);
 
@@ -77,6 +81,8 @@ private:
 
     void report(DataControlSelection change);
     void releaseOffer(wl_proxy*& offer);
+    // Makes `offer` the current one of `slot` under a new id and says what it offers.
+    DataControlSelection adopt(wl_proxy*& slot, std::uint64_t& id, wl_proxy* offer);
     void finishTransfer(Transfer* transfer, std::optional<QByteArray> bytes);
 
     WaylandConnection& connection_;
@@ -89,6 +95,7 @@ private:
     wl_proxy* selection_ = nullptr;
     wl_proxy* primary_ = nullptr;
     std::uint64_t selectionId_ = 0;
+    std::uint64_t primaryId_ = 0;
     std::uint64_t nextOfferId_ = 1;
     std::map<wl_proxy*, Source> sources_;
     // Our sets whose sync has not come back yet, and the selection events held back meanwhile.

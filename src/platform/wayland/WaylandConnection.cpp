@@ -1,8 +1,12 @@
 #include "platform/wayland/WaylandConnection.h"
 
+#include "core/async/Continuation.h"
+#include "core/async/MainThread.h"
+
 #include <QMetaObject>
 #include <QSemaphore>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <wayland-client.h>
 
@@ -11,6 +15,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace parlune::wayland {
 
@@ -25,48 +30,72 @@ void onGlobalRemove(void*, wl_registry*, std::uint32_t) {}
 
 const wl_registry_listener registryListener{onGlobal, onGlobalRemove};
 
-} // namespace
-
-std::unique_ptr<WaylandConnection> WaylandConnection::open() {
-    wl_display* display = wl_display_connect(nullptr);
-    if (!display) {
-        return nullptr;
-    }
-    auto connection = std::unique_ptr<WaylandConnection>(new WaylandConnection(display));
-    if (!connection->start()) {
-        return nullptr;
-    }
-    return connection;
+QString displayName() {
+    return qEnvironmentVariable("WAYLAND_DISPLAY", QStringLiteral("wayland-0"));
 }
 
-WaylandConnection::WaylandConnection(wl_display* display) : display_(display) {}
+} // namespace
 
-bool WaylandConnection::start() {
+QCoro::Task<WaylandConnection::Opened> WaylandConnection::open(int timeoutMs) {
+    auto connection = std::unique_ptr<WaylandConnection>(new WaylandConnection());
+    Continuation<QString> listed;
+    connection->post([raw = connection.get(), listed] {
+        raw->connectOnWorker([listed](QString problem) {
+            postToMainThread([listed, problem]() mutable { listed.resume(problem); });
+        });
+    });
+    QTimer::singleShot(timeoutMs, [listed, timeoutMs]() mutable {
+        listed.resume(QStringLiteral("The Wayland compositor (WAYLAND_DISPLAY=%1) accepted Parlune's "
+                                     "connection but did not answer within %2 s.")
+                          .arg(displayName())
+                          .arg(timeoutMs / 1000.0));
+    });
+    const QString problem = co_await listed.wait();
+    if (!problem.isEmpty()) {
+        co_return problem;
+    }
+    co_return std::move(connection);
+}
+
+WaylandConnection::WaylandConnection() {
     thread_.setObjectName(QStringLiteral("wayland"));
     thread_.start();
     worker_ = std::make_unique<QObject>();
     worker_->moveToThread(&thread_);
-    // The guard outlives a timed-out wait: the worker may still finish after open() gave up.
-    auto listed = std::make_shared<QSemaphore>();
-    auto globals = std::make_shared<std::vector<Global>>();
-    post([this, listed, globals] {
-        // A reader that went away must not kill the program while we write clipboard data to it.
-        sigset_t pipe;
-        sigemptyset(&pipe);
-        sigaddset(&pipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-        registry_ = wl_display_get_registry(display_);
-        wl_registry_add_listener(registry_, &registryListener, globals.get());
-        if (wl_display_roundtrip(display_) >= 0) {
-            globals_ = *globals;
-            seat_ = static_cast<wl_seat*>(bind("wl_seat", &wl_seat_interface, 1));
-            notifier_ =
-                new QSocketNotifier(wl_display_get_fd(display_), QSocketNotifier::Read, worker_.get());
-            QObject::connect(notifier_, &QSocketNotifier::activated, [this] { readEvents(); });
-        }
-        listed->release();
-    });
-    return listed->tryAcquire(1, startTimeoutMs) && !isBroken() && registry_;
+}
+
+void WaylandConnection::connectOnWorker(std::function<void(QString)> listed) {
+    // A reader that went away must not kill the program while we write clipboard data to it.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    display_ = wl_display_connect(nullptr);
+    if (!display_) {
+        listed(QStringLiteral("Parlune could not connect to the Wayland compositor (WAYLAND_DISPLAY=%1).")
+                   .arg(displayName()));
+        return;
+    }
+    listed_ = std::move(listed);
+    registry_ = wl_display_get_registry(display_);
+    wl_registry_add_listener(registry_, &registryListener, &announced_);
+    static const wl_callback_listener listedListener{onListed};
+    listing_ = wl_display_sync(display_);
+    wl_callback_add_listener(listing_, &listedListener, this);
+    // Events are read only when they are there: the worker never waits on the compositor either.
+    notifier_ = new QSocketNotifier(wl_display_get_fd(display_), QSocketNotifier::Read, worker_.get());
+    QObject::connect(notifier_, &QSocketNotifier::activated, [this] { readEvents(); });
+}
+
+void WaylandConnection::onListed(void* data, wl_callback* callback, std::uint32_t) {
+    auto* self = static_cast<WaylandConnection*>(data);
+    wl_callback_destroy(callback);
+    self->listing_ = nullptr;
+    self->globals_ = self->announced_;
+    self->seat_ = static_cast<wl_seat*>(self->bind("wl_seat", &wl_seat_interface, 1));
+    if (auto listed = std::exchange(self->listed_, nullptr)) {
+        listed(QString());
+    }
 }
 
 WaylandConnection::~WaylandConnection() {
@@ -74,19 +103,26 @@ WaylandConnection::~WaylandConnection() {
         postAndWait([this] {
             delete notifier_;
             notifier_ = nullptr;
+            if (listing_) {
+                wl_callback_destroy(listing_);
+            }
             if (seat_) {
                 wl_proxy_destroy(reinterpret_cast<wl_proxy*>(seat_));
             }
             if (registry_) {
                 wl_registry_destroy(registry_);
             }
-            wl_display_flush(display_);
+            if (display_) {
+                wl_display_flush(display_);
+            }
         });
     }
     thread_.quit();
     thread_.wait();
     worker_.reset();
-    wl_display_disconnect(display_);
+    if (display_) {
+        wl_display_disconnect(display_);
+    }
 }
 
 std::optional<WaylandConnection::Global> WaylandConnection::global(const char* interface) const {
@@ -129,7 +165,7 @@ void WaylandConnection::postAndWait(std::function<void()> work) {
 }
 
 bool WaylandConnection::isBroken() const {
-    return wl_display_get_error(display_) != 0;
+    return !display_ || wl_display_get_error(display_) != 0;
 }
 
 void* WaylandConnection::bind(const char* interface, const wl_interface* description,
@@ -142,6 +178,9 @@ void* WaylandConnection::bind(const char* interface, const wl_interface* descrip
 }
 
 void WaylandConnection::flush() {
+    if (!display_) {
+        return;
+    }
     wl_display_dispatch_pending(display_);
     wl_display_flush(display_);
 }
@@ -154,6 +193,11 @@ void WaylandConnection::readEvents() {
     if (wl_display_read_events(display_) < 0 || wl_display_dispatch_pending(display_) < 0) {
         // The compositor is gone or refused us: stop listening, the ports report it.
         notifier_->setEnabled(false);
+        if (auto listed = std::exchange(listed_, nullptr)) {
+            listed(QStringLiteral("The Wayland compositor (WAYLAND_DISPLAY=%1) closed Parlune's connection "
+                                  "before listing what it offers.")
+                       .arg(displayName()));
+        }
         return;
     }
     wl_display_flush(display_);

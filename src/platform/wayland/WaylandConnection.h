@@ -8,8 +8,12 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <variant>
 #include <vector>
 
+#include <QCoro/QCoroTask>
+
+struct wl_callback;
 struct wl_display;
 struct wl_interface;
 struct wl_registry;
@@ -21,8 +25,9 @@ namespace parlune::wayland {
 // This program's own connection to the Wayland compositor, owned by a worker thread: every request,
 // round trip and event of the ports happens there, so the main thread never waits on the
 // compositor. Ports hand work to the worker with post() and answers come back through
-// postToMainThread(). The one wait on the main thread is at open(), for the list of globals, bounded
-// by `startTimeoutMs` (like connecting to an X server).
+// postToMainThread(). Even connecting and the first list of globals happen there: open() awaits
+// them without blocking the event loop, and gives up after a timeout when the compositor accepts
+// the connection but never answers.
 class WaylandConnection {
 public:
     struct Global {
@@ -33,9 +38,11 @@ public:
 
     static constexpr int startTimeoutMs = 2000;
 
-    // Connects to $WAYLAND_DISPLAY; null when there is no compositor to talk to, or it did not list
-    // its globals in time.
-    static std::unique_ptr<WaylandConnection> open();
+    // The connection, or the sentence saying why there is none.
+    using Opened = std::variant<std::unique_ptr<WaylandConnection>, QString>;
+    // Connects to $WAYLAND_DISPLAY and waits, with the event loop running, until the compositor has
+    // listed its globals; gives up after `timeoutMs`.
+    static QCoro::Task<Opened> open(int timeoutMs = startTimeoutMs);
     ~WaylandConnection();
     WaylandConnection(const WaylandConnection&) = delete;
     WaylandConnection& operator=(const WaylandConnection&) = delete;
@@ -61,13 +68,20 @@ public:
     void flush();
 
 private:
-    WaylandConnection(wl_display* display);
-    bool start();
+    WaylandConnection();
+    // Worker only: connects and asks for the globals; `listed` gets an empty string once they are
+    // in, or the reason they never will be.
+    void connectOnWorker(std::function<void(QString)> listed);
+    static void onListed(void* data, wl_callback* callback, std::uint32_t time);
     void readEvents();
 
-    wl_display* display_;
+    wl_display* display_ = nullptr;
     wl_registry* registry_ = nullptr;
     wl_seat* seat_ = nullptr;
+    wl_callback* listing_ = nullptr;
+    std::function<void(QString)> listed_;
+    // Globals as they are announced; copied to globals_ when the first list is complete.
+    std::vector<Global> announced_;
     std::vector<Global> globals_;
     QThread thread_;
     // Lives on the worker: the target of posted work and the parent of the socket notifier.

@@ -9,19 +9,17 @@
 #include "platform/wayland/SwayIpcWorkspace.h"
 #include "platform/wayland/VirtualKeyboardEvents.h"
 #include "platform/wayland/WaylandConnection.h"
+#include "platform/wayland/WaylandPrimarySelection.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/XcbConnection.h"
 
 namespace parlune::wayland {
 
-WaylandDesktop::Result WaylandDesktop::connect(Options options) {
+WaylandDesktop::Result WaylandDesktop::connect(std::unique_ptr<WaylandConnection> connection,
+                                               Options options) {
     auto desktop = std::unique_ptr<WaylandDesktop>(new WaylandDesktop());
-    desktop->connection_ = WaylandConnection::open();
-    if (!desktop->connection_) {
-        return QStringLiteral("Parlune could not connect to the Wayland compositor (WAYLAND_DISPLAY=%1).")
-            .arg(qEnvironmentVariable("WAYLAND_DISPLAY"));
-    }
-    WaylandConnection& connection = *desktop->connection_;
+    desktop->connection_ = std::move(connection);
+    WaylandConnection& compositor = *desktop->connection_;
     WaylandFacts facts;
     facts.desktop = qEnvironmentVariable("XDG_CURRENT_DESKTOP");
 
@@ -33,10 +31,15 @@ WaylandDesktop::Result WaylandDesktop::connect(Options options) {
         desktop->workspace_ = std::make_unique<atspi::AtspiFocusWorkspace>(atspiWorker);
     }
 
-    auto dataControl = std::make_unique<DataControlPasteboard>(connection);
+    auto dataControl = std::make_unique<DataControlPasteboard>(compositor);
     facts.dataControl = dataControl->isUsable();
     if (facts.dataControl) {
         desktop->dataControl_ = dataControl.get();
+        if (dataControl->carriesPrimary()) {
+            desktop->primarySelection_ =
+                std::make_unique<WaylandPrimarySelection>(*dataControl, *desktop->workspace_);
+        }
+
         desktop->pasteboard_ = std::move(dataControl);
     } else if ((desktop->xwayland_ = x11::XcbConnection::open())) {
         auto clipboard = std::make_unique<x11::X11Pasteboard>(*desktop->xwayland_);
@@ -52,7 +55,7 @@ WaylandDesktop::Result WaylandDesktop::connect(Options options) {
     }
     facts.portalKeyboard = desktop->keyboard_ != nullptr;
     if (!facts.portalKeyboard) {
-        auto virtualKeyboard = std::make_unique<VirtualKeyboardEvents>(connection, *desktop->workspace_);
+        auto virtualKeyboard = std::make_unique<VirtualKeyboardEvents>(compositor, *desktop->workspace_);
         facts.virtualKeyboard = virtualKeyboard->isAvailable();
         desktop->keyboard_ = std::move(virtualKeyboard);
     }
@@ -76,10 +79,15 @@ WaylandDesktop::~WaylandDesktop() {
     accessibility_.reset();
     hotKeys_.reset();
     keyboard_.reset();
+    primarySelection_.reset();
     pasteboard_.reset();
     workspace_.reset();
     xwayland_.reset();
     connection_.reset();
+}
+
+PrimarySelection* WaylandDesktop::primarySelection() {
+    return primarySelection_.get();
 }
 
 AccessibilityApi& WaylandDesktop::accessibility() {

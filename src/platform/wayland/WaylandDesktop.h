@@ -28,6 +28,7 @@ namespace parlune::wayland {
 
 class DataControlPasteboard;
 class WaylandConnection;
+class WaylandPrimarySelection;
 
 // Every port of a Wayland session, over one compositor connection. Each takes the best path the
 // desktop offers (WaylandCapabilities): the shortcut and keyboard from the desktop's portals when
@@ -45,7 +46,8 @@ public:
         std::function<std::unique_ptr<KeyboardEvents>(Workspace&)> portalKeyboard;
     };
     using Result = std::variant<std::unique_ptr<WaylandDesktop>, QString>;
-    static Result connect(Options options);
+    // Over a connection whose globals are in (WaylandConnection::open()).
+    static Result connect(std::unique_ptr<WaylandConnection> connection, Options options);
 
     ~WaylandDesktop() override;
     WaylandDesktop(const WaylandDesktop&) = delete;
@@ -56,7 +58,9 @@ public:
     HotKeyService* hotKeys() override { return hotKeys_.get(); }
     ShortcutPath shortcutPath() const override { return capabilities_->shortcutPath(); }
     Pasteboard& pasteboard() override { return *pasteboard_; }
-    PrimarySelection* primarySelection() override { return nullptr; }
+    // Null where the clipboard does not carry the primary selection (XWayland's CLIPBOARD, wlroots'
+    // data-control before version 2).
+    PrimarySelection* primarySelection() override;
     KeyboardEvents& keyboard() override { return *keyboard_; }
     Workspace& workspace() override { return *workspace_; }
     AccessibilityApi& accessibility() override;
@@ -72,6 +76,7 @@ private:
     std::unique_ptr<Workspace> workspace_;
     std::unique_ptr<Pasteboard> pasteboard_;
     DataControlPasteboard* dataControl_ = nullptr;
+    std::unique_ptr<WaylandPrimarySelection> primarySelection_;
     x11::X11Pasteboard* xwaylandClipboard_ = nullptr;
     std::unique_ptr<KeyboardEvents> keyboard_;
     std::unique_ptr<HotKeyService> hotKeys_;

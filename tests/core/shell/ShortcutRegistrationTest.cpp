@@ -90,12 +90,13 @@ TEST_F(ShortcutRegistrationTest, TakenShortcutWithNothingToFallBackToLeavesTheHo
 }
 
 TEST_F(ShortcutRegistrationTest, ALateRefusalIsReportedLikeAConflictAndAForcedRetryRegistersAgain) {
-    registration_.refusedAfterRegistering(); // nothing registered: nothing to report
+    registration_.refusedAfterRegistering(
+        testing::FakeHotKeyService::alreadyTakenStatus); // nothing registered: nothing to report
     EXPECT_TRUE(shown_.empty());
 
     registration_.registerHotKey(false, true);
     ASSERT_TRUE(readiness_.hotKeyReady());
-    registration_.refusedAfterRegistering();
+    registration_.refusedAfterRegistering(testing::FakeHotKeyService::alreadyTakenStatus);
     EXPECT_EQ(registration_.registeredHotKey(), std::nullopt);
     EXPECT_FALSE(readiness_.hotKeyReady());
     const QString sentence = "Option+Space is already in use. Choose another shortcut in Parlune Settings.";
@@ -108,6 +109,52 @@ TEST_F(ShortcutRegistrationTest, ALateRefusalIsReportedLikeAConflictAndAForcedRe
     // Not "ready", so even an unforced registration tries again.
     registration_.registerHotKey(true, false);
     EXPECT_EQ(registration_.registeredHotKey(), optionSpace);
+    EXPECT_TRUE(readiness_.hotKeyReady());
+}
+
+TEST_F(ShortcutRegistrationTest, OnWaylandARefusalSaysWhatTheDesktopDidNotAnX11Error) {
+    testing::ScopedPlatformTerms wayland(PlatformTerms::waylandLinux());
+    service_.registerStatus = 17;
+    registration_.registerHotKey(true, true);
+    EXPECT_EQ(shown_,
+              std::vector<QString>{"Option+Space could not be registered: the desktop's shortcuts portal "
+                                   "failed to bind it. Choose another shortcut in Parlune Settings."});
+    EXPECT_EQ(lastLine(), "stage=hotkey_registration outcome=failed error=registration_refused");
+
+    service_.registerStatus = 0;
+    registration_.registerHotKey(false, true);
+    registration_.refusedAfterRegistering(11);
+    EXPECT_TRUE(shown_.back().startsWith("Option+Space could not be registered: the request was declined"))
+        << shown_.back().toStdString();
+    registration_.registerHotKey(false, true);
+    registration_.refusedAfterRegistering(10);
+    EXPECT_TRUE(shown_.back().startsWith("Option+Space is already in use.")) << shown_.back().toStdString();
+    EXPECT_FALSE(shown_.back().contains("X11"));
+}
+
+TEST_F(ShortcutRegistrationTest, AKeyChosenInTheDesktopIsStoredOnceAndBindsNothingAgain) {
+    registration_.registerHotKey(true, true);
+    const std::size_t calls = service_.calls.size();
+    int saves = 0;
+    auto subscription = settings_.changed.connect([&](SettingsStore::Field) { ++saves; });
+
+    registration_.adoptDesktopChoice(optionTab);
+    EXPECT_EQ(settings_.selectedHotKey(), optionTab);
+    EXPECT_EQ(registration_.registeredHotKey(), optionTab);
+    const int savesOfOneShortcut = saves;
+    EXPECT_GT(savesOfOneShortcut, 0);
+    // What the settings watcher does next, and the desktop's second report of the same key.
+    registration_.registerHotKey(true, false);
+    registration_.adoptDesktopChoice(HotKeyShortcut{optionTab.keyCode, optionTab.carbonModifiers, "Alt+Tab"});
+    EXPECT_EQ(saves, savesOfOneShortcut);
+    EXPECT_EQ(service_.calls.size(), calls) << "no registration went to the desktop";
+    EXPECT_TRUE(readiness_.hotKeyReady());
+    EXPECT_TRUE(shown_.empty());
+
+    // Refused later, then bound by the desktop again under the stored key: registered once more.
+    registration_.refusedAfterRegistering(testing::FakeHotKeyService::alreadyTakenStatus);
+    registration_.adoptDesktopChoice(optionTab);
+    EXPECT_EQ(registration_.registeredHotKey(), optionTab);
     EXPECT_TRUE(readiness_.hotKeyReady());
 }
 

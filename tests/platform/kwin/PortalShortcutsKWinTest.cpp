@@ -7,6 +7,7 @@
 #include "platform/linux/portal/PortalGlobalShortcuts.h"
 #include "platform/x11/X11KeyTable.h"
 #include "support/RunTask.h"
+#include "support/ScopedPlatformTerms.h"
 
 #include <QDBusMessage>
 #include <QDBusReply>
@@ -81,7 +82,7 @@ TEST_F(PortalShortcutsOnKWin, TheShortcutIsBoundThroughThePortalAndEachPressDeli
     EXPECT_EQ(presses, 2);
 }
 
-TEST_F(PortalShortcutsOnKWin, AKeyAnotherApplicationHoldsIsRefusedWithTheSameMessageAsOnX11) {
+TEST_F(PortalShortcutsOnKWin, AKeyAnotherApplicationHoldsIsRefusedInTheDesktopsOwnWords) {
     // Another application files Alt+R with the shortcut daemon first, as KDE applications do.
     const QStringList other{QStringLiteral("other-app"), QStringLiteral("do-something"),
                             QStringLiteral("Other App"), QStringLiteral("Do something")};
@@ -106,8 +107,9 @@ TEST_F(PortalShortcutsOnKWin, AKeyAnotherApplicationHoldsIsRefusedWithTheSameMes
     ASSERT_TRUE(pumpUntil([&] { return !refusals_.empty(); }, bindTimeoutMs))
         << "bound to " << shortcuts_->boundTrigger().toStdString();
     EXPECT_EQ(refusals_, std::vector<std::int32_t>{PortalGlobalShortcuts::refusedStatus});
+    testing::ScopedPlatformTerms wayland(PlatformTerms::waylandLinux());
     EXPECT_STREQ(HotKeyError::registrationFailed(refusals_.front()).what(),
-                 "Could not register the hotkey. X11 error 10.");
+                 "Could not register the hotkey: the desktop gave the key to another program.");
     EXPECT_TRUE(shortcuts_->boundTrigger().isEmpty());
 
     KWinFakeKeyboard keyboard(session_.waylandSocketPath());
@@ -128,7 +130,7 @@ TEST_F(PortalShortcutsOnKWin, AnotherKeyIsRefusedWhileTheDesktopKeepsTheBoundOne
     manager.registerShortcut(HotKeyShortcut{key_code::r, carbon_modifier::option, QStringLiteral("Option+R")},
                              [&] { ++presses; });
     ASSERT_TRUE(pumpUntil([&] { return !refusals_.empty(); }, bindTimeoutMs));
-    EXPECT_EQ(refusals_.front(), PortalGlobalShortcuts::refusedStatus);
+    EXPECT_EQ(refusals_.front(), PortalGlobalShortcuts::keptOtherKeyStatus);
     EXPECT_EQ(shortcuts_->boundTrigger(), QStringLiteral("Alt+Space"));
 
     manager.registerShortcut(HotKeyShortcut::defaultShortcut(), [&] { ++presses; });
@@ -175,6 +177,19 @@ TEST_F(PortalShortcutsOnKWin, AKeyTheUserPicksInSystemSettingsIsReportedDelivere
         pumpUntil([&] { return shortcuts_->boundTrigger() == QStringLiteral("Alt+R"); }, deliveryTimeoutMs))
         << shortcuts_->boundTrigger().toStdString();
     EXPECT_EQ(triggers.last(), QStringLiteral("Alt+R"));
+    // The application stores it as its shortcut and registers that: the desktop binds it already,
+    // so no new session is opened and nothing is reported again.
+    const std::optional<HotKeyShortcut> chosen =
+        PortalGlobalShortcuts::shortcutFor(triggers.last(), &x11::X11KeyTable::macKeyCodeFor);
+    ASSERT_TRUE(chosen);
+    EXPECT_EQ(chosen->keyCode, key_code::r);
+    EXPECT_EQ(chosen->carbonModifiers, carbon_modifier::option);
+    const qsizetype reports = triggers.size();
+    manager.registerShortcut(*chosen, [&] { ++presses; });
+    ASSERT_TRUE(waitForBinding());
+    pumpFor(300);
+    EXPECT_EQ(triggers.size(), reports);
+    EXPECT_TRUE(refusals_.empty());
 
     KWinFakeKeyboard keyboard(session_.waylandSocketPath());
     ASSERT_TRUE(keyboard.tap({KWinFakeKeyboard::leftAlt, KWinFakeKeyboard::r}));

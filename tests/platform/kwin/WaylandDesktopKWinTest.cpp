@@ -1,3 +1,4 @@
+#include "CompositorConnection.h"
 #include "KWinTest.h"
 
 #include "core/platform/Workspace.h"
@@ -49,7 +50,7 @@ TEST_F(WaylandDesktopOnKWin, PortalsDataControlAndAccessibilityFocusServeEveryPo
     auto shortcuts = std::make_unique<portal::PortalGlobalShortcuts>(bus_, &x11::X11KeyTable::keysymFor,
                                                                      QStringLiteral("Rewrite the selection"));
     ASSERT_EQ(runTask(shortcuts->probe()), portal::PortalGlobalShortcuts::Availability::available);
-    ASSERT_TRUE(runTask(portal::PortalRemoteDesktopKeyboard::offeredVersion(bus_)).has_value());
+    ASSERT_TRUE(runTask(portal::PortalRemoteDesktopKeyboard::keyboardOffer(bus_)).offered());
 
     WaylandDesktop::Options options;
     options.portalShortcuts = std::move(shortcuts);
@@ -59,7 +60,9 @@ TEST_F(WaylandDesktopOnKWin, PortalsDataControlAndAccessibilityFocusServeEveryPo
         return std::make_unique<portal::PortalRemoteDesktopKeyboard>(
             bus_, workspace, settings_, &x11::X11KeyTable::keysymFor, [] { return false; });
     };
-    WaylandDesktop::Result result = WaylandDesktop::connect(std::move(options));
+    auto connection = test::connectToCompositor();
+    ASSERT_TRUE(connection);
+    WaylandDesktop::Result result = WaylandDesktop::connect(std::move(connection), std::move(options));
     ASSERT_TRUE(std::holds_alternative<std::unique_ptr<WaylandDesktop>>(result))
         << std::get<QString>(result).toStdString();
     auto& desktop = *std::get<std::unique_ptr<WaylandDesktop>>(result);

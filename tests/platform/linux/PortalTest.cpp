@@ -6,11 +6,13 @@
 #include "support/FakeUserDefaults.h"
 #include "support/FixedFrontApplication.h"
 #include "support/RunTask.h"
+#include "support/ScopedPlatformTerms.h"
 
 #include <QDBusArgument>
 #include <QDBusConnectionInterface>
 #include <QDBusObjectPath>
 #include <QDBusVirtualObject>
+#include <QElapsedTimer>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -61,6 +63,36 @@ TEST(PortalTriggerText, TheDesktopsOwnDescriptionMatchesOnlyTheSameChord) {
                                                           QString::fromLatin1(trigger)),
                   matches)
             << description << " / " << trigger;
+    }
+}
+
+TEST(PortalTriggerText, TheDesktopsDescriptionBecomesAStoredShortcutInOurWords) {
+    testing::ScopedPlatformTerms linuxWords(PlatformTerms::linux());
+    const auto keyCodeFor = [](std::uint32_t keysym) -> std::optional<std::uint32_t> {
+        switch (keysym) {
+        case keysymR:
+        case 0x52: // R
+            return key_code::r;
+        case keysymEscape:
+            return key_code::escape;
+        case keysymSpace:
+            return key_code::space;
+        default:
+            return std::nullopt;
+        }
+    };
+    EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QStringLiteral("Alt+R"), keyCodeFor),
+              (HotKeyShortcut{key_code::r, carbon_modifier::option, QStringLiteral("Alt+R")}));
+    EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QStringLiteral("Shift+Ctrl+Esc, Meta+R"), keyCodeFor),
+              (HotKeyShortcut{key_code::escape, carbon_modifier::control | carbon_modifier::shift,
+                              QStringLiteral("Ctrl+Shift+Escape")}));
+    EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QStringLiteral("Meta+Space"), keyCodeFor)->displayName,
+              QStringLiteral("Super+Space"));
+    // No modifier, a key our table lacks, two keys, nothing bound: nothing to store.
+    for (const char* description : {"R", "Alt+F13", "Alt+R+Space", ""}) {
+        EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QString::fromLatin1(description), keyCodeFor),
+                  std::nullopt)
+            << description;
     }
 }
 
@@ -229,6 +261,18 @@ TEST_F(PortalRequestTest, AnErrorReplyOrAPortalLeavingTheBusEndsTheRequestAsFail
     const PortalResponse gone = runTask(PortalRequest::call(client_, call(abandoned), abandoned), 5000);
     EXPECT_EQ(gone.code, PortalResponse::failed);
     EXPECT_FALSE(gone.error.isEmpty());
+}
+
+TEST_F(PortalRequestTest, APortalThatNeverAnswersAProbeCountsAsAbsentAfterTheBound) {
+    const QString interface = QStringLiteral("org.freedesktop.portal.GlobalShortcuts");
+    EXPECT_EQ(runTask(PortalRequest::properties(client_, interface), 5000).absence,
+              QStringLiteral("not_offered"));
+    serve([](const QDBusMessage&, QDBusConnection&) {}); // takes the call, never replies
+    QElapsedTimer waited;
+    waited.start();
+    const PortalProbe silent = runTask(PortalRequest::properties(client_, interface, 300), 5000);
+    EXPECT_EQ(silent.absence, QStringLiteral("no_answer"));
+    EXPECT_LT(waited.elapsed(), 2000);
 }
 
 // Plays a version 2 RemoteDesktop portal with a keyboard: records what the keyboard port asks for

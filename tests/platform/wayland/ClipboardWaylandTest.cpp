@@ -1,43 +1,36 @@
 // The Wayland ports against real clients of a headless sway: wl-copy and wl-paste as the user's
 // other programs, mousepad as the editor, foot as the terminal.
 #include "DesktopSession.h"
-#include "InterceptedKeyboard.h"
-#include "NoAccessibilityBus.h"
 #include "TaskRunner.h"
 #include "WaylandDesktopTest.h"
 #include "WaylandEditor.h"
 #include "WlClipboard.h"
-#include "core/async/Clock.h"
-#include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
-#include "core/selection/TextSelectionReplacer.h"
+#include "platform/wayland/WaylandPrimarySelection.h"
+#include "support/desktop/PasteInPlaceChecks.h"
 
 #include <QFile>
 
 #include <algorithm>
 
+#include <xkbcommon/xkbcommon-keysyms.h>
+
 namespace parlune::test {
 namespace {
 
-class ClipboardWaylandTest : public WaylandDesktopTest {
+class ClipboardWaylandTest : public WaylandDesktopTest, protected CopyPasteParts<WaylandEditor> {
 protected:
     void SetUp() override {
         WaylandDesktopTest::SetUp();
         if (IsSkipped() || HasFatalFailure()) {
             return;
         }
-        keys = std::make_unique<InterceptedKeyboard>(*keyboard);
-        clipboard = std::make_unique<ClipboardManager>(*pasteboard);
-        replacer = std::make_unique<TextSelectionReplacer>(accessibility, *workspace, *clipboard, *keys,
-                                                           AppCompatibilityRegistry::defaultRegistry(),
-                                                           SystemClock::shared());
+        makePath(*workspace, *pasteboard, *keyboard);
         editor = std::make_unique<WaylandEditor>(*workspace, *typist);
     }
     void TearDown() override {
         editor.reset();
-        replacer.reset();
-        clipboard.reset();
-        keys.reset();
+        path.reset();
         WaylandDesktopTest::TearDown();
     }
 
@@ -75,13 +68,6 @@ protected:
         }
     }
 
-    CapturedSelection capture() { return finish(replacer->capture({})); }
-
-    NoAccessibilityBus accessibility;
-    std::unique_ptr<InterceptedKeyboard> keys;
-    std::unique_ptr<ClipboardManager> clipboard;
-    std::unique_ptr<TextSelectionReplacer> replacer;
-    std::unique_ptr<WaylandEditor> editor;
     QStringList userTypes;
     std::vector<QByteArray> userData;
 };
@@ -116,78 +102,58 @@ TEST_F(ClipboardWaylandTest, BinaryDataWithNulBytesComesBackByteForByte) {
     EXPECT_EQ(WlClipboard::paste(QStringLiteral("image/png")), image);
 }
 
-TEST_F(ClipboardWaylandTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUsersClipboardByteForByte) {
+TEST_F(ClipboardWaylandTest, SelectionIsCopiedThenReplacedInPlaceAndTheUsersClipboardComesBackEachTime) {
     giveUserText();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
-
-    const CapturedSelection selection = capture();
-    EXPECT_EQ(selection.text(), QStringLiteral("beta"));
-    EXPECT_EQ(selection.applicationProcessIdentifier(), editor->pid());
-    EXPECT_EQ(selection.applicationBundleIdentifier(), QStringLiteral("mousepad"));
-    expectUserClipboardRestored();
-}
-
-TEST_F(ClipboardWaylandTest, ReplacementIsPastedInPlaceAndTheUsersClipboardComesBack) {
-    giveUserText();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
-    const CapturedSelection selection = capture();
-    ASSERT_EQ(selection.text(), QStringLiteral("beta"));
-
-    finish(replacer->replace(QStringLiteral("D\u00c9LTA \U0001F600"), selection, {}));
-    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha D\u00c9LTA \U0001F600 gamma"));
-    expectUserClipboardRestored();
+    std::optional<CapturedSelection> selection;
+    ASSERT_NO_FATAL_FAILURE(
+        captureAndPasteInPlace(*editor, *replacer, selection, [&] { expectUserClipboardRestored(); }));
+    EXPECT_EQ(selection->applicationBundleIdentifier(), QStringLiteral("mousepad"));
 }
 
 TEST_F(ClipboardWaylandTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeftAlone) {
     giveUserText();
-    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
-    editor->select(6, 4);
-    const CapturedSelection selection = capture();
-
-    keys->afterKey = [&](std::uint16_t key) {
-        if (key == KeyboardEvents::keyCodeV) {
-            WlClipboard::copy(QByteArrayLiteral("newer words"));
-        }
-    };
-    try {
-        finish(replacer->replace(QStringLiteral("DELTA"), selection, {}));
-    } catch (const TextReplacementError&) {
-        // Whether the paste was confirmed does not matter here; the clipboard does.
-    }
+    std::optional<CapturedSelection> selection;
+    ASSERT_NO_FATAL_FAILURE(captureBeta(*editor, *replacer, selection));
+    replaceWhileAnotherClientWrites(*replacer, *selection, keys->afterKey,
+                                    [] { WlClipboard::copy(QByteArrayLiteral("newer words")); });
     pumpFor(500);
     EXPECT_EQ(WlClipboard::paste(QStringLiteral("text/plain;charset=utf-8")),
               QByteArrayLiteral("newer words"));
 }
 
 // foot runs a raw-mode `cat` that writes every byte it reads to a file: a Control+C would arrive
-// there as byte 3 (and in cooked mode end the program). The terminal is copied from with
-// Control+Shift+C, which foot keeps for itself.
-TEST_F(ClipboardWaylandTest, TerminalNeverReceivesControlC) {
+// there as byte 3 (and in cooked mode end the program), and so would Control+Shift+C with nothing
+// selected. The selection, made with foot's search mode, is read from the primary selection
+// without a single key sent, and the replacement is refused rather than typed into the program.
+TEST_F(ClipboardWaylandTest, TerminalSelectionIsReadFromPrimaryWithoutAnyKey) {
+    ASSERT_TRUE(pasteboard->carriesPrimary()) << "sway offers data-control version 2";
+    wayland::WaylandPrimarySelection primary(*pasteboard, *workspace);
+    replacer->setPrimarySelection(&primary);
     const QString typed = SwaySession::current()->directory() + QStringLiteral("/typed.bin");
-    WaylandEditor terminal(
-        *workspace, *typist,
-        {QStringLiteral("foot"), QStringLiteral("sh"), QStringLiteral("-c"),
-         QStringLiteral("stty raw -echo; printf ready > \"$0.ready\"; exec cat > \"$0\"")});
+    WaylandEditor terminal(*workspace, *typist,
+                           {QStringLiteral("foot"), QStringLiteral("sh"), QStringLiteral("-c"),
+                            QStringLiteral("stty raw -echo; printf 'alpha beta gamma'; printf ready > "
+                                           "\"$0.ready\"; exec cat > \"$0\"")});
     ASSERT_TRUE(terminal.open(QString(), QStringLiteral("typed.bin")));
     ASSERT_TRUE(pumpUntil([&] { return QFile::exists(typed + QStringLiteral(".ready")); }, 5000));
     ASSERT_EQ(workspace->bundleIdentifier(terminal.pid()), QStringLiteral("foot"));
+    EXPECT_THROW(capture(), TextReplacementError) << "nothing is selected yet";
 
-    try {
-        capture();
-    } catch (const std::exception&) {
-        // Nothing is selected in the terminal, so nothing is copied; the keys it got matter here.
+    // Search for "beta" and commit it: foot puts the match in the primary selection.
+    for (const std::uint32_t key : {XKB_KEY_b, XKB_KEY_e, XKB_KEY_t, XKB_KEY_a, XKB_KEY_Return}) {
+        ASSERT_TRUE(key != XKB_KEY_b || typist->tap(XKB_KEY_r, true, true));
+        ASSERT_TRUE(typist->tap(key));
     }
-    ASSERT_FALSE(keys->sent.empty());
-    for (const KeyChord& chord : keys->sent) {
-        EXPECT_TRUE(chord.keyCode != KeyboardEvents::keyCodeC || (chord.modifiers & KeyChord::shift))
-            << "a plain Control+C was sent to the terminal";
-    }
+    ASSERT_TRUE(
+        pumpUntil([&] { return finish(pasteboard->primaryTextAsync()) == QStringLiteral("beta"); }, 5000));
+    const CapturedSelection selection = capture();
+    EXPECT_EQ(selection.text(), QStringLiteral("beta"));
+    EXPECT_THROW(finish(replacer->replace(QStringLiteral("DELTA"), selection, {})), TextReplacementError);
+    EXPECT_TRUE(keys->sent.empty());
     pumpFor(300);
     QFile file(typed);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_FALSE(file.readAll().contains('\x03'));
+    EXPECT_EQ(file.readAll(), QByteArray()) << "no byte reached the program";
 }
 
 } // namespace

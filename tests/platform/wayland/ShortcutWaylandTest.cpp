@@ -1,5 +1,6 @@
 // The shortcut on sway, which has no shortcuts portal: the user binds `parlune --rewrite-selection`
 // in sway's configuration, and the running instance gets the request over the session bus.
+#include "CompositorConnection.h"
 #include "SwaySession.h"
 #include "Typist.h"
 #include "WaylandDesktopTest.h"
@@ -17,7 +18,7 @@ TEST(ShortcutWaylandTest, TheCommandBoundInSwayReachesTheRunningInstance) {
     if (!session || !session->isRunning()) {
         GTEST_SKIP() << "no test compositor";
     }
-    auto connection = wayland::WaylandConnection::open();
+    auto connection = test::connectToCompositor();
     ASSERT_TRUE(connection);
     Typist typist(*connection);
     ASSERT_TRUE(typist.isReady());
@@ -41,7 +42,9 @@ TEST(ShortcutWaylandTest, SwaySessionIsServedByTheWaylandPortsWithTheBoundComman
     if (!session || !session->isRunning()) {
         GTEST_SKIP() << "no test compositor";
     }
-    wayland::WaylandDesktop::Result connected = wayland::WaylandDesktop::connect({});
+    auto connection = test::connectToCompositor();
+    ASSERT_TRUE(connection);
+    wayland::WaylandDesktop::Result connected = wayland::WaylandDesktop::connect(std::move(connection), {});
     auto* desktop = std::get_if<std::unique_ptr<wayland::WaylandDesktop>>(&connected);
     ASSERT_TRUE(desktop) << std::get<QString>(connected).toStdString();
     EXPECT_EQ((*desktop)->hotKeys(), nullptr);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CompositorConnection.h"
 #include "SwaySession.h"
 #include "Typist.h"
 #include "platform/wayland/DataControlPasteboard.h"
@@ -23,7 +24,7 @@ protected:
             GTEST_SKIP() << "no test compositor: "
                          << (session ? session->failure().toStdString() : "not started");
         }
-        connection = wayland::WaylandConnection::open();
+        connection = test::connectToCompositor();
         ASSERT_TRUE(connection);
         workspace = wayland::SwayIpcWorkspace::connect();
         ASSERT_TRUE(workspace);

@@ -1,15 +1,11 @@
 #include "DesktopTest.h"
 #include "EditorWindow.h"
-#include "InterceptedKeyboard.h"
-#include "NoAccessibilityBus.h"
 #include "OtherClipboardClient.h"
 #include "TaskRunner.h"
 #include "core/async/CancellationError.h"
-#include "core/async/Clock.h"
-#include "core/selection/ClipboardManager.h"
 #include "core/selection/TextReplacementError.h"
-#include "core/selection/TextSelectionReplacer.h"
 #include "support/RunTask.h"
+#include "support/desktop/PasteInPlaceChecks.h"
 
 #include <QElapsedTimer>
 #include <QProcess>
@@ -18,25 +14,19 @@
 namespace parlune::test {
 namespace {
 
-class ClipboardDesktopTest : public DesktopTest {
+class ClipboardDesktopTest : public DesktopTest, protected CopyPasteParts<EditorWindow> {
 protected:
     void SetUp() override {
         DesktopTest::SetUp();
         if (IsSkipped()) {
             return;
         }
-        keys = std::make_unique<InterceptedKeyboard>(*keyboard);
-        clipboard = std::make_unique<ClipboardManager>(*pasteboard);
-        replacer = std::make_unique<TextSelectionReplacer>(accessibility, *workspace, *clipboard, *keys,
-                                                           AppCompatibilityRegistry::defaultRegistry(),
-                                                           SystemClock::shared());
+        makePath(*workspace, *pasteboard, *keyboard);
         editor = std::make_unique<EditorWindow>(*workspace);
     }
     void TearDown() override {
         editor.reset();
-        replacer.reset();
-        clipboard.reset();
-        keys.reset();
+        path.reset();
         user.reset();
         DesktopTest::TearDown();
     }
@@ -46,70 +36,36 @@ protected:
         ASSERT_TRUE(user->owns());
     }
 
-    CapturedSelection capture() { return finish(replacer->capture({})); }
-
-    // The user's rich clipboard, and "beta" selected in "alpha beta gamma".
-    bool openWithBetaSelected() {
-        giveUserRichClipboard();
-        if (HasFatalFailure() || !editor->open(QStringLiteral("alpha beta gamma"))) {
-            return false;
-        }
-        editor->select(6, 4);
-        return true;
-    }
-
-    NoAccessibilityBus accessibility;
-    std::unique_ptr<InterceptedKeyboard> keys;
-    std::unique_ptr<ClipboardManager> clipboard;
-    std::unique_ptr<TextSelectionReplacer> replacer;
-    std::unique_ptr<EditorWindow> editor;
     std::unique_ptr<OtherClipboardClient> user;
 };
 
-TEST_F(ClipboardDesktopTest, SyntheticCopyCapturesTheSelectionAndRestoresTheUsersClipboardByteForByte) {
-    ASSERT_TRUE(openWithBetaSelected());
-
-    const CapturedSelection selection = capture();
-    EXPECT_EQ(selection.text(), QStringLiteral("beta"));
-    EXPECT_EQ(selection.applicationProcessIdentifier(), editor->pid());
-    EXPECT_EQ(selection.applicationBundleIdentifier(), QStringLiteral("Mousepad"));
-    EXPECT_EQ(selection.replacementStrategy(), SelectionReplacementStrategy::clipboardFallback);
-    expectUserClipboardRestored();
-}
-
-TEST_F(ClipboardDesktopTest, ReplacementIsPastedInPlaceAndTheUsersClipboardComesBack) {
-    ASSERT_TRUE(openWithBetaSelected());
-    const CapturedSelection selection = capture();
-    ASSERT_EQ(selection.text(), QStringLiteral("beta"));
-
-    finish(replacer->replace(QStringLiteral("D\u00c9LTA \U0001F600"), selection, {}));
-    EXPECT_EQ(editor->savedText(), QStringLiteral("alpha D\u00c9LTA \U0001F600 gamma"));
-    expectUserClipboardRestored();
+TEST_F(ClipboardDesktopTest, SelectionIsCopiedThenReplacedInPlaceAndTheUsersClipboardComesBackEachTime) {
+    giveUserRichClipboard();
+    std::optional<CapturedSelection> selection;
+    ASSERT_NO_FATAL_FAILURE(
+        captureAndPasteInPlace(*editor, *replacer, selection, [&] { expectUserClipboardRestored(); }));
+    EXPECT_EQ(selection->applicationBundleIdentifier(), QStringLiteral("Mousepad"));
+    EXPECT_EQ(selection->replacementStrategy(), SelectionReplacementStrategy::clipboardFallback);
 }
 
 TEST_F(ClipboardDesktopTest, ClipboardWrittenByAnotherClientDuringThePasteIsLeftAlone) {
-    ASSERT_TRUE(openWithBetaSelected());
-    const CapturedSelection selection = capture();
-
+    giveUserRichClipboard();
+    std::optional<CapturedSelection> selection;
+    ASSERT_NO_FATAL_FAILURE(captureBeta(*editor, *replacer, selection));
     std::unique_ptr<OtherClipboardClient> newcomer;
-    keys->afterKey = [&](std::uint16_t key) {
-        if (key == KeyboardEvents::keyCodeV) {
-            newcomer = std::make_unique<OtherClipboardClient>(
-                *pasteboard, QStringList{QStringLiteral("UTF8_STRING"), QStringLiteral("newer words")});
-        }
-    };
-    try {
-        finish(replacer->replace(QStringLiteral("DELTA"), selection, {}));
-    } catch (const TextReplacementError&) {
-        // Whether the paste was confirmed does not matter here; the clipboard does.
-    }
+    replaceWhileAnotherClientWrites(*replacer, *selection, keys->afterKey, [&] {
+        newcomer = std::make_unique<OtherClipboardClient>(
+            *pasteboard, QStringList{QStringLiteral("UTF8_STRING"), QStringLiteral("newer words")});
+    });
     ASSERT_TRUE(newcomer && newcomer->owns());
     EXPECT_EQ(clipboardTarget(QStringLiteral("UTF8_STRING")), QByteArrayLiteral("newer words"));
     EXPECT_EQ(clipboardTarget(QStringLiteral("TARGETS")).contains("text/html"), false);
 }
 
 TEST_F(ClipboardDesktopTest, CaptureWithAltStillHeldWaitsAndStillCopies) {
-    ASSERT_TRUE(openWithBetaSelected());
+    giveUserRichClipboard();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
 
     xdotool({QStringLiteral("keydown"), QStringLiteral("alt")});
     const auto before = keyboard->heldKeys();
@@ -133,7 +89,9 @@ TEST_F(ClipboardDesktopTest, CaptureWithAltStillHeldWaitsAndStillCopies) {
 
 TEST_F(ClipboardDesktopTest, KeyHeldThroughAWholeRewriteIsWaitedForOnceNotPerChord) {
     // Shift, not Alt: lifting and pressing again a held Alt twice leaves mousepad in its menu bar.
-    ASSERT_TRUE(openWithBetaSelected());
+    giveUserRichClipboard();
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
     xdotool({QStringLiteral("keydown"), QStringLiteral("shift")});
     const CapturedSelection selection = capture(); // waits the bound once
     QElapsedTimer timer;
@@ -241,14 +199,14 @@ TEST_F(ClipboardDesktopTest, UsersDataHeldAtExitIsHandedToTheClipboardManager) {
     const pid_t manager = DesktopSession::current()->spawn(
         {QStringLiteral(PARLUNE_CLIPBOARD_OWNER), QStringLiteral("--manager")});
     pumpFor(300);
+    giveUserRichClipboard();
     // A capture leaves us holding the user's restored data.
-    ASSERT_TRUE(openWithBetaSelected());
+    ASSERT_TRUE(editor->open(QStringLiteral("alpha beta gamma")));
+    editor->select(6, 4);
     ASSERT_EQ(capture().text(), QStringLiteral("beta"));
     ASSERT_TRUE(pasteboard->ownsSelection());
 
-    replacer.reset();
-    clipboard.reset();
-    keys.reset();
+    path.reset();
     pasteboard.reset(); // as at exit
     expectUserClipboardRestored();
     DesktopSession::terminate(manager);

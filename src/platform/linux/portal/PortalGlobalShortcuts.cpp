@@ -1,5 +1,6 @@
 #include "platform/linux/portal/PortalGlobalShortcuts.h"
 
+#include "core/hotkeys/HotKeyFormatter.h"
 #include "core/hotkeys/HotKeyShortcut.h"
 #include "platform/linux/portal/PortalRequest.h"
 
@@ -156,20 +157,50 @@ bool PortalGlobalShortcuts::describesTrigger(const QString& description, const Q
     return false;
 }
 
+std::optional<HotKeyShortcut> PortalGlobalShortcuts::shortcutFor(const QString& description,
+                                                                 const KeyCodeLookup& keyCodeFor) {
+    static const QHash<QString, std::uint32_t> modifiers = {
+        {QStringLiteral("ctrl"), modifier_flag::control},
+        {QStringLiteral("alt"), modifier_flag::option},
+        {QStringLiteral("shift"), modifier_flag::shift},
+        {QStringLiteral("meta"), modifier_flag::command},
+    };
+    const QString first = description.section(u',', 0, 0).trimmed();
+    // The words are unordered; the key is the one that is not a modifier.
+    std::uint32_t flags = 0;
+    QString key;
+    for (const QString& word : chordWords(first)) {
+        if (const auto modifier = modifiers.constFind(word); modifier != modifiers.cend()) {
+            flags |= *modifier;
+        } else if (key.isEmpty()) {
+            key = word;
+        } else {
+            return std::nullopt; // two keys: not a chord we can hold
+        }
+    }
+    const xkb_keysym_t keysym = xkb_keysym_from_name(key.toUtf8().constData(), XKB_KEYSYM_CASE_INSENSITIVE);
+    const std::optional<std::uint32_t> keyCode =
+        keysym != XKB_KEY_NoSymbol && keyCodeFor ? keyCodeFor(keysym) : std::nullopt;
+    if (!keyCode) {
+        return std::nullopt;
+    }
+    // The desktop's own spelling of the key ("R", "F5"), named as a recorded key would be.
+    const QString keyName = first.section(u'+', -1).trimmed();
+    return HotKeyFormatter::shortcut(
+        KeyEvent{*keyCode, keyName.isEmpty() ? QStringLiteral("+") : keyName, flags});
+}
+
 QCoro::Task<PortalGlobalShortcuts::Availability> PortalGlobalShortcuts::probe() {
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        QString::fromLatin1(desktopService), QString::fromLatin1(desktopPath),
-        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-    message << QString::fromLatin1(shortcutsInterface) << QStringLiteral("version");
     auto weak = lifetime_.weak(this);
-    const QDBusPendingReply<QDBusVariant> version =
-        co_await QDBusPendingReply<QDBusVariant>(bus_.asyncCall(message));
+    const PortalProbe found =
+        co_await PortalRequest::properties(bus_, QString::fromLatin1(shortcutsInterface));
     PortalGlobalShortcuts* self = weak.lock();
-    if (!self || version.isError()) {
+    if (!self) {
         co_return Availability::absent;
     }
-    self->available_ = true;
-    co_return Availability::available;
+    self->available_ = found.offered();
+    self->absence_ = found.absence;
+    co_return self->available_ ? Availability::available : Availability::absent;
 }
 
 QVariant PortalGlobalShortcuts::shortcutList(const QString& trigger) const {
@@ -331,7 +362,9 @@ QCoro::Task<void> PortalGlobalShortcuts::bind(Handle handle, QString trigger) {
 
 QCoro::Task<std::int32_t> PortalGlobalShortcuts::bindTrigger(QString trigger) {
     auto weak = lifetime_.weak(this);
-    if (isOpen() && sessionTrigger_ != trigger) {
+    // A key the desktop already binds needs no new session: that is the case when the stored
+    // shortcut was just set to the key the user chose in the desktop's settings.
+    if (isOpen() && sessionTrigger_ != trigger && !describesTrigger(boundTrigger_, trigger)) {
         // A session binds what it was created with; another key needs a new one.
         co_await closeSessionBeforeReopening();
         if (!weak.lock()) {
@@ -366,14 +399,14 @@ QCoro::Task<std::int32_t> PortalGlobalShortcuts::bindTrigger(QString trigger) {
         co_return 0;
     }
     if (response.code == PortalResponse::cancelled) {
-        co_return refusedStatus;
+        co_return declinedStatus;
     }
     if (!response.succeeded()) {
         co_return portalFailedStatus;
     }
     noteBoundTrigger(response.results);
     if (!describesTrigger(boundTrigger_, trigger)) {
-        co_return refusedStatus;
+        co_return boundTrigger_.isEmpty() ? refusedStatus : keptOtherKeyStatus;
     }
     co_return co_await keyGrantedByShortcutDaemon();
 }
@@ -475,7 +508,7 @@ void PortalGlobalShortcuts::onSessionClosed(const QVariantMap&) {
     const bool hadRegistrations = !registrations_.empty();
     registrations_.clear();
     if (hadRegistrations && onRefused_) {
-        onRefused_(portalFailedStatus);
+        onRefused_(sessionEndedStatus);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "core/async/TaskHandle.h"
 #include "core/async/WeakRef.h"
+#include "core/hotkeys/HotKeyShortcut.h"
 #include "core/platform/HotKeyService.h"
 
 #include <QCoro/QCoroTask>
@@ -29,18 +30,25 @@ namespace parlune::portal {
 // known at once (a key without a name, no portal) and binds in the background; a binding the
 // desktop then refuses reports through `setRefusalHandler`. At start, a key the user already gave
 // the shortcut in the desktop's settings is kept (and reported), whatever the stored shortcut
-// says. Statuses are X11's, so the user reads the same sentences on either session: 10
-// (BadAccess) when the desktop gave the key to something else or the user declined, 2 (BadValue)
-// for a key that has no name, 17 (BadImplementation) when the portal failed.
+// says. Statuses reuse the X protocol's numbers where the meaning is the same (PlatformTerms'
+// Wayland table words them): 10 (BadAccess) when the desktop gave the key to something else, 2
+// (BadValue) for a key that has no name, 17 (BadImplementation) when the portal failed; 11 when the
+// user declined, 12 when the desktop keeps another key for the shortcut and 18 when it ended the
+// session.
 class PortalGlobalShortcuts final : public QObject, public HotKeyService {
     Q_OBJECT
 public:
     // The X keysym (also XKB's) for a stored key code; the platform's key table.
     using KeysymLookup = std::function<std::optional<std::uint32_t>(std::uint32_t macKeyCode)>;
+    // The reverse: the stored key code of an X keysym.
+    using KeyCodeLookup = std::function<std::optional<std::uint32_t>(std::uint32_t keysym)>;
 
     static constexpr std::int32_t noSuchKeyStatus = 2;
     static constexpr std::int32_t refusedStatus = 10;
+    static constexpr std::int32_t declinedStatus = 11;
+    static constexpr std::int32_t keptOtherKeyStatus = 12;
     static constexpr std::int32_t portalFailedStatus = 17;
+    static constexpr std::int32_t sessionEndedStatus = 18;
 
     // The shortcut's id within the session, stable so the desktop remembers the user's choice.
     static constexpr const char* shortcutId = "rewrite-selection";
@@ -57,6 +65,8 @@ public:
     // itself is opened by the first registration. Never blocks the event loop.
     QCoro::Task<Availability> probe();
     bool isAvailable() const { return available_; }
+    // Why probe() found the portal absent (PortalProbe's word); empty while it is available.
+    const QString& absence() const { return absence_; }
     bool isOpen() const { return !sessionHandle_.isEmpty(); }
 
     // Runs on the main thread when a registration answered with success is refused afterwards.
@@ -77,6 +87,11 @@ public:
     // Whether the desktop's description ("Alt+Space", "Ctrl+Shift+Esc") names the same chord as a
     // portal trigger; a desktop that describes keys in its own words compares unequal.
     static bool describesTrigger(const QString& description, const QString& trigger);
+    // The desktop's description of a key ("Ctrl+Shift+Esc"; of several, the first) as a stored
+    // shortcut named in this platform's words; nullopt without a modifier or for a key `keyCodeFor`
+    // does not know.
+    static std::optional<HotKeyShortcut> shortcutFor(const QString& description,
+                                                     const KeyCodeLookup& keyCodeFor);
 
     Result installHandler(Handler handler) override;
     Result registerHotKey(std::uint32_t keyCode, std::uint32_t modifiers,
@@ -124,6 +139,7 @@ private:
     std::map<Handle, Registration> registrations_;
     Handle nextHandle_ = 1;
     bool available_ = false;
+    QString absence_;
     bool hasBound_ = false; // a binding succeeded in this process
     bool held_ = false;
     bool backendReportsRelease_ = false;

@@ -49,32 +49,23 @@ PortalRemoteDesktopKeyboard::~PortalRemoteDesktopKeyboard() {
     }
 }
 
-QCoro::Task<std::optional<std::uint32_t>> PortalRemoteDesktopKeyboard::offeredVersion(QDBusConnection bus) {
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        QString::fromLatin1(desktopService), QString::fromLatin1(desktopPath),
-        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("GetAll"));
-    message << QString::fromLatin1(remoteDesktopInterface);
-    const QDBusPendingReply<QVariantMap> reply =
-        co_await QDBusPendingReply<QVariantMap>(bus.asyncCall(message));
-    if (reply.isError()) {
-        co_return std::nullopt;
+QCoro::Task<PortalProbe> PortalRemoteDesktopKeyboard::keyboardOffer(QDBusConnection bus) {
+    PortalProbe found = co_await PortalRequest::properties(bus, QString::fromLatin1(remoteDesktopInterface));
+    const std::uint32_t devices = found.properties.value(QStringLiteral("AvailableDeviceTypes")).toUInt();
+    if (found.offered() && !(devices & keyboardDevice)) {
+        found.absence = QStringLiteral("no_keyboard");
     }
-    const QVariantMap properties = reply.value();
-    const std::uint32_t devices = properties.value(QStringLiteral("AvailableDeviceTypes")).toUInt();
-    if (!(devices & keyboardDevice)) {
-        co_return std::nullopt;
-    }
-    co_return properties.value(QStringLiteral("version")).toUInt();
+    co_return found;
 }
 
 QCoro::Task<PortalRemoteDesktopKeyboard::Availability> PortalRemoteDesktopKeyboard::probe() {
     auto weak = lifetime_.weak(this);
-    const std::optional<std::uint32_t> version = co_await offeredVersion(bus_);
+    const PortalProbe offer = co_await keyboardOffer(bus_);
     PortalRemoteDesktopKeyboard* self = weak.lock();
-    if (!self || !version) {
+    if (!self || !offer.offered()) {
         co_return Availability::absent;
     }
-    self->version_ = *version;
+    self->version_ = offer.properties.value(QStringLiteral("version")).toUInt();
     co_return Availability::available;
 }
 

@@ -2,6 +2,7 @@
 
 #include "core/async/WeakRef.h"
 #include "core/platform/KeyboardEvents.h"
+#include "platform/linux/portal/PortalRequest.h"
 
 #include <QCoro/QCoroTask>
 #include <QDBusConnection>
@@ -57,8 +58,8 @@ public:
 
     // Asks whether the desktop offers a keyboard through the portal; never blocks the event loop.
     QCoro::Task<Availability> probe();
-    // The same before any keyboard exists: the portal's version when it offers a keyboard.
-    static QCoro::Task<std::optional<std::uint32_t>> offeredVersion(QDBusConnection bus);
+    // The same before any keyboard exists; a portal without a keyboard is absent as "no_keyboard".
+    static QCoro::Task<PortalProbe> keyboardOffer(QDBusConnection bus);
     // Opens the session now (the first chord does it otherwise): the moment consent is asked for.
     QCoro::Task<bool> start();
     bool isStarted() const { return !sessionHandle_.isEmpty(); }

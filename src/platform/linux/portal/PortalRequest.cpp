@@ -71,6 +71,22 @@ QString PortalRequest::sessionHandleIn(const QVariantMap& results) {
     return handle.toString();
 }
 
+QCoro::Task<PortalProbe> PortalRequest::properties(QDBusConnection bus, QString interface, int timeoutMs) {
+    QDBusMessage message = QDBusMessage::createMethodCall(
+        QString::fromLatin1(desktopService), QString::fromLatin1(desktopPath),
+        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("GetAll"));
+    message << interface;
+    const QDBusPendingReply<QVariantMap> reply =
+        co_await QDBusPendingReply<QVariantMap>(bus.asyncCall(message, timeoutMs));
+    if (!reply.isError()) {
+        co_return PortalProbe{reply.value(), {}};
+    }
+    const QDBusError::ErrorType error = reply.error().type();
+    const bool unanswered =
+        error == QDBusError::NoReply || error == QDBusError::Timeout || error == QDBusError::TimedOut;
+    co_return PortalProbe{{}, unanswered ? QStringLiteral("no_answer") : QStringLiteral("not_offered")};
+}
+
 QCoro::Task<PortalResponse> PortalRequest::call(QDBusConnection bus, QDBusMessage message, QString token) {
     ResponseCatcher catcher;
     QDBusServiceWatcher watcher(QString::fromLatin1(desktopService), bus,

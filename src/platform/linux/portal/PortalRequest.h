@@ -26,6 +26,16 @@ struct PortalResponse {
     bool succeeded() const { return code == success; }
 };
 
+// What asking a portal interface for its properties found: the properties, or why the portal
+// counts as absent ("no_answer" when it did not reply in time, "not_offered" when the desktop has no
+// such portal, or another word a caller sets), as a word for the diagnostics log.
+struct PortalProbe {
+    QVariantMap properties;
+    QString absence;
+
+    bool offered() const { return absence.isEmpty(); }
+};
+
 // Portal methods answer later, through a Request object whose path the caller can predict from its
 // unique bus name and a handle_token. The Response can follow the method's reply at once, so the
 // signal is subscribed before the call is made; a portal that still returns a different path gets
@@ -41,6 +51,13 @@ public:
     // The session handle of a CreateSession response: a string in version 1 portals, an object path
     // in later ones. Empty when there is none.
     static QString sessionHandleIn(const QVariantMap& results);
+
+    // A portal that has not answered a probe by then counts as absent: the desktop's session bus
+    // would wait 25 seconds for it.
+    static constexpr int probeTimeoutMs = 3000;
+    // Reads every property of `interface` on the desktop portal, waiting at most `timeoutMs`.
+    static QCoro::Task<PortalProbe> properties(QDBusConnection bus, QString interface,
+                                               int timeoutMs = probeTimeoutMs);
 
     // Calls `message` (whose options already carry handle_token = `token`) and waits, without
     // blocking, for the Response. A portal that leaves the bus meanwhile counts as failed.
