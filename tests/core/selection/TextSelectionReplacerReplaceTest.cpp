@@ -174,13 +174,13 @@ TEST_F(ReplaceTest, PasteLeavingTextSelectedIsConfirmed) {
 
 TEST_F(ReplaceTest, FrontmostSelectionIsConfirmedOnceSteady) {
     desktop.application(editorPid)->exposesFocusedElement = false;
+    makePatientReplacer(); // confirmed at all means confirmed by the steady moment, not the timeout
     const CapturedSelection selection = capture();
     runTask(replacer->validate(selection, {})); // copies again and compares
     QElapsedTimer timer;
     timer.start();
     runTask(replacer->replace(QStringLiteral("earth"), selection, {}));
-    EXPECT_GE(secondsOf(timer), 0.12);
-    EXPECT_LT(secondsOf(timer), 0.6);
+    EXPECT_GE(secondsOf(timer), TextSelectionReplacer::Timing{}.steadyPasteInterval);
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello earth, again"));
     EXPECT_TRUE(pasteboardIsUsers());
 }
@@ -230,8 +230,8 @@ TEST_F(ReplaceTest, IgnoredPasteIsNotConfirmedAfterTheTimeoutAndRestores) {
     timer.start();
     EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})),
               Kind::replacementNotConfirmed);
-    EXPECT_GE(secondsOf(timer), 1.0);
-    EXPECT_LT(secondsOf(timer), 1.4);
+    EXPECT_GE(secondsOf(timer), TextSelectionReplacer::Timing{}.pasteConfirmationTimeout);
+    EXPECT_LT(secondsOf(timer), 10.0); // gives up, however loaded the machine
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello world, again"));
     EXPECT_TRUE(pasteboardIsUsers());
 }
@@ -275,6 +275,7 @@ TEST_F(ReplaceTest, WriterDuringConfirmationKeepsItsContents) {
 
 TEST_F(ReplaceTest, CancellationDuringConfirmationRestores) {
     desktop.application(editorPid)->ignoresPaste = true;
+    makePatientReplacer();
     const CapturedSelection selection = capture();
     std::stop_source source;
     desktop.onCommandKey = [&](const SentKey&) { desktop.after(30, [&] { source.request_stop(); }); };
