@@ -8,7 +8,6 @@
 #include "support/FakeUserDefaults.h"
 #include "support/QtPrinters.h"
 #include "support/RunTask.h"
-#include "support/ScopedPlatformTerms.h"
 #include "support/ScriptedRewriteEngine.h"
 
 #include <gtest/gtest.h>
@@ -20,8 +19,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const HotKeyShortcut optionSpace{49, 2048, "Option+Space"};
-const HotKeyShortcut optionTab{48, 2048, "Option+Tab"};
+const HotKeyShortcut optionSpace{49, 2048, "Alt+Space"};
+const HotKeyShortcut optionTab{48, 2048, "Alt+Tab"};
 
 class ShortcutRegistrationTest : public ::testing::Test {
 protected:
@@ -30,7 +29,6 @@ protected:
     }
     QString lastLine() const { return diagnostics_.entries().front().message; }
 
-    testing::ScopedPlatformTerms mac_{PlatformTerms::macOS()};
     testing::FakeUserDefaults defaults_;
     testing::FakeCredentialStore credentials_;
     SettingsStore settings_{defaults_, credentials_, false};
@@ -59,7 +57,7 @@ TEST_F(ShortcutRegistrationTest, TakenNewShortcutFallsBackToThePreviousOneAndRew
     EXPECT_EQ(settings_.selectedHotKey(), optionSpace);
     EXPECT_TRUE(readiness_.hotKeyReady());
     EXPECT_EQ(readiness_.hotKeyRegistrationError(), std::nullopt);
-    EXPECT_EQ(shown_, std::vector<QString>{"Option+Tab is already in use. Option+Space remains active."});
+    EXPECT_EQ(shown_, std::vector<QString>{"Alt+Tab is already in use. Alt+Space remains active."});
     EXPECT_EQ(lastLine(),
               "stage=hotkey_registration outcome=reverted_to_previous error=registration_conflict");
     service_.press();
@@ -72,7 +70,7 @@ TEST_F(ShortcutRegistrationTest, TakenShortcutWithNothingToFallBackToLeavesTheHo
     EXPECT_EQ(registration_.registeredHotKey(), std::nullopt);
     EXPECT_FALSE(readiness_.hotKeyReady());
     EXPECT_EQ(readiness_.hotKeyRegistrationError(),
-              "Option+Space is already in use. Choose another shortcut in Parlune Settings.");
+              "Alt+Space is already in use. Choose another shortcut in Parlune Settings.");
     EXPECT_TRUE(shown_.empty());
     EXPECT_EQ(lastLine(), "stage=hotkey_registration outcome=failed error=registration_conflict");
 
@@ -85,7 +83,7 @@ TEST_F(ShortcutRegistrationTest, TakenShortcutWithNothingToFallBackToLeavesTheHo
     registration_.registerHotKey(true, false);
     EXPECT_EQ(settings_.selectedHotKey(), optionTab);
     EXPECT_EQ(shown_, std::vector<QString>{
-                          "Option+Tab is already in use. Choose another shortcut in Parlune Settings."});
+                          "Alt+Tab is already in use. Choose another shortcut in Parlune Settings."});
     EXPECT_TRUE(service_.keys.empty());
 }
 
@@ -98,7 +96,7 @@ TEST_F(ShortcutRegistrationTest, ALateRefusalIsReportedLikeAConflictAndAForcedRe
     registration_.refusedAfterRegistering();
     EXPECT_EQ(registration_.registeredHotKey(), std::nullopt);
     EXPECT_FALSE(readiness_.hotKeyReady());
-    const QString sentence = "Option+Space is already in use. Choose another shortcut in Parlune Settings.";
+    const QString sentence = "Alt+Space is already in use. Choose another shortcut in Parlune Settings.";
     EXPECT_EQ(readiness_.hotKeyRegistrationError(), sentence);
     EXPECT_EQ(shown_, std::vector<QString>{sentence});
     EXPECT_TRUE(service_.keys.empty()) << "the refused key is not left registered";
@@ -121,7 +119,6 @@ TEST_F(ShortcutRegistrationTest, UnforcedRegistrationOfTheReadyShortcutDoesNothi
 }
 
 TEST(ShortcutChangeWatcherTest, OneCallPerSavedNewShortcutAndNoneForEqualValues) {
-    testing::ScopedPlatformTerms mac(PlatformTerms::macOS());
     testing::FakeUserDefaults defaults;
     testing::FakeCredentialStore credentials;
     SettingsStore settings(defaults, credentials, false);
