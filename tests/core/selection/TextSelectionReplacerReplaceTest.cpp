@@ -420,33 +420,5 @@ TEST_F(ReplaceTest, ValidationCopyWaitsForARunningCapture) {
     EXPECT_TRUE(pasteboardIsUsers());
 }
 
-TEST_F(ReplaceTest, CancelledWaiterGivesUpItsTurn) {
-    makeUnreadable(fieldA);
-    desktop.keyDelayMs = 20;
-    std::stop_source cancelled;
-    int finished = 0;
-    bool secondCancelled = false;
-    auto runCapture = [&](std::stop_token token, bool* wasCancelled) -> QCoro::Task<void> {
-        try {
-            co_await replacer->capture(token);
-        } catch (const CancellationError&) {
-            *wasCancelled = true;
-        }
-        ++finished;
-    };
-    bool ignored = false;
-    QCoro::Task<void> a = runCapture({}, &ignored);
-    QCoro::Task<void> b = runCapture(cancelled.get_token(), &secondCancelled);
-    QCoro::Task<void> c = runCapture({}, &ignored);
-    EXPECT_EQ(replacer->pasteboardWaiterCount(), 2u);
-    cancelled.request_stop();
-    ASSERT_TRUE(pumpUntil([&] { return finished == 3; }));
-    EXPECT_TRUE(secondCancelled);
-    EXPECT_FALSE(ignored);
-    EXPECT_EQ(desktop.sentKeys().size(), 2u);
-    EXPECT_FALSE(replacer->isPasteboardBusy());
-    EXPECT_TRUE(pasteboardIsUsers());
-}
-
 } // namespace
 } // namespace parlune::test
