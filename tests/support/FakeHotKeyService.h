@@ -16,8 +16,8 @@ namespace parlune::testing {
 // are refused as if another program held them.
 class FakeHotKeyService final : public HotKeyService {
 public:
-    // The status the X11 port and the original platform give for a key already grabbed.
-    static constexpr std::int32_t alreadyTakenStatus = -9878;
+    // X's BadAccess: what the X11 port reports for a key another client grabbed.
+    static constexpr std::int32_t alreadyTakenStatus = 10;
 
     std::vector<std::string> calls;
     std::int32_t installStatus = 0;

@@ -53,18 +53,6 @@ EngineKind engineKind(FrameworkKind kind) {
     return EngineKind::generationFailed;
 }
 
-// Releases the gate exactly once, whichever way the rewrite leaves.
-class GateHold {
-public:
-    explicit GateHold(RewriteGenerationGate& gate) : gate_(gate) {}
-    ~GateHold() { gate_.release(); }
-    GateHold(const GateHold&) = delete;
-    GateHold& operator=(const GateHold&) = delete;
-
-private:
-    RewriteGenerationGate& gate_;
-};
-
 } // namespace
 
 // One warm-up shared by every prepare() that arrives while it runs.
@@ -253,11 +241,7 @@ QCoro::Task<QString> OnDeviceModelClient::generate(const QString& text, RewriteM
         }
     }
 
-    co_await generationGate_.acquire(token);
-    const GateHold hold(generationGate_);
-    if (token.stop_requested()) {
-        throw CancellationError{};
-    }
+    const FirstComeLock::Lease generation = co_await generationGate_.acquire(token);
     co_await prepare(token);
 
     const QString instructions = RewritePrompt::rewriteInstructions(mode, preferences);

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "core/async/FirstComeLock.h"
 #include "core/async/WeakRef.h"
 #include "core/engine/LocalRewriteEngine.h"
-#include "core/engine/RewriteGenerationGate.h"
 #include "core/platform/LanguageModelFramework.h"
 
 #include <QCoro/QCoroTask>
@@ -40,7 +40,7 @@ public:
 
     bool isWarm() const { return static_cast<bool>(warmupSession_); }
     bool isWarming() const { return static_cast<bool>(preparation_); }
-    const RewriteGenerationGate& generationGate() const { return generationGate_; }
+    const FirstComeLock& generationGate() const { return generationGate_; }
 
     // Cancellations and engine errors unchanged; framework errors by kind; anything else
     // generationFailed.
@@ -57,7 +57,7 @@ private:
 
     LanguageModelFramework& framework_;
     MemoryPressureSource* memoryPressure_;
-    RewriteGenerationGate generationGate_;
+    FirstComeLock generationGate_;
     std::unique_ptr<LanguageModelSession> warmupSession_;
     std::shared_ptr<Preparation> preparation_;
     std::uint64_t preparationGeneration_ = 0;

@@ -16,7 +16,7 @@ public:
     Case errorCase() const noexcept { return case_; }
     std::int32_t status() const noexcept { return status_; }
 
-    // "Could not register the hotkey. OSStatus -9878." with the platform's name for the status.
+    // "Could not register the hotkey. X11 error 10." with the platform's name for the status.
     const char* what() const noexcept override { return description_.c_str(); }
 
     friend bool operator==(const HotKeyError& a, const HotKeyError& b) noexcept {

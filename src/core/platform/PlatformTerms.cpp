@@ -27,28 +27,6 @@ PlatformTerms waylandTerms() {
 
 } // namespace
 
-const PlatformTerms& PlatformTerms::macOS() {
-    static const PlatformTerms terms{
-        .thisComputer = "this Mac",
-        .thisComputerCapitalized = "This Mac",
-        .systemSettings = "System Settings",
-        .optionKey = "Option",
-        .commandKey = "Command",
-        .controlKey = "Control",
-        .shiftKey = "Shift",
-        .accessibilitySettingsLocation =
-            "x-apple.systempreferences:com.apple.preference.security?Privacy_Accessibility",
-        .settingsApplicationPath = "/System/Applications/System Settings.app",
-        .accessibilityEnableInstruction = "Enable Parlune in System Settings \u2192 Privacy & Security "
-                                          "\u2192 Accessibility, then return and run "
-                                          "the workflow test.",
-        .deviceNotSupportedDescription = "This Mac does not support Parlune's on-device rewriting.",
-        .hotKeyStatusName = "OSStatus",
-        .hotKeyTakenStatus = -9878,
-    };
-    return terms;
-}
-
 const PlatformTerms& PlatformTerms::linux() {
     // On X11 "accessibility control" means synthetic input (XTest) plus the AT-SPI bus, so the
     // settings we point to are the desktop's accessibility settings.

@@ -14,24 +14,23 @@ struct HotKeyStatusText {
     std::string_view reason; // "the desktop gave the key to another program"
 };
 
-// The few words of the product that name platform things. The macOS table holds the original
-// texts; the Linux table reads naturally on a Linux desktop. Everything user-visible that names the
-// computer, its settings or modifier keys comes from here.
+// The few words of the product that name platform things, in tables that read naturally on a
+// Linux desktop. Everything user-visible that names the computer, its settings or modifier keys
+// comes from here.
 struct PlatformTerms {
-    std::string_view thisComputer;            // "this Mac"
-    std::string_view thisComputerCapitalized; // "This Mac"
-    std::string_view systemSettings;          // "System Settings"
-    std::string_view optionKey;               // "Option"
-    std::string_view commandKey;              // "Command"
-    std::string_view controlKey;              // "Control"
+    std::string_view thisComputer;            // "this computer"
+    std::string_view thisComputerCapitalized; // "This computer"
+    std::string_view systemSettings;          // "your desktop's settings"
+    std::string_view optionKey;               // "Alt"
+    std::string_view commandKey;              // "Super"
+    std::string_view controlKey;              // "Ctrl"
     std::string_view shiftKey;                // "Shift"
     // Where the user grants accessibility control, and the settings application to fall back to.
     std::string_view accessibilitySettingsLocation;
     std::string_view settingsApplicationPath;
-    // "Enable Parlune in System Settings → Privacy & Security → Accessibility, then return and run
-    // the workflow test." — the path differs per platform, so the sentence is whole here.
+    // Where to turn on accessibility control, as one whole sentence.
     std::string_view accessibilityEnableInstruction;
-    // "This Mac does not support Parlune's on-device rewriting."
+    // "This computer does not support Parlune's on-device rewriting."
     std::string_view deviceNotSupportedDescription;
     // The name of the platform's status code in "Could not register the hotkey. OSStatus -9878.",
     // for a status `hotKeyStatusTexts` does not explain.
@@ -45,10 +44,9 @@ struct PlatformTerms {
     // "X11 error 10", or the reason `hotKeyStatusTexts` gives for `status`.
     QString hotKeyFailure(std::int32_t status) const;
 
-    // "Option+" or its equivalent: how every shortcut whose first key is Option begins.
+    // "Alt+": how every shortcut whose first key is the option key begins.
     QString optionPrefix() const;
 
-    static const PlatformTerms& macOS();
     // Linux in an X11 session.
     static const PlatformTerms& linux();
     // Linux in a Wayland session: the desktop's portals bind the shortcut.

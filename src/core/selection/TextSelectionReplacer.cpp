@@ -217,7 +217,7 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureOpaqueFrontmostSele
         fail(Kind::unableToReadFocusedElement);
     }
     const ProcessId process = frontmost->processIdentifier;
-    PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
+    FirstComeLock::Lease lease = co_await pasteboardGuard_.acquire(token);
     verifyFrontmostProcess(process);
     QString copied = co_await copySelectedTextRestoringClipboard(process, frontmost->bundleIdentifier, token);
     verifyFrontmostProcess(process);
@@ -228,7 +228,7 @@ QCoro::Task<CapturedSelection> TextSelectionReplacer::captureOpaqueFrontmostSele
 QCoro::Task<CapturedSelection> TextSelectionReplacer::captureFocusedElementByCopy(
     AccessibilityElementRef element, ProcessId process, std::optional<TextRange> range,
     std::optional<QString> bundleIdentifier, std::stop_token token) {
-    PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
+    FirstComeLock::Lease lease = co_await pasteboardGuard_.acquire(token);
     co_await verifyFocusedTarget(element, range, process);
     QString copied = co_await copySelectedTextRestoringClipboard(process, bundleIdentifier, token);
     co_await verifyFocusedTarget(element, range, process);
@@ -351,7 +351,7 @@ QCoro::Task<void> TextSelectionReplacer::verifyClipboardFallbackSelection(Captur
 
     // Nothing readable: copy the selection again. A copy changes the pasteboard, so it waits its
     // turn like every other pasteboard operation unless the caller already holds the pasteboard.
-    PasteboardGuard::Lease lease;
+    FirstComeLock::Lease lease;
     if (!holdsPasteboard) {
         lease = co_await pasteboardGuard_.acquire(token);
     }
@@ -397,7 +397,7 @@ QCoro::Task<void> TextSelectionReplacer::replaceByPasting(QString replacement, C
     if (!compatibilityRegistry_.chordsFor(selection.applicationBundleIdentifier()).paste) {
         fail(Kind::unsupportedTarget); // before anything is written or sent
     }
-    PasteboardGuard::Lease lease = co_await pasteboardGuard_.acquire(token);
+    FirstComeLock::Lease lease = co_await pasteboardGuard_.acquire(token);
     co_await verifyClipboardFallbackSelection(selection, true, token);
     ClipboardSnapshot original = co_await clipboard_.capture();
     throwIfCancelled(token);

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "core/async/FirstComeLock.h"
 #include "core/platform/AccessibilityElement.h"
 #include "core/platform/ProcessId.h"
 #include "core/platform/TextRange.h"
 #include "core/selection/AppCompatibilityRegistry.h"
 #include "core/selection/ClipboardSnapshot.h"
-#include "core/selection/PasteboardGuard.h"
 #include "core/selection/SelectionReplacing.h"
 
 #include <QString>
@@ -112,7 +112,7 @@ private:
     const AppCompatibilityRegistry compatibilityRegistry_;
     const Clock& clock_;
     const Timing timing_;
-    PasteboardGuard pasteboardGuard_;
+    FirstComeLock pasteboardGuard_;
     PrimarySelection* primarySelection_ = nullptr;
 };
 

@@ -4,6 +4,7 @@
 #include "platform/x11/XcbConnection.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 
 #include <xcb/xfixes.h>
 
@@ -22,7 +23,11 @@ const QString passwordManagerHint = QStringLiteral("x-kde-passwordManagerHint");
 const QString utf8String = QStringLiteral("UTF8_STRING");
 
 constexpr int readTimeoutMs = 1000;
-constexpr int handOverTimeoutMs = 2000;
+// A clipboard manager copying our data at exit may be slow on a loaded machine: it is waited for
+// while it keeps asking, and given up after this long without a request (one that stopped
+// answering) or, in all, after the cap.
+constexpr int handOverQuietMs = 5000;
+constexpr int handOverCapMs = 30000;
 // Ownerships kept after they ended, for requests still on their way to us.
 constexpr std::size_t retiredKept = 8;
 
@@ -479,6 +484,7 @@ const X11Pasteboard::Owned* X11Pasteboard::addressedOwnership(std::uint32_t sequ
 }
 
 void X11Pasteboard::serveRequest(const xcb_selection_request_event_t& request, std::uint32_t sequence) {
+    ++requestsServed_;
     const xcb_atom_t property = request.property == XCB_NONE ? request.target : request.property;
     const Owned* addressed = addressedOwnership(sequence);
     const bool current = addressed && (request.time == XCB_CURRENT_TIME || request.time >= addressed->time);
@@ -571,6 +577,7 @@ void X11Pasteboard::continueTransfer(xcb_window_t window, xcb_atom_t property) {
     const qsizetype chunk = std::min<qsizetype>(64 * 1024, it->bytes.size() - it->offset);
     xcb_change_property(c, XCB_PROP_MODE_REPLACE, window, property, it->type, 8,
                         static_cast<std::uint32_t>(chunk), it->bytes.constData() + it->offset);
+    ++requestsServed_;
     if (chunk == 0) {
         // The empty chunk ends the transfer.
         const std::uint32_t none = XCB_EVENT_MASK_NO_EVENT;
@@ -591,13 +598,27 @@ void X11Pasteboard::handOverToClipboardManager() {
     }
     const xcb_atom_t saveTargets = x_.atom("SAVE_TARGETS");
     xcb_convert_selection(c, x_.window(), manager, saveTargets, XCB_NONE, XCB_CURRENT_TIME);
-    // While waiting, our listener keeps serving the manager's requests for the data.
-    const XcbReply<xcb_generic_event_t> done(x_.waitForEvent(
-        [&](const xcb_generic_event_t* e) {
-            return (e->response_type & 0x7f) == XCB_SELECTION_NOTIFY &&
-                   as<xcb_selection_notify_event_t>(e)->selection == manager;
-        },
-        handOverTimeoutMs));
+    // While waiting, our listener keeps serving the manager's requests for the data. Giving up
+    // while it still copies would lose the user's clipboard with us.
+    QElapsedTimer sinceStart;
+    sinceStart.start();
+    for (;;) {
+        const std::uint64_t servedBefore = requestsServed_;
+        const int wait =
+            static_cast<int>(std::min<qint64>(handOverQuietMs, handOverCapMs - sinceStart.elapsed()));
+        if (wait <= 0) {
+            return;
+        }
+        const XcbReply<xcb_generic_event_t> answer(x_.waitForEvent(
+            [&](const xcb_generic_event_t* e) {
+                return (e->response_type & 0x7f) == XCB_SELECTION_NOTIFY &&
+                       as<xcb_selection_notify_event_t>(e)->selection == manager;
+            },
+            wait));
+        if (answer || xcb_connection_has_error(c) || requestsServed_ == servedBefore) {
+            return;
+        }
+    }
 }
 
 } // namespace parlune::x11

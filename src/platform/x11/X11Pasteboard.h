@@ -137,6 +137,8 @@ private:
     xcb_timestamp_t lastOwnTime_ = 0;
     std::uint32_t lastOwnerRequest_ = 0;
     std::vector<OutgoingTransfer> transfers_;
+    // Requests and transfer steps served, so a wait can tell a requestor still at work.
+    std::uint64_t requestsServed_ = 0;
     QTimer transferSweep_;
     mutable ReadCache cache_;
     // Reads of another owner's data in flight, by the property of our window they arrive in.

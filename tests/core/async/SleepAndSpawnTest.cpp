@@ -1,3 +1,4 @@
+#include "core/async/Continuation.h"
 #include "core/async/Sleep.h"
 #include "core/async/TaskHandle.h"
 #include "core/async/WeakRef.h"
@@ -36,13 +37,11 @@ TEST(SleepTest, CancellationEndsTheSleepEarly) {
         }
         done = true;
     };
-    const auto start = std::chrono::steady_clock::now();
     auto task = sleeper();
     test::pumpFor(10);
     source.request_stop();
-    ASSERT_TRUE(pumpUntil([&] { return done; }, 2000));
+    ASSERT_TRUE(pumpUntil([&] { return done; }, 20'000)); // well before the 30 s
     EXPECT_TRUE(cancelled);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
 
 TEST(SleepTest, AlreadyCancelledTokenThrowsBeforeSuspending) {
@@ -72,7 +71,7 @@ TEST(SpawnTaskTest, CancelledWhileSuspendedEndsQuietly) {
     EXPECT_FALSE(handle.isFinished());
     handle.cancel();
     EXPECT_TRUE(handle.isCancelled());
-    ASSERT_TRUE(pumpUntil([&] { return handle.isFinished(); }, 2000));
+    ASSERT_TRUE(pumpUntil([&] { return handle.isFinished(); }, 20'000));
     EXPECT_FALSE(reachedEnd);
 }
 
@@ -88,13 +87,15 @@ TEST(SpawnTaskTest, UnexpectedErrorsDoNotEscapeTheTask) {
 class Owner {
 public:
     explicit Owner(int* touches) : touches_(touches) {}
-    TaskHandle startWaiting(std::chrono::milliseconds delay) {
-        return spawnTask([weak = lifetime_.weak(this), delay](std::stop_token token) -> QCoro::Task<void> {
-            co_await sleepFor(delay, token);
-            if (Owner* owner = weak.lock()) {
-                ++*owner->touches_;
-            }
-        });
+    // Touches the owner once `go` is resumed.
+    TaskHandle startWaiting(Continuation<void> go) {
+        return spawnTask(
+            [weak = lifetime_.weak(this), go](std::stop_token token) mutable -> QCoro::Task<void> {
+                co_await go.wait(token);
+                if (Owner* owner = weak.lock()) {
+                    ++*owner->touches_;
+                }
+            });
     }
 
 private:
@@ -105,13 +106,18 @@ private:
 TEST(SpawnTaskTest, OwnerDestroyedWhileTaskIsSuspended) {
     int touches = 0;
     auto owner = std::make_unique<Owner>(&touches);
-    TaskHandle survivor = owner->startWaiting(20ms);
+    Continuation<void> first;
+    TaskHandle survivor = owner->startWaiting(first);
+    ASSERT_TRUE(pumpUntil([&] { return first.hasWaiter(); }));
+    first.resume();
     ASSERT_TRUE(pumpUntil([&] { return survivor.isFinished(); }));
     EXPECT_EQ(touches, 1);
 
-    TaskHandle orphan = owner->startWaiting(20ms);
-    test::pumpFor(5);
+    Continuation<void> second;
+    TaskHandle orphan = owner->startWaiting(second);
+    ASSERT_TRUE(pumpUntil([&] { return second.hasWaiter(); }));
     owner.reset();
+    second.resume();
     ASSERT_TRUE(pumpUntil([&] { return orphan.isFinished(); }));
     EXPECT_EQ(touches, 1);
 }

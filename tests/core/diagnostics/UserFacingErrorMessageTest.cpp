@@ -5,7 +5,6 @@
 #include "core/platform/PlatformTerms.h"
 #include "core/selection/TextReplacementError.h"
 #include "support/QtPrinters.h"
-#include "support/ScopedPlatformTerms.h"
 
 #include <QSet>
 
@@ -17,8 +16,6 @@
 
 namespace parlune {
 namespace {
-
-using testing::ScopedPlatformTerms;
 
 template <typename Error> QString viaPointer(Error error) {
     return UserFacingErrorMessage::message(std::make_exception_ptr(std::move(error)));
@@ -40,7 +37,6 @@ TEST(UserFacingErrorMessageTest, ErrorsWithoutADescriptionStillGetASentence) {
 // Every kind has a sentence of its own, the same whether the error comes directly or through an
 // exception pointer, and each names the product one way.
 TEST(UserFacingErrorMessageTest, EveryKindHasItsOwnSentenceNamingTheProductOneWay) {
-    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     std::vector<QString> messages;
     for (int i = 0; i <= static_cast<int>(TextReplacementError::Kind::replacementNotConfirmed); ++i) {
         const TextReplacementError error(static_cast<TextReplacementError::Kind>(i));

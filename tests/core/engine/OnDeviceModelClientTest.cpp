@@ -111,7 +111,7 @@ TEST_F(OnDeviceModelClientTest, UnavailableModelFailsBeforeTheGateAndTrivialClar
         test::runTask(client.rewrite(QStringLiteral("Hello  world"), RewriteMode::improveClarity, {}, {})),
         QStringLiteral("Hello world"));
     EXPECT_TRUE(framework.openedWith.empty());
-    EXPECT_FALSE(client.generationGate().isAcquired());
+    EXPECT_FALSE(client.generationGate().isHeld());
 }
 
 TEST_F(OnDeviceModelClientTest, LengthRefusalsComeFirstAndNameWhatIsTooLong) {
@@ -141,7 +141,7 @@ TEST_F(OnDeviceModelClientTest, LengthRefusalsComeFirstAndNameWhatIsTooLong) {
     // Neither waited for the warm-up, took the gate or opened a session.
     EXPECT_TRUE(framework.openedWith.empty());
     EXPECT_FALSE(client.isWarming());
-    EXPECT_FALSE(client.generationGate().isAcquired());
+    EXPECT_FALSE(client.generationGate().isHeld());
 }
 
 TEST_F(OnDeviceModelClientTest, UnavailabilityCarriesTheFrameworksDetail) {
@@ -187,7 +187,7 @@ TEST_F(OnDeviceModelClientTest, StyleRewriteWarmsOnceAndUsesAFreshSessionEachTim
     EXPECT_EQ(framework.requestsWithInstructions(RewritePrompt::warmupInstructions()), 1u);
     EXPECT_EQ(framework.openedWith.size(), 3u); // the kept warm-up session is only prewarmed again
     EXPECT_EQ(framework.prewarmed.size(), 2u);
-    EXPECT_FALSE(client.generationGate().isAcquired());
+    EXPECT_FALSE(client.generationGate().isHeld());
 }
 
 TEST_F(OnDeviceModelClientTest, ImprovePromptAnswersAreRebuiltOrRejectedAndEmptyAnswersFail) {
@@ -217,7 +217,7 @@ TEST_F(OnDeviceModelClientTest, ImprovePromptAnswersAreRebuiltOrRejectedAndEmpty
         EXPECT_EQ(engineKindOf(rewriteError(client, text, RewriteMode::professional)),
                   EngineKind::emptyRewrite);
     }
-    EXPECT_FALSE(client.generationGate().isAcquired());
+    EXPECT_FALSE(client.generationGate().isHeld());
 }
 
 TEST_F(OnDeviceModelClientTest, FrameworkErrorsAreSanitised) {
@@ -241,7 +241,7 @@ TEST_F(OnDeviceModelClientTest, FrameworkErrorsAreSanitised) {
         };
         EXPECT_EQ(engineKindOf(rewriteError(client, QStringLiteral("Some text"), RewriteMode::casual)),
                   expected);
-        EXPECT_FALSE(client.generationGate().isAcquired());
+        EXPECT_FALSE(client.generationGate().isHeld());
     }
     framework.answer = [](const ScriptedLanguageModelFramework::Request&) -> QString {
         throw std::runtime_error("anything else");
@@ -273,8 +273,7 @@ TEST_F(OnDeviceModelClientTest, ConcurrentPreparationsShareOneWarmup) {
 TEST_F(OnDeviceModelClientTest, MemoryPressureDuringWarmupCancelsItAndLeavesTheClientCold) {
     OnDeviceModelClient client(framework, &pressure);
     auto outcome = std::make_shared<Outcome>();
-    QCoro::Task<void> warming = prepareInto(client, {}, outcome);
-    test::pumpFor(50);
+    QCoro::Task<void> warming = prepareInto(client, {}, outcome); // now in its pause before the request
     pressure.fire(MemoryPressureLevel::warning);
     ASSERT_TRUE(test::pumpUntil([&] { return outcome->done; }));
     EXPECT_TRUE(isCancellationError(outcome->error));
@@ -310,12 +309,12 @@ TEST_F(OnDeviceModelClientTest, CancellationWhileWaitingForTheGateOrGeneratingRe
     ASSERT_TRUE(test::pumpUntil([&] { return second->done; }));
     EXPECT_TRUE(isCancellationError(second->error));
     EXPECT_FALSE(first->done);
-    EXPECT_TRUE(client.generationGate().isAcquired());
+    EXPECT_TRUE(client.generationGate().isHeld());
 
     firstStop.request_stop(); // during generation
     ASSERT_TRUE(test::pumpUntil([&] { return first->done; }));
     EXPECT_TRUE(isCancellationError(first->error));
-    EXPECT_FALSE(client.generationGate().isAcquired());
+    EXPECT_FALSE(client.generationGate().isHeld());
 
     framework.holdResponses = false;
     EXPECT_EQ(test::runTask(client.rewrite(QStringLiteral("Third text"), RewriteMode::casual, {}, {})),

@@ -1,19 +1,16 @@
 #include "core/hotkeys/HotKeyFormatter.h"
 #include "core/platform/PlatformTerms.h"
 #include "support/QtPrinters.h"
-#include "support/ScopedPlatformTerms.h"
 
 #include <gtest/gtest.h>
 
 namespace parlune {
 namespace {
 
-using testing::ScopedPlatformTerms;
 namespace flag = modifier_flag;
 
 class HotKeyFormatterTest : public ::testing::Test {
 protected:
-    ScopedPlatformTerms linux_{PlatformTerms::linux()};
 };
 
 TEST_F(HotKeyFormatterTest, NamesModifiersInTheirFixedOrderAndKeysByTheirVisibleName) {

@@ -4,7 +4,6 @@
 #include "core/hotkeys/HotKeyShortcut.h"
 #include "core/platform/PlatformTerms.h"
 #include "support/FakeHotKeyService.h"
-#include "support/ScopedPlatformTerms.h"
 
 #include <gtest/gtest.h>
 
@@ -18,8 +17,8 @@ namespace {
 
 using testing::FakeHotKeyService;
 
-const HotKeyShortcut optionSpace{49, 2048, "Option+Space"};
-const HotKeyShortcut commandShiftH{4, 768, "Command+Shift+H"};
+const HotKeyShortcut optionSpace{49, 2048, "Alt+Space"};
+const HotKeyShortcut commandShiftH{4, 768, "Super+Shift+H"};
 
 TEST(HotKeyManagerTest, RegistersHandlerThenKeyAndRunsActionOncePerPress) {
     FakeHotKeyService service;
@@ -46,19 +45,18 @@ TEST(HotKeyManagerTest, DisplayNamePlaysNoPartAndPresetsUseTheirCodes) {
 }
 
 TEST(HotKeyManagerTest, TakenShortcutThrowsStatusAndLeavesNothingRegisteredNotEvenThePreviousOne) {
-    testing::ScopedPlatformTerms mac(PlatformTerms::macOS());
     FakeHotKeyService service;
     HotKeyManager manager(service);
     int presses = 0;
     manager.registerShortcut(commandShiftH, [&] { ++presses; });
 
-    service.registerStatus = -9878;
+    service.registerStatus = FakeHotKeyService::alreadyTakenStatus;
     try {
         manager.registerShortcut(optionSpace, [&] { ++presses; });
         FAIL() << "registration should fail";
     } catch (const HotKeyError& error) {
-        EXPECT_EQ(error.status(), -9878);
-        EXPECT_STREQ(error.what(), "Could not register the hotkey. OSStatus -9878.");
+        EXPECT_EQ(error.status(), FakeHotKeyService::alreadyTakenStatus);
+        EXPECT_STREQ(error.what(), "Could not register the hotkey. X11 error 10.");
     }
     EXPECT_TRUE(service.hotKeys.empty());
     EXPECT_TRUE(service.handlers.empty());

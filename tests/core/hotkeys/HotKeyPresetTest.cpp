@@ -2,17 +2,13 @@
 #include "core/hotkeys/HotKeyError.h"
 #include "core/platform/PlatformTerms.h"
 #include "support/QtPrinters.h"
-#include "support/ScopedPlatformTerms.h"
 
 #include <gtest/gtest.h>
 
 namespace parlune {
 namespace {
 
-using testing::ScopedPlatformTerms;
-
 TEST(HotKeyPresetTest, LookupIsExactAndFallsBackToTheDefault) {
-    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     EXPECT_EQ(HotKeyPreset::preset(u"control-option-r").shortcut(), (HotKeyShortcut{15, 6144, "Ctrl+Alt+R"}));
     EXPECT_EQ(HotKeyPreset::preset(u"command-shift-h").shortcut(), (HotKeyShortcut{4, 768, "Super+Shift+H"}));
     for (const char16_t* unknown :
@@ -24,7 +20,6 @@ TEST(HotKeyPresetTest, LookupIsExactAndFallsBackToTheDefault) {
 }
 
 TEST(HotKeyErrorTest, DescriptionNamesThePlatformStatus) {
-    ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     EXPECT_STREQ(HotKeyError::registrationFailed(10).what(), "Could not register the hotkey. X11 error 10.");
     EXPECT_EQ(HotKeyError::registrationFailed(10).status(), 10);
     EXPECT_EQ(HotKeyError::registrationFailed(10), HotKeyError::registrationFailed(10));

@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QSet>
+
 #include <stdexcept>
 
 namespace parlune {
@@ -69,12 +71,6 @@ protected:
     }
 
     static QString line(const char* text) { return QString::fromUtf8(text); }
-
-    template <typename Case> void expectShownOnlyIf(const Case& c) {
-        EXPECT_EQ(reporter->messages, c.shown ? std::vector<QString>{UserFacingErrorMessage::message(c.error)}
-                                              : std::vector<QString>{})
-            << c.category;
-    }
 };
 
 TEST_F(RewriteCoordinatorTest, ReplacesTheSelectionAndTimesEveryStage) {
@@ -260,72 +256,54 @@ TEST_F(RewriteCoordinatorTest, StaleSelectionIsLoggedAndNotShown) {
     EXPECT_TRUE(reporter->messages.empty());
 }
 
-struct ErrorCase {
-    std::exception_ptr error;
-    const char* category;
-    bool shown;
-};
-
-std::vector<ErrorCase> replacementErrorCases() {
-    return {
-        {errorOf(TextReplacementError(ReplacementKind::accessibilityPermissionMissing)),
-         "accessibility_missing", true},
-        {errorOf(TextReplacementError(ReplacementKind::noSelectedText)), "no_selection", true},
-        {errorOf(TextReplacementError(ReplacementKind::unableToReadFocusedElement)),
-         "focused_element_unreadable", true},
-        {errorOf(TextReplacementError(ReplacementKind::unableToCreateKeyboardEvent)), "keyboard_event_failed",
-         true},
-        {errorOf(TextReplacementError(ReplacementKind::selectionChanged)), "stale_selection", false},
-        {errorOf(TextReplacementError(ReplacementKind::unsupportedTarget)), "unsupported_target", true},
-        {errorOf(TextReplacementError(ReplacementKind::replacementNotConfirmed)), "replacement_not_confirmed",
-         true},
-    };
-}
-
-std::vector<ErrorCase> engineErrorCases() {
-    return {
-        {errorOf(LocalRewriteEngineError(EngineKind::deviceNotEligible)), "device_not_eligible", true},
-        {errorOf(LocalRewriteEngineError(EngineKind::appleIntelligenceNotEnabled)), "local_model_disabled",
-         true},
-        {errorOf(LocalRewriteEngineError(EngineKind::modelNotReady)), "model_not_ready", true},
-        {errorOf(LocalRewriteEngineError(EngineKind::unsupportedLocale)), "unsupported_locale", true},
-        {errorOf(LocalRewriteEngineError(EngineKind::selectionTooLong)), "selection_too_long", true},
-        {errorOf(LocalRewriteEngineError(EngineKind::safetyRestricted)), "safety_restricted", true},
-        {errorOf(LocalRewriteEngineError(EngineKind::modelBusy)), "model_busy", true},
-        {errorOf(LocalRewriteEngineError(EngineKind::generationFailed)), "generation_failed", true},
-        {errorOf(LocalRewriteEngineError(EngineKind::emptyRewrite)), "empty_rewrite", true},
-        {errorOf(CancellationError{}), "cancelled", false},
-        {errorOf(std::runtime_error("disk on fire")), "unknown", true},
-    };
-}
-
-TEST_F(RewriteCoordinatorTest, CaptureFailuresAreLoggedWithTheirCategory) {
-    std::vector<ErrorCase> cases = replacementErrorCases();
-    cases.push_back({errorOf(CancellationError{}), "cancelled", false});
-    for (const ErrorCase& c : cases) {
+// Every failure is logged under the stage it ended and a category of its own; only a moved
+// selection and a cancellation are kept from the user.
+TEST_F(RewriteCoordinatorTest, FailuresAreLoggedUnderTheirStageWithACategoryOfTheirOwn) {
+    QSet<QString> categories;
+    const auto expectLogged = [&](const QString& prefix, const std::exception_ptr& error, bool shown) {
+        const QString last = lines().back();
+        EXPECT_TRUE(last.startsWith(prefix + QStringLiteral(" error="))) << last.toStdString();
+        categories.insert(last.section(QStringLiteral(" error="), 1));
+        EXPECT_EQ(reporter->messages, shown ? std::vector<QString>{UserFacingErrorMessage::message(error)}
+                                            : std::vector<QString>{})
+            << last.toStdString();
         reporter->messages.clear();
-        replacer->captures.push_back(c.error);
+    };
+    const QString captureStage = QStringLiteral("stage=capture app=unknown length=0 elapsed_ms=0");
+    const QString modelStage =
+        QStringLiteral("stage=modelRewrite app=org.example.Editor length=5 elapsed_ms=0");
+    const int replacementKinds = static_cast<int>(ReplacementKind::replacementNotConfirmed) + 1;
+    const int engineKinds = static_cast<int>(EngineKind::emptyRewrite) + 1;
+    for (int i = 0; i < replacementKinds; ++i) {
+        const auto kind = static_cast<ReplacementKind>(i);
+        const std::exception_ptr error = errorOf(TextReplacementError(kind));
+        replacer->captures.push_back(error);
         pressAndFinish();
-        EXPECT_EQ(lines().back(), QStringLiteral("stage=capture app=unknown length=0 elapsed_ms=0 error=") +
-                                      QString::fromUtf8(c.category));
-        expectShownOnlyIf(c);
+        expectLogged(captureStage, error, kind != ReplacementKind::selectionChanged);
     }
-    EXPECT_TRUE(engine->calls.empty());
-}
-
-TEST_F(RewriteCoordinatorTest, ModelFailuresAreLoggedUnderTheModelStage) {
     int position = 0;
-    for (const ErrorCase& c : engineErrorCases()) {
-        reporter->messages.clear();
+    const auto failModel = [&](std::exception_ptr error, bool shown) {
         replacer->captures.push_back(
             ScriptedSelectionReplacer::selection(QStringLiteral("draft"), position++));
-        engine->answers.push_back(c.error);
+        engine->answers.push_back(error);
         pressAndFinish();
-        EXPECT_EQ(lines().back(),
-                  QStringLiteral("stage=modelRewrite app=org.example.Editor length=5 elapsed_ms=0 error=") +
-                      QString::fromUtf8(c.category));
-        expectShownOnlyIf(c);
+        expectLogged(modelStage, error, shown);
+    };
+    for (int i = 0; i < engineKinds; ++i) {
+        failModel(errorOf(LocalRewriteEngineError(static_cast<EngineKind>(i))), true);
     }
+    EXPECT_EQ(categories.size(), replacementKinds + engineKinds);
+    EXPECT_FALSE(categories.contains(QStringLiteral("unknown")));
+
+    failModel(errorOf(std::runtime_error("disk on fire")), true);
+    EXPECT_EQ(lines().back(), modelStage + QStringLiteral(" error=unknown"));
+    failModel(errorOf(CancellationError{}), false);
+    EXPECT_EQ(lines().back(), modelStage + QStringLiteral(" error=cancelled"));
+    const std::exception_ptr cancelled = errorOf(CancellationError{});
+    replacer->captures.push_back(cancelled);
+    pressAndFinish();
+    expectLogged(captureStage, cancelled, false);
+    EXPECT_EQ(lines().back(), captureStage + QStringLiteral(" error=cancelled"));
     EXPECT_TRUE(replacer->replacements.empty());
 }
 

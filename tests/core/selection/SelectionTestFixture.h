@@ -69,6 +69,14 @@ protected:
                                                            SystemClock::shared(), timing);
     }
     void listEditor() { makeReplacer(AppCompatibilityRegistry({editorId})); }
+    // Copy and paste timeouts no loaded machine reaches: a case that ends early ended for its own
+    // reason, not because the time ran out.
+    void makePatientReplacer() {
+        TextSelectionReplacer::Timing timing;
+        timing.copyTimeout = 20;
+        timing.pasteConfirmationTimeout = 20;
+        makeReplacer(AppCompatibilityRegistry::defaultRegistry(), timing);
+    }
 
     // Makes the focused field opaque to accessibility reads, so its selection must be copied.
     void makeUnreadable(int fieldId) {

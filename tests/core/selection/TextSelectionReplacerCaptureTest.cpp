@@ -133,8 +133,8 @@ TEST_F(CaptureTest, IgnoredCopyEndsAfterTheCopyTimeoutWithPasteboardRestored) {
     QElapsedTimer timer;
     timer.start();
     EXPECT_EQ(failureOf(replacer->capture({})), Kind::noSelectedText);
-    EXPECT_GE(secondsOf(timer), 0.6);
-    EXPECT_LT(secondsOf(timer), 0.9);
+    EXPECT_GE(secondsOf(timer), TextSelectionReplacer::Timing{}.copyTimeout);
+    EXPECT_LT(secondsOf(timer), 10.0); // gives up, however loaded the machine
     EXPECT_TRUE(pasteboardIsUsers());
 }
 
@@ -215,12 +215,10 @@ TEST_F(CaptureTest, AnotherWriterDuringCopyWins) {
 TEST_F(CaptureTest, CancellationDuringCopyRestoresPasteboard) {
     makeUnreadable(fieldA);
     desktop.application(editorPid)->ignoresCopy = true;
+    makePatientReplacer(); // cancelled at all means before the copy timeout
     std::stop_source source;
     desktop.onCommandKey = [&](const SentKey&) { desktop.after(30, [&] { source.request_stop(); }); };
-    QElapsedTimer timer;
-    timer.start();
     EXPECT_TRUE(endsCancelled(replacer->capture(source.get_token())));
-    EXPECT_LT(secondsOf(timer), 0.5);
     EXPECT_TRUE(pasteboardIsUsers());
     EXPECT_FALSE(replacer->isPasteboardBusy());
 }

@@ -174,13 +174,13 @@ TEST_F(ReplaceTest, PasteLeavingTextSelectedIsConfirmed) {
 
 TEST_F(ReplaceTest, FrontmostSelectionIsConfirmedOnceSteady) {
     desktop.application(editorPid)->exposesFocusedElement = false;
+    makePatientReplacer(); // confirmed at all means confirmed by the steady moment, not the timeout
     const CapturedSelection selection = capture();
     runTask(replacer->validate(selection, {})); // copies again and compares
     QElapsedTimer timer;
     timer.start();
     runTask(replacer->replace(QStringLiteral("earth"), selection, {}));
-    EXPECT_GE(secondsOf(timer), 0.12);
-    EXPECT_LT(secondsOf(timer), 0.6);
+    EXPECT_GE(secondsOf(timer), TextSelectionReplacer::Timing{}.steadyPasteInterval);
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello earth, again"));
     EXPECT_TRUE(pasteboardIsUsers());
 }
@@ -230,8 +230,8 @@ TEST_F(ReplaceTest, IgnoredPasteIsNotConfirmedAfterTheTimeoutAndRestores) {
     timer.start();
     EXPECT_EQ(failureOf(replacer->replace(QStringLiteral("earth"), selection, {})),
               Kind::replacementNotConfirmed);
-    EXPECT_GE(secondsOf(timer), 1.0);
-    EXPECT_LT(secondsOf(timer), 1.4);
+    EXPECT_GE(secondsOf(timer), TextSelectionReplacer::Timing{}.pasteConfirmationTimeout);
+    EXPECT_LT(secondsOf(timer), 10.0); // gives up, however loaded the machine
     EXPECT_EQ(textOf(fieldA), QStringLiteral("Hello world, again"));
     EXPECT_TRUE(pasteboardIsUsers());
 }
@@ -275,6 +275,7 @@ TEST_F(ReplaceTest, WriterDuringConfirmationKeepsItsContents) {
 
 TEST_F(ReplaceTest, CancellationDuringConfirmationRestores) {
     desktop.application(editorPid)->ignoresPaste = true;
+    makePatientReplacer();
     const CapturedSelection selection = capture();
     std::stop_source source;
     desktop.onCommandKey = [&](const SentKey&) { desktop.after(30, [&] { source.request_stop(); }); };
@@ -416,34 +417,6 @@ TEST_F(ReplaceTest, ValidationCopyWaitsForARunningCapture) {
     QCoro::Task<void> b = runValidate();
     ASSERT_TRUE(pumpUntil([&] { return captureDone && validateDone; }));
     EXPECT_EQ(desktop.sentKeys().size(), 2u);
-    EXPECT_TRUE(pasteboardIsUsers());
-}
-
-TEST_F(ReplaceTest, CancelledWaiterGivesUpItsTurn) {
-    makeUnreadable(fieldA);
-    desktop.keyDelayMs = 20;
-    std::stop_source cancelled;
-    int finished = 0;
-    bool secondCancelled = false;
-    auto runCapture = [&](std::stop_token token, bool* wasCancelled) -> QCoro::Task<void> {
-        try {
-            co_await replacer->capture(token);
-        } catch (const CancellationError&) {
-            *wasCancelled = true;
-        }
-        ++finished;
-    };
-    bool ignored = false;
-    QCoro::Task<void> a = runCapture({}, &ignored);
-    QCoro::Task<void> b = runCapture(cancelled.get_token(), &secondCancelled);
-    QCoro::Task<void> c = runCapture({}, &ignored);
-    EXPECT_EQ(replacer->pasteboardWaiterCount(), 2u);
-    cancelled.request_stop();
-    ASSERT_TRUE(pumpUntil([&] { return finished == 3; }));
-    EXPECT_TRUE(secondCancelled);
-    EXPECT_FALSE(ignored);
-    EXPECT_EQ(desktop.sentKeys().size(), 2u);
-    EXPECT_FALSE(replacer->isPasteboardBusy());
     EXPECT_TRUE(pasteboardIsUsers());
 }
 

@@ -3,7 +3,6 @@
 #include "support/FakeCredentialStore.h"
 #include "support/FakeUserDefaults.h"
 #include "support/QtPrinters.h"
-#include "support/ScopedPlatformTerms.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -17,7 +16,6 @@ namespace {
 
 using testing::FakeCredentialStore;
 using testing::FakeUserDefaults;
-using testing::ScopedPlatformTerms;
 
 class SettingsStoreTest : public ::testing::Test {
 protected:
@@ -29,7 +27,6 @@ protected:
             .object();
     }
 
-    ScopedPlatformTerms mac_{PlatformTerms::macOS()};
     FakeUserDefaults defaults_;
     FakeCredentialStore credentials_;
 };
@@ -37,7 +34,7 @@ protected:
 TEST_F(SettingsStoreTest, FreshInstallationReadsTheDefaultsAndWritesNothing) {
     const auto store = open();
     EXPECT_EQ(store->hotKeyIdentifier(), "option-space");
-    EXPECT_EQ(store->selectedHotKey(), (HotKeyShortcut{49, 2048, "Option+Space"}));
+    EXPECT_EQ(store->selectedHotKey(), (HotKeyShortcut{49, 2048, "Alt+Space"}));
     EXPECT_EQ(store->rewriteMode(), RewriteMode::improveClarity);
     EXPECT_TRUE(store->writingPreferencesByMode().isEmpty());
     EXPECT_FALSE(store->hasCompletedTestRewrite());
@@ -46,18 +43,18 @@ TEST_F(SettingsStoreTest, FreshInstallationReadsTheDefaultsAndWritesNothing) {
 }
 
 TEST_F(SettingsStoreTest, StoredShortcutAndModeAreUsedOnlyWhenWhole) {
-    const HotKeyShortcut fallback{49, 2048, "Option+Space"};
+    const HotKeyShortcut fallback{49, 2048, "Alt+Space"};
     const qint64 tooLarge = 4294967296;
     const std::pair<std::map<QString, FakeUserDefaults::Value>, HotKeyShortcut> cases[] = {
         {{{"hotKeyKeyCode", qint64(0)}, {"hotKeyModifiers", qint64(256)}}, fallback},
-        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyDisplayName", QString("Control+Option+R")}}, fallback},
+        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyDisplayName", QString("Ctrl+Alt+R")}}, fallback},
         {{{"hotKeyKeyCode", qint64(15)},
           {"hotKeyModifiers", qint64(6144)},
           {"hotKeyDisplayName", QString("C+R")}},
          {15, 6144, "C+R"}},
-        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", qint64(6144)}}, {15, 6144, "Option+Space"}},
+        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", qint64(6144)}}, {15, 6144, "Alt+Space"}},
         {{{"hotKeyKeyCode", tooLarge - 1}, {"hotKeyModifiers", qint64(4096)}},
-         {4294967295u, 4096, "Option+Space"}},
+         {4294967295u, 4096, "Alt+Space"}},
         {{{"hotKeyKeyCode", qint64(-1)}, {"hotKeyModifiers", qint64(4096)}}, fallback},
         {{{"hotKeyKeyCode", tooLarge}, {"hotKeyModifiers", qint64(4096)}}, fallback},
         {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", std::numeric_limits<qint64>::min()}}, fallback},
@@ -149,14 +146,14 @@ TEST_F(SettingsStoreTest, ChangesAreWrittenThroughAndAnnounced) {
     Subscription subscription =
         store->changed.connect([&](SettingsStore::Field field) { announced.push_back(field); });
 
-    store->saveHotKey(HotKeyShortcut{15, 6144, "Control+Option+R"});
+    store->saveHotKey(HotKeyShortcut{15, 6144, "Ctrl+Alt+R"});
     store->setHotKeyIdentifier("control-option-r");
     store->setRewriteMode(RewriteMode::improvePrompt);
     store->markTestRewriteCompleted();
 
     EXPECT_EQ(defaults_.integer("hotKeyKeyCode"), 15);
     EXPECT_EQ(defaults_.integer("hotKeyModifiers"), 6144);
-    EXPECT_EQ(defaults_.string("hotKeyDisplayName"), "Control+Option+R");
+    EXPECT_EQ(defaults_.string("hotKeyDisplayName"), "Ctrl+Alt+R");
     EXPECT_EQ(defaults_.string("hotKeyIdentifier"), "control-option-r");
     EXPECT_EQ(defaults_.string("rewriteMode"), "Improve prompt");
     EXPECT_TRUE(defaults_.boolean("localIntelligenceWorkflowTestV1"));
@@ -166,7 +163,7 @@ TEST_F(SettingsStoreTest, ChangesAreWrittenThroughAndAnnounced) {
                                              Field::rewriteMode, Field::hasCompletedTestRewrite}));
 
     const auto reopened = open();
-    EXPECT_EQ(reopened->selectedHotKey(), (HotKeyShortcut{15, 6144, "Control+Option+R"}));
+    EXPECT_EQ(reopened->selectedHotKey(), (HotKeyShortcut{15, 6144, "Ctrl+Alt+R"}));
     EXPECT_EQ(reopened->hotKeyIdentifier(), "control-option-r");
     EXPECT_EQ(reopened->rewriteMode(), RewriteMode::improvePrompt);
     EXPECT_TRUE(reopened->hasCompletedTestRewrite());

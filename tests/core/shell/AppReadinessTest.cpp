@@ -25,17 +25,14 @@ protected:
 
     testing::ScriptedRewriteEngine engine_;
     bool trusted_ = true;
-    AppReadiness readiness_{engine_, [this] { return trusted_; }, PlatformTerms::macOS()};
+    AppReadiness readiness_{engine_, [this] { return trusted_; }, PlatformTerms::linux()};
 };
 
 TEST_F(AppReadinessTest, TextsFollowTheStateInPlatformWords) {
     refresh(Availability::deviceNotEligible);
-    EXPECT_EQ(readiness_.modelStatusMessage(), "This Mac is not eligible for on-device rewriting.");
+    EXPECT_EQ(readiness_.modelStatusMessage(), "This computer is not eligible for on-device rewriting.");
     refresh(Availability::appleIntelligenceNotEnabled);
-    EXPECT_EQ(readiness_.modelStatusMessage(), "Enable on-device intelligence in System Settings.");
-    AppReadiness onLinux(
-        engine_, [] { return false; }, PlatformTerms::linux());
-    EXPECT_EQ(onLinux.modelStatusMessage(), "Enable on-device intelligence in your desktop's settings.");
+    EXPECT_EQ(readiness_.modelStatusMessage(), "Enable on-device intelligence in your desktop's settings.");
 
     refresh(Availability::available);
     EXPECT_EQ(readiness_.modelStatusMessage(), "The on-device model is available; prepare it to continue.");
@@ -53,7 +50,7 @@ TEST_F(AppReadinessTest, TextsFollowTheStateInPlatformWords) {
     readiness_.refreshSystemChecks();
     readiness_.setHotKeyReady(true);
     EXPECT_EQ(changes, 2);
-    EXPECT_EQ(readiness_.modelStatusMessage(), "The on-device model is ready on this Mac.");
+    EXPECT_EQ(readiness_.modelStatusMessage(), "The on-device model is ready on this computer.");
     EXPECT_TRUE(readiness_.isFullyReady());
 
     refresh(Availability::modelNotReady); // the model went away

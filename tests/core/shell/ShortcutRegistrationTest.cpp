@@ -20,8 +20,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const HotKeyShortcut optionSpace{49, 2048, "Option+Space"};
-const HotKeyShortcut optionTab{48, 2048, "Option+Tab"};
+const HotKeyShortcut optionSpace{49, 2048, "Alt+Space"};
+const HotKeyShortcut optionTab{48, 2048, "Alt+Tab"};
 
 class ShortcutRegistrationTest : public ::testing::Test {
 protected:
@@ -30,7 +30,6 @@ protected:
     }
     QString lastLine() const { return diagnostics_.entries().front().message; }
 
-    testing::ScopedPlatformTerms mac_{PlatformTerms::macOS()};
     testing::FakeUserDefaults defaults_;
     testing::FakeCredentialStore credentials_;
     SettingsStore settings_{defaults_, credentials_, false};
@@ -59,7 +58,7 @@ TEST_F(ShortcutRegistrationTest, TakenNewShortcutFallsBackToThePreviousOneAndRew
     EXPECT_EQ(settings_.selectedHotKey(), optionSpace);
     EXPECT_TRUE(readiness_.hotKeyReady());
     EXPECT_EQ(readiness_.hotKeyRegistrationError(), std::nullopt);
-    EXPECT_EQ(shown_, std::vector<QString>{"Option+Tab is already in use. Option+Space remains active."});
+    EXPECT_EQ(shown_, std::vector<QString>{"Alt+Tab is already in use. Alt+Space remains active."});
     EXPECT_EQ(lastLine(),
               "stage=hotkey_registration outcome=reverted_to_previous error=registration_conflict");
     service_.press();
@@ -72,7 +71,7 @@ TEST_F(ShortcutRegistrationTest, TakenShortcutWithNothingToFallBackToLeavesTheHo
     EXPECT_EQ(registration_.registeredHotKey(), std::nullopt);
     EXPECT_FALSE(readiness_.hotKeyReady());
     EXPECT_EQ(readiness_.hotKeyRegistrationError(),
-              "Option+Space is already in use. Choose another shortcut in Parlune Settings.");
+              "Alt+Space is already in use. Choose another shortcut in Parlune Settings.");
     EXPECT_TRUE(shown_.empty());
     EXPECT_EQ(lastLine(), "stage=hotkey_registration outcome=failed error=registration_conflict");
 
@@ -85,7 +84,7 @@ TEST_F(ShortcutRegistrationTest, TakenShortcutWithNothingToFallBackToLeavesTheHo
     registration_.registerHotKey(true, false);
     EXPECT_EQ(settings_.selectedHotKey(), optionTab);
     EXPECT_EQ(shown_, std::vector<QString>{
-                          "Option+Tab is already in use. Choose another shortcut in Parlune Settings."});
+                          "Alt+Tab is already in use. Choose another shortcut in Parlune Settings."});
     EXPECT_TRUE(service_.keys.empty());
 }
 
@@ -99,7 +98,7 @@ TEST_F(ShortcutRegistrationTest, ALateRefusalIsReportedLikeAConflictAndAForcedRe
     registration_.refusedAfterRegistering(testing::FakeHotKeyService::alreadyTakenStatus);
     EXPECT_EQ(registration_.registeredHotKey(), std::nullopt);
     EXPECT_FALSE(readiness_.hotKeyReady());
-    const QString sentence = "Option+Space is already in use. Choose another shortcut in Parlune Settings.";
+    const QString sentence = "Alt+Space is already in use. Choose another shortcut in Parlune Settings.";
     EXPECT_EQ(readiness_.hotKeyRegistrationError(), sentence);
     EXPECT_EQ(shown_, std::vector<QString>{sentence});
     EXPECT_TRUE(service_.keys.empty()) << "the refused key is not left registered";
@@ -117,18 +116,18 @@ TEST_F(ShortcutRegistrationTest, OnWaylandARefusalSaysWhatTheDesktopDidNotAnX11E
     service_.registerStatus = 17;
     registration_.registerHotKey(true, true);
     EXPECT_EQ(shown_,
-              std::vector<QString>{"Option+Space could not be registered: the desktop's shortcuts portal "
+              std::vector<QString>{"Alt+Space could not be registered: the desktop's shortcuts portal "
                                    "failed to bind it. Choose another shortcut in Parlune Settings."});
     EXPECT_EQ(lastLine(), "stage=hotkey_registration outcome=failed error=registration_refused");
 
     service_.registerStatus = 0;
     registration_.registerHotKey(false, true);
     registration_.refusedAfterRegistering(11);
-    EXPECT_TRUE(shown_.back().startsWith("Option+Space could not be registered: the request was declined"))
+    EXPECT_TRUE(shown_.back().startsWith("Alt+Space could not be registered: the request was declined"))
         << shown_.back().toStdString();
     registration_.registerHotKey(false, true);
     registration_.refusedAfterRegistering(10);
-    EXPECT_TRUE(shown_.back().startsWith("Option+Space is already in use.")) << shown_.back().toStdString();
+    EXPECT_TRUE(shown_.back().startsWith("Alt+Space is already in use.")) << shown_.back().toStdString();
     EXPECT_FALSE(shown_.back().contains("X11"));
 }
 
@@ -168,7 +167,6 @@ TEST_F(ShortcutRegistrationTest, UnforcedRegistrationOfTheReadyShortcutDoesNothi
 }
 
 TEST(ShortcutChangeWatcherTest, OneCallPerSavedNewShortcutAndNoneForEqualValues) {
-    testing::ScopedPlatformTerms mac(PlatformTerms::macOS());
     testing::FakeUserDefaults defaults;
     testing::FakeCredentialStore credentials;
     SettingsStore settings(defaults, credentials, false);

@@ -118,40 +118,27 @@ TEST_F(QSettingsUserDefaultsTest, HandEditedValuesAreReadLeniently) {
     EXPECT_EQ(defaults.string("code"), QStringLiteral("15"));
 }
 
-TEST_F(QSettingsUserDefaultsTest, CorruptFileIsSetAsideAndNeverOverwritten) {
-    QDir().mkpath(dir_.filePath("parlune"));
-    const QByteArray garbage("\x00\x01\xff\xfe[General]\nrewriteMode=Casual\n\x00\x00", 33);
-    writeAll(file(), garbage);
-
-    QSettingsUserDefaults defaults(file());
-    EXPECT_EQ(defaults.string("rewriteMode"), std::nullopt);
-    ASSERT_FALSE(defaults.setAsidePath().isEmpty());
-    EXPECT_TRUE(defaults.setAsidePath().startsWith(file() + ".corrupt-"));
-    EXPECT_EQ(readAll(defaults.setAsidePath()), garbage);
-    EXPECT_EQ(setAsideFiles(file()).size(), 1);
-
-    defaults.setString("rewriteMode", "Professional");
-    EXPECT_TRUE(defaults.isPersisting());
-    EXPECT_EQ(readAll(defaults.setAsidePath()), garbage);
-    QSettingsUserDefaults reopened(file());
-    EXPECT_EQ(reopened.string("rewriteMode"), QStringLiteral("Professional"));
-    EXPECT_TRUE(reopened.setAsidePath().isEmpty());
-    EXPECT_EQ(setAsideFiles(file()).size(), 1);
-}
-
+// Set aside once, whole, and never written over by the saves that follow.
 TEST_F(QSettingsUserDefaultsTest, FilesTheReaderCannotParseOrThatAreNotTextAreSetAside) {
     QDir().mkpath(dir_.filePath("parlune"));
     const QByteArray samples[] = {
         QByteArray("[General\nrewriteMode=Casual\n"),
         QByteArray("[General]\nrewriteMode=Caf\xe9\n"),
         QByteArray("[General]\nrewriteMode=Casual\n\x00", 30),
+        QByteArray("\x00\x01\xff\xfe[General]\nrewriteMode=Casual\n\x00\x00", 33),
     };
     for (const QByteArray& sample : samples) {
         writeAll(file(), sample);
         QSettingsUserDefaults defaults(file());
-        ASSERT_FALSE(defaults.setAsidePath().isEmpty()) << sample.toStdString();
+        ASSERT_TRUE(defaults.setAsidePath().startsWith(file() + ".corrupt-")) << sample.toStdString();
         EXPECT_EQ(defaults.string("rewriteMode"), std::nullopt);
+        defaults.setString("rewriteMode", "Professional");
+        EXPECT_TRUE(defaults.isPersisting());
         EXPECT_EQ(readAll(defaults.setAsidePath()), sample);
+        const QSettingsUserDefaults reopened(file());
+        EXPECT_EQ(reopened.string("rewriteMode"), QStringLiteral("Professional"));
+        EXPECT_TRUE(reopened.setAsidePath().isEmpty());
+        EXPECT_EQ(setAsideFiles(file()).size(), 1);
         QFile::remove(defaults.setAsidePath());
         QThread::msleep(2); // distinct time stamps in the set-aside names
     }

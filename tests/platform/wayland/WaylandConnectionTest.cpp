@@ -67,8 +67,7 @@ TEST(WaylandConnectionTest, ACompositorThatNeverAnswersIsGivenUpWithoutStallingT
         test::StallWatchdog::Armed armed;
         problem = problemOf(test::runTask(WaylandConnection::open(1000), 5000));
     }
-    EXPECT_TRUE(problem.contains(QLatin1String("did not answer within 1 s")))
-        << problem.toStdString();
+    EXPECT_TRUE(problem.contains(QLatin1String("did not answer within 1 s"))) << problem.toStdString();
     EXPECT_TRUE(problem.contains(compositor.path())) << problem.toStdString();
     EXPECT_LT(watchdog.longestStallMs(), 250);
 }

@@ -195,9 +195,10 @@ TEST_F(ClipboardDesktopTest, TransientTextNeverOutlivesThePasteboard) {
     EXPECT_EQ(clipboardTarget(QStringLiteral("UTF8_STRING")), QByteArrayLiteral("<unreadable>"));
 }
 
-TEST_F(ClipboardDesktopTest, UsersDataHeldAtExitIsHandedToTheClipboardManager) {
+TEST_F(ClipboardDesktopTest, UsersDataHeldAtExitIsHandedToASlowClipboardManager) {
+    // Its copy takes seconds (a pause before each of its reads): exit waits while it still asks.
     const pid_t manager = DesktopSession::current()->spawn(
-        {QStringLiteral(PARLUNE_CLIPBOARD_OWNER), QStringLiteral("--manager")});
+        {QStringLiteral(PARLUNE_CLIPBOARD_OWNER), QStringLiteral("--manager"), QStringLiteral("700")});
     pumpFor(300);
     giveUserRichClipboard();
     // A capture leaves us holding the user's restored data.

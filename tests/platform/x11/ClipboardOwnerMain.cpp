@@ -1,13 +1,15 @@
 // A separate X client that puts data on the clipboard under several targets and serves it until
 // another client takes the clipboard: what a browser or office program does after a copy.
 // Usage: parlune_clipboard_owner TARGET DATA [TARGET DATA ...]
-//        parlune_clipboard_owner --manager
+//        parlune_clipboard_owner --manager [PAUSE_MS]
 // With --manager it is instead a clipboard manager: asked to save the clipboard (SAVE_TARGETS on
-// CLIPBOARD_MANAGER), it copies every target and then serves them itself.
+// CLIPBOARD_MANAGER), it copies every target and then serves them itself, pausing PAUSE_MS before
+// each read as a manager on a loaded machine would.
 #include "platform/x11/X11Pasteboard.h"
 #include "platform/x11/XcbConnection.h"
 
 #include <QCoreApplication>
+#include <QThread>
 #include <QTimer>
 
 #include <cstdio>
@@ -16,8 +18,8 @@
 
 namespace {
 
-int runManager(QCoreApplication& app, parlune::x11::XcbConnection& x,
-               parlune::x11::X11Pasteboard& pasteboard) {
+int runManager(QCoreApplication& app, parlune::x11::XcbConnection& x, parlune::x11::X11Pasteboard& pasteboard,
+               unsigned long pauseMs) {
     xcb_connection_t* c = x.raw();
     const xcb_atom_t manager = x.atom("CLIPBOARD_MANAGER");
     xcb_set_selection_owner(c, x.window(), manager, XCB_CURRENT_TIME);
@@ -32,7 +34,9 @@ int runManager(QCoreApplication& app, parlune::x11::XcbConnection& x,
         bool saved = false;
         if (request->target == x.atom("SAVE_TARGETS")) {
             parlune::PasteboardItem item;
+            QThread::msleep(pauseMs);
             for (const QString& type : pasteboard.types(0)) {
+                QThread::msleep(pauseMs);
                 if (auto data = pasteboard.data(0, type)) {
                     item.values.emplace_back(type, *data);
                 }
@@ -60,9 +64,9 @@ int runManager(QCoreApplication& app, parlune::x11::XcbConnection& x,
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    const bool manager = argc == 2 && std::strcmp(argv[1], "--manager") == 0;
+    const bool manager = (argc == 2 || argc == 3) && std::strcmp(argv[1], "--manager") == 0;
     if (!manager && (argc < 3 || argc % 2 == 0)) {
-        std::fprintf(stderr, "usage: %s TARGET DATA [TARGET DATA ...] | --manager\n", argv[0]);
+        std::fprintf(stderr, "usage: %s TARGET DATA [TARGET DATA ...] | --manager [PAUSE_MS]\n", argv[0]);
         return 2;
     }
     auto connection = parlune::x11::XcbConnection::open();
@@ -72,7 +76,7 @@ int main(int argc, char** argv) {
     }
     parlune::x11::X11Pasteboard pasteboard(*connection);
     if (manager) {
-        return runManager(app, *connection, pasteboard);
+        return runManager(app, *connection, pasteboard, argc == 3 ? std::strtoul(argv[2], nullptr, 10) : 0);
     }
     parlune::PasteboardItem item;
     for (int i = 1; i + 1 < argc; i += 2) {

@@ -11,9 +11,10 @@
 
 namespace parlune {
 
-// Admits one pasteboard operation at a time, first come first served. A release hands ownership
-// straight to the next waiter, so no third party can slip in between. Main thread only.
-class PasteboardGuard {
+// An asynchronous lock, first come first served: a release hands the lock straight to the oldest
+// waiter, so it is never free in between and no newcomer can overtake. Waiting is cancellable, and
+// the stop may come from any thread. Main thread only otherwise.
+class FirstComeLock {
     struct State {
         struct Waiter {
             std::uint64_t ticket;
@@ -26,12 +27,11 @@ class PasteboardGuard {
     };
 
 public:
-    // Ownership of the guard; releases it when destroyed (every exit of the holder, errors and
-    // cancellation included).
+    // Holding the lock; releases it when destroyed (every exit of the holder, errors and
+    // cancellation included). May outlive the lock.
     class Lease {
     public:
         Lease() = default;
-        explicit Lease(std::shared_ptr<State> state) : state_(std::move(state)) {}
         Lease(Lease&& other) noexcept = default;
         Lease& operator=(Lease&& other) noexcept;
         Lease(const Lease&) = delete;
@@ -42,13 +42,20 @@ public:
         bool isHeld() const { return static_cast<bool>(state_); }
 
     private:
+        friend class FirstComeLock;
+        explicit Lease(std::shared_ptr<State> state) : state_(std::move(state)) {}
         std::shared_ptr<State> state_;
     };
 
-    PasteboardGuard() : state_(std::make_shared<State>()) {}
+    FirstComeLock() : state_(std::make_shared<State>()) {}
+    // Waiters still in line end with CancellationError rather than hanging.
+    ~FirstComeLock();
+    FirstComeLock(const FirstComeLock&) = delete;
+    FirstComeLock& operator=(const FirstComeLock&) = delete;
 
-    // Returns at once when free, otherwise waits in line. Throws CancellationError when `token` is
-    // stopped while waiting; the place in line is then given up.
+    // Returns holding the lock: at once when free, otherwise after waiting in line. Throws
+    // CancellationError when `token` is stopped first, while waiting (the place in line is given
+    // up) or just as the lock is handed over (it goes on to the next in line).
     QCoro::Task<Lease> acquire(std::stop_token token);
 
     bool isHeld() const { return state_->held; }
