@@ -28,6 +28,17 @@ constexpr int lowBitsShift(int e) {
     return 2 * ((e / 32) % 4);
 }
 
+// Q4_K's and Q5_K's 6-bit scale and minimum of sub-block j, packed into 12 bytes.
+inline void unpackScales6(const std::uint8_t* q, int j, int& sc, int& mn) {
+    if (j < 4) {
+        sc = q[j] & 63;
+        mn = q[j + 4] & 63;
+    } else {
+        sc = (q[j + 4] & 0x0F) | ((q[j - 4] >> 6) << 4);
+        mn = (q[j + 4] >> 4) | ((q[j] >> 6) << 4);
+    }
+}
+
 // Q3_K's sixteen signed 6-bit scales, packed into 12 bytes.
 inline int q3kScale(const std::uint8_t* packed, int j) {
     const int low = j < 8 ? packed[j] & 0x0F : packed[j - 8] >> 4;

@@ -26,6 +26,25 @@ bool pairsWithHalfScaleActivations(GgmlType type) {
     }
 }
 
+// The scale groups and code offsets of the formats the row panels take (see groupBias).
+struct PanelGrouping {
+    int groupWidth; // zero for formats without row panels
+    std::int32_t offset;
+};
+PanelGrouping panelGrouping(GgmlType type) {
+    switch (type) {
+    case GgmlType::Q4_K:
+    case GgmlType::Q5_K:
+        return {32, 0};
+    case GgmlType::Q6_K:
+        return {16, 32};
+    case GgmlType::Q8_0:
+        return {32, 128};
+    default:
+        return {0, 0};
+    }
+}
+
 bool isFloatType(GgmlType type) {
     return type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16;
 }
@@ -117,12 +136,38 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
         }
     }
     out.kquantTokens_.clear();
-    if (nTokens <= ActivationBuffer::kMostRegisterTokens &&
-        (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K)) {
-        out.kquantTokens_.resize(static_cast<std::size_t>(nTokens * (cols / 256)));
-        for (std::int64_t t = 0; t < nTokens; ++t) {
-            detail::prepareKQuantTokens(weightType, out.codes(t), out.blockScales(t), cols,
-                                        out.kquantTokens_.data() + t * (cols / 256));
+    out.groupBias_.clear();
+    out.scaledBlockSums_.clear();
+    if (nTokens <= ActivationBuffer::kMostRegisterTokens) {
+        if (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K) {
+            out.kquantTokens_.resize(static_cast<std::size_t>(nTokens * (cols / 256)));
+            for (std::int64_t t = 0; t < nTokens; ++t) {
+                detail::prepareKQuantTokens(weightType, out.codes(t), out.blockScales(t), cols,
+                                            out.kquantTokens_.data() + t * (cols / 256));
+            }
+        }
+        return;
+    }
+    const PanelGrouping grouping = panelGrouping(weightType);
+    if (grouping.groupWidth == 0)
+        return;
+    out.groupBias_.assign(total / 16, 0);
+    out.scaledBlockSums_.assign(total / 32, 0.0f);
+    for (std::int64_t t = 0; t < nTokens; ++t) {
+        const std::int8_t* codes = out.codes(t);
+        std::int32_t* bias = out.groupBias_.data() + t * (out.paddedCols_ / 16);
+        float* sums = out.scaledBlockSums_.data() + t * (out.paddedCols_ / 32);
+        for (std::int64_t b = 0; b < cols / 32; ++b) {
+            std::int32_t halves[2] = {0, 0};
+            for (int i = 0; i < 32; ++i)
+                halves[i / 16] += codes[32 * b + i];
+            sums[b] = out.blockScales(t)[b] * static_cast<float>(halves[0] + halves[1]);
+            if (grouping.groupWidth == 16) {
+                bias[2 * b] = -grouping.offset * halves[0];
+                bias[2 * b + 1] = -grouping.offset * halves[1];
+            } else {
+                bias[b] = -grouping.offset * (halves[0] + halves[1]);
+            }
         }
     }
 }

@@ -7,6 +7,7 @@
 // tokens from L1/L2.
 // The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
 // in memory.
+#include "llm/tensor/KQuantAvx512.h"
 #include "llm/tensor/LowBitCodecs.h"
 #include "llm/tensor/MatMulDispatch.h"
 #include "llm/tensor/Quantization.h"
@@ -79,13 +80,6 @@ __m512i nibblePairs(const std::uint8_t* p0, const std::uint8_t* p1) {
     const __m512i z = _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_and_si256(v, mask)),
                                          _mm256_and_si256(_mm256_srli_epi16(v, 4), mask), 1);
     return _mm512_shuffle_i64x2(z, z, _MM_SHUFFLE(3, 1, 2, 0));
-}
-// 32 nibbles of one 32-byte group: [low nibbles, high nibbles].
-__m512i nibbleHalves(const std::uint8_t* p) {
-    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
-    const __m256i mask = _mm256_set1_epi8(0x0F);
-    return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_and_si256(v, mask)),
-                              _mm256_and_si256(_mm256_srli_epi16(v, 4), mask), 1);
 }
 
 // ---- decoders: chunks [c0, c1) of one row -------------------------------------------------
@@ -179,13 +173,8 @@ template <bool HighBits> struct KQuant {
                 high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
             for (int c = 0; c < 4; ++c) {
                 __m512i q = nibbleHalves(qs + 32 * c);
-                if constexpr (HighBits) {
-                    const std::uint64_t lo =
-                        _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c))));
-                    const std::uint64_t hi =
-                        _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
-                    q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
-                }
+                if constexpr (HighBits)
+                    q = withFifthBits(q, high, c);
                 sink(4 * s + c - c0, q, _mm512_permutexvar_ps(pairIndex(2 * c), scv));
             }
         }
@@ -1034,8 +1023,10 @@ struct Avx512 {
                           std::int64_t rowEnd, float* y, std::int64_t ldy) {
         runQuant<Format>(w, x, rowBegin, rowEnd, y, ldy);
     }
-    static bool fewTokens(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
-                          std::int64_t rowEnd, float* y, std::int64_t ldy) {
+    static bool ownKernels(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                           std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        if (rowPanelProductAvx512(w, x, rowBegin, rowEnd, y, ldy))
+            return true;
         switch (w.type) {
         case GgmlType::Q8_0:
             if (x.tokens() != 1)

@@ -26,6 +26,11 @@ void registerKQuantProduct(std::span<const KQuantRows> group, const WeightMatrix
                            const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
                            std::int64_t ldy);
 
+// Prompt-sized batches (x.hasPanelSums()) of Q4_K, Q5_K, Q6_K or Q8_0 rows through row panels;
+// false, doing nothing, for anything else.
+bool rowPanelProductAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                           std::int64_t rowEnd, float* y, std::int64_t ldy);
+
 // 8-bit activation codes for one token row: one scale per 32 values, codes in [-127, 127].
 void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
                                float* scales);
