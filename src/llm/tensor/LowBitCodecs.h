@@ -10,6 +10,18 @@
 
 namespace parlune::llm::detail {
 
+// Little-endian fields of a block, at any alignment.
+inline std::uint16_t u16(const std::uint8_t* p) {
+    std::uint16_t v;
+    std::memcpy(&v, p, 2);
+    return v;
+}
+inline std::uint32_t u32(const std::uint8_t* p) {
+    std::uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
 // The sixteen levels of the IQ4 grid; a 4-bit code indexes it.
 inline constexpr std::int8_t kIq4Levels[16] = {-127, -104, -83, -65, -49, -35, -22, -10,
                                                1,    13,   25,  38,  53,  69,  89,  113};
@@ -26,17 +38,6 @@ constexpr int lowBitsByte(int e) {
 }
 constexpr int lowBitsShift(int e) {
     return 2 * ((e / 32) % 4);
-}
-
-// Q4_K's and Q5_K's 6-bit scale and minimum of sub-block j, packed into 12 bytes.
-inline void unpackScales6(const std::uint8_t* q, int j, int& sc, int& mn) {
-    if (j < 4) {
-        sc = q[j] & 63;
-        mn = q[j + 4] & 63;
-    } else {
-        sc = (q[j + 4] & 0x0F) | ((q[j - 4] >> 6) << 4);
-        mn = (q[j + 4] >> 4) | ((q[j] >> 6) << 4);
-    }
 }
 
 // Q3_K's sixteen signed 6-bit scales, packed into 12 bytes.

@@ -148,27 +148,16 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
         }
         return;
     }
+    // Only the AVX-512 path has row panels.
     const PanelGrouping grouping = panelGrouping(weightType);
-    if (grouping.groupWidth == 0)
+    if (grouping.groupWidth == 0 || !simd)
         return;
-    out.groupBias_.assign(total / 16, 0);
-    out.scaledBlockSums_.assign(total / 32, 0.0f);
+    out.groupBias_.resize(total / 16);
+    out.scaledBlockSums_.resize(total / 32);
     for (std::int64_t t = 0; t < nTokens; ++t) {
-        const std::int8_t* codes = out.codes(t);
-        std::int32_t* bias = out.groupBias_.data() + t * (out.paddedCols_ / 16);
-        float* sums = out.scaledBlockSums_.data() + t * (out.paddedCols_ / 32);
-        for (std::int64_t b = 0; b < cols / 32; ++b) {
-            std::int32_t halves[2] = {0, 0};
-            for (int i = 0; i < 32; ++i)
-                halves[i / 16] += codes[32 * b + i];
-            sums[b] = out.blockScales(t)[b] * static_cast<float>(halves[0] + halves[1]);
-            if (grouping.groupWidth == 16) {
-                bias[2 * b] = -grouping.offset * halves[0];
-                bias[2 * b + 1] = -grouping.offset * halves[1];
-            } else {
-                bias[b] = -grouping.offset * (halves[0] + halves[1]);
-            }
-        }
+        detail::panelSumsAvx512(out.codes(t), out.blockScales(t), out.paddedCols_, grouping.groupWidth,
+                                grouping.offset, out.groupBias_.data() + t * (out.paddedCols_ / 16),
+                                out.scaledBlockSums_.data() + t * (out.paddedCols_ / 32));
     }
 }
 

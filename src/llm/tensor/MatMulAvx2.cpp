@@ -155,16 +155,6 @@ struct alignas(32) Decoded {
     float mw[8];        // additive offset per element (formats with a minimum)
 };
 
-inline std::uint16_t u16(const std::uint8_t* p) {
-    std::uint16_t v;
-    std::memcpy(&v, p, 2);
-    return v;
-}
-inline std::uint32_t u32(const std::uint8_t* p) {
-    std::uint32_t v;
-    std::memcpy(&v, p, 4);
-    return v;
-}
 inline float half(const std::uint8_t* p) {
     return _cvtsh_ss(u16(p));
 }

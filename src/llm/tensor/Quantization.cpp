@@ -194,6 +194,15 @@ void packScales6(const int* sc, const int* mn, std::uint8_t* q) {
         q[j] |= static_cast<std::uint8_t>((mn[j] >> 4) << 6);
     }
 }
+void unpackScales6(const std::uint8_t* q, int j, int& sc, int& mn) {
+    if (j < 4) {
+        sc = q[j] & 63;
+        mn = q[j + 4] & 63;
+    } else {
+        sc = (q[j + 4] & 0x0F) | ((q[j - 4] >> 6) << 4);
+        mn = (q[j + 4] >> 4) | ((q[j] >> 6) << 4);
+    }
+}
 
 // Shared by Q4_K and Q5_K: fits the eight sub-blocks, stores d, dmin and the 6-bit scales, and
 // returns the codes (0..nmax) of all 256 elements.
@@ -238,8 +247,8 @@ void dequantizeQ4_K(const std::uint8_t* b, float* y) {
     const std::uint8_t* qs = b + 16;
     for (int c = 0; c < 4; ++c) {
         int sc0, m0, sc1, m1;
-        detail::unpackScales6(b + 4, 2 * c, sc0, m0);
-        detail::unpackScales6(b + 4, 2 * c + 1, sc1, m1);
+        unpackScales6(b + 4, 2 * c, sc0, m0);
+        unpackScales6(b + 4, 2 * c + 1, sc1, m1);
         const float d0 = d * static_cast<float>(sc0), o0 = dmin * static_cast<float>(m0);
         const float d1 = d * static_cast<float>(sc1), o1 = dmin * static_cast<float>(m1);
         for (int l = 0; l < 32; ++l) {
@@ -269,8 +278,8 @@ void dequantizeQ5_K(const std::uint8_t* b, float* y) {
     const std::uint8_t* qs = b + 48;
     for (int c = 0; c < 4; ++c) {
         int sc0, m0, sc1, m1;
-        detail::unpackScales6(b + 4, 2 * c, sc0, m0);
-        detail::unpackScales6(b + 4, 2 * c + 1, sc1, m1);
+        unpackScales6(b + 4, 2 * c, sc0, m0);
+        unpackScales6(b + 4, 2 * c + 1, sc1, m1);
         const float d0 = d * static_cast<float>(sc0), o0 = dmin * static_cast<float>(m0);
         const float d1 = d * static_cast<float>(sc1), o1 = dmin * static_cast<float>(m1);
         for (int l = 0; l < 32; ++l) {

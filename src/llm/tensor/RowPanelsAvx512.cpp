@@ -24,13 +24,8 @@ constexpr int kLanes = 16;  // rows per panel
 constexpr int kStrip = 256; // columns decoded per row before transposing
 constexpr int kMostTileTokens = 8;
 
-std::uint16_t u16(const std::uint8_t* p) {
-    std::uint16_t v;
-    std::memcpy(&v, p, 2);
-    return v;
-}
 float half(const std::uint8_t* p) {
-    return _cvtsh_ss(u16(p));
+    return fp16ToFloatFast(u16(p));
 }
 
 // Decoders: columns [c0, c0 + n) of a row (c0 a multiple of kStrip; n a multiple of the format's
@@ -43,16 +38,11 @@ template <bool HighBits> struct KQuant {
     static constexpr int kGroupWidth = 32;
     static constexpr bool kMin = true;
     static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
+    static constexpr std::int64_t kStripBytes = kBytes;
     static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t, std::uint8_t* codes,
                        float* extra) {
         const std::uint8_t* b = row + kBytes * (c0 / 256);
-        const float d = half(b), dmin = half(b + 2);
-        for (int j = 0; j < 8; ++j) {
-            int sc, mn;
-            unpackScales6(b + 4, j, sc, mn);
-            extra[j] = d * static_cast<float>(sc);
-            extra[8 + j] = -dmin * static_cast<float>(mn);
-        }
+        _mm512_store_ps(extra, kScalesAndMinima(b));
         const std::uint8_t* qs = b + (HighBits ? 48 : 16);
         __m256i high = _mm256_setzero_si256();
         if constexpr (HighBits)
@@ -69,6 +59,7 @@ template <bool HighBits> struct KQuant {
 struct Q6K {
     static constexpr int kGroupWidth = 16;
     static constexpr bool kMin = false;
+    static constexpr std::int64_t kStripBytes = 210;
     static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t, std::uint8_t* codes,
                        float* extra) {
         const std::uint8_t* b = row + 210 * (c0 / 256);
@@ -95,6 +86,7 @@ struct Q6K {
 struct Q80 {
     static constexpr int kGroupWidth = 32;
     static constexpr bool kMin = false;
+    static constexpr std::int64_t kStripBytes = 34 * kStrip / 32;
     static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t n, std::uint8_t* codes,
                        float* extra) {
         for (std::int64_t i = 0; i < n / 32; ++i) {
@@ -178,17 +170,32 @@ private:
         ((tokens == T + 1 ? tile<T + 1>(panel, r0, rows, t0) : void()), ...);
     }
 
+    // Sixteen rows read side by side are more streams than the hardware prefetcher follows.
+    static constexpr std::int64_t kPrefetchStrips = 4;
+    void prefetchStrip(const std::uint8_t* row, std::int64_t c0) const {
+        if (c0 >= w_.cols)
+            return;
+        const std::uint8_t* strip = row + c0 / kStrip * Format::kStripBytes;
+        for (std::int64_t at = 0; at < Format::kStripBytes; at += 64)
+            _mm_prefetch(reinterpret_cast<const char*>(strip + at), _MM_HINT_T0);
+    }
+
     void unpack(std::int64_t r0, int rows, Panel& panel) const {
         alignas(64) std::uint8_t codes[kLanes][kStrip];
         alignas(64) float extra[kLanes][16];
         const auto* base = static_cast<const std::uint8_t*>(w_.data);
+        for (int r = 0; r < rows; ++r) {
+            for (std::int64_t c0 = 0; c0 < kPrefetchStrips * kStrip; c0 += kStrip)
+                prefetchStrip(base + static_cast<std::size_t>(r0 + r) * w_.rowBytes, c0);
+        }
         for (std::int64_t c0 = 0; c0 < w_.cols; c0 += kStrip) {
             const std::int64_t n = std::min<std::int64_t>(kStrip, w_.cols - c0);
             for (int r = 0; r < kLanes; ++r) {
                 if (r < rows) {
+                    const std::uint8_t* row = base + static_cast<std::size_t>(r0 + r) * w_.rowBytes;
+                    prefetchStrip(row, c0 + kPrefetchStrips * kStrip);
                     std::memset(extra[r], 0, sizeof extra[r]);
-                    Format::decode(base + static_cast<std::size_t>(r0 + r) * w_.rowBytes, c0, n, codes[r],
-                                   extra[r]);
+                    Format::decode(row, c0, n, codes[r], extra[r]);
                     std::memset(codes[r] + n, 0, static_cast<std::size_t>(kStrip - n));
                 } else {
                     std::memset(codes[r], 0, kStrip);
@@ -290,6 +297,31 @@ void runPanels(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t ro
 }
 
 } // namespace
+
+void panelSumsAvx512(const std::int8_t* codes, const float* scales, std::int64_t paddedCols, int groupWidth,
+                     std::int32_t offset, std::int32_t* bias, float* sums) {
+    const __m512i flip = _mm512_set1_epi8(static_cast<char>(0x80));
+    for (std::int64_t c = 0; c < paddedCols; c += 64) {
+        // Sums of eight codes each, through their unsigned (+128) form.
+        alignas(64) std::int64_t eights[8];
+        _mm512_store_si512(
+            eights, _mm512_sub_epi64(_mm512_sad_epu8(_mm512_xor_si512(_mm512_loadu_si512(codes + c), flip),
+                                                     _mm512_setzero_si512()),
+                                     _mm512_set1_epi64(8 * 128)));
+        for (int h = 0; h < 4; ++h) {
+            const auto sixteen = static_cast<std::int32_t>(eights[2 * h] + eights[2 * h + 1]);
+            if (groupWidth == 16)
+                bias[c / 16 + h] = -offset * sixteen;
+            if (h % 2 == 1) {
+                const auto block = static_cast<std::int32_t>(eights[2 * h - 2] + eights[2 * h - 1]) + sixteen;
+                const std::int64_t b = c / 32 + h / 2;
+                sums[b] = scales[b] * static_cast<float>(block);
+                if (groupWidth == 32)
+                    bias[b] = -offset * block;
+            }
+        }
+    }
+}
 
 bool rowPanelProductAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                            std::int64_t rowEnd, float* y, std::int64_t ldy) {
