@@ -38,8 +38,6 @@ PanelGrouping panelGrouping(GgmlType type) {
         return {32, 0};
     case GgmlType::Q6_K:
         return {16, 32};
-    case GgmlType::Q8_0:
-        return {32, 128};
     default:
         return {0, 0};
     }

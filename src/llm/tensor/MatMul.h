@@ -46,10 +46,10 @@ public:
     const detail::KQuantToken* kquantTokens(std::int64_t token) const {
         return kquantTokens_.data() + token * (cols_ / 256);
     }
-    // Longer batches (prompts) of Q4_K, Q5_K, Q6_K and Q8_0 may go through row panels, which round
-    // differently from single steps but the same at every batch size. They take, per token, minus
-    // the format's code offset times the code sum of each of its scale groups (16 columns for
-    // Q6_K, 32 otherwise), and each 32-column block's scale times its code sum.
+    // Longer batches (prompts) of Q4_K, Q5_K and Q6_K go through row panels on the AVX-512 path,
+    // which round differently from single steps but the same at every batch size. They take, per
+    // token, minus the format's code offset times the code sum of each of its scale groups (16
+    // columns for Q6_K, 32 otherwise), and each 32-column block's scale times its code sum.
     bool hasPanelSums() const { return !groupBias_.empty(); }
     const std::int32_t* groupBias(std::int64_t token) const {
         return groupBias_.data() + token * (paddedCols_ / 16);

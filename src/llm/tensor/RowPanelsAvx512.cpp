@@ -1,4 +1,4 @@
-// AVX-512 VNNI products of prompt-sized batches with Q4_K, Q5_K, Q6_K and Q8_0 rows. Sixteen
+// AVX-512 VNNI products of prompt-sized batches with Q4_K, Q5_K and Q6_K rows. Sixteen
 // rows at a time are unpacked once into a panel of unsigned 8-bit codes with the rows in the 32-bit
 // lanes (four consecutive columns of a row per lane), plus a float scale (and minimum) per row and
 // scale group. Every token then multiplies the whole panel with VPDPBUSD against a broadcast of
@@ -79,22 +79,6 @@ struct Q6K {
             _mm512_store_si512(codes + 128 * h + 64,
                                _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(ql, 4), low4),
                                                _mm512_slli_epi16(_mm512_and_si512(hB, low2), 4)));
-        }
-    }
-};
-
-struct Q80 {
-    static constexpr int kGroupWidth = 32;
-    static constexpr bool kMin = false;
-    static constexpr std::int64_t kStripBytes = 34 * kStrip / 32;
-    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t n, std::uint8_t* codes,
-                       float* extra) {
-        for (std::int64_t i = 0; i < n / 32; ++i) {
-            const std::uint8_t* b = row + 34 * (c0 / 32 + i);
-            extra[i] = half(b);
-            const __m256i q = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 2));
-            _mm256_store_si256(reinterpret_cast<__m256i*>(codes + 32 * i),
-                               _mm256_xor_si256(q, _mm256_set1_epi8(static_cast<char>(0x80))));
         }
     }
 };
@@ -265,12 +249,20 @@ private:
 #pragma GCC unroll 8
                 for (int t = 0; t < T; ++t) {
                     const __m512 s = _mm512_cvtepi32_ps(sum[t]);
-                    part[t] = g == 0 ? _mm512_mul_ps(s, scale) : _mm512_fmadd_ps(s, scale, part[t]);
+                    if constexpr (kGroups == 1) {
+                        // The product of the two scales is exact (an fp16 or 6-bit-integer one
+                        // times an fp16 one), so each block rounds once, in the FMA.
+                        acc[t] = _mm512_fmadd_ps(s, _mm512_mul_ps(scale, _mm512_set1_ps(dx[t][b])), acc[t]);
+                    } else {
+                        part[t] = g == 0 ? _mm512_mul_ps(s, scale) : _mm512_fmadd_ps(s, scale, part[t]);
+                    }
                 }
             }
+            if constexpr (kGroups > 1) {
 #pragma GCC unroll 8
-            for (int t = 0; t < T; ++t)
-                acc[t] = _mm512_fmadd_ps(part[t], _mm512_set1_ps(dx[t][b]), acc[t]);
+                for (int t = 0; t < T; ++t)
+                    acc[t] = _mm512_fmadd_ps(part[t], _mm512_set1_ps(dx[t][b]), acc[t]);
+            }
             if constexpr (Format::kMin) {
                 const __m512 minimum = _mm512_load_ps(panel.minima[static_cast<std::size_t>(b)].bytes);
 #pragma GCC unroll 8
@@ -336,9 +328,6 @@ bool rowPanelProductAvx512(const WeightMatrix& w, const ActivationBuffer& x, std
         return true;
     case GgmlType::Q6_K:
         runPanels<Q6K>(w, x, rowBegin, rowEnd, y, ldy);
-        return true;
-    case GgmlType::Q8_0:
-        runPanels<Q80>(w, x, rowBegin, rowEnd, y, ldy);
         return true;
     default:
         return false;
