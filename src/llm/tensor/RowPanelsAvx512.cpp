@@ -24,24 +24,15 @@ constexpr int kLanes = 16;  // rows per panel
 constexpr int kStrip = 256; // columns decoded per row before transposing
 constexpr int kMostTileTokens = 8;
 
-float half(const std::uint8_t* p) {
-    return fp16ToFloatFast(u16(p));
-}
-
-// Decoders: columns [c0, c0 + n) of a row (c0 a multiple of kStrip; n a multiple of the format's
-// block) as unsigned codes in column order, their scale per group, and for formats with a
-// minimum, -dmin * min per 32 columns after the scales (at extra[kStrip / kGroupWidth + ...]).
-//   kGroupWidth: columns per scale; kMin: whether a minimum per 32 columns joins the product.
-// The code offset (code - offset is the value) is taken from the activations' groupBias.
+// Decoders: one 256-column block of a row as unsigned codes in column order, the scale of each
+// kGroupWidth columns and, where kMin, -dmin * min per 32 columns after the scales (extra[8..15]).
+// The code offset (code - offset is the value) comes from the activations' groupBias.
 
 template <bool HighBits> struct KQuant {
     static constexpr int kGroupWidth = 32;
     static constexpr bool kMin = true;
-    static constexpr std::int64_t kBytes = HighBits ? 176 : 144;
-    static constexpr std::int64_t kStripBytes = kBytes;
-    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t, std::uint8_t* codes,
-                       float* extra) {
-        const std::uint8_t* b = row + kBytes * (c0 / 256);
+    static constexpr std::int64_t kStripBytes = HighBits ? 176 : 144;
+    static void decode(const std::uint8_t* b, std::uint8_t* codes, float* extra) {
         _mm512_store_ps(extra, kScalesAndMinima(b));
         const std::uint8_t* qs = b + (HighBits ? 48 : 16);
         __m256i high = _mm256_setzero_si256();
@@ -60,10 +51,8 @@ struct Q6K {
     static constexpr int kGroupWidth = 16;
     static constexpr bool kMin = false;
     static constexpr std::int64_t kStripBytes = 210;
-    static void decode(const std::uint8_t* row, std::int64_t c0, std::int64_t, std::uint8_t* codes,
-                       float* extra) {
-        const std::uint8_t* b = row + 210 * (c0 / 256);
-        const float d = half(b + 208);
+    static void decode(const std::uint8_t* b, std::uint8_t* codes, float* extra) {
+        const float d = fp16ToFloatFast(u16(b + 208));
         for (int g = 0; g < 16; ++g)
             extra[g] = d * static_cast<float>(static_cast<std::int8_t>(b[192 + g]));
         const __m512i low4 = _mm512_set1_epi8(0x0F);
@@ -172,19 +161,15 @@ private:
             for (std::int64_t c0 = 0; c0 < kPrefetchStrips * kStrip; c0 += kStrip)
                 prefetchStrip(base + static_cast<std::size_t>(r0 + r) * w_.rowBytes, c0);
         }
+        for (int r = rows; r < kLanes; ++r) {
+            std::memset(codes[r], 0, kStrip);
+            std::memset(extra[r], 0, sizeof extra[r]);
+        }
         for (std::int64_t c0 = 0; c0 < w_.cols; c0 += kStrip) {
-            const std::int64_t n = std::min<std::int64_t>(kStrip, w_.cols - c0);
-            for (int r = 0; r < kLanes; ++r) {
-                if (r < rows) {
-                    const std::uint8_t* row = base + static_cast<std::size_t>(r0 + r) * w_.rowBytes;
-                    prefetchStrip(row, c0 + kPrefetchStrips * kStrip);
-                    std::memset(extra[r], 0, sizeof extra[r]);
-                    Format::decode(row, c0, n, codes[r], extra[r]);
-                    std::memset(codes[r] + n, 0, static_cast<std::size_t>(kStrip - n));
-                } else {
-                    std::memset(codes[r], 0, kStrip);
-                    std::memset(extra[r], 0, sizeof extra[r]);
-                }
+            for (int r = 0; r < rows; ++r) {
+                const std::uint8_t* row = base + static_cast<std::size_t>(r0 + r) * w_.rowBytes;
+                prefetchStrip(row, c0 + kPrefetchStrips * kStrip);
+                Format::decode(row + c0 / kStrip * Format::kStripBytes, codes[r], extra[r]);
             }
             __m512i m[16];
             for (int chunk = 0; chunk < kStrip / 64; ++chunk) {
