@@ -146,16 +146,17 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
         }
         return;
     }
-    // Only the AVX-512 path has row panels.
+    // The scalar path has no row panels.
     const PanelGrouping grouping = panelGrouping(weightType);
-    if (grouping.groupWidth == 0 || !simd)
+    if (grouping.groupWidth == 0 || !avx2Usable(cpuFeatures()))
         return;
+    const auto panelSums = simd ? detail::panelSumsAvx512 : detail::panelSumsScalar;
     out.groupBias_.resize(total / 16);
     out.scaledBlockSums_.resize(total / 32);
     for (std::int64_t t = 0; t < nTokens; ++t) {
-        detail::panelSumsAvx512(out.codes(t), out.blockScales(t), out.paddedCols_, grouping.groupWidth,
-                                grouping.offset, out.groupBias_.data() + t * (out.paddedCols_ / 16),
-                                out.scaledBlockSums_.data() + t * (out.paddedCols_ / 32));
+        panelSums(out.codes(t), out.blockScales(t), out.paddedCols_, grouping.groupWidth, grouping.offset,
+                  out.groupBias_.data() + t * (out.paddedCols_ / 16),
+                  out.scaledBlockSums_.data() + t * (out.paddedCols_ / 32));
     }
 }
 

@@ -46,7 +46,7 @@ public:
     const detail::KQuantToken* kquantTokens(std::int64_t token) const {
         return kquantTokens_.data() + token * (cols_ / 256);
     }
-    // Longer batches (prompts) of Q4_K, Q5_K and Q6_K go through row panels on the AVX-512 path,
+    // Longer batches (prompts) of Q4_K, Q5_K and Q6_K go through row panels on the SIMD paths,
     // which round differently from single steps but the same at every batch size. They take, per
     // token, minus the format's code offset times the code sum of each of its scale groups (16
     // columns for Q6_K, 32 otherwise), and each 32-column block's scale times its code sum.

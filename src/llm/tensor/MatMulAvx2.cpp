@@ -155,6 +155,16 @@ struct alignas(32) Decoded {
     float mw[8];        // additive offset per element (formats with a minimum)
 };
 
+inline std::uint16_t u16(const std::uint8_t* p) {
+    std::uint16_t v;
+    std::memcpy(&v, p, 2);
+    return v;
+}
+inline std::uint32_t u32(const std::uint8_t* p) {
+    std::uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
 inline float half(const std::uint8_t* p) {
     return _cvtsh_ss(u16(p));
 }
@@ -747,6 +757,8 @@ struct Avx2 {
     }
     static bool ownKernels(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                            std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        if (rowPanelProductAvx2(w, x, rowBegin, rowEnd, y, ldy))
+            return true;
         if (!x.hasKQuantTokens())
             return false;
         switch (w.type) {

@@ -7,7 +7,6 @@
 // tokens from L1/L2.
 // The register-tile loops carry "GCC unroll": without it GCC 12 at -O3 keeps the accumulators
 // in memory.
-#include "llm/tensor/KQuantAvx512.h"
 #include "llm/tensor/LowBitCodecs.h"
 #include "llm/tensor/MatMulDispatch.h"
 #include "llm/tensor/Quantization.h"
@@ -39,6 +38,26 @@ struct alignas(64) Decoded {
 // sub-block) to a separate, contiguous array: their product with the activation block sums is a
 // short dot product per row and token, far cheaper than one more FMA per chunk.
 
+std::uint16_t u16(const std::uint8_t* p) {
+    std::uint16_t v;
+    std::memcpy(&v, p, 2);
+    return v;
+}
+std::uint32_t u32(const std::uint8_t* p) {
+    std::uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+inline float fp16ToFloatFast(std::uint16_t h) {
+    return _cvtsh_ss(h);
+}
+
+// [a x8, b x8]
+inline __attribute__((always_inline)) __m512 pairLanes(float a, float b) {
+    return _mm512_castpd_ps(
+        _mm512_insertf64x4(_mm512_castps_pd(_mm512_set1_ps(a)), _mm256_castps_pd(_mm256_set1_ps(b)), 1));
+}
 // [fp16 at p0 x8, fp16 at p1 x8] (zero for a missing p1).
 __m512 pairHalves(const std::uint8_t* p0, const std::uint8_t* p1) {
     const std::uint32_t both = u16(p0) | (p1 ? static_cast<std::uint32_t>(u16(p1)) << 16 : 0u);
@@ -60,6 +79,13 @@ __m512i nibblePairs(const std::uint8_t* p0, const std::uint8_t* p1) {
     const __m512i z = _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_and_si256(v, mask)),
                                          _mm256_and_si256(_mm256_srli_epi16(v, 4), mask), 1);
     return _mm512_shuffle_i64x2(z, z, _MM_SHUFFLE(3, 1, 2, 0));
+}
+// 32 nibbles of one 32-byte group: [low nibbles, high nibbles].
+__m512i nibbleHalves(const std::uint8_t* p) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+    const __m256i mask = _mm256_set1_epi8(0x0F);
+    return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_and_si256(v, mask)),
+                              _mm256_and_si256(_mm256_srli_epi16(v, 4), mask), 1);
 }
 
 // ---- decoders: chunks [c0, c1) of one row -------------------------------------------------
@@ -112,6 +138,23 @@ using Q4_1 = SmallBlock<20, 4, true, false>;
 using Q5_0 = SmallBlock<22, 6, false, true>;
 using Q5_1 = SmallBlock<24, 8, true, true>;
 
+// The eight 6-bit scales and mins of a K-quant block as floats d * scale and -dmin * min, unpacked
+// four at a time in general registers.
+inline __attribute__((always_inline)) void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
+    const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
+    const std::uint64_t sc =
+        (a & 0x3F3F3F3Fu) | static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4))
+                                << 32;
+    const std::uint64_t mn =
+        (m & 0x3F3F3F3Fu) |
+        static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
+    const __m512i both =
+        _mm512_cvtepu8_epi32(_mm_set_epi64x(static_cast<long long>(mn), static_cast<long long>(sc)));
+    const __m512 values = _mm512_cvtepi32_ps(both); // lanes 0-7 scales, 8-15 mins
+    const __m512 factors = pairLanes(fp16ToFloatFast(u16(b)), -fp16ToFloatFast(u16(b + 2)));
+    scales = _mm512_mul_ps(values, factors);
+    mins = scales; // same vector: callers index lanes 8-15 for the mins
+}
 __m512i pairIndex(int j) {
     return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(j)), _mm256_set1_epi32(j + 1), 1);
 }
@@ -125,18 +168,24 @@ template <bool HighBits> struct KQuant {
                       Sink&& sink) {
         for (std::int64_t s = c0 / 4; s < c1 / 4; ++s) {
             const std::uint8_t* b = row + kBytes * s;
-            const __m512 scv = kScalesAndMinima(b);
+            __m512 scv, mnv;
+            kScales(b, scv, mnv);
             // Lanes 8-15 hold the eight sub-block minima (already times -dmin).
             _mm256_storeu_ps(mins + 2 * (4 * s - c0),
-                             _mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(scv), 1)));
+                             _mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(mnv), 1)));
             const std::uint8_t* qs = b + (HighBits ? 48 : 16);
             __m256i high = _mm256_setzero_si256();
             if constexpr (HighBits)
                 high = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16));
             for (int c = 0; c < 4; ++c) {
                 __m512i q = nibbleHalves(qs + 32 * c);
-                if constexpr (HighBits)
-                    q = withFifthBits(q, high, c);
+                if constexpr (HighBits) {
+                    const std::uint64_t lo =
+                        _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c))));
+                    const std::uint64_t hi =
+                        _mm256_test_epi8_mask(high, _mm256_set1_epi8(static_cast<char>(1 << (2 * c + 1))));
+                    q = _mm512_mask_add_epi8(q, lo | (hi << 32), q, _mm512_set1_epi8(0x10));
+                }
                 sink(4 * s + c - c0, q, _mm512_permutexvar_ps(pairIndex(2 * c), scv));
             }
         }
@@ -696,7 +745,8 @@ void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
     }
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 144 * s;
-        const __m512 scv = kScalesAndMinima(b);
+        __m512 scv, unused;
+        kScales(b, scv, unused);
         // [d * scale * dx per sub-block, -dmin * min * dx * sum per sub-block]
         __m512 factors[T];
 #pragma GCC unroll 4

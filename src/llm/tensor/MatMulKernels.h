@@ -30,9 +30,13 @@ void registerKQuantProduct(std::span<const KQuantRows> group, const WeightMatrix
 // false, doing nothing, for anything else.
 bool rowPanelProductAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                            std::int64_t rowEnd, float* y, std::int64_t ldy);
+bool rowPanelProductAvx2(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                         std::int64_t rowEnd, float* y, std::int64_t ldy);
 
 // The panels' per-token sums (see ActivationBuffer::groupBias and scaledBlockSums) of one token's
 // codes and block scales, `groupWidth` 16 or 32.
+void panelSumsScalar(const std::int8_t* codes, const float* scales, std::int64_t paddedCols, int groupWidth,
+                     std::int32_t offset, std::int32_t* bias, float* sums);
 void panelSumsAvx512(const std::int8_t* codes, const float* scales, std::int64_t paddedCols, int groupWidth,
                      std::int32_t offset, std::int32_t* bias, float* sums);
 
