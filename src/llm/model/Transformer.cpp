@@ -17,10 +17,6 @@
 
 namespace parlune::llm {
 
-// A token's scores must not depend on how many tokens share its batch (checked guesses are
-// compared with single steps).
-static_assert(Transformer::maxBatch <= ActivationBuffer::kMostRegisterTokens);
-
 namespace {
 
 // Rows a worker takes at a time: enough to keep the kernel streaming, few enough to balance.

@@ -5,6 +5,7 @@
 #include "llm/model/ModelError.h"
 #include "llm/runtime/DraftSource.h"
 #include "llm/runtime/TokenConstraint.h"
+#include "llm/tensor/MatMul.h"
 #include "llm/tokenizer/TokenDecoder.h"
 #include "llm/tokenizer/Tokenizer.h"
 
@@ -179,7 +180,10 @@ bool GenerationSession::advance(std::int32_t token, const GenerationOptions& opt
     if (options.draft && remainingTokens > 1) {
         // The last token generated is never fed, so guesses beyond remainingTokens - 1 are waste.
         const std::int64_t room = state_.cache.maxPositions() - state_.cache.length() - 1;
-        const std::int64_t most = std::min({options.maxDraftTokens, remainingTokens - 1, room});
+        // A checked batch (the chosen token and the guesses) scores like single steps only up to
+        // the register kernels' batch size.
+        const std::int64_t most = std::min(
+            {options.maxDraftTokens, ActivationBuffer::kMostRegisterTokens - 1, remainingTokens - 1, room});
         if (most > 0) {
             std::vector<std::int32_t> guess = options.draft->propose(
                 [&] {

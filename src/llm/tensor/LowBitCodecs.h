@@ -10,6 +10,19 @@
 
 namespace parlune::llm::detail {
 
+// Q4_K's and Q5_K's eight 6-bit scales and eight 6-bit minima (packed into bytes 4-15 of a block),
+// one per byte.
+inline void kQuantScaleBytes(const std::uint8_t* block, std::uint64_t& scales, std::uint64_t& minima) {
+    std::uint32_t a, m, h;
+    std::memcpy(&a, block + 4, 4);
+    std::memcpy(&m, block + 8, 4);
+    std::memcpy(&h, block + 12, 4);
+    scales = (a & 0x3F3F3F3Fu) |
+             static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4)) << 32;
+    minima = (m & 0x3F3F3F3Fu) |
+             static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
+}
+
 // The sixteen levels of the IQ4 grid; a 4-bit code indexes it.
 inline constexpr std::int8_t kIq4Levels[16] = {-127, -104, -83, -65, -49, -35, -22, -10,
                                                1,    13,   25,  38,  53,  69,  89,  113};

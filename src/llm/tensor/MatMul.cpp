@@ -26,6 +26,23 @@ bool pairsWithHalfScaleActivations(GgmlType type) {
     }
 }
 
+// The scale groups and code offsets of the formats the row panels take (see groupBias).
+struct PanelGrouping {
+    int groupWidth; // zero for formats without row panels
+    std::int32_t offset;
+};
+PanelGrouping panelGrouping(GgmlType type) {
+    switch (type) {
+    case GgmlType::Q4_K:
+    case GgmlType::Q5_K:
+        return {32, 0};
+    case GgmlType::Q6_K:
+        return {16, 32};
+    default:
+        return {0, 0};
+    }
+}
+
 bool isFloatType(GgmlType type) {
     return type == GgmlType::F32 || type == GgmlType::F16 || type == GgmlType::BF16;
 }
@@ -117,13 +134,29 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
         }
     }
     out.kquantTokens_.clear();
-    if (nTokens <= ActivationBuffer::kMostRegisterTokens &&
-        (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K)) {
-        out.kquantTokens_.resize(static_cast<std::size_t>(nTokens * (cols / 256)));
-        for (std::int64_t t = 0; t < nTokens; ++t) {
-            detail::prepareKQuantTokens(weightType, out.codes(t), out.blockScales(t), cols,
-                                        out.kquantTokens_.data() + t * (cols / 256));
+    out.groupBias_.clear();
+    out.scaledBlockSums_.clear();
+    if (nTokens <= ActivationBuffer::kMostRegisterTokens) {
+        if (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K) {
+            out.kquantTokens_.resize(static_cast<std::size_t>(nTokens * (cols / 256)));
+            for (std::int64_t t = 0; t < nTokens; ++t) {
+                detail::prepareKQuantTokens(weightType, out.codes(t), out.blockScales(t), cols,
+                                            out.kquantTokens_.data() + t * (cols / 256));
+            }
         }
+        return;
+    }
+    // The scalar path has no row panels.
+    const PanelGrouping grouping = panelGrouping(weightType);
+    if (grouping.groupWidth == 0 || !avx2Usable(cpuFeatures()))
+        return;
+    const auto panelSums = simd ? detail::panelSumsAvx512 : detail::panelSumsScalar;
+    out.groupBias_.resize(total / 16);
+    out.scaledBlockSums_.resize(total / 32);
+    for (std::int64_t t = 0; t < nTokens; ++t) {
+        panelSums(out.codes(t), out.blockScales(t), out.paddedCols_, grouping.groupWidth, grouping.offset,
+                  out.groupBias_.data() + t * (out.paddedCols_ / 16),
+                  out.scaledBlockSums_.data() + t * (out.paddedCols_ / 32));
     }
 }
 

@@ -36,16 +36,26 @@ public:
     const std::int8_t* codes(std::int64_t token) const { return codes_.data() + token * paddedCols_; }
     const float* blockScales(std::int64_t token) const { return scales_.data() + token * (paddedCols_ / 32); }
     const float* values(std::int64_t token) const { return values_.data() + token * paddedCols_; }
-    // Up to this many tokens (the most the transformer multiplies at once), Q4_K and Q6_K
-    // products decode each weight block into registers and apply it to every token with the
-    // one-token arithmetic, so a token scores exactly as it would alone, in a checked guess or a
-    // prompt. Longer batches use the decoded-panel tiles, which round differently.
-    static constexpr std::int64_t kMostRegisterTokens = 256;
+    // Up to this many tokens (the most a checked guess holds), Q4_K and Q6_K products decode each
+    // weight block into registers and apply it to every token with the one-token arithmetic, so a
+    // checked guess scores exactly as single steps would.
+    static constexpr std::int64_t kMostRegisterTokens = 16;
     // The tokens laid out for those register kernels (cols() / 256 blocks each, token after token);
     // empty for other types and longer batches.
     bool hasKQuantTokens() const { return !kquantTokens_.empty(); }
     const detail::KQuantToken* kquantTokens(std::int64_t token) const {
         return kquantTokens_.data() + token * (cols_ / 256);
+    }
+    // Longer batches (prompts) of Q4_K, Q5_K and Q6_K go through row panels on the SIMD paths,
+    // which round differently from single steps but the same at every batch size. They take, per
+    // token, minus the format's code offset times the code sum of each of its scale groups (16
+    // columns for Q6_K, 32 otherwise), and each 32-column block's scale times its code sum.
+    bool hasPanelSums() const { return !groupBias_.empty(); }
+    const std::int32_t* groupBias(std::int64_t token) const {
+        return groupBias_.data() + token * (paddedCols_ / 16);
+    }
+    const float* scaledBlockSums(std::int64_t token) const {
+        return scaledBlockSums_.data() + token * (paddedCols_ / 32);
     }
 
 private:
@@ -60,6 +70,8 @@ private:
     std::vector<float> scales_;
     std::vector<float> values_;
     std::vector<detail::KQuantToken> kquantTokens_;
+    std::vector<std::int32_t> groupBias_;
+    std::vector<float> scaledBlockSums_;
 };
 
 // Converts x for products with `weightType` weights. Reuses `out`'s storage.

@@ -755,8 +755,10 @@ struct Avx2 {
                           std::int64_t rowEnd, float* y, std::int64_t ldy) {
         runQuant<Format>(w, x, rowBegin, rowEnd, y, ldy);
     }
-    static bool fewTokens(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
-                          std::int64_t rowEnd, float* y, std::int64_t ldy) {
+    static bool ownKernels(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                           std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        if (rowPanelProductAvx2(w, x, rowBegin, rowEnd, y, ldy))
+            return true;
         if (!x.hasKQuantTokens())
             return false;
         switch (w.type) {

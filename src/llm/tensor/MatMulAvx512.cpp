@@ -1034,8 +1034,10 @@ struct Avx512 {
                           std::int64_t rowEnd, float* y, std::int64_t ldy) {
         runQuant<Format>(w, x, rowBegin, rowEnd, y, ldy);
     }
-    static bool fewTokens(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
-                          std::int64_t rowEnd, float* y, std::int64_t ldy) {
+    static bool ownKernels(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                           std::int64_t rowEnd, float* y, std::int64_t ldy) {
+        if (rowPanelProductAvx512(w, x, rowBegin, rowEnd, y, ldy))
+            return true;
         switch (w.type) {
         case GgmlType::Q8_0:
             if (x.tokens() != 1)

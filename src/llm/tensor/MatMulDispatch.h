@@ -4,7 +4,8 @@
 // struct with
 //   template <GgmlType Type> static void floats(PRODUCT);   F32, F16 or BF16 weights
 //   template <class Format> static void quantised(PRODUCT); its tiles over one decoder
-//   static bool fewTokens(PRODUCT);  its own kernels for one or a few tokens; false where none
+//   static bool ownKernels(PRODUCT);  its own kernels for one or a few tokens or for prompts;
+//                                    false where it has none for this product
 // (PRODUCT: w, x, rowBegin, rowEnd, y, ldy) and a member type per quantised format naming that
 // level's decoder of it. Included only by the level files, each compiled with its own flags.
 
@@ -15,7 +16,7 @@ namespace parlune::llm::detail {
 template <class Level>
 void dispatchProduct(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                      std::int64_t rowEnd, float* y, std::int64_t ldy) {
-    if (Level::fewTokens(w, x, rowBegin, rowEnd, y, ldy))
+    if (Level::ownKernels(w, x, rowBegin, rowEnd, y, ldy))
         return;
     switch (w.type) {
     case GgmlType::F32:

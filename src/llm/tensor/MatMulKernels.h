@@ -26,6 +26,20 @@ void registerKQuantProduct(std::span<const KQuantRows> group, const WeightMatrix
                            const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
                            std::int64_t ldy);
 
+// Prompt-sized batches (x.hasPanelSums()) of Q4_K, Q5_K or Q6_K rows through row panels;
+// false, doing nothing, for anything else.
+bool rowPanelProductAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                           std::int64_t rowEnd, float* y, std::int64_t ldy);
+bool rowPanelProductAvx2(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
+                         std::int64_t rowEnd, float* y, std::int64_t ldy);
+
+// The panels' per-token sums (see ActivationBuffer::groupBias and scaledBlockSums) of one token's
+// codes and block scales, `groupWidth` 16 or 32.
+void panelSumsScalar(const std::int8_t* codes, const float* scales, std::int64_t paddedCols, int groupWidth,
+                     std::int32_t offset, std::int32_t* bias, float* sums);
+void panelSumsAvx512(const std::int8_t* codes, const float* scales, std::int64_t paddedCols, int groupWidth,
+                     std::int32_t offset, std::int32_t* bias, float* sums);
+
 // 8-bit activation codes for one token row: one scale per 32 values, codes in [-127, 127].
 void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
                                float* scales);

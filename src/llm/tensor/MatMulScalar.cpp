@@ -27,6 +27,22 @@ void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t p
     }
 }
 
+void panelSumsScalar(const std::int8_t* codes, const float* scales, std::int64_t paddedCols, int groupWidth,
+                     std::int32_t offset, std::int32_t* bias, float* sums) {
+    for (std::int64_t b = 0; b < paddedCols / 32; ++b) {
+        std::int32_t halves[2] = {0, 0};
+        for (int i = 0; i < 32; ++i)
+            halves[i / 16] += codes[32 * b + i];
+        sums[b] = scales[b] * static_cast<float>(halves[0] + halves[1]);
+        if (groupWidth == 16) {
+            bias[2 * b] = -offset * halves[0];
+            bias[2 * b + 1] = -offset * halves[1];
+        } else {
+            bias[b] = -offset * (halves[0] + halves[1]);
+        }
+    }
+}
+
 void matmulScalar(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                   std::int64_t rowEnd, float* y, std::int64_t ldy) {
     thread_local std::vector<float> row;

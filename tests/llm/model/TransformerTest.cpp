@@ -113,7 +113,7 @@ TEST_P(BatchInvarianceTest, DraftSizedBatchesScoreBitForBitLikeSingleSteps) {
         transformer.forward(rest.subspan(i, 1), stepwise, logits);
         expected.insert(expected.end(), logits.begin(), logits.end());
     }
-    for (const std::size_t batch : {2u, 3u, 5u, 9u, 16u, 23u}) {
+    for (const std::size_t batch : {2u, 3u, 5u, 9u, 16u}) {
         KvCache cache(model->config());
         transformer.forward(prompt, cache, logits);
         std::vector<float> got;

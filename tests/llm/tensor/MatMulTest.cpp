@@ -188,13 +188,14 @@ TEST_P(EveryPath, EveryTailOfRowsColumnsAndTokens) {
 
 TEST_P(EveryPath, ATokensResultDoesNotDependOnItsBatch) {
     // Drafted tokens are checked in one batch and must score exactly as they would one at a time,
-    // so every batch size (one-token kernels, streamed tiles, decoded panels) rounds identically.
+    // so every batch a guess can fill (one-token kernels, streamed tiles, decoded panels) rounds
+    // identically. Longer batches (prompts) may round otherwise, but the same at every length.
     const GgmlType type = GetParam();
     const std::int64_t block = std::max<std::int64_t>(ggmlTypeTraits(type).blockElements, 16);
     for (const std::int64_t cols : {block, 5 * block, oddColumns(type), std::int64_t{3 * 1024}}) {
         const EncodedMatrix m = testing::randomBlocks(type, 9, cols, static_cast<std::uint32_t>(cols));
         constexpr std::int64_t kMost = 40;
-        constexpr std::int64_t kBatches[] = {2, 3, 4, 5, 6, 9, 17, kMost};
+        constexpr std::int64_t kBatches[] = {2, 3, 4, 5, 6, 9, ActivationBuffer::kMostRegisterTokens, 17, 23};
         const std::vector<float> xs = activations(kMost, cols, static_cast<std::uint32_t>(cols) + 1);
         for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
             if (!kernelPathAvailable(path))
@@ -205,17 +206,66 @@ TEST_P(EveryPath, ATokensResultDoesNotDependOnItsBatch) {
                 prepareActivations(type, xs.data() + t * cols, 1, cols, x);
                 alone.push_back(product(path, m, x));
             }
+            ActivationBuffer longest;
+            prepareActivations(type, xs.data(), kMost, cols, longest);
+            const std::vector<float> prompt = product(path, m, longest);
             for (const std::int64_t tokens : kBatches) {
                 ActivationBuffer x;
                 prepareActivations(type, xs.data(), tokens, cols, x);
                 const std::vector<float> batch = product(path, m, x);
+                const bool likeSteps = tokens <= ActivationBuffer::kMostRegisterTokens;
                 for (std::int64_t t = 0; t < tokens; ++t) {
                     for (std::int64_t r = 0; r < m.rows; ++r) {
+                        const float want = likeSteps ? alone[t][r] : prompt[t * m.rows + r];
                         ASSERT_EQ(std::bit_cast<std::uint32_t>(batch[t * m.rows + r]),
-                                  std::bit_cast<std::uint32_t>(alone[t][r]))
+                                  std::bit_cast<std::uint32_t>(want))
                             << kernelPathName(path) << " cols " << cols << " batch " << tokens << " token "
-                            << t << " row " << r << ": " << batch[t * m.rows + r] << " vs " << alone[t][r];
+                            << t << " row " << r << ": " << batch[t * m.rows + r] << " vs " << want;
                     }
+                }
+            }
+        }
+    }
+}
+
+TEST(RowPanels, PromptBatchesMatchTheScalarReferenceOnAnyRowRange) {
+    // Row ranges that start inside a panel and end in a partial one, token counts that leave every
+    // partial tile, and an output stride wider than the rows: nothing outside the range is written.
+    // The two instruction sets apply the same integer sums and float steps: the same bits.
+    constexpr std::int64_t rows = 37, ldy = 41;
+    for (GgmlType type : {GgmlType::Q4_K, GgmlType::Q5_K, GgmlType::Q6_K}) {
+        for (const std::int64_t cols : {std::int64_t{256}, oddColumns(type), std::int64_t{1280}}) {
+            const EncodedMatrix m =
+                testing::randomBlocks(type, rows, cols, static_cast<std::uint32_t>(cols) + 5);
+            for (const std::int64_t tokens : {17, 26, 31}) {
+                const std::vector<float> xs = activations(tokens, cols, static_cast<std::uint32_t>(tokens));
+                ActivationBuffer x;
+                prepareActivations(type, xs.data(), tokens, cols, x);
+                const std::vector<float> want = product(KernelPath::scalar, m, x);
+                std::vector<float> first;
+                for (KernelPath path : {KernelPath::avx2, KernelPath::avx512}) {
+                    if (!kernelPathAvailable(path))
+                        continue;
+                    std::vector<float> y(static_cast<std::size_t>(tokens * ldy), 123.0f);
+                    matmulRowsOn(path, view(m), x, 5, rows, y.data(), ldy);
+                    std::vector<float> got, expected;
+                    for (std::int64_t t = 0; t < tokens; ++t) {
+                        for (std::int64_t r = 0; r < ldy; ++r) {
+                            if (r < 5 || r >= rows) {
+                                ASSERT_EQ(y[t * ldy + r], 123.0f) << kernelPathName(path) << " wrote " << r;
+                                continue;
+                            }
+                            got.push_back(y[t * ldy + r]);
+                            expected.push_back(want[t * rows + r]);
+                        }
+                    }
+                    EXPECT_LT(nmse(expected.data(), got.data(), got.size()), 1e-10)
+                        << ggmlTypeTraits(type).name << " " << kernelPathName(path) << " cols " << cols
+                        << " tokens " << tokens;
+                    if (first.empty())
+                        first = y;
+                    EXPECT_EQ(first, y)
+                        << ggmlTypeTraits(type).name << " cols " << cols << " tokens " << tokens;
                 }
             }
         }
