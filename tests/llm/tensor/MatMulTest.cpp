@@ -2,6 +2,7 @@
 
 #include "KernelTestData.h"
 #include "llm/tensor/CpuFeatures.h"
+#include "llm/tensor/MatMulKernels.h"
 #include "llm/tensor/Quantization.h"
 
 #include <gtest/gtest.h>
@@ -225,6 +226,33 @@ TEST_P(EveryPath, ATokensResultDoesNotDependOnItsBatch) {
                 }
             }
         }
+    }
+}
+
+// A machine with AVX2 but no AVX-512 prepares the panels' per-token sums with the scalar
+// function; the AVX2 panels must then see the very sums the AVX-512 machine gives them.
+TEST(RowPanels, ScalarPerTokenSumsAreTheVectorOnesBitForBit) {
+    if (!kernelPathAvailable(KernelPath::avx512))
+        GTEST_SKIP() << "no AVX-512 here to compare with";
+    constexpr std::int64_t cols = 512;
+    std::vector<std::int8_t> codes(cols);
+    std::vector<float> scales(cols / 32);
+    for (std::int64_t i = 0; i < cols; ++i)
+        codes[static_cast<std::size_t>(i)] = static_cast<std::int8_t>((i * 37 + i / 7) % 255 - 127);
+    for (std::size_t b = 0; b < scales.size(); ++b)
+        scales[b] = 0.013f * static_cast<float>(b + 1);
+    for (const auto& [width, offset] : {std::pair{16, 32}, std::pair{32, 0}, std::pair{32, 8}}) {
+        std::vector<std::int32_t> biasScalar(cols / 16), biasVector(cols / 16);
+        std::vector<float> sumsScalar(cols / 32), sumsVector(cols / 32);
+        detail::panelSumsScalar(codes.data(), scales.data(), cols, width, offset, biasScalar.data(),
+                                sumsScalar.data());
+        detail::panelSumsAvx512(codes.data(), scales.data(), cols, width, offset, biasVector.data(),
+                                sumsVector.data());
+        const std::size_t groups = static_cast<std::size_t>(cols / width);
+        EXPECT_TRUE(std::equal(biasScalar.begin(), biasScalar.begin() + static_cast<std::ptrdiff_t>(groups),
+                               biasVector.begin()))
+            << "group width " << width;
+        EXPECT_EQ(sumsScalar, sumsVector) << "group width " << width;
     }
 }
 
