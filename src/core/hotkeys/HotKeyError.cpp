@@ -4,7 +4,7 @@
 
 namespace parlune {
 
-HotKeyError::HotKeyError(Case errorCase, std::int32_t status) : case_(errorCase), status_(status) {
+HotKeyError::HotKeyError(std::int32_t status) : status_(status) {
     const QString failure = PlatformTerms::current().hotKeyFailure(status);
     // A reason is a clause ("the desktop …"), a status name a label ("X11 error 10").
     description_ = "Could not register the hotkey";
@@ -14,7 +14,7 @@ HotKeyError::HotKeyError(Case errorCase, std::int32_t status) : case_(errorCase)
 }
 
 HotKeyError HotKeyError::registrationFailed(std::int32_t status) {
-    return HotKeyError(Case::registrationFailed, status);
+    return HotKeyError(status);
 }
 
 } // namespace parlune

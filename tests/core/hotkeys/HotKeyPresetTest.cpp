@@ -1,6 +1,4 @@
 #include "core/hotkeys/HotKeyPreset.h"
-#include "core/hotkeys/HotKeyError.h"
-#include "core/platform/PlatformTerms.h"
 #include "support/QtPrinters.h"
 
 #include <gtest/gtest.h>
@@ -17,13 +15,6 @@ TEST(HotKeyPresetTest, LookupIsExactAndFallsBackToTheDefault) {
             << QString::fromUtf16(unknown).toStdString();
     }
     EXPECT_EQ(HotKeyShortcut::defaultShortcut(), (HotKeyShortcut{49, 2048, "Alt+Space"}));
-}
-
-TEST(HotKeyErrorTest, DescriptionNamesThePlatformStatus) {
-    EXPECT_STREQ(HotKeyError::registrationFailed(10).what(), "Could not register the hotkey. X11 error 10.");
-    EXPECT_EQ(HotKeyError::registrationFailed(10).status(), 10);
-    EXPECT_EQ(HotKeyError::registrationFailed(10), HotKeyError::registrationFailed(10));
-    EXPECT_FALSE(HotKeyError::registrationFailed(10) == HotKeyError::registrationFailed(11));
 }
 
 } // namespace
