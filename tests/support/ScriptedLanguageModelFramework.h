@@ -34,6 +34,7 @@ public:
     std::int64_t instructionTokens = 0;
     std::int64_t promptTokens = 0;
     std::int64_t schemaTokens = 0;
+    std::optional<LanguageModelGenerationError::Kind> countingError; // thrown by the instructions' count
     // Answer text for a request, or throws the error the framework should report.
     std::function<QString(const Request&)> answer = [](const Request&) { return QStringLiteral("fine"); };
     bool holdResponses = false;
@@ -41,18 +42,25 @@ public:
     std::vector<Request> requests;
     std::vector<QString> openedWith; // instructions of every session opened
     std::vector<QString> prewarmed;  // instructions of every prewarmed session
+    std::vector<QString> counted;    // "instructions", "prompt" or "schema" for every token count
     std::deque<Continuation<QString>> held;
 
     LanguageModelAvailabilityStatus availability() const override { return status; }
     bool supportsCurrentLocale() const override { return localeSupported; }
     std::optional<std::int64_t> contextSize() const override { return context; }
     QCoro::Task<std::int64_t> tokenCountOfInstructions(QString, std::stop_token) override {
+        counted.push_back(QStringLiteral("instructions"));
+        if (countingError) {
+            throw LanguageModelGenerationError(*countingError);
+        }
         co_return instructionTokens;
     }
     QCoro::Task<std::int64_t> tokenCountOfPrompt(QString, std::stop_token) override {
+        counted.push_back(QStringLiteral("prompt"));
         co_return promptTokens;
     }
     QCoro::Task<std::int64_t> tokenCountOfSchema(GenerationSchema, std::stop_token) override {
+        counted.push_back(QStringLiteral("schema"));
         co_return schemaTokens;
     }
 

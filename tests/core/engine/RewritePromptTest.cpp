@@ -3,11 +3,13 @@
 #include "core/engine/LocalRewriteEngineError.h"
 
 #include "support/RunTask.h"
+#include "support/ScriptedLanguageModelFramework.h"
 
 #include <gtest/gtest.h>
 
 #include <QSet>
 
+#include <algorithm>
 #include <cstring>
 
 namespace parlune {
@@ -81,53 +83,23 @@ TEST(RewritePromptTest, EstimatedTokenCountRoundsBytesUp) {
     EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("日本語")), 3); // 9 bytes
 }
 
-// A model that reports a context size and counts tokens by a fixed table.
-class CountingModel final : public LanguageModelFramework {
-public:
-    std::optional<std::int64_t> context;
-    std::int64_t instructionTokens = 0;
-    std::int64_t promptTokens = 0;
-    std::int64_t schemaTokens = 0;
-    bool failCounting = false;
-    int countCalls = 0;
-    int schemaCountCalls = 0;
+using test::ScriptedLanguageModelFramework;
 
-    LanguageModelAvailabilityStatus availability() const override {
-        return LanguageModelAvailabilityStatus::available();
-    }
-    bool supportsCurrentLocale() const override { return true; }
-    std::optional<std::int64_t> contextSize() const override { return context; }
-    QCoro::Task<std::int64_t> tokenCountOfInstructions(QString, std::stop_token) override {
-        ++countCalls;
-        if (failCounting) {
-            throw LanguageModelGenerationError(LanguageModelGenerationError::Kind::assetsUnavailable);
-        }
-        co_return instructionTokens;
-    }
-    QCoro::Task<std::int64_t> tokenCountOfPrompt(QString, std::stop_token) override {
-        ++countCalls;
-        co_return promptTokens;
-    }
-    QCoro::Task<std::int64_t> tokenCountOfSchema(GenerationSchema schema, std::stop_token) override {
-        ++countCalls;
-        ++schemaCountCalls;
-        EXPECT_EQ(schema.properties.at(0).name, ImprovedPromptOutput::propertyName());
-        co_return schemaTokens;
-    }
-    std::unique_ptr<LanguageModelSession> openSession(const QString&) override {
-        ADD_FAILURE() << "budgeting never opens a session";
-        return nullptr;
-    }
-};
-
-std::int64_t budgetFor(LanguageModelFramework& model, const QString& text, RewriteMode mode,
-                       std::optional<QString> instructions = std::nullopt) {
-    const QString used = instructions ? *instructions : RewritePrompt::rewriteInstructions(mode, QString());
-    return test::runTask(RewritePrompt::responseTokenBudget(model, used, RewritePrompt::prompt(text), text,
-                                                            mode, std::stop_token{}));
+std::int64_t schemaCounts(const ScriptedLanguageModelFramework& model) {
+    return std::count(model.counted.begin(), model.counted.end(), QStringLiteral("schema"));
 }
 
-bool isTooLong(LanguageModelFramework& model, const QString& text, RewriteMode mode,
+// Budgeting counts at most; it never opens a session.
+std::int64_t budgetFor(ScriptedLanguageModelFramework& model, const QString& text, RewriteMode mode,
+                       std::optional<QString> instructions = std::nullopt) {
+    const QString used = instructions ? *instructions : RewritePrompt::rewriteInstructions(mode, QString());
+    const std::int64_t budget = test::runTask(RewritePrompt::responseTokenBudget(
+        model, used, RewritePrompt::prompt(text), text, mode, std::stop_token{}));
+    EXPECT_TRUE(model.openedWith.empty());
+    return budget;
+}
+
+bool isTooLong(ScriptedLanguageModelFramework& model, const QString& text, RewriteMode mode,
                std::optional<QString> instructions = std::nullopt) {
     try {
         budgetFor(model, text, mode, instructions);
@@ -139,7 +111,7 @@ bool isTooLong(LanguageModelFramework& model, const QString& text, RewriteMode m
 }
 
 TEST(ResponseTokenBudgetTest, ShortSelectionsGetTheFloor) {
-    CountingModel model;
+    ScriptedLanguageModelFramework model;
     for (const char* text : {"a", "ab", "abc", "é", "€"}) {
         EXPECT_EQ(budgetFor(model, utf8(text), RewriteMode::makeConcise), 64) << text;
         EXPECT_EQ(budgetFor(model, utf8(text), RewriteMode::improvePrompt), 128) << text;
@@ -151,7 +123,7 @@ TEST(ResponseTokenBudgetTest, ShortSelectionsGetTheFloor) {
 // Style modes stop at 496 estimated tokens (1,488 bytes), "Improve prompt" at 330 (990 bytes);
 // bytes count, not characters.
 TEST(ResponseTokenBudgetTest, TheWantedTokensOfLongSelectionsAreRefusedAtEachModesLimit) {
-    CountingModel model;
+    ScriptedLanguageModelFramework model;
     const QString x = QStringLiteral("x");
     EXPECT_EQ(budgetFor(model, x.repeated(1488), RewriteMode::professional), 1024);
     EXPECT_EQ(budgetFor(model, x.repeated(990), RewriteMode::improvePrompt), 1022);
@@ -168,7 +140,7 @@ TEST(ResponseTokenBudgetTest, TheWantedTokensOfLongSelectionsAreRefusedAtEachMod
 // Without a context size, instructions of n bytes and an empty prompt estimate ceil((n + 1) / 3)
 // tokens against 4096, with "Improve prompt" keeping 128 tokens for its schema; nothing is counted.
 TEST(ResponseTokenBudgetTest, WithoutContextSizeEstimatesAgainst4096) {
-    CountingModel model;
+    ScriptedLanguageModelFramework model;
     const auto budgetWith = [&](qsizetype instructionBytes, RewriteMode mode) {
         return test::runTask(RewritePrompt::responseTokenBudget(
             model, QString(instructionBytes, QLatin1Char('i')), QString(), QStringLiteral("a"), mode, {}));
@@ -178,11 +150,11 @@ TEST(ResponseTokenBudgetTest, WithoutContextSizeEstimatesAgainst4096) {
     EXPECT_THROW(budgetWith(12096, RewriteMode::casual), LocalRewriteEngineError);
     EXPECT_EQ(budgetWith(11519, RewriteMode::improvePrompt), 128);
     EXPECT_THROW(budgetWith(11520, RewriteMode::improvePrompt), LocalRewriteEngineError);
-    EXPECT_EQ(model.countCalls, 0);
+    EXPECT_TRUE(model.counted.empty());
 }
 
 TEST(ResponseTokenBudgetTest, WithContextSizeCountsExactlyOnlyBeyondHalfTheWindow) {
-    CountingModel model;
+    ScriptedLanguageModelFramework model;
     model.context = 4000;
     const QString text = utf8("a");
     const auto budgetWith = [&](qsizetype instructionBytes, RewriteMode mode) {
@@ -191,33 +163,33 @@ TEST(ResponseTokenBudgetTest, WithContextSizeCountsExactlyOnlyBeyondHalfTheWindo
     };
     // quick = n + 64 ≤ 2000 needs no counting.
     EXPECT_EQ(budgetWith(1936, RewriteMode::casual), 64);
-    EXPECT_EQ(model.countCalls, 0);
+    EXPECT_TRUE(model.counted.empty());
 
     model.instructionTokens = 3000;
     model.promptTokens = 936;
     EXPECT_EQ(budgetWith(1937, RewriteMode::casual), 64); // 3000 + 936 + 64 = 4000
-    EXPECT_EQ(model.countCalls, 2);
-    EXPECT_EQ(model.schemaCountCalls, 0);
+    EXPECT_EQ(model.counted.size(), 2u);
+    EXPECT_EQ(schemaCounts(model), 0);
     model.promptTokens = 937;
     EXPECT_THROW(budgetWith(1937, RewriteMode::casual), LocalRewriteEngineError);
 
     // "Improve prompt" adds 512 bytes to the quick check and its schema to the exact count.
-    model.countCalls = 0;
+    model.counted.clear();
     EXPECT_EQ(budgetWith(1360, RewriteMode::improvePrompt), 128); // 1360 + 512 + 128 = 2000
-    EXPECT_EQ(model.countCalls, 0);
+    EXPECT_TRUE(model.counted.empty());
     model.instructionTokens = 3000;
     model.promptTokens = 800;
     model.schemaTokens = 72;
     EXPECT_EQ(budgetWith(1361, RewriteMode::improvePrompt), 128); // 3000 + 800 + 72 + 128 = 4000
-    EXPECT_EQ(model.schemaCountCalls, 1);
+    EXPECT_EQ(schemaCounts(model), 1);
     model.schemaTokens = 73;
     EXPECT_THROW(budgetWith(1361, RewriteMode::improvePrompt), LocalRewriteEngineError);
 }
 
 TEST(ResponseTokenBudgetTest, CountingErrorsPassThroughUnchanged) {
-    CountingModel model;
+    ScriptedLanguageModelFramework model;
     model.context = 100;
-    model.failCounting = true;
+    model.countingError = LanguageModelGenerationError::Kind::assetsUnavailable;
     try {
         budgetFor(model, utf8("hello"), RewriteMode::casual);
         FAIL() << "expected the counting error";
@@ -225,9 +197,9 @@ TEST(ResponseTokenBudgetTest, CountingErrorsPassThroughUnchanged) {
         EXPECT_EQ(error.kind(), LanguageModelGenerationError::Kind::assetsUnavailable);
     }
     // The wanted-token limit is checked before anything is counted.
-    model.countCalls = 0;
+    model.counted.clear();
     EXPECT_TRUE(isTooLong(model, QString(2000, QLatin1Char('x')), RewriteMode::casual));
-    EXPECT_EQ(model.countCalls, 0);
+    EXPECT_TRUE(model.counted.empty());
 }
 
 } // namespace
