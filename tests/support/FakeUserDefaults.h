@@ -11,7 +11,7 @@
 namespace parlune::testing {
 
 // In-memory user defaults with typed values. A value read as another type than it was stored
-// reads as absent, 0 or false. Keeps a log of the keys written and removed.
+// reads as absent, 0 or false. Keeps a log of the keys written.
 class FakeUserDefaults final : public UserDefaults {
 public:
     using Value = std::variant<QString, qint64, bool>;
@@ -31,16 +31,12 @@ public:
     void setString(const QString& key, const QString& value) override { write(key, value); }
     void setInteger(const QString& key, qint64 value) override { write(key, value); }
     void setBoolean(const QString& key, bool value) override { write(key, value); }
-    void remove(const QString& key) override {
-        values.erase(key);
-        removals.push_back(key);
-    }
+    void remove(const QString& key) override { values.erase(key); }
 
     bool contains(const QString& key) const { return values.count(key) != 0; }
 
     std::map<QString, Value> values;
     std::vector<QString> writes;
-    std::vector<QString> removals;
 
 private:
     template <typename T> const T* find(const QString& key) const {

@@ -9,11 +9,7 @@ namespace {
 
 namespace flag = modifier_flag;
 
-class HotKeyFormatterTest : public ::testing::Test {
-protected:
-};
-
-TEST_F(HotKeyFormatterTest, NamesModifiersInTheirFixedOrderAndKeysByTheirVisibleName) {
+TEST(HotKeyFormatterTest, NamesModifiersInTheirFixedOrderAndKeysByTheirVisibleName) {
     EXPECT_EQ(
         HotKeyFormatter::modifierDisplayName(flag::command | flag::shift | flag::option | flag::control),
         "Ctrl+Alt+Shift+Super");
@@ -25,7 +21,7 @@ TEST_F(HotKeyFormatterTest, NamesModifiersInTheirFixedOrderAndKeysByTheirVisible
     EXPECT_EQ(HotKeyFormatter::keyDisplayName({122, "", 0}), "");
 }
 
-TEST_F(HotKeyFormatterTest, FullShortcutNeedsAModifierAndAKeyName) {
+TEST(HotKeyFormatterTest, FullShortcutNeedsAModifierAndAKeyName) {
     EXPECT_FALSE(HotKeyFormatter::shortcut({4, "h", flag::capsLock}).has_value());
     EXPECT_FALSE(HotKeyFormatter::shortcut({122, "", flag::command}).has_value());
     EXPECT_EQ(HotKeyFormatter::shortcut({4, "h", flag::command | flag::shift}),
@@ -37,7 +33,7 @@ TEST_F(HotKeyFormatterTest, FullShortcutNeedsAModifierAndAKeyName) {
               (HotKeyShortcut{15, 6144, "Ctrl+Alt+R"}));
 }
 
-TEST_F(HotKeyFormatterTest, RecorderGivesAltPlusAVisiblePressedKey) {
+TEST(HotKeyFormatterTest, RecorderGivesAltPlusAVisiblePressedKey) {
     EXPECT_EQ(HotKeyFormatter::optionShortcut({49, " ", 0}), (HotKeyShortcut{49, 2048, "Alt+Space"}));
     EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::control | flag::shift}),
               (HotKeyShortcut{40, 2048, "Alt+K"}));
@@ -47,7 +43,7 @@ TEST_F(HotKeyFormatterTest, RecorderGivesAltPlusAVisiblePressedKey) {
     EXPECT_FALSE(HotKeyFormatter::optionShortcut(7, "  \r\n").has_value());
 }
 
-TEST_F(HotKeyFormatterTest, RecorderBoxShowsTheSecondKeyOfAltShortcutsOnly) {
+TEST(HotKeyFormatterTest, RecorderBoxShowsTheSecondKeyOfAltShortcutsOnly) {
     EXPECT_EQ(HotKeyFormatter::recorderKeyName({40, 2048, "Alt+K"}), "K");
     EXPECT_EQ(HotKeyFormatter::recorderKeyName({4, 768, "Super+Shift+H"}), "Space");
     EXPECT_EQ(HotKeyFormatter::recorderKeyName({15, 6144, "Ctrl+Alt+R"}), "Space");

@@ -114,13 +114,6 @@ protected:
     bool pasteboardIsUsers() const { return desktop.pasteboardItems() == userClipboard(); }
     // Nothing but the set-up ever wrote the pasteboard.
     bool pasteboardUntouched() const { return desktop.pasteboardWrites().size() == 1 && pasteboardIsUsers(); }
-    int writesBy(PasteboardWriter writer) const {
-        int count = 0;
-        for (const auto& write : desktop.pasteboardWrites()) {
-            count += write.writer == writer ? 1 : 0;
-        }
-        return count;
-    }
 
     SimulatedDesktop desktop;
     ClipboardManager clipboard{desktop.pasteboard()};
