@@ -19,14 +19,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
 #include <iterator>
-
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace parlune {
 namespace {
@@ -172,35 +166,6 @@ TEST_F(LlmFrameworkTest, OneLoadDecidesUsabilityForDiscoveryAvailabilityAndRewri
     EXPECT_LT(shown.name.size(), 300u);
 }
 
-TEST_F(LlmFrameworkTest, EntriesThatAreNotRegularFilesAreNamedWithoutBeingOpened) {
-    const std::filesystem::path models = std::filesystem::path(folder.path().toStdString()) / "models";
-    std::filesystem::create_directories(models / "b-folder.gguf");
-    ASSERT_EQ(::mkfifo((models / "a-fifo.gguf").c_str(), 0600), 0); // opening it would wait for a writer
-    std::filesystem::create_symlink("/dev/null", models / "c-device.gguf");
-    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", (models / "d-socket.gguf").c_str());
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    std::filesystem::copy_file(modelPath, models / "e-good.gguf");
-
-    const ModelLocator::Places places{{}, {}, models};
-    const std::vector<ModelFileReport> found = ModelLocator::survey(places);
-    ASSERT_EQ(found.size(), 5u);
-    EXPECT_EQ(found[0].problem, "is not a regular file (a FIFO)");
-    EXPECT_EQ(found[1].problem, "is not a regular file (a directory)");
-    EXPECT_EQ(found[2].problem, "is not a regular file (a device)");
-    EXPECT_EQ(found[3].problem, "is not a regular file (a socket)");
-    EXPECT_TRUE(found[4].usable()) << found[4].problem;
-    EXPECT_EQ(ModelLocator::choose(places)->path, models / "e-good.gguf");
-    // Named explicitly, the FIFO stands as the choice and says why it cannot be used.
-    const std::optional<ModelFileReport> chosen =
-        ModelLocator::choose({(models / "a-fifo.gguf").string(), {}, models});
-    EXPECT_EQ(chosen->explanation(), "The model file " + (models / "a-fifo.gguf").string() +
-                                         " cannot be used: is not a regular file (a FIFO).");
-    ::close(listener);
-}
-
 TEST_F(LlmFrameworkTest, AvailabilityReasonsAndLanguages) {
     const std::filesystem::path dir(folder.path().toStdString());
     LlmLanguageModelFramework missing(optionsFor(dir / "missing.gguf"));
@@ -211,17 +176,6 @@ TEST_F(LlmFrameworkTest, AvailabilityReasonsAndLanguages) {
     EXPECT_EQ(frameworkKindOf(
                   missing.openSession(QStringLiteral("x"))->respond(QStringLiteral("y"), greedy(4), {})),
               FrameworkKind::assetsUnavailable);
-
-    // A file the engine cannot run is the file's problem, not this computer's.
-    std::ofstream(dir / "broken.gguf") << "GGUF but not really";
-    LlmLanguageModelFramework broken(optionsFor(dir / "broken.gguf"));
-    EXPECT_EQ(broken.availability().unavailableReason, LanguageModelUnavailableReason::modelNotReady);
-    EXPECT_TRUE(broken.availability().detail.contains(QStringLiteral("broken.gguf cannot be used: ")));
-
-    LlmInference::Options none;
-    none.locate = [] { return std::optional<ModelFileReport>(); };
-    LlmLanguageModelFramework nothing(std::move(none));
-    EXPECT_TRUE(nothing.availability().detail.startsWith(QStringLiteral("No model file was found.")));
 
     LlmLanguageModelFramework good(optionsFor(modelPath));
     EXPECT_EQ(good.availability().isAvailable(), LlmLanguageModelFramework::processorIsEligible());

@@ -99,25 +99,6 @@ TEST(ContinuationTest, CancellationBeforeDuringAndAfterSuspension) {
     }
 }
 
-TEST(ContinuationTest, CancellingOneWaiterLeavesTheOthersWaiting) {
-    std::stop_source first, second, third;
-    Continuation<int> a, b, c;
-    Outcome outA, outB, outC;
-    auto taskA = awaitInto(a, first.get_token(), &outA);
-    auto taskB = awaitInto(b, second.get_token(), &outB);
-    auto taskC = awaitInto(c, third.get_token(), &outC);
-    second.request_stop();
-    ASSERT_TRUE(pumpUntil([&] { return outB.finished; }));
-    EXPECT_TRUE(outB.cancelled);
-    EXPECT_FALSE(outA.finished);
-    EXPECT_FALSE(outC.finished);
-    a.resume(1);
-    c.resume(3);
-    ASSERT_TRUE(pumpUntil([&] { return outA.finished && outC.finished; }));
-    EXPECT_EQ(outA.value, 1);
-    EXPECT_EQ(outC.value, 3);
-}
-
 TEST(ContinuationTest, StopRequestedFromAnotherThreadResumesOnTheMainThread) {
     std::stop_source source;
     Continuation<int> continuation;

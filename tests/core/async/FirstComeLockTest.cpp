@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace parlune {
@@ -141,15 +140,6 @@ TEST_F(FirstComeLockTest, AlreadyCancelledCallerTouchesNothing) {
     start("a");
     EXPECT_THROW(test::runTask(lock.acquire(stopped.get_token())), CancellationError);
     EXPECT_TRUE(lock.isHeld());
-    EXPECT_EQ(lock.waiterCount(), 0u);
-}
-
-TEST_F(FirstComeLockTest, StopFromAnotherThreadIsHandledOnTheMainThread) {
-    start("a");
-    Contender& b = start("b");
-    std::thread([&b] { b.stop.request_stop(); }).join();
-    settle(2);
-    EXPECT_EQ(log.back(), "b cancelled");
     EXPECT_EQ(lock.waiterCount(), 0u);
 }
 

@@ -20,26 +20,7 @@ protected:
     QString newest() const { return logger_.entries().front().message; }
 };
 
-TEST_F(DiagnosticsLoggerTest, RewriteLinesKeepTheirPartsInOrder) {
-    logger_.logRewrite(RewriteDiagnosticStage::completed, QString("org.example.Editor"), 42, 137);
-    EXPECT_EQ(newest(), "stage=completed app=org.example.Editor length=42 elapsed_ms=137");
-
-    logger_.logRewrite(RewriteDiagnosticStage::capture, std::nullopt, 0, 12, QString("noSelectedText"));
-    EXPECT_EQ(newest(), "stage=capture app=unknown length=0 elapsed_ms=12 error=noSelectedText");
-
-    logger_.logRewrite(RewriteDiagnosticStage::queued, QString("a"), 7);
-    EXPECT_EQ(newest(), "stage=queued app=a length=7");
-
-    logger_.logRewrite(RewriteDiagnosticStage::staleTarget, QString("a"), 7, std::nullopt,
-                       QString("selection_changed"));
-    EXPECT_EQ(newest(), "stage=staleTarget app=a length=7 error=selection_changed");
-}
-
 TEST_F(DiagnosticsLoggerTest, EventLinesCarryOnlyTheGivenParts) {
-    logger_.logEvent("prepare", QString("ready"));
-    EXPECT_EQ(newest(), "stage=prepare outcome=ready");
-    logger_.logEvent("prepare", QString("failed"), QString("model_not_ready"));
-    EXPECT_EQ(newest(), "stage=prepare outcome=failed error=model_not_ready");
     logger_.logEvent("hotkey_change", QString("completed"));
     EXPECT_EQ(newest(), "stage=hotkey_change outcome=completed");
     logger_.logEvent("prepare", std::nullopt, QString("x"));

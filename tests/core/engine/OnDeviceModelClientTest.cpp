@@ -97,9 +97,15 @@ TEST_F(OnDeviceModelClientTest, AvailabilityFollowsTheFrameworkAndTheLocale) {
 
 TEST_F(OnDeviceModelClientTest, UnavailableModelFailsBeforeTheGateAndTrivialClarityNeedsNoModel) {
     OnDeviceModelClient client(framework, nullptr);
-    framework.status = LanguageModelAvailabilityStatus::unavailable(Reason::modelNotReady);
-    EXPECT_EQ(engineKindOf(rewriteError(client, QStringLiteral("Some text here"), RewriteMode::casual)),
-              EngineKind::modelNotReady);
+    const QString detail = QStringLiteral("The model file /m/x.gguf cannot be used: not a GGUF file.");
+    framework.status = LanguageModelAvailabilityStatus::unavailable(Reason::modelNotReady, detail);
+    EXPECT_EQ(client.availabilityDetail(), detail);
+    const std::exception_ptr error =
+        rewriteError(client, QStringLiteral("Some text here"), RewriteMode::casual);
+    EXPECT_EQ(engineKindOf(error), EngineKind::modelNotReady);
+    EXPECT_EQ(UserFacingErrorMessage::message(error),
+              QStringLiteral("The on-device model is still preparing. Try again when it is ready."));
+    EXPECT_EQ(UserFacingErrorMessage::detail(error), detail);
     framework.status = LanguageModelAvailabilityStatus::available();
     framework.localeSupported = false;
     EXPECT_EQ(engineKindOf(rewriteError(client, QStringLiteral("Some text here"), RewriteMode::casual)),
@@ -142,20 +148,6 @@ TEST_F(OnDeviceModelClientTest, LengthRefusalsComeFirstAndNameWhatIsTooLong) {
     EXPECT_TRUE(framework.openedWith.empty());
     EXPECT_FALSE(client.isWarming());
     EXPECT_FALSE(client.generationGate().isHeld());
-}
-
-TEST_F(OnDeviceModelClientTest, UnavailabilityCarriesTheFrameworksDetail) {
-    OnDeviceModelClient client(framework, nullptr);
-    framework.status = LanguageModelAvailabilityStatus::unavailable(
-        Reason::modelNotReady, QStringLiteral("The model file /m/x.gguf cannot be used: not a GGUF file."));
-    EXPECT_EQ(client.availabilityDetail(),
-              QStringLiteral("The model file /m/x.gguf cannot be used: not a GGUF file."));
-    const std::exception_ptr error =
-        rewriteError(client, QStringLiteral("Some text here"), RewriteMode::casual);
-    EXPECT_EQ(engineKindOf(error), EngineKind::modelNotReady);
-    EXPECT_EQ(UserFacingErrorMessage::message(error),
-              QStringLiteral("The on-device model is still preparing. Try again when it is ready."));
-    EXPECT_EQ(UserFacingErrorMessage::detail(error), client.availabilityDetail());
 }
 
 TEST_F(OnDeviceModelClientTest, StyleRewriteWarmsOnceAndUsesAFreshSessionEachTime) {

@@ -55,10 +55,9 @@ TEST_F(SettingsStoreTest, StoredShortcutAndModeAreUsedOnlyWhenWhole) {
         {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", qint64(6144)}}, {15, 6144, "Alt+Space"}},
         {{{"hotKeyKeyCode", tooLarge - 1}, {"hotKeyModifiers", qint64(4096)}},
          {4294967295u, 4096, "Alt+Space"}},
+        // Out of range, not cut to 32 bits (which would read 0xffffffff and 15).
         {{{"hotKeyKeyCode", qint64(-1)}, {"hotKeyModifiers", qint64(4096)}}, fallback},
-        {{{"hotKeyKeyCode", tooLarge}, {"hotKeyModifiers", qint64(4096)}}, fallback},
-        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", std::numeric_limits<qint64>::min()}}, fallback},
-        {{{"hotKeyKeyCode", qint64(15)}, {"hotKeyModifiers", tooLarge}}, fallback},
+        {{{"hotKeyKeyCode", tooLarge + 15}, {"hotKeyModifiers", qint64(4096)}}, fallback},
     };
     for (const auto& [values, expected] : cases) {
         defaults_.values = values;
