@@ -253,39 +253,26 @@ TEST_F(LlmFrameworkTest, SchemaResponsesAlwaysParseWithinTheTokenLimit) {
 }
 
 TEST_F(LlmFrameworkTest, GuessesFromThePromptChangeModelRunsNotAnswers) {
-    // A tied random model repeats itself, so guesses are taken; the untied one rarely copies.
-    llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
+    // A tied random model repeats itself, so guesses are taken. Answers under the JSON constraint
+    // are compared at the engine (DraftedGeneration) and parse here with guesses on.
     const std::filesystem::path tied = std::filesystem::path(folder.path().toStdString()) / "tied.gguf";
-    llm::TestModelMaker::build(recipe).write(tied);
+    llm::TestModelMaker::build(*llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2)).write(tied);
     const QString instructions = RewritePrompt::rewriteInstructions(RewriteMode::improvePrompt, {});
     const QString prompt = RewritePrompt::prompt(QStringLiteral("plan a trip, plan a trip to the sea"));
-    std::int64_t accepted = 0;
-    for (const auto& path : {modelPath, tied}) {
-        LlmInference::Options plainOptions = optionsFor(path);
-        plainOptions.draftFromPrompt = false;
-        LlmLanguageModelFramework plain(std::move(plainOptions));
-        LlmLanguageModelFramework drafted(optionsFor(path));
+    LlmInference::Options plainOptions = optionsFor(tied);
+    plainOptions.draftFromPrompt = false;
+    LlmLanguageModelFramework plain(std::move(plainOptions));
+    LlmLanguageModelFramework drafted(optionsFor(tied));
 
-        const QString plainText =
-            test::runTask(plain.openSession(instructions)->respond(prompt, greedy(40), {}));
-        const LlmResponse plainRun = *plain.lastResponse();
-        const QString draftedText =
-            test::runTask(drafted.openSession(instructions)->respond(prompt, greedy(40), {}));
-        const LlmResponse draftedRun = *drafted.lastResponse();
-        EXPECT_EQ(draftedText, plainText);
-        EXPECT_EQ(plainRun.draftTokensProposed, 0);
-        EXPECT_EQ(draftedRun.forwardPasses + draftedRun.draftTokensAccepted, plainRun.forwardPasses);
-        accepted += draftedRun.draftTokensAccepted;
-
-        // "Improve prompt" answers under the JSON constraint: the same object either way.
-        const GenerationSchema& schema = ImprovedPromptOutput::schema();
-        const auto object = [&](LlmLanguageModelFramework& framework) {
-            return test::runTask(
-                framework.openSession(instructions)->respond(prompt, schema, true, greedy(48), {}));
-        };
-        EXPECT_EQ(object(drafted), object(plain));
-    }
-    EXPECT_GT(accepted, 0);
+    const QString plainText = test::runTask(plain.openSession(instructions)->respond(prompt, greedy(40), {}));
+    const LlmResponse plainRun = *plain.lastResponse();
+    const QString draftedText =
+        test::runTask(drafted.openSession(instructions)->respond(prompt, greedy(40), {}));
+    const LlmResponse draftedRun = *drafted.lastResponse();
+    EXPECT_EQ(draftedText, plainText);
+    EXPECT_EQ(plainRun.draftTokensProposed, 0);
+    EXPECT_GT(draftedRun.draftTokensAccepted, 0);
+    EXPECT_EQ(draftedRun.forwardPasses + draftedRun.draftTokensAccepted, plainRun.forwardPasses);
 }
 
 TEST_F(LlmFrameworkTest, ContextOverflowConcurrencyAndCancellation) {

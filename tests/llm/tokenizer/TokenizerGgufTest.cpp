@@ -37,15 +37,6 @@ protected:
                                  ("parlune-tokenizer-" + std::to_string(::getpid()) + ".gguf");
 };
 
-TEST_F(TokenizerGgufTest, ReadsTheTokenizerMetadata) {
-    const auto tokenizer = load();
-    EXPECT_EQ(tokenizer->vocabularySize(), 258);
-    EXPECT_EQ(tokenizer->eosToken(), 257);
-    EXPECT_FALSE(tokenizer->bosToken());
-    EXPECT_TRUE(tokenizer->isEndOfGeneration(257));
-    EXPECT_EQ(tokenizer->encode("hi<|im_end|>", true), (std::vector<std::int32_t>{256, 257}));
-}
-
 TEST_F(TokenizerGgufTest, MissingOrMistypedMetadataIsAClearError) {
     writer.setString("tokenizer.ggml.model", "bert");
     EXPECT_THROW(load(), TokenizerError);
