@@ -309,9 +309,6 @@ TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
     EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
     EXPECT_TRUE(client.isWarm());
 
-    // Random weights never write the four labelled lines: the object parses, validation refuses it.
-    EXPECT_EQ(engineKindOf(client.rewrite(QStringLiteral("plan a trip"), RewriteMode::improvePrompt, {}, {})),
-              EngineKind::generationFailed);
     // Far too long for a 2048-token window once counted exactly.
     EXPECT_EQ(engineKindOf(client.rewrite(QString(QStringLiteral("word ")).repeated(290), RewriteMode::casual,
                                           {}, {})),

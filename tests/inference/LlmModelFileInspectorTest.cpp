@@ -1,16 +1,12 @@
 #include "inference/LlmModelFileInspector.h"
-#include "core/models/ModelDiscovery.h"
 #include "llm/gguf/GgufWriter.h"
 #include "llm/testing/TestModelMaker.h"
 #include "support/QtPrinters.h"
 
-#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 namespace parlune {
 namespace {
@@ -56,39 +52,6 @@ TEST_F(LlmModelFileInspectorTest, NamesWhyAFileCannotBeRun) {
         << otherArchitecture.problem.toStdString();
     EXPECT_EQ(otherArchitecture.architecture, QStringLiteral("mamba"));
     EXPECT_TRUE(otherArchitecture.hasChatTemplate);
-
-    QFile text(folder.filePath(QStringLiteral("notes.gguf")));
-    ASSERT_TRUE(text.open(QIODevice::WriteOnly));
-    text.write("these are notes, not a model\n");
-    text.close();
-    const ModelFileFacts notGguf = inspector_.inspect(text.fileName());
-    EXPECT_FALSE(notGguf.usable());
-    EXPECT_TRUE(notGguf.architecture.isEmpty());
-}
-
-TEST_F(LlmModelFileInspectorTest, DiscoveryFindsARunnableModelInAnOllamaStore) {
-    QTemporaryDir home;
-    const QString store = home.path() + QStringLiteral("/.ollama/models");
-    const QString digest(64, u'e');
-    ASSERT_TRUE(QDir().mkpath(store + QStringLiteral("/blobs")));
-    ASSERT_TRUE(QDir().mkpath(store + QStringLiteral("/manifests/registry.ollama.ai/library/qwen3")));
-    ASSERT_EQ(::symlink(QFile::encodeName(fixture("qwen3-tiny-Q8_0.gguf")).constData(),
-                        QFile::encodeName(store + QStringLiteral("/blobs/sha256-") + digest).constData()),
-              0);
-    QFile manifest(store + QStringLiteral("/manifests/registry.ollama.ai/library/qwen3/tiny"));
-    ASSERT_TRUE(manifest.open(QIODevice::WriteOnly));
-    manifest.write(R"({"layers":[{"mediaType":"application/vnd.ollama.image.model","digest":"sha256:)" +
-                   digest.toLatin1() + R"("}]})");
-    manifest.close();
-
-    const QList<DiscoveredModel> models =
-        ModelDiscovery(std::make_shared<LlmModelFileInspector>()).scan({{ModelSource::ollama, store}});
-
-    ASSERT_EQ(models.size(), 1);
-    EXPECT_EQ(models[0].displayName, QStringLiteral("qwen3:tiny"));
-    EXPECT_TRUE(models[0].usable()) << models[0].facts.problem.toStdString();
-    EXPECT_EQ(models[0].facts.architecture, QStringLiteral("qwen3"));
-    EXPECT_EQ(models[0].sizeBytes, QFileInfo(fixture("qwen3-tiny-Q8_0.gguf")).size());
 }
 
 } // namespace
