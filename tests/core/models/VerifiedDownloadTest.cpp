@@ -104,16 +104,6 @@ TEST_F(VerifiedDownloadTest, WithoutAPinnedHashThePublishedOneDecides) {
     EXPECT_FALSE(QFile::exists(unverifiable->partPath()));
 }
 
-TEST_F(VerifiedDownloadTest, AWrongPinnedHashDeletesThePartialFile) {
-    auto model = download(QStringLiteral("/files/model.bin"), QByteArray(64, 'f'));
-    ASSERT_EQ(run(*model), State::failed);
-    EXPECT_EQ(
-        model->failure(),
-        QStringLiteral("The downloaded model.gguf does not match its published SHA-256, so it was deleted."));
-    EXPECT_FALSE(QFile::exists(model->partPath()));
-    EXPECT_FALSE(QFile::exists(destination()));
-}
-
 TEST_F(VerifiedDownloadTest, AnInterruptedTransferResumesFromItsPartFileAfterARestart) {
     auto first = download(QStringLiteral("/flaky/model.bin"), sha256_);
     ASSERT_EQ(run(*first), State::failed);
