@@ -34,25 +34,8 @@ void expectModelError(const std::shared_ptr<const GgufFile>& file, const std::st
     }
 }
 
-TEST(ModelLoad, ReadsHyperParametersOfEachArchitecture) {
-    for (const Architecture architecture : {Architecture::llama, Architecture::qwen2, Architecture::qwen3}) {
-        const auto model = makeTinyModel(tinySpec(architecture));
-        const ModelConfig& c = model->config();
-        EXPECT_EQ(c.architecture, architecture);
-        EXPECT_EQ(c.layerCount, 2);
-        EXPECT_EQ(c.hiddenSize, 64);
-        EXPECT_EQ(c.headCount, 4);
-        EXPECT_EQ(c.kvHeadCount, 2);
-        EXPECT_EQ(c.headDim, 16);
-        EXPECT_EQ(c.feedForwardSize, 256);
-        EXPECT_EQ(c.vocabularySize, model->tokenEmbedding().rows);
-        EXPECT_EQ(c.ropeLayout, architecture == Architecture::llama ? RopeLayout::normal : RopeLayout::neox);
-        EXPECT_TRUE(model->tiedOutput());
-        EXPECT_EQ(model->layer(1).queryBias.empty(), architecture != Architecture::qwen2);
-        EXPECT_EQ(model->layer(1).queryNorm.empty(), architecture != Architecture::qwen3);
-    }
-}
-
+// Hyper-parameters, biases, norms and Gemma's activation and scaling are read right when the
+// logits match an independent forward pass (OracleTest); here, what that pass does not show.
 TEST(ModelLoad, WeightsStayInTheMapping) {
     TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
     recipe.tiedOutput = false;
@@ -195,13 +178,9 @@ TEST(ModelLoad, RopeFactorsAreCheckedAndFollowTheContext) {
     expectModelError(phi3(false), "'rope_factors_long.weight' is missing");
 }
 
-TEST(ModelLoad, ReadsGemma3Layout) {
-    const auto plain = makeTinyModel(tinySpec(Architecture::gemma3));
-    EXPECT_EQ(plain->config().gateActivation, GateActivation::geluTanh);
-    EXPECT_FLOAT_EQ(static_cast<float>(plain->config().embeddingScale), 8.0f);
-    EXPECT_FALSE(plain->config().isSlidingLayer(0)) << "no window key: every layer global";
-    EXPECT_FALSE(plain->layer(1).postFeedForwardNorm.empty());
-
+TEST(ModelLoad, ReadsGemma3SlidingWindowDefaults) {
+    EXPECT_FALSE(makeTinyModel(tinySpec(Architecture::gemma3))->config().isSlidingLayer(0))
+        << "no window key: every layer global";
     TestModelRecipe recipe = tinySpec(Architecture::gemma3);
     recipe.layerCount = 6;
     recipe.slidingWindow = 32;
