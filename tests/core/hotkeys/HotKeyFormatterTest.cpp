@@ -33,10 +33,8 @@ TEST(HotKeyFormatterTest, FullShortcutNeedsAModifierAndAKeyName) {
               (HotKeyShortcut{15, 6144, "Ctrl+Alt+R"}));
 }
 
+// Named keys under held modifiers are the recorder widget's cases (RecorderTest); here the edges.
 TEST(HotKeyFormatterTest, RecorderGivesAltPlusAVisiblePressedKey) {
-    EXPECT_EQ(HotKeyFormatter::optionShortcut({49, " ", 0}), (HotKeyShortcut{49, 2048, "Alt+Space"}));
-    EXPECT_EQ(HotKeyFormatter::optionShortcut({40, "k", flag::control | flag::shift}),
-              (HotKeyShortcut{40, 2048, "Alt+K"}));
     EXPECT_EQ(HotKeyFormatter::optionShortcut(7, "  X \n"), (HotKeyShortcut{7, 2048, "Alt+X"}));
     EXPECT_FALSE(HotKeyFormatter::optionShortcut({76, "\n", 0}).has_value());
     EXPECT_FALSE(HotKeyFormatter::optionShortcut({122, "", flag::function}).has_value());

@@ -165,18 +165,6 @@ TEST_F(MappedFileTest, AWriteWithoutNoticeIsSeenFromTheFilesTime) {
     ::close(writer);
 }
 
-TEST_F(MappedFileTest, RenamingOrDeletingTheFileKeepsTheMappedBytes) {
-    const fs::path path = writeFile("model.gguf", 8);
-    const fs::path replacement = writeFile("model.gguf.part", 2);
-    MappedFile file(path);
-    EXPECT_EQ(shell("mv '" + replacement.string() + "' '" + path.string() + "'"), 0);
-    EXPECT_FALSE(file.changed());
-    EXPECT_EQ(nonZeroBytes(file), 8 * pageSize);
-    fs::remove(path);
-    EXPECT_FALSE(file.changed());
-    EXPECT_EQ(nonZeroBytes(file), 8 * pageSize);
-}
-
 TEST_F(MappedFileTest, AFaultOutsideEveryGuardedMappingStillEndsTheProcess) {
     const fs::path path = writeFile("model.gguf", 4);
     const MappedFile guarded(path); // installs the handler
