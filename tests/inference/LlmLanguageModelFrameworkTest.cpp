@@ -295,29 +295,9 @@ TEST_F(LlmFrameworkTest, ContextOverflowConcurrencyAndCancellation) {
     EXPECT_NO_THROW((void)test::runTask(session->respond(QStringLiteral("Again"), greedy(4), {})));
 }
 
-TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
-    if (!LlmLanguageModelFramework::processorIsEligible()) {
-        GTEST_SKIP() << "this processor lacks AVX2/FMA, so the model reports itself unavailable";
-    }
-    LlmLanguageModelFramework framework(optionsFor(modelPath));
-    OnDeviceModelClient client(framework, nullptr);
-    const QString expected = expectedConciseRewrite(modelPath, text);
-    ASSERT_FALSE(expected.trimmed().isEmpty());
-    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
-    EXPECT_EQ(framework.lastResponse()->promptTokensReused, 0);
-    EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
-    EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
-    EXPECT_TRUE(client.isWarm());
-
-    // Far too long for a 2048-token window once counted exactly.
-    EXPECT_EQ(engineKindOf(client.rewrite(QString(QStringLiteral("word ")).repeated(290), RewriteMode::casual,
-                                          {}, {})),
-              EngineKind::selectionTooLong);
-}
-
-// Families the engine supports beyond the built-in test vocabulary, each with a real
-// vocabulary and its real chat template from the shared fixtures: the client's whole rewrite
-// runs on them, cache included.
+// The client's whole rewrite on a model file, cache included: the built-in test vocabulary
+// here, and below the families the engine supports, each with its real vocabulary and chat
+// template from the shared fixtures.
 void expectRewritesEndToEnd(const std::filesystem::path& path, std::string_view architecture) {
     const ModelFileReport report = ModelLocator::inspect(path, ModelFileReport::Source::setting);
     ASSERT_TRUE(report.usable()) << report.problem;
@@ -330,6 +310,20 @@ void expectRewritesEndToEnd(const std::filesystem::path& path, std::string_view 
     EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
     EXPECT_EQ(test::runTask(client.rewrite(text, RewriteMode::makeConcise, {}, {})), expected);
     EXPECT_GT(framework.lastResponse()->promptTokensReused, 0);
+    EXPECT_TRUE(client.isWarm());
+}
+
+TEST_F(LlmFrameworkTest, RewritesEndToEndThroughTheClient) {
+    if (!LlmLanguageModelFramework::processorIsEligible()) {
+        GTEST_SKIP() << "this processor lacks AVX2/FMA, so the model reports itself unavailable";
+    }
+    expectRewritesEndToEnd(modelPath, "qwen2");
+    // Far too long for a 2048-token window once counted exactly.
+    LlmLanguageModelFramework framework(optionsFor(modelPath));
+    OnDeviceModelClient client(framework, nullptr);
+    EXPECT_EQ(engineKindOf(client.rewrite(QString(QStringLiteral("word ")).repeated(290), RewriteMode::casual,
+                                          {}, {})),
+              EngineKind::selectionTooLong);
 }
 
 struct FamilyCase {

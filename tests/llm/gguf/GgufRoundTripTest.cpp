@@ -280,12 +280,7 @@ TEST(GgufRoundTripTest, OpenNamesThePathAndTheReasonWhenTheFileCannotBeRead) {
         EXPECT_NE(std::string(error.what()).find(missing.string()), std::string::npos) << error.what();
         EXPECT_NE(std::string(error.what()).find("No such file"), std::string::npos) << error.what();
     }
-    try {
-        GgufFile::open(dir.path());
-        FAIL() << "expected a GgufError";
-    } catch (const GgufError& error) {
-        EXPECT_NE(std::string(error.what()).find("not a regular file"), std::string::npos) << error.what();
-    }
+    // What is not a regular file: MappedFileTest.
     const auto empty = dir.path() / "empty.gguf";
     std::ofstream(empty).close();
     try {
