@@ -72,15 +72,11 @@ TEST(RewritePromptTest, ImprovedPromptOutputRoundTripsThroughGeneratedContent) {
     EXPECT_FALSE(ImprovedPromptOutput::fromGeneratedContent({{utf8("prompt"), utf8("x")}}).has_value());
 }
 
+// Rounding up (1,489 bytes refused) and bytes of é and 日 are the budget tests'.
 TEST(RewritePromptTest, EstimatedTokenCountRoundsBytesUp) {
     EXPECT_EQ(RewritePrompt::estimatedTokenCount(QString()), 1);
-    EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("a")), 1);
-    EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("abc")), 1);
     EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("abcd")), 2);
-    EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("é")), 1);      // 2 bytes
-    EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("éé")), 2);     // 4 bytes
-    EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("😀")), 2);      // 4 bytes, 2 UTF-16 units
-    EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("日本語")), 3); // 9 bytes
+    EXPECT_EQ(RewritePrompt::estimatedTokenCount(utf8("😀")), 2); // 4 bytes, 2 UTF-16 units
 }
 
 using test::ScriptedLanguageModelFramework;
