@@ -139,7 +139,7 @@ using Q5_0 = SmallBlock<22, 6, false, true>;
 using Q5_1 = SmallBlock<24, 8, true, true>;
 
 // The eight 6-bit scales (bytes 0-7) and mins (bytes 8-15) of a K-quant block, unpacked four at
-// a time in general registers.
+// a time in general registers (the vector units are the busier ones).
 inline __attribute__((always_inline)) __m128i kScaleBytes(const std::uint8_t* b) {
     const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
     const std::uint64_t sc =
@@ -729,19 +729,20 @@ __m512i spreadWords(int first) {
         _mm256_set_m128i(_mm_set1_epi16(word(first + 3)), _mm_set1_epi16(word(first + 2))), 1);
 }
 
-// sums[t] += the integer products of the two 64-code vectors of half `h` of block `s` with token
-// t's codes, each pair of products times its lane's scale.
+// sums[t][0] and sums[t][1] += the integer products of the two 64-code vectors of half `h` of
+// block `s` with token t's codes, each pair of products times its lane's scale. Two chains, so
+// a block's sums wait on two multiply-adds rather than four.
 template <int T>
 inline __attribute__((always_inline)) void
-addHalfBlock(__m512i (&sums)[T], __m512i first, __m512i second, __m512i firstScales, __m512i secondScales,
+addHalfBlock(__m512i (&sums)[T][2], __m512i first, __m512i second, __m512i firstScales, __m512i secondScales,
              const KQuantToken* const* tok, std::int64_t s, int h) {
 #pragma GCC unroll 4
     for (int t = 0; t < T; ++t) {
         const std::int8_t* x = tok[t][s].x + 128 * h;
-        sums[t] =
-            _mm512_dpwssd_epi32(sums[t], _mm512_maddubs_epi16(first, _mm512_load_si512(x)), firstScales);
-        sums[t] = _mm512_dpwssd_epi32(sums[t], _mm512_maddubs_epi16(second, _mm512_load_si512(x + 64)),
-                                      secondScales);
+        sums[t][0] =
+            _mm512_dpwssd_epi32(sums[t][0], _mm512_maddubs_epi16(first, _mm512_load_si512(x)), firstScales);
+        sums[t][1] = _mm512_dpwssd_epi32(sums[t][1], _mm512_maddubs_epi16(second, _mm512_load_si512(x + 64)),
+                                         secondScales);
     }
 }
 
@@ -762,10 +763,10 @@ void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
         const std::uint8_t* b = row + 144 * s;
         const __m128i scaleBytes = kScaleBytes(b);
         const __m512i lanes = _mm512_broadcast_i32x4(scaleBytes);
-        __m512i sums[T];
+        __m512i sums[T][2];
 #pragma GCC unroll 4
         for (int t = 0; t < T; ++t)
-            sums[t] = _mm512_setzero_si512();
+            sums[t][0] = sums[t][1] = _mm512_setzero_si512();
 #pragma GCC unroll 2
         for (int h = 0; h < 2; ++h) {
             const __m512i q = _mm512_loadu_si512(b + 16 + 64 * h);
@@ -781,7 +782,8 @@ void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
 #pragma GCC unroll 4
         for (int t = 0; t < T; ++t) {
             const float dx = tok[t][s].dx;
-            acc[t] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(sums[t]), _mm512_set1_ps(d * dx), acc[t]);
+            acc[t] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(_mm512_add_epi32(sums[t][0], sums[t][1])),
+                                     _mm512_set1_ps(d * dx), acc[t]);
             const __m128i m =
                 _mm_madd_epi16(mins, _mm_load_si128(reinterpret_cast<const __m128i*>(tok[t][s].sums)));
             accMin[t] = _mm_fmadd_ps(_mm_cvtepi32_ps(m), _mm_set1_ps(dmin * dx), accMin[t]);
@@ -795,7 +797,8 @@ void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
 template <int T>
 void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m512i low4 = _mm512_set1_epi8(0x0F);
-    const __m512i low2 = _mm512_set1_epi8(3);
+    const __m512i topBits = _mm512_set1_epi8(0x33);
+    constexpr int kSelectByC = 0xE4; // c ? a : b, bit by bit
     // Each 64-code vector holds four 16-column groups, one per 128-bit lane of the pair sums.
     const __m512i spread[2] = {spreadWords(0), spreadWords(4)};
     __m512 acc[T];
@@ -810,22 +813,23 @@ void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
                                    _mm512_broadcast_i32x4(_mm256_extracti128_si256(scales, 1))};
         // The codes' offset of 32 meets the group code sums first: -32 * scale fits 16 bits.
         const __m256i offsetScales = _mm256_sub_epi16(_mm256_setzero_si256(), _mm256_slli_epi16(scales, 5));
-        __m512i sums[T];
+        __m512i sums[T][2];
 #pragma GCC unroll 4
         for (int t = 0; t < T; ++t) {
-            sums[t] = _mm512_zextsi256_si512(_mm256_madd_epi16(
+            sums[t][1] = _mm512_setzero_si512();
+            sums[t][0] = _mm512_zextsi256_si512(_mm256_madd_epi16(
                 offsetScales, _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[t][s].sums))));
         }
 #pragma GCC unroll 2
         for (int h = 0; h < 2; ++h) {
             const __m512i ql = _mm512_loadu_si512(b + 64 * h);
             const __m256i qh = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 128 + 32 * h));
-            const __m512i hA = _mm512_inserti64x4(_mm512_zextsi256_si512(qh), _mm256_srli_epi16(qh, 2), 1);
-            const __m512i hB = _mm512_srli_epi16(hA, 4);
-            const __m512i qa =
-                _mm512_or_si512(_mm512_and_si512(ql, low4), _mm512_slli_epi16(_mm512_and_si512(hA, low2), 4));
-            const __m512i qb = _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(ql, 4), low4),
-                                               _mm512_slli_epi16(_mm512_and_si512(hB, low2), 4));
+            // Bits 0-1 of each byte of `high` are the top bits of qa's code, bits 4-5 of qb's; a bit
+            // select puts them above the low nibbles, whatever the shifts moved in beside them.
+            const __m512i high = _mm512_and_si512(
+                _mm512_inserti64x4(_mm512_zextsi256_si512(qh), _mm256_srli_epi16(qh, 2), 1), topBits);
+            const __m512i qa = _mm512_ternarylogic_epi32(ql, _mm512_slli_epi16(high, 4), low4, kSelectByC);
+            const __m512i qb = _mm512_ternarylogic_epi32(_mm512_srli_epi16(ql, 4), high, low4, kSelectByC);
             const __m512i scA = _mm512_shuffle_epi8(halves[h], spread[0]);
             const __m512i scB = _mm512_shuffle_epi8(halves[h], spread[1]);
             addHalfBlock<T>(sums, qa, qb, scA, scB, tok, s, h);
@@ -833,7 +837,8 @@ void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
         const float d = fp16ToFloatFast(u16(b + 208));
 #pragma GCC unroll 4
         for (int t = 0; t < T; ++t)
-            acc[t] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(sums[t]), _mm512_set1_ps(d * tok[t][s].dx), acc[t]);
+            acc[t] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(_mm512_add_epi32(sums[t][0], sums[t][1])),
+                                     _mm512_set1_ps(d * tok[t][s].dx), acc[t]);
     }
 #pragma GCC unroll 4
     for (int t = 0; t < T; ++t)
