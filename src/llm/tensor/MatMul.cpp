@@ -116,14 +116,12 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
     out.codes_.resize(total);
     out.scales_.resize(total / 32);
     const bool simd = avx512Usable(cpuFeatures());
+    const auto quantize =
+        block == 256 ? (simd ? detail::quantizeSuperBlocksAvx512 : detail::quantizeSuperBlocksScalar)
+                     : (simd ? detail::quantizeActivationsAvx512 : detail::quantizeActivationsScalar);
     for (std::int64_t t = 0; t < nTokens; ++t) {
-        std::int8_t* codes = out.codes_.data() + t * out.paddedCols_;
-        float* scales = out.scales_.data() + t * (out.paddedCols_ / 32);
-        if (simd) {
-            detail::quantizeActivationsAvx512(x + t * cols, cols, out.paddedCols_, codes, scales);
-        } else {
-            detail::quantizeActivationsScalar(x + t * cols, cols, out.paddedCols_, codes, scales);
-        }
+        quantize(x + t * cols, cols, out.paddedCols_, out.codes_.data() + t * out.paddedCols_,
+                 out.scales_.data() + t * (out.paddedCols_ / 32));
     }
     // GGUF's 32-element activation blocks carry an fp16 scale; products with the block types
     // that pair with them match files made elsewhere exactly only when our scale is rounded the

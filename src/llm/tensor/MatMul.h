@@ -20,7 +20,8 @@ struct WeightMatrix {
 
 // x (nTokens x cols, f32) in the form a weight type multiplies with, converted once and shared by
 // every row (and thread) of a product. Quantised weights take 8-bit codes with one scale per 32
-// values; float weights take the floats as they are.
+// values (per 256 for formats in 256-column super-blocks, repeated for each 32); float weights
+// take the floats as they are.
 class ActivationBuffer {
 public:
     // Codes and values are stored per token in rows of paddedCols() (a multiple of this, zero

@@ -605,81 +605,94 @@ template <class Format> struct QuantKernel {
 };
 
 // Tokens against K-quant rows (see KQuantToken.h): every 32-code vector is one Q4_K sub-block or
-// two Q6_K groups. T tokens share each block's decoding; every token keeps its own accumulators
-// and operation order, the same as when it is alone.
+// two Q6_K groups. A block's integer sum is VPMADDUBSW of the unsigned weight codes with the
+// activation codes (pairs stay below 2 * 63 * 127, so they never saturate) and VPMADDWD of those
+// pairs with each lane's scale, spread from one 16-byte vector by VPSHUFB. T tokens share each
+// block's decoding; every token keeps its own accumulators and operation order, the same as when
+// it is alone.
 template <int T>
 void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m256i low4 = _mm256_set1_epi8(0x0F);
-    const __m256i ones = _mm256_set1_epi16(1);
-    __m256 acc[T][2], accMin[T];
+    __m256 acc[T];
+    __m128 accMin[T];
 #pragma GCC unroll 2
-    for (int t = 0; t < T; ++t)
-        acc[t][0] = acc[t][1] = accMin[t] = _mm256_setzero_ps();
+    for (int t = 0; t < T; ++t) {
+        acc[t] = _mm256_setzero_ps();
+        accMin[t] = _mm_setzero_ps();
+    }
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 144 * s;
         std::uint64_t sc, mn;
         kScaleBytes(b, sc, mn);
-        const __m256 scales = _mm256_mul_ps(
-            _mm256_set1_ps(half(b)),
-            _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(sc)))));
-        const __m256 mins = _mm256_mul_ps(
-            _mm256_set1_ps(-half(b + 2)),
-            _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<long long>(mn)))));
-        // d * scale * dx per sub-block; the minima meet the activation sums directly.
-        __m256 factors[T];
+        const __m256i scaleBytes = _mm256_set1_epi64x(static_cast<long long>(sc));
+        __m256i sums[T];
 #pragma GCC unroll 2
-        for (int t = 0; t < T; ++t) {
-            factors[t] = _mm256_mul_ps(scales, _mm256_load_ps(tok[t][s].a));
-            accMin[t] = _mm256_fmadd_ps(mins, _mm256_load_ps(tok[t][s].a + 8), accMin[t]);
-        }
+        for (int t = 0; t < T; ++t)
+            sums[t] = _mm256_setzero_si256();
 #pragma GCC unroll 4
         for (int j = 0; j < 4; ++j) {
             const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 16 + 32 * j));
 #pragma GCC unroll 2
             for (int nibble = 0; nibble < 2; ++nibble) {
+                const int sub = 2 * j + nibble;
                 const __m256i q =
                     nibble ? _mm256_and_si256(_mm256_srli_epi16(v, 4), low4) : _mm256_and_si256(v, low4);
+                const __m256i scale =
+                    _mm256_shuffle_epi8(scaleBytes, _mm256_set1_epi16(static_cast<short>(0x8000 | sub)));
 #pragma GCC unroll 2
                 for (int t = 0; t < T; ++t) {
-                    const __m256i xs = _mm256_load_si256(
-                        reinterpret_cast<const __m256i*>(tok[t][s].x + 32 * q4kSlot(2 * j + nibble)));
-                    const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(q, xs), ones);
-                    const __m256 f = _mm256_permutevar8x32_ps(factors[t], _mm256_set1_epi32(2 * j + nibble));
-                    acc[t][nibble] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[t][nibble]);
+                    const __m256i xs =
+                        _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[t][s].x + 32 * q4kSlot(sub)));
+                    sums[t] =
+                        _mm256_add_epi32(sums[t], _mm256_madd_epi16(_mm256_maddubs_epi16(q, xs), scale));
                 }
             }
+        }
+        // The minima meet the sub-block code sums in one short integer dot product.
+        const __m128i mins = _mm_cvtepu8_epi16(_mm_cvtsi64_si128(static_cast<long long>(mn)));
+        const float d = half(b), dmin = -half(b + 2);
+#pragma GCC unroll 2
+        for (int t = 0; t < T; ++t) {
+            const float dx = tok[t][s].dx;
+            acc[t] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(sums[t]), _mm256_set1_ps(d * dx), acc[t]);
+            const __m128i m =
+                _mm_madd_epi16(mins, _mm_load_si128(reinterpret_cast<const __m128i*>(tok[t][s].sums)));
+            accMin[t] = _mm_fmadd_ps(_mm_cvtepi32_ps(m), _mm_set1_ps(dmin * dx), accMin[t]);
         }
     }
 #pragma GCC unroll 2
     for (int t = 0; t < T; ++t)
-        out[t] = hsum(_mm256_add_ps(_mm256_add_ps(acc[t][0], acc[t][1]), accMin[t]));
+        out[t] = hsum(_mm256_add_ps(acc[t], _mm256_zextps128_ps256(accMin[t])));
+}
+
+// VPSHUFB control giving every word of the low 128-bit lane word `first` of that lane and every
+// word of the high lane word `first + 1`.
+inline __m256i spreadWordPair(int first) {
+    const auto word = [](int w) { return static_cast<short>((2 * w) | ((2 * w + 1) << 8)); };
+    return _mm256_set_m128i(_mm_set1_epi16(word(first + 1)), _mm_set1_epi16(word(first)));
 }
 
 template <int T>
 void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m256i low4 = _mm256_set1_epi8(0x0F);
     const __m256i low2 = _mm256_set1_epi8(3);
-    const __m256i ones = _mm256_set1_epi16(1);
-    const __m256i pairIdx = _mm256_set_epi32(1, 1, 1, 1, 0, 0, 0, 0);
-    __m256 acc[T][2], accBias[T];
+    __m256 acc[T];
 #pragma GCC unroll 2
     for (int t = 0; t < T; ++t)
-        acc[t][0] = acc[t][1] = accBias[t] = _mm256_setzero_ps();
+        acc[t] = _mm256_setzero_ps();
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 210 * s;
-        const __m256 d = _mm256_set1_ps(half(b + 208));
-        const __m128i sc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192));
-        const __m256 scales[2] = {
-            _mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(sc))),
-            _mm256_mul_ps(d, _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(_mm_srli_si128(sc, 8))))};
-        // d * scale * dx of each 16-column group, groups 0-7 and 8-15
-        __m256 factors[T][2];
+        const __m256i scales =
+            _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192)));
+        const __m256i halves[2] = {_mm256_broadcastsi128_si256(_mm256_castsi256_si128(scales)),
+                                   _mm256_broadcastsi128_si256(_mm256_extracti128_si256(scales, 1))};
+        // The codes' offset of 32 meets the group code sums first: -32 * scale fits 16 bits.
+        const __m256i offsetScales = _mm256_sub_epi16(_mm256_setzero_si256(), _mm256_slli_epi16(scales, 5));
+        __m256i sums[T];
 #pragma GCC unroll 2
         for (int t = 0; t < T; ++t) {
-            factors[t][0] = _mm256_mul_ps(scales[0], _mm256_load_ps(tok[t][s].a));
-            factors[t][1] = _mm256_mul_ps(scales[1], _mm256_load_ps(tok[t][s].a + 8));
-            accBias[t] = _mm256_fmadd_ps(factors[t][0], _mm256_load_ps(tok[t][s].b), accBias[t]);
-            accBias[t] = _mm256_fmadd_ps(factors[t][1], _mm256_load_ps(tok[t][s].b + 8), accBias[t]);
+            sums[t] = _mm256_madd_epi16(offsetScales,
+                                        _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[t][s].sums)));
         }
 #pragma GCC unroll 2
         for (int h = 0; h < 2; ++h) {
@@ -698,21 +711,24 @@ void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
 #pragma GCC unroll 4
             for (int p = 0; p < 4; ++p) {
                 const int chunk = 4 * h + p; // 32 columns: groups 2 * chunk and 2 * chunk + 1
-                const __m256i idx = _mm256_add_epi32(pairIdx, _mm256_set1_epi32(2 * p));
+                const __m256i scale = _mm256_shuffle_epi8(halves[h], spreadWordPair(2 * p));
 #pragma GCC unroll 2
                 for (int t = 0; t < T; ++t) {
                     const __m256i xs =
                         _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[t][s].x + 32 * chunk));
-                    const __m256i dot = _mm256_madd_epi16(_mm256_maddubs_epi16(parts[p], xs), ones);
-                    const __m256 f = _mm256_permutevar8x32_ps(factors[t][h], idx);
-                    acc[t][p % 2] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(dot), f, acc[t][p % 2]);
+                    sums[t] = _mm256_add_epi32(sums[t],
+                                               _mm256_madd_epi16(_mm256_maddubs_epi16(parts[p], xs), scale));
                 }
             }
         }
+        const float d = half(b + 208);
+#pragma GCC unroll 2
+        for (int t = 0; t < T; ++t)
+            acc[t] = _mm256_fmadd_ps(_mm256_cvtepi32_ps(sums[t]), _mm256_set1_ps(d * tok[t][s].dx), acc[t]);
     }
 #pragma GCC unroll 2
     for (int t = 0; t < T; ++t)
-        out[t] = hsum(_mm256_add_ps(_mm256_add_ps(acc[t][0], acc[t][1]), accBias[t]));
+        out[t] = hsum(acc[t]);
 }
 
 // Two tokens at a time: more would not fit the sixteen registers.

@@ -138,9 +138,9 @@ using Q4_1 = SmallBlock<20, 4, true, false>;
 using Q5_0 = SmallBlock<22, 6, false, true>;
 using Q5_1 = SmallBlock<24, 8, true, true>;
 
-// The eight 6-bit scales and mins of a K-quant block as floats d * scale and -dmin * min, unpacked
-// four at a time in general registers.
-inline __attribute__((always_inline)) void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
+// The eight 6-bit scales (bytes 0-7) and mins (bytes 8-15) of a K-quant block, unpacked four at
+// a time in general registers (the vector units are the busier ones).
+inline __attribute__((always_inline)) __m128i kScaleBytes(const std::uint8_t* b) {
     const std::uint32_t a = u32(b + 4), m = u32(b + 8), h = u32(b + 12);
     const std::uint64_t sc =
         (a & 0x3F3F3F3Fu) | static_cast<std::uint64_t>((h & 0x0F0F0F0Fu) | (((a >> 6) & 0x03030303u) << 4))
@@ -148,8 +148,11 @@ inline __attribute__((always_inline)) void kScales(const std::uint8_t* b, __m512
     const std::uint64_t mn =
         (m & 0x3F3F3F3Fu) |
         static_cast<std::uint64_t>(((h >> 4) & 0x0F0F0F0Fu) | (((m >> 6) & 0x03030303u) << 4)) << 32;
-    const __m512i both =
-        _mm512_cvtepu8_epi32(_mm_set_epi64x(static_cast<long long>(mn), static_cast<long long>(sc)));
+    return _mm_set_epi64x(static_cast<long long>(mn), static_cast<long long>(sc));
+}
+// The same as floats d * scale and -dmin * min.
+inline __attribute__((always_inline)) void kScales(const std::uint8_t* b, __m512& scales, __m512& mins) {
+    const __m512i both = _mm512_cvtepu8_epi32(kScaleBytes(b));
     const __m512 values = _mm512_cvtepi32_ps(both); // lanes 0-7 scales, 8-15 mins
     const __m512 factors = pairLanes(fp16ToFloatFast(u16(b)), -fp16ToFloatFast(u16(b + 2)));
     scales = _mm512_mul_ps(values, factors);
@@ -707,28 +710,39 @@ template <class Format> struct QuantKernel {
 
 // ---- one token against K-quant rows ---------------------------------------------------------
 
-// See KQuantToken.h; each 64-code vector holds four 16-column groups (Q6_K) or two 32-column
-// sub-blocks (Q4_K), and its lanes take their factors from one vector per block by permutation.
-__m512i laneGroups(int first, int second) {
-    return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi32(first)), _mm256_set1_epi32(second), 1);
+// See KQuantToken.h. A block's integer sum is VPMADDUBSW of the unsigned weight codes with the
+// activation codes (pairs stay below 2 * 63 * 127, so they never saturate) and VPDPWSSD of those
+// pairs with each lane's sub-block scale, spread from one 16-byte vector by VPSHUFB.
+
+// VPSHUFB control giving every word of lanes 0-15 byte `first` and of lanes 16-31 byte `second`
+// of each 128-bit lane, zero-extended.
+__m512i spreadBytes(int first, int second) {
+    return _mm512_inserti64x4(_mm512_zextsi256_si512(_mm256_set1_epi16(static_cast<short>(0x8000 | first))),
+                              _mm256_set1_epi16(static_cast<short>(0x8000 | second)), 1);
+}
+// VPSHUFB control giving every word of 128-bit lane L word `first + L` of that lane.
+__m512i spreadWords(int first) {
+    const auto word = [](int w) { return static_cast<short>((2 * w) | ((2 * w + 1) << 8)); };
+    return _mm512_inserti64x4(
+        _mm512_castsi256_si512(
+            _mm256_set_m128i(_mm_set1_epi16(word(first + 1)), _mm_set1_epi16(word(first)))),
+        _mm256_set_m128i(_mm_set1_epi16(word(first + 3)), _mm_set1_epi16(word(first + 2))), 1);
 }
 
-// acc[t][2h] and acc[t][2h + 1] += the two decoded 64-code vectors of half `h` of block `s` times
-// token t's codes, each lane scaled by its factor (picked from factors[t] by the two indices).
+// sums[t][0] and sums[t][1] += the integer products of the two 64-code vectors of half `h` of
+// block `s` with token t's codes, each pair of products times its lane's scale. Two chains, so
+// a block's sums wait on two multiply-adds rather than four.
 template <int T>
 inline __attribute__((always_inline)) void
-addHalfBlock(__m512 (&acc)[T][4], int h, __m512i first, __m512i second, __m512i firstIdx, __m512i secondIdx,
-             const __m512 (&factors)[T], const KQuantToken* const* tok, std::int64_t s) {
+addHalfBlock(__m512i (&sums)[T][2], __m512i first, __m512i second, __m512i firstScales, __m512i secondScales,
+             const KQuantToken* const* tok, std::int64_t s, int h) {
 #pragma GCC unroll 4
     for (int t = 0; t < T; ++t) {
-        const __m512i d0 =
-            _mm512_dpbusd_epi32(_mm512_setzero_si512(), first, _mm512_load_si512(tok[t][s].x + 128 * h));
-        const __m512i d1 = _mm512_dpbusd_epi32(_mm512_setzero_si512(), second,
-                                               _mm512_load_si512(tok[t][s].x + 128 * h + 64));
-        acc[t][2 * h] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(d0), _mm512_permutexvar_ps(firstIdx, factors[t]),
-                                        acc[t][2 * h]);
-        acc[t][2 * h + 1] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(d1),
-                                            _mm512_permutexvar_ps(secondIdx, factors[t]), acc[t][2 * h + 1]);
+        const std::int8_t* x = tok[t][s].x + 128 * h;
+        sums[t][0] =
+            _mm512_dpwssd_epi32(sums[t][0], _mm512_maddubs_epi16(first, _mm512_load_si512(x)), firstScales);
+        sums[t][1] = _mm512_dpwssd_epi32(sums[t][1], _mm512_maddubs_epi16(second, _mm512_load_si512(x + 64)),
+                                         secondScales);
     }
 }
 
@@ -737,83 +751,98 @@ addHalfBlock(__m512 (&acc)[T][4], int h, __m512i first, __m512i second, __m512i 
 template <int T>
 void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m512i low4 = _mm512_set1_epi8(0x0F);
-    const __m512i idx[4] = {laneGroups(0, 2), laneGroups(1, 3), laneGroups(4, 6), laneGroups(5, 7)};
-    __m512 acc[T][4], accMin[T];
+    const __m512i spread[4] = {spreadBytes(0, 2), spreadBytes(1, 3), spreadBytes(4, 6), spreadBytes(5, 7)};
+    __m512 acc[T];
+    __m128 accMin[T];
 #pragma GCC unroll 4
     for (int t = 0; t < T; ++t) {
-        acc[t][0] = acc[t][1] = acc[t][2] = acc[t][3] = accMin[t] = _mm512_setzero_ps();
+        acc[t] = _mm512_setzero_ps();
+        accMin[t] = _mm_setzero_ps();
     }
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 144 * s;
-        __m512 scv, unused;
-        kScales(b, scv, unused);
-        // [d * scale * dx per sub-block, -dmin * min * dx * sum per sub-block]
-        __m512 factors[T];
+        const __m128i scaleBytes = kScaleBytes(b);
+        const __m512i lanes = _mm512_broadcast_i32x4(scaleBytes);
+        __m512i sums[T][2];
 #pragma GCC unroll 4
-        for (int t = 0; t < T; ++t) {
-            factors[t] = _mm512_mul_ps(scv, _mm512_load_ps(tok[t][s].a));
-            accMin[t] = _mm512_mask_add_ps(accMin[t], 0xFF00, accMin[t], factors[t]);
-        }
+        for (int t = 0; t < T; ++t)
+            sums[t][0] = sums[t][1] = _mm512_setzero_si512();
 #pragma GCC unroll 2
         for (int h = 0; h < 2; ++h) {
             const __m512i q = _mm512_loadu_si512(b + 16 + 64 * h);
             const __m512i lo = _mm512_and_si512(q, low4);
             const __m512i hi = _mm512_and_si512(_mm512_srli_epi16(q, 4), low4);
-            addHalfBlock<T>(acc, h, lo, hi, idx[2 * h], idx[2 * h + 1], factors, tok, s);
+            const __m512i scLo = _mm512_shuffle_epi8(lanes, spread[2 * h]);
+            const __m512i scHi = _mm512_shuffle_epi8(lanes, spread[2 * h + 1]);
+            addHalfBlock<T>(sums, lo, hi, scLo, scHi, tok, s, h);
+        }
+        // The minima meet the sub-block code sums in one short integer dot product.
+        const __m128i mins = _mm_cvtepu8_epi16(_mm_srli_si128(scaleBytes, 8));
+        const float d = fp16ToFloatFast(u16(b)), dmin = -fp16ToFloatFast(u16(b + 2));
+#pragma GCC unroll 4
+        for (int t = 0; t < T; ++t) {
+            const float dx = tok[t][s].dx;
+            acc[t] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(_mm512_add_epi32(sums[t][0], sums[t][1])),
+                                     _mm512_set1_ps(d * dx), acc[t]);
+            const __m128i m =
+                _mm_madd_epi16(mins, _mm_load_si128(reinterpret_cast<const __m128i*>(tok[t][s].sums)));
+            accMin[t] = _mm_fmadd_ps(_mm_cvtepi32_ps(m), _mm_set1_ps(dmin * dx), accMin[t]);
         }
     }
 #pragma GCC unroll 4
-    for (int t = 0; t < T; ++t) {
-        out[t] = _mm512_reduce_add_ps(
-            _mm512_add_ps(_mm512_add_ps(acc[t][0], acc[t][1]),
-                          _mm512_add_ps(_mm512_add_ps(acc[t][2], acc[t][3]), accMin[t])));
-    }
+    for (int t = 0; t < T; ++t)
+        out[t] = _mm512_reduce_add_ps(_mm512_add_ps(acc[t], _mm512_zextps128_ps512(accMin[t])));
 }
 
 template <int T>
 void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* const* tok, float* out) {
     const __m512i low4 = _mm512_set1_epi8(0x0F);
-    const __m512i low2 = _mm512_set1_epi8(3);
-    const __m512i quarter =
-        _mm512_srli_epi32(_mm512_set_epi32(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), 2);
-    __m512 acc[T][4], accBias[T];
+    const __m512i topBits = _mm512_set1_epi8(0x33);
+    constexpr int kSelectByC = 0xE4; // c ? a : b, bit by bit
+    // Each 64-code vector holds four 16-column groups, one per 128-bit lane of the pair sums.
+    const __m512i spread[2] = {spreadWords(0), spreadWords(4)};
+    __m512 acc[T];
 #pragma GCC unroll 4
-    for (int t = 0; t < T; ++t) {
-        acc[t][0] = acc[t][1] = acc[t][2] = acc[t][3] = accBias[t] = _mm512_setzero_ps();
-    }
+    for (int t = 0; t < T; ++t)
+        acc[t] = _mm512_setzero_ps();
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 210 * s;
-        const __m512 scales = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(
-                                                _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192)))),
-                                            _mm512_set1_ps(fp16ToFloatFast(u16(b + 208))));
-        // d * scale * dx of each 16-column group
-        __m512 factors[T];
+        const __m256i scales =
+            _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192)));
+        const __m512i halves[2] = {_mm512_broadcast_i32x4(_mm256_castsi256_si128(scales)),
+                                   _mm512_broadcast_i32x4(_mm256_extracti128_si256(scales, 1))};
+        // The codes' offset of 32 meets the group code sums first: -32 * scale fits 16 bits.
+        const __m256i offsetScales = _mm256_sub_epi16(_mm256_setzero_si256(), _mm256_slli_epi16(scales, 5));
+        __m512i sums[T][2];
 #pragma GCC unroll 4
         for (int t = 0; t < T; ++t) {
-            factors[t] = _mm512_mul_ps(scales, _mm512_load_ps(tok[t][s].a));
-            accBias[t] = _mm512_fmadd_ps(factors[t], _mm512_load_ps(tok[t][s].b), accBias[t]);
+            sums[t][1] = _mm512_setzero_si512();
+            sums[t][0] = _mm512_zextsi256_si512(_mm256_madd_epi16(
+                offsetScales, _mm256_load_si256(reinterpret_cast<const __m256i*>(tok[t][s].sums))));
         }
 #pragma GCC unroll 2
         for (int h = 0; h < 2; ++h) {
             const __m512i ql = _mm512_loadu_si512(b + 64 * h);
             const __m256i qh = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 128 + 32 * h));
-            const __m512i hA = _mm512_inserti64x4(_mm512_zextsi256_si512(qh), _mm256_srli_epi16(qh, 2), 1);
-            const __m512i hB = _mm512_srli_epi16(hA, 4);
-            const __m512i qa =
-                _mm512_or_si512(_mm512_and_si512(ql, low4), _mm512_slli_epi16(_mm512_and_si512(hA, low2), 4));
-            const __m512i qb = _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi16(ql, 4), low4),
-                                               _mm512_slli_epi16(_mm512_and_si512(hB, low2), 4));
-            const __m512i i0 = _mm512_add_epi32(quarter, _mm512_set1_epi32(8 * h));
-            const __m512i i1 = _mm512_add_epi32(quarter, _mm512_set1_epi32(8 * h + 4));
-            addHalfBlock<T>(acc, h, qa, qb, i0, i1, factors, tok, s);
+            // Bits 0-1 of each byte of `high` are the top bits of qa's code, bits 4-5 of qb's; a bit
+            // select puts them above the low nibbles, whatever the shifts moved in beside them.
+            const __m512i high = _mm512_and_si512(
+                _mm512_inserti64x4(_mm512_zextsi256_si512(qh), _mm256_srli_epi16(qh, 2), 1), topBits);
+            const __m512i qa = _mm512_ternarylogic_epi32(ql, _mm512_slli_epi16(high, 4), low4, kSelectByC);
+            const __m512i qb = _mm512_ternarylogic_epi32(_mm512_srli_epi16(ql, 4), high, low4, kSelectByC);
+            const __m512i scA = _mm512_shuffle_epi8(halves[h], spread[0]);
+            const __m512i scB = _mm512_shuffle_epi8(halves[h], spread[1]);
+            addHalfBlock<T>(sums, qa, qb, scA, scB, tok, s, h);
         }
+        const float d = fp16ToFloatFast(u16(b + 208));
+#pragma GCC unroll 4
+        for (int t = 0; t < T; ++t)
+            acc[t] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(_mm512_add_epi32(sums[t][0], sums[t][1])),
+                                     _mm512_set1_ps(d * tok[t][s].dx), acc[t]);
     }
 #pragma GCC unroll 4
-    for (int t = 0; t < T; ++t) {
-        out[t] = _mm512_reduce_add_ps(
-            _mm512_add_ps(_mm512_add_ps(acc[t][0], acc[t][1]),
-                          _mm512_add_ps(_mm512_add_ps(acc[t][2], acc[t][3]), accBias[t])));
-    }
+    for (int t = 0; t < T; ++t)
+        out[t] = _mm512_reduce_add_ps(acc[t]);
 }
 
 constexpr KQuantRows kQ4KGroup[] = {rowQ4K<1>, rowQ4K<2>, rowQ4K<3>, rowQ4K<4>};
@@ -1008,6 +1037,28 @@ void quantizeActivationsAvx512(const float* x, std::int64_t cols, std::int64_t p
         _mm_storeu_si128(reinterpret_cast<__m128i*>(codes + 32 * b + 16), qc);
     }
 }
+void quantizeSuperBlocksAvx512(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
+                               float* scales) {
+    for (std::int64_t s = 0; s < cols / 256; ++s) {
+        const float* v = x + 256 * s;
+        __m512 most = _mm512_setzero_ps();
+        for (int i = 0; i < 256; i += 16)
+            most = _mm512_max_ps(most, _mm512_abs_ps(_mm512_loadu_ps(v + i)));
+        const float amax = _mm512_reduce_max_ps(most);
+        // See quantizeSuperBlocksScalar.
+        const float id = amax != 0.0f ? 127.0f / amax : 0.0f;
+        const __m512 idv = _mm512_set1_ps(id);
+        for (int i = 0; i < 256; i += 16) {
+            _mm_storeu_si128(
+                reinterpret_cast<__m128i*>(codes + 256 * s + i),
+                _mm512_cvtsepi32_epi8(_mm512_cvtps_epi32(_mm512_mul_ps(_mm512_loadu_ps(v + i), idv))));
+        }
+        _mm256_storeu_ps(scales + 8 * s, _mm256_set1_ps(amax != 0.0f ? 1.0f / id : 0.0f));
+    }
+    std::fill(codes + cols, codes + paddedCols, std::int8_t{0});
+    std::fill(scales + cols / 32, scales + paddedCols / 32, 0.0f);
+}
+
 namespace {
 
 struct Avx512 {

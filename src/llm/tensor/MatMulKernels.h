@@ -45,5 +45,12 @@ void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t p
                                float* scales);
 void quantizeActivationsAvx512(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
                                float* scales);
+// The same for weights in 256-column super-blocks (cols a multiple of 256): one scale per 256
+// values, written to each of its eight 32-value blocks, so one-token kernels can take a whole
+// super-block as one integer sum and every other kernel reads the codes as usual.
+void quantizeSuperBlocksScalar(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
+                               float* scales);
+void quantizeSuperBlocksAvx512(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
+                               float* scales);
 
 } // namespace parlune::llm::detail

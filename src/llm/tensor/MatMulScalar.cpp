@@ -27,6 +27,24 @@ void quantizeActivationsScalar(const float* x, std::int64_t cols, std::int64_t p
     }
 }
 
+void quantizeSuperBlocksScalar(const float* x, std::int64_t cols, std::int64_t paddedCols, std::int8_t* codes,
+                               float* scales) {
+    for (std::int64_t s = 0; s < cols / 256; ++s) {
+        const float* v = x + 256 * s;
+        float amax = 0.0f;
+        for (int i = 0; i < 256; ++i)
+            amax = std::max(amax, std::fabs(v[i]));
+        // The codes' multiplier is rounded once and the scale is its reciprocal, as in the 8-bit
+        // super-block activations K-quant files are made against, so ties round the same way.
+        const float id = amax != 0.0f ? 127.0f / amax : 0.0f;
+        for (int i = 0; i < 256; ++i)
+            codes[256 * s + i] = static_cast<std::int8_t>(std::nearbyint(v[i] * id));
+        std::fill_n(scales + 8 * s, 8, amax != 0.0f ? 1.0f / id : 0.0f);
+    }
+    std::fill(codes + cols, codes + paddedCols, std::int8_t{0});
+    std::fill(scales + cols / 32, scales + paddedCols / 32, 0.0f);
+}
+
 void panelSumsScalar(const std::int8_t* codes, const float* scales, std::int64_t paddedCols, int groupWidth,
                      std::int32_t offset, std::int32_t* bias, float* sums) {
     for (std::int64_t b = 0; b < paddedCols / 32; ++b) {

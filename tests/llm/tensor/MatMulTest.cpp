@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -390,6 +391,50 @@ TEST(MatMul, LargestCodesDoNotOverflowTheIntegerSums) {
                 << ggmlTypeTraits(type).name;
         }
         EXPECT_NEAR(want[0], 4096.0 * 1e6, 4096.0 * 1e6 * 1e-2) << ggmlTypeTraits(type).name;
+    }
+}
+
+TEST(MatMul, SuperBlocksAtTheirExtremesSumExactly) {
+    // The K-quant kernels for a few tokens pair codes in 16 bits and sum a whole block in 32:
+    // every weight code, 6-bit or 8-bit scale and activation code at its extreme, all of one sign
+    // so the pairs are as large as they get, must still give the exact product.
+    constexpr std::int64_t cols = 1024;
+    for (GgmlType type : {GgmlType::Q4_K, GgmlType::Q6_K}) {
+        EncodedMatrix m{type, 2, cols, *ggmlRowBytes(type, cols), {}};
+        m.bytes.assign(m.rowBytes * 2, 0xFF); // largest codes; Q4_K scales and minima 63
+        const std::size_t blockBytes = m.rowBytes / (cols / 256);
+        for (std::size_t b = 0; b < m.bytes.size(); b += blockBytes) {
+            const bool second = b >= m.rowBytes;
+            if (type == GgmlType::Q4_K) {
+                const std::uint16_t header[2] = {0x3C00, static_cast<std::uint16_t>(second ? 0x3C00 : 0)};
+                std::memcpy(&m.bytes[b], header, 4); // d = 1, dmin = 0 or 1
+            } else {
+                std::memset(&m.bytes[b + 192], second ? 0x80 : 0x7F, 16); // scales -128 or 127
+                const std::uint16_t d = 0x3C00;
+                std::memcpy(&m.bytes[b + 208], &d, 2);
+            }
+        }
+        const float weight[2] = {type == GgmlType::Q4_K ? 15.0f * 63 : 31.0f * 127,
+                                 type == GgmlType::Q4_K ? 15.0f * 63 - 63 : 31.0f * -128};
+        std::vector<float> xs(2 * cols, 1.0f);
+        std::fill(xs.begin() + cols, xs.end(), -1.0f);
+        for (const std::int64_t tokens : {1, 2}) {
+            ActivationBuffer x;
+            prepareActivations(type, xs.data(), tokens, cols, x);
+            for (KernelPath path : {KernelPath::scalar, KernelPath::avx2, KernelPath::avx512}) {
+                if (!kernelPathAvailable(path))
+                    continue;
+                const std::vector<float> y = product(path, m, x);
+                for (std::int64_t t = 0; t < tokens; ++t) {
+                    for (std::int64_t r = 0; r < 2; ++r) {
+                        const double want = (t ? -1.0 : 1.0) * weight[r] * cols;
+                        EXPECT_NEAR(y[t * 2 + r], want, std::abs(want) * 1e-6)
+                            << ggmlTypeTraits(type).name << " " << kernelPathName(path) << " row " << r
+                            << " token " << t;
+                    }
+                }
+            }
+        }
     }
 }
 
