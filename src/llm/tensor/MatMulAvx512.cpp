@@ -719,17 +719,11 @@ template <class Format> struct QuantKernel {
                 decode(r0 + r, 0, nChunks, b.decoded + r * panelStride(), b.mins + r * sumsStride(),
                        sumsStride());
             }
-            // Decoding waited on memory; the next panel's rows come in meanwhile, a slice per
-            // token tile.
             const std::int64_t nextBytes =
                 std::min(kPanelRows, rowEnd - r0 - m) * static_cast<std::int64_t>(w.rowBytes);
-            const std::int64_t slice = (nextBytes / tiles + 64) / 64 * 64;
-            const std::uint8_t* next = nextBytes > 0 ? row(r0 + m) : nullptr;
             std::int64_t t0 = 0;
             for (; t0 + kTokenTile <= tokens; t0 += kTokenTile) {
-                const std::int64_t tile = t0 / kTokenTile;
-                for (std::int64_t at = tile * slice; at < std::min(nextBytes, (tile + 1) * slice); at += 64)
-                    _mm_prefetch(reinterpret_cast<const char*>(next + at), _MM_HINT_T1);
+                prefetchShare(row(r0 + m), nextBytes, t0 / kTokenTile, tiles);
                 panelTokens<kTokenTile>(r0, m, t0, b);
             }
             switch (tokens - t0) {
@@ -883,49 +877,25 @@ inline __attribute__((always_inline)) void q8Chunk(__m512& acc, __m512i q, __m51
     acc = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)), acc);
 }
 
-// R rows at once: independent accumulation chains, and each token chunk loaded once for all.
-template <int R>
-void rowsQ8_0(const std::uint8_t* const* rows, std::int64_t blocks, const TokenChunk* tok, float* out) {
-    __m512 acc[R];
-#pragma GCC unroll 4
-    for (int r = 0; r < R; ++r)
-        acc[r] = _mm512_setzero_ps();
+float rowQ8_0(const std::uint8_t* row, std::int64_t blocks, const TokenChunk* tok) {
+    __m512 acc = _mm512_setzero_ps();
     for (std::int64_t i = 0; i < blocks; i += 2) {
         const bool two = i + 1 < blocks;
-#pragma GCC unroll 4
-        for (int r = 0; r < R; ++r) {
-            const std::uint8_t* p = rows[r] + 34 * i;
-            q8Chunk(acc[r], q8Codes(p, two), pairHalves(p, two ? p + 34 : nullptr), tok[i / 2]);
-        }
+        const std::uint8_t* p = row + 34 * i;
+        q8Chunk(acc, q8Codes(p, two), pairHalves(p, two ? p + 34 : nullptr), tok[i / 2]);
     }
-#pragma GCC unroll 4
-    for (int r = 0; r < R; ++r)
-        out[r] = _mm512_reduce_add_ps(acc[r]);
+    return _mm512_reduce_add_ps(acc);
 }
 
+// A row at a time: several rows in step (independent accumulation chains) ran faster from cache
+// but slower from memory, the rows of the engine's short row ranges no longer being one
+// sequential stream.
 void oneTokenQ8_0(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                   std::int64_t rowEnd, float* y) {
-    // Four rows at a time, one from each quarter of the range: four sequential streams, which the
-    // hardware prefetcher follows (it loses track of rows taken in adjacent groups).
-    constexpr int kStreams = 4;
     const TokenChunk* tok = sharedQ8Tokens(x).chunks;
     const auto* base = static_cast<const std::uint8_t*>(w.data);
-    const std::int64_t blocks = w.cols / 32;
-    const auto row = [&](std::int64_t r) { return base + static_cast<std::size_t>(r) * w.rowBytes; };
-    const std::int64_t part = (rowEnd - rowBegin) / kStreams;
-    for (std::int64_t r = rowBegin; r < rowBegin + part; ++r) {
-        const std::uint8_t* rows[kStreams];
-        for (int k = 0; k < kStreams; ++k)
-            rows[k] = row(r + k * part);
-        float out[kStreams];
-        rowsQ8_0<kStreams>(rows, blocks, tok, out);
-        for (int k = 0; k < kStreams; ++k)
-            y[r + k * part] = out[k];
-    }
-    for (std::int64_t r = rowBegin + kStreams * part; r < rowEnd; ++r) {
-        const std::uint8_t* rows[1] = {row(r)};
-        rowsQ8_0<1>(rows, blocks, tok, y + r);
-    }
+    for (std::int64_t r = rowBegin; r < rowEnd; ++r)
+        y[r] = rowQ8_0(base + static_cast<std::size_t>(r) * w.rowBytes, w.cols / 32, tok);
 }
 
 template <class Format>
