@@ -879,11 +879,13 @@ inline __attribute__((always_inline)) void q8Chunk(__m512& acc, __m512i q, __m51
 
 float rowQ8_0(const std::uint8_t* row, std::int64_t blocks, const TokenChunk* tok) {
     __m512 acc = _mm512_setzero_ps();
-    for (std::int64_t i = 0; i < blocks; i += 2) {
-        const bool two = i + 1 < blocks;
+    std::int64_t i = 0;
+    for (; i + 1 < blocks; i += 2) {
         const std::uint8_t* p = row + 34 * i;
-        q8Chunk(acc, q8Codes(p, two), pairHalves(p, two ? p + 34 : nullptr), tok[i / 2]);
+        q8Chunk(acc, q8Codes(p, true), pairHalves(p, p + 34), tok[i / 2]);
     }
+    if (i < blocks) // an odd last block
+        q8Chunk(acc, q8Codes(row + 34 * i, false), pairHalves(row + 34 * i, nullptr), tok[i / 2]);
     return _mm512_reduce_add_ps(acc);
 }
 
