@@ -134,7 +134,7 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
         }
     }
     out.q8Chunks_.clear();
-    if (weightType == GgmlType::Q8_0 && simd) {
+    if (weightType == GgmlType::Q8_0 && simd && nTokens > 1) {
         out.q8Chunks_.resize(static_cast<std::size_t>(nTokens * (out.paddedCols_ / 64)));
         for (std::int64_t t = 0; t < nTokens; ++t) {
             detail::prepareQ8TokenChunks(out.codes(t), out.blockScales(t), out.paddedCols_,

@@ -47,8 +47,8 @@ public:
     const detail::KQuantToken* kquantTokens(std::int64_t token) const {
         return kquantTokens_.data() + token * (cols_ / 256);
     }
-    // Q8_0 weights on the AVX-512 path: paddedCols() / 64 chunks per token, token after token;
-    // empty otherwise.
+    // Several tokens against Q8_0 weights on the AVX-512 path: paddedCols() / 64 chunks per token,
+    // token after token; empty otherwise.
     bool hasQ8TokenChunks() const { return !q8Chunks_.empty(); }
     const detail::Q8TokenChunk* q8TokenChunks(std::int64_t token) const {
         return q8Chunks_.data() + token * (paddedCols_ / 64);

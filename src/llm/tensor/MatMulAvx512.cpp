@@ -859,7 +859,9 @@ constexpr KQuantRows kQ6KGroup[] = {rowQ6K<1>, rowQ6K<2>, rowQ6K<3>, rowQ6K<4>};
 
 // One token against Q8_0 rows, straight from the blocks like the K-quants above. The arithmetic
 // is the tiles' own, in the same order, so a token's result does not depend on how many tokens
-// share the product; everything that depends on the token alone comes prepared (Q8TokenChunk).
+// share the product. The token's lane sums and bias are recomputed for every row: taking them
+// prepared (Q8TokenChunk, as the tiles do) ran a third faster from cache but slower from memory,
+// with three cache lines of token data per 64 columns of weights instead of one.
 
 // The unsigned codes (plus 128) of blocks i and i + 1 at p (zero for a missing second block).
 inline __attribute__((always_inline)) __m512i q8Codes(const std::uint8_t* p, bool two) {
@@ -870,34 +872,40 @@ inline __attribute__((always_inline)) __m512i q8Codes(const std::uint8_t* p, boo
                             _mm512_set1_epi8(static_cast<char>(0x80)));
 }
 
-// acc += one chunk of a row (codes q, block scales ws per lane) times the token's chunk.
-inline __attribute__((always_inline)) void q8Chunk(__m512& acc, __m512i q, __m512 ws, const TokenChunk& tc) {
-    const __m512 dot =
-        _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, _mm512_load_si512(tc.x)));
-    acc = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(_mm512_load_ps(tc.dx), dot, _mm512_load_ps(tc.bias)), acc);
+// acc += two blocks of a row (codes q, block scales ws per lane) times the token's codes and
+// their two block scales dx.
+inline __attribute__((always_inline)) void q8Pair(__m512& acc, __m512i q, __m512 ws, const std::int8_t* codes,
+                                                  const float* dx) {
+    const __m512i xs = _mm512_loadu_si512(codes);
+    const __m512 dxPair = _mm512_permutexvar_ps(
+        pairIndex(0),
+        _mm512_zextps128_ps512(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(dx)))));
+    const __m512 sums =
+        _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), _mm512_set1_epi8(1), xs));
+    const __m512 bias = _mm512_mul_ps(_mm512_mul_ps(dxPair, _mm512_set1_ps(-Q8_0::offset)), sums);
+    const __m512 dot = _mm512_cvtepi32_ps(_mm512_dpbusd_epi32(_mm512_setzero_si512(), q, xs));
+    acc = _mm512_fmadd_ps(ws, _mm512_fmadd_ps(dxPair, dot, bias), acc);
 }
 
-float rowQ8_0(const std::uint8_t* row, std::int64_t blocks, const TokenChunk* tok) {
+float rowQ8_0(const std::uint8_t* row, std::int64_t blocks, const std::int8_t* codes, const float* dx) {
     __m512 acc = _mm512_setzero_ps();
     std::int64_t i = 0;
     for (; i + 1 < blocks; i += 2) {
         const std::uint8_t* p = row + 34 * i;
-        q8Chunk(acc, q8Codes(p, true), pairHalves(p, p + 34), tok[i / 2]);
+        q8Pair(acc, q8Codes(p, true), pairHalves(p, p + 34), codes + 32 * i, dx + i);
     }
     if (i < blocks) // an odd last block
-        q8Chunk(acc, q8Codes(row + 34 * i, false), pairHalves(row + 34 * i, nullptr), tok[i / 2]);
+        q8Pair(acc, q8Codes(row + 34 * i, false), pairHalves(row + 34 * i, nullptr), codes + 32 * i, dx + i);
     return _mm512_reduce_add_ps(acc);
 }
 
-// A row at a time: several rows in step (independent accumulation chains) ran faster from cache
-// but slower from memory, the rows of the engine's short row ranges no longer being one
-// sequential stream.
 void oneTokenQ8_0(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                   std::int64_t rowEnd, float* y) {
-    const TokenChunk* tok = sharedQ8Tokens(x).chunks;
     const auto* base = static_cast<const std::uint8_t*>(w.data);
-    for (std::int64_t r = rowBegin; r < rowEnd; ++r)
-        y[r] = rowQ8_0(base + static_cast<std::size_t>(r) * w.rowBytes, w.cols / 32, tok);
+    for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
+        y[r] = rowQ8_0(base + static_cast<std::size_t>(r) * w.rowBytes, w.cols / 32, x.codes(0),
+                       x.blockScales(0));
+    }
 }
 
 template <class Format>

@@ -1,7 +1,7 @@
 #pragma once
 
-// One token's activations laid out for the AVX-512 Q8_0 kernels, prepared once per product with
-// the activation codes instead of once per row (one token) or per panel of rows (prompts).
+// One token's activations laid out for the AVX-512 Q8_0 tiles (several tokens), prepared once per
+// product with the activation codes instead of once per panel of rows.
 
 #include <cstdint>
 
