@@ -131,6 +131,14 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
             scale = fp16ToFloat(floatToFp16(scale));
         }
     }
+    out.q8Chunks_.clear();
+    if (weightType == GgmlType::Q8_0 && simd && nTokens > 1) {
+        out.q8Chunks_.resize(static_cast<std::size_t>(nTokens * (out.paddedCols_ / 64)));
+        for (std::int64_t t = 0; t < nTokens; ++t) {
+            detail::prepareQ8TokenChunks(out.codes(t), out.blockScales(t), out.paddedCols_,
+                                         out.q8Chunks_.data() + t * (out.paddedCols_ / 64));
+        }
+    }
     out.kquantTokens_.clear();
     out.groupBias_.clear();
     out.scaledBlockSums_.clear();

@@ -2,6 +2,7 @@
 
 #include "llm/tensor/GgmlType.h"
 #include "llm/tensor/KQuantToken.h"
+#include "llm/tensor/Q8TokenChunk.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -47,6 +48,12 @@ public:
     const detail::KQuantToken* kquantTokens(std::int64_t token) const {
         return kquantTokens_.data() + token * (cols_ / 256);
     }
+    // Several tokens against Q8_0 weights on the AVX-512 path: paddedCols() / 64 chunks per token,
+    // token after token; empty otherwise.
+    bool hasQ8TokenChunks() const { return !q8Chunks_.empty(); }
+    const detail::Q8TokenChunk* q8TokenChunks(std::int64_t token) const {
+        return q8Chunks_.data() + token * (paddedCols_ / 64);
+    }
     // Longer batches (prompts) of Q4_K, Q5_K and Q6_K go through row panels on the SIMD paths,
     // which round differently from single steps but the same at every batch size. They take, per
     // token, minus the format's code offset times the code sum of each of its scale groups (16
@@ -71,6 +78,7 @@ private:
     std::vector<float> scales_;
     std::vector<float> values_;
     std::vector<detail::KQuantToken> kquantTokens_;
+    std::vector<detail::Q8TokenChunk> q8Chunks_;
     std::vector<std::int32_t> groupBias_;
     std::vector<float> scaledBlockSums_;
 };

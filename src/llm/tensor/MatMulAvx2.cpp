@@ -584,7 +584,10 @@ template <class Format> struct QuantKernel {
             const std::int64_t m = std::min(kPanelRows, rowEnd - r0);
             for (std::int64_t r = 0; r < m; ++r)
                 decodeChunks<Format>(row(r0 + r), 0, nChunks, scratch.data() + r * panelStride());
+            const std::int64_t nextBytes =
+                std::min(kPanelRows, rowEnd - r0 - m) * static_cast<std::int64_t>(w.rowBytes);
             for (std::int64_t t0 = 0; t0 < tokens; t0 += 2) {
+                prefetchShare(row(r0 + m), nextBytes, t0 / 2, (tokens + 1) / 2);
                 const bool pair = t0 + 1 < tokens;
                 std::int64_t r = 0;
                 for (; r + kPairRows <= m; r += kPairRows) {

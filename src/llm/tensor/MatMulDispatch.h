@@ -11,7 +11,21 @@
 
 #include "llm/tensor/MatMulKernels.h"
 
+#include <xmmintrin.h>
+
+#include <algorithm>
+
 namespace parlune::llm::detail {
+
+// Prompts decode a panel of rows, then sweep token tiles over it. Tile `tile` of `tiles` also
+// prefetches its share of the next panel's `bytes` at `next`, so decoding that panel finds them
+// in cache instead of waiting on memory.
+inline void prefetchShare(const std::uint8_t* next, std::int64_t bytes, std::int64_t tile,
+                          std::int64_t tiles) {
+    const std::int64_t share = (bytes / tiles + 64) / 64 * 64;
+    for (std::int64_t at = tile * share; at < std::min(bytes, (tile + 1) * share); at += 64)
+        _mm_prefetch(reinterpret_cast<const char*>(next + at), _MM_HINT_T1);
+}
 
 template <class Level>
 void dispatchProduct(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
