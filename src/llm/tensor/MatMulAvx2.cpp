@@ -625,6 +625,7 @@ void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
     }
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 144 * s;
+        prefetchBlockAhead<144>(b);
         std::uint64_t sc, mn;
         kScaleBytes(b, sc, mn);
         const __m256i scaleBytes = _mm256_set1_epi64x(static_cast<long long>(sc));
@@ -685,6 +686,7 @@ void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
         acc[t] = _mm256_setzero_ps();
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 210 * s;
+        prefetchBlockAhead<210>(b);
         const __m256i scales =
             _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192)));
         const __m256i halves[2] = {_mm256_broadcastsi128_si256(_mm256_castsi256_si128(scales)),

@@ -799,6 +799,7 @@ void rowQ4K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
     }
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 144 * s;
+        prefetchBlockAhead<144>(b);
         const __m128i scaleBytes = kScaleBytes(b);
         const __m512i lanes = _mm512_broadcast_i32x4(scaleBytes);
         __m512i sums[T][2];
@@ -845,6 +846,7 @@ void rowQ6K(const std::uint8_t* row, std::int64_t nSuper, const KQuantToken* con
         acc[t] = _mm512_setzero_ps();
     for (std::int64_t s = 0; s < nSuper; ++s) {
         const std::uint8_t* b = row + 210 * s;
+        prefetchBlockAhead<210>(b);
         const __m256i scales =
             _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 192)));
         const __m512i halves[2] = {_mm512_broadcast_i32x4(_mm256_castsi256_si128(scales)),

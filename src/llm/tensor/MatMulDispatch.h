@@ -27,6 +27,15 @@ inline void prefetchShare(const std::uint8_t* next, std::int64_t bytes, std::int
         _mm_prefetch(reinterpret_cast<const char*>(next + at), _MM_HINT_T1);
 }
 
+// One token streams its rows once; the hardware prefetcher alone leaves the K-quant kernels
+// waiting on almost every block's first line, so each block asks for the lines a fixed distance
+// ahead (past the row's end is the next row, or harmless).
+template <int BlockBytes> inline void prefetchBlockAhead(const std::uint8_t* block) {
+    constexpr std::int64_t kAhead = 2048;
+    for (int at = 0; at < BlockBytes; at += 64)
+        _mm_prefetch(reinterpret_cast<const char*>(block + kAhead + at), _MM_HINT_T0);
+}
+
 template <class Level>
 void dispatchProduct(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                      std::int64_t rowEnd, float* y, std::int64_t ldy) {
