@@ -923,6 +923,7 @@ float rowQ8_0(const std::uint8_t* row, std::int64_t blocks, const std::int8_t* c
     std::int64_t i = 0;
     for (; i + 1 < blocks; i += 2) {
         const std::uint8_t* p = row + 34 * i;
+        prefetchBlockAhead<68>(p);
         q8Pair(acc, q8Codes(p, true), pairHalves(p, p + 34), codes + 32 * i, dx + i);
     }
     if (i < blocks) // an odd last block

@@ -27,7 +27,7 @@ inline void prefetchShare(const std::uint8_t* next, std::int64_t bytes, std::int
         _mm_prefetch(reinterpret_cast<const char*>(next + at), _MM_HINT_T1);
 }
 
-// One token streams its rows once; the hardware prefetcher alone leaves the K-quant kernels
+// One token streams its rows once; the hardware prefetcher alone leaves the one-token kernels
 // waiting on almost every block's first line, so each block asks for the lines a fixed distance
 // ahead (past the row's end is the next row, or harmless).
 template <int BlockBytes> inline void prefetchBlockAhead(const std::uint8_t* block) {
