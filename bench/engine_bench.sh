@@ -4,8 +4,10 @@
 # runs interleaved with ours (PARLUNE_REF_BENCH=/path/to/its bench binary; without it only ours),
 # and the memory-bandwidth bound for generation (every weight is read once per generated token).
 # The bound uses a read bandwidth measured in the same run (several independent accumulators
-# over a 512 MiB buffer of distinct pages, so neither latency nor shared pages flatter it),
-# before and after the models, unless PARLUNE_BENCH_BANDWIDTH_GBS gives one.
+# over a 512 MiB buffer of distinct pages, so neither latency nor shared pages flatter it), once
+# beside every interleaved run and the median per model: this VM's bandwidth moves by a third
+# within minutes, so one reading for the whole run misstates the later models' bound.
+# PARLUNE_BENCH_BANDWIDTH_GBS gives a fixed figure instead.
 #
 # usage: bench/engine_bench.sh [BUILD_DIR] [RUNS]
 #   BUILD_DIR defaults to build/release (configured and built if missing);
@@ -49,7 +51,8 @@ refRun() {
     END { print (prompt == "" ? "-" : prompt), (gen == "" ? "-" : gen) }'
 }
 
-bandwidthBefore="${PARLUNE_BENCH_BANDWIDTH_GBS:-$("$kernelBench" bandwidth "$threads")}"
+bandwidth() { echo "${PARLUNE_BENCH_BANDWIDTH_GBS:-$("$kernelBench" bandwidth "$threads")}"; }
+allBandwidths=()
 loadBefore="$(cut -d' ' -f1-3 /proc/loadavg)"
 
 # name  arch  shape  type
@@ -66,13 +69,13 @@ if [[ -n "${PARLUNE_BENCH_CASES:-}" ]]; then # a subset, e.g. PARLUNE_BENCH_CASE
   mapfile -t cases < <(printf '%s\n' "${cases[@]}" | grep -E "$PARLUNE_BENCH_CASES")
 fi
 
-printf '%-20s %-7s %7s | %7s %7s %6s | %7s %7s %6s | %6s %6s %6s | %7s\n' model type MB \
-  "prompt" "ref" "ratio" "gen" "ref" "ratio" "bound" "ours%" "ref%" "RSS MiB"
+printf '%-20s %-7s %7s | %7s %7s %6s | %7s %7s %6s | %5s %6s %6s %6s | %7s\n' model type MB \
+  "prompt" "ref" "ratio" "gen" "ref" "ratio" "GB/s" "bound" "ours%" "ref%" "RSS MiB"
 for entry in "${cases[@]}"; do
   read -r name arch shape type <<<"$entry"
   file="$models/$arch-$shape-$type.gguf"
   [[ -f "$file" ]] || "$cli" model make-test --arch "$arch" --shape "$shape" --type "$type" "$file" >/dev/null
-  ourPrompt=() ourGen=() refPrompt=() refGen=()
+  ourPrompt=() ourGen=() refPrompt=() refGen=() bandwidths=()
   mb="" rss=""
   for ((run = 0; run < runs; ++run)); do
     out="$("$cli" model bench "$file" --threads "$threads" --runs 1 --prompt-tokens 128 --gen-tokens 64)"
@@ -88,19 +91,22 @@ for entry in "${cases[@]}"; do
       [[ "$p" == "-" ]] || refPrompt+=("$p")
       [[ "$g" == "-" ]] || refGen+=("$g")
     fi
+    bandwidths+=("$(bandwidth)")
   done
+  allBandwidths+=("${bandwidths[@]}")
+  bw="$(printf '%s\n' "${bandwidths[@]}" | median)"
   op="$(printf '%s\n' "${ourPrompt[@]}" | median)"
   og="$(printf '%s\n' "${ourGen[@]}" | median)"
   rp="-" rg="-"
   if ((${#refPrompt[@]})); then rp="$(printf '%s\n' "${refPrompt[@]}" | median)"; fi
   if ((${#refGen[@]})); then rg="$(printf '%s\n' "${refGen[@]}" | median)"; fi
-  bound="$(awk -v bw="$bandwidthBefore" -v mb="$mb" 'BEGIN {printf "%.1f", bw * 1000 / mb}')"
-  printf '%-20s %-7s %7s | %7.1f %7s %6s | %7.1f %7s %6s | %6s %6s %6s | %7s\n' "$name" "$type" "$mb" \
-    "$op" "$rp" "$(ratio "$op" "$rp")" "$og" "$rg" "$(ratio "$og" "$rg")" "$bound" \
+  bound="$(awk -v bw="$bw" -v mb="$mb" 'BEGIN {printf "%.1f", bw * 1000 / mb}')"
+  printf '%-20s %-7s %7s | %7.1f %7s %6s | %7.1f %7s %6s | %5.1f %6s %6s %6s | %7s\n' "$name" "$type" "$mb" \
+    "$op" "$rp" "$(ratio "$op" "$rp")" "$og" "$rg" "$(ratio "$og" "$rg")" "$bw" "$bound" \
     "$(percent "$og" "$bound")" "$(percent "$rg" "$bound")" "$rss"
 done
-bandwidthAfter="${PARLUNE_BENCH_BANDWIDTH_GBS:-$("$kernelBench" bandwidth "$threads")}"
 echo "medians of $runs interleaved runs (each after its own warm-up), $threads threads"
 echo "reference: ${ref:-none given (PARLUNE_REF_BENCH)}; generation from an empty context for both"
 echo "load average: $loadBefore before, $(cut -d' ' -f1-3 /proc/loadavg) after"
-echo "read bandwidth on $threads threads: $bandwidthBefore GB/s before the models (the bound uses it), $bandwidthAfter after"
+echo "read bandwidth on $threads threads, GB/s: one reading per run, bound = MB / the model's median;" \
+  "all readings $(printf '%s\n' "${allBandwidths[@]}" | sort -g | awk 'NR == 1 {lo = $1} {hi = $1} END {print lo " to " hi}')"
