@@ -49,9 +49,7 @@ TEST_F(GenerationSessionTest, GreedyDecodingStreamsTheTextOfEachToken) {
     const auto prompt = encode("<|im_start|>user\nthe weather<|im_end|>\n<|im_start|>assistant\n");
     std::string streamed;
     int pieces = 0;
-    GenerationOptions options;
-    options.maxNewTokens = 6;
-    options.ignoreEndOfGeneration = true;
+    const GenerationOptions options{.maxNewTokens = 6, .ignoreEndOfGeneration = true};
     const GenerationResult result = session.generate(prompt, options, [&](std::string_view piece) {
         streamed += piece;
         ++pieces;
@@ -100,10 +98,8 @@ TEST_F(GenerationSessionTest, SavedStateServesLaterPrompts) {
     }
     session.prefill(encode("something unrelated"));
     session.restoreState(saved);
-    GenerationOptions options;
-    options.maxNewTokens = 4;
-    options.ignoreEndOfGeneration = true;
-    const GenerationResult result = session.generate(prompt, options, {});
+    const GenerationResult result =
+        session.generate(prompt, {.maxNewTokens = 4, .ignoreEndOfGeneration = true}, {});
     EXPECT_EQ(result.promptTokensReused, static_cast<std::int64_t>(instructions.size()));
     EXPECT_EQ(result.tokens, referenceGreedy(prompt, 4));
     EXPECT_EQ(saved.cache.length(), static_cast<std::int64_t>(instructions.size())); // unchanged by use
@@ -117,10 +113,7 @@ TEST_F(GenerationSessionTest, StopFlagEndsBetweenTokens) {
     GenerationSession session(model, tokenizer, pool);
     const auto prompt = encode("the sea");
     std::atomic<bool> stop{true};
-    GenerationOptions options;
-    options.maxNewTokens = 10;
-    options.stopFlag = &stop;
-    options.ignoreEndOfGeneration = true;
+    const GenerationOptions options{.maxNewTokens = 10, .stopFlag = &stop, .ignoreEndOfGeneration = true};
     GenerationResult result = session.generate(prompt, options, {});
     EXPECT_EQ(result.stopReason, StopReason::stopRequested);
     EXPECT_TRUE(result.tokens.empty());
@@ -142,9 +135,7 @@ TEST_F(GenerationSessionTest, StopsWhenTheContextIsFull) {
     recipe.contextLength = 8;
     GenerationSession session(makeTinyModel(recipe), tokenizer, pool);
     const std::int32_t prompt[] = {10, 20, 30, 40, 50};
-    GenerationOptions options;
-    options.maxNewTokens = 50;
-    options.ignoreEndOfGeneration = true;
+    const GenerationOptions options{.maxNewTokens = 50, .ignoreEndOfGeneration = true};
     const GenerationResult result = session.generate(prompt, options, {});
     EXPECT_EQ(result.stopReason, StopReason::contextFull);
     EXPECT_EQ(result.tokens.size(), 4u); // three fit in the cache, the fourth comes from the last logits
@@ -156,26 +147,15 @@ TEST_F(GenerationSessionTest, EndOfGenerationTokenStopsWithoutBeingEmitted) {
     // An untied output so greedy decoding does not just repeat its input.
     TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
     recipe.tiedOutput = false;
-    const auto loaded = GgufFile::fromBuffer(TestModelMaker::build(recipe).toBytes(), "untied");
     const std::int32_t prompt[] = {40, 41, 42};
-    GenerationOptions options;
-    options.maxNewTokens = 12;
-    options.ignoreEndOfGeneration = true;
-    const auto greedy = GenerationSession(Model::fromFile(loaded), Tokenizer::fromGguf(*loaded), pool)
-                            .generate(prompt, options, {})
-                            .tokens;
+    GenerationOptions options{.maxNewTokens = 12, .ignoreEndOfGeneration = true};
+    const auto greedy =
+        GenerationSession(makeTinyModel(recipe), tokenizer, pool).generate(prompt, options, {}).tokens;
     // The first greedy token not produced before it becomes end-of-sequence.
-    std::size_t stopAt = 1;
-    while (stopAt < greedy.size() &&
-           std::find(greedy.begin(), greedy.begin() + static_cast<std::ptrdiff_t>(stopAt), greedy[stopAt]) !=
-               greedy.begin() + static_cast<std::ptrdiff_t>(stopAt)) {
-        ++stopAt;
-    }
+    const std::size_t stopAt = testing::firstUnseen(greedy, 1);
     ASSERT_LT(stopAt, greedy.size());
-    GgufWriter writer = TestModelMaker::build(recipe);
-    writer.setUInt32("tokenizer.ggml.eos_token_id", static_cast<std::uint32_t>(greedy[stopAt]));
-    const auto file = GgufFile::fromBuffer(writer.toBytes(), "eos model");
-    GenerationSession session(Model::fromFile(file), Tokenizer::fromGguf(*file), pool);
+    const auto model = makeTinyModel(recipe, greedy[stopAt]);
+    GenerationSession session(model, Tokenizer::fromGguf(model->file()), pool);
     options.ignoreEndOfGeneration = false;
     const GenerationResult result = session.generate(prompt, options, {});
     EXPECT_EQ(result.stopReason, StopReason::endOfGeneration);
@@ -188,12 +168,6 @@ TEST(GenerationSessionArgmax, TiesGoToTheLowestId) {
     EXPECT_EQ(GenerationSession::argmax(logits), 1);
     EXPECT_THROW(GenerationSession::argmax({}), std::invalid_argument);
 }
-
-} // namespace
-} // namespace parlune::llm
-
-namespace parlune::llm {
-namespace {
 
 TEST(GenerationSessionScores, NonFiniteScoresAreAFailureNotAnAnswer) {
     // A file whose final norm holds NaN and infinity, as a damaged download might.
