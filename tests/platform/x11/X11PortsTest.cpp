@@ -4,6 +4,7 @@
 #include "platform/x11/X11KeyTable.h"
 #include "platform/x11/X11Pasteboard.h"
 #include "support/FixedFrontApplication.h"
+#include "support/TestFiles.h"
 
 #include <QDir>
 #include <QFile>
@@ -55,11 +56,7 @@ public:
         }
     }
     void write(const QString& relative, const QByteArray& text) {
-        const QString path = root_.path() + QLatin1Char('/') + relative;
-        QDir().mkpath(QFileInfo(path).path());
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(text);
+        test::writeFile(root_.filePath(relative), text);
     }
 
 private:
