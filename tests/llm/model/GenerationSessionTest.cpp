@@ -26,6 +26,7 @@ protected:
     std::shared_ptr<const Model> model = makeTinyModel(tinySpec(Architecture::qwen2, GgmlType::Q8_0));
     std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(model->file());
     ThreadPool pool{2};
+    GenerationSession session{model, tokenizer, pool};
 
     std::vector<std::int32_t> encode(std::string_view text) const { return tokenizer->encode(text, true); }
 
@@ -45,7 +46,6 @@ protected:
 };
 
 TEST_F(GenerationSessionTest, GreedyDecodingStreamsTheTextOfEachToken) {
-    GenerationSession session(model, tokenizer, pool);
     const auto prompt = encode("<|im_start|>user\nthe weather<|im_end|>\n<|im_start|>assistant\n");
     std::string streamed;
     int pieces = 0;
@@ -65,7 +65,6 @@ TEST_F(GenerationSessionTest, GreedyDecodingStreamsTheTextOfEachToken) {
 }
 
 TEST_F(GenerationSessionTest, ReusesTheLongestCachedPrefix) {
-    GenerationSession session(model, tokenizer, pool);
     const auto first = encode("<|im_start|>system\nbe brief<|im_end|>\n<|im_start|>user\nhello");
     const auto second = encode("<|im_start|>system\nbe brief<|im_end|>\n<|im_start|>user\nthe other");
     std::size_t shared = 0;
@@ -87,7 +86,6 @@ TEST_F(GenerationSessionTest, ReusesTheLongestCachedPrefix) {
 }
 
 TEST_F(GenerationSessionTest, SavedStateServesLaterPrompts) {
-    GenerationSession session(model, tokenizer, pool);
     const auto instructions = encode("<|im_start|>system\nrewrite the text<|im_end|>\n<|im_start|>");
     session.prefill(instructions);
     const GenerationSession::State saved = session.saveState();
@@ -110,7 +108,6 @@ TEST_F(GenerationSessionTest, SavedStateServesLaterPrompts) {
 }
 
 TEST_F(GenerationSessionTest, StopFlagEndsBetweenTokens) {
-    GenerationSession session(model, tokenizer, pool);
     const auto prompt = encode("the sea");
     std::atomic<bool> stop{true};
     const GenerationOptions options{.maxNewTokens = 10, .stopFlag = &stop, .ignoreEndOfGeneration = true};
@@ -133,14 +130,14 @@ TEST_F(GenerationSessionTest, StopFlagEndsBetweenTokens) {
 TEST_F(GenerationSessionTest, StopsWhenTheContextIsFull) {
     TestModelRecipe recipe = tinySpec(Architecture::llama);
     recipe.contextLength = 8;
-    GenerationSession session(makeTinyModel(recipe), tokenizer, pool);
+    GenerationSession small(makeTinyModel(recipe), tokenizer, pool);
     const std::int32_t prompt[] = {10, 20, 30, 40, 50};
     const GenerationOptions options{.maxNewTokens = 50, .ignoreEndOfGeneration = true};
-    const GenerationResult result = session.generate(prompt, options, {});
+    const GenerationResult result = small.generate(prompt, options, {});
     EXPECT_EQ(result.stopReason, StopReason::contextFull);
     EXPECT_EQ(result.tokens.size(), 4u); // three fit in the cache, the fourth comes from the last logits
     const std::int32_t tooLong[] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    EXPECT_THROW(session.generate(tooLong, options, {}), std::length_error);
+    EXPECT_THROW(small.generate(tooLong, options, {}), std::length_error);
 }
 
 TEST_F(GenerationSessionTest, EndOfGenerationTokenStopsWithoutBeingEmitted) {
@@ -154,10 +151,10 @@ TEST_F(GenerationSessionTest, EndOfGenerationTokenStopsWithoutBeingEmitted) {
     // The first greedy token not produced before it becomes end-of-sequence.
     const std::size_t stopAt = testing::firstUnseen(greedy, 1);
     ASSERT_LT(stopAt, greedy.size());
-    const auto model = makeTinyModel(recipe, greedy[stopAt]);
-    GenerationSession session(model, Tokenizer::fromGguf(model->file()), pool);
+    const auto ending = makeTinyModel(recipe, greedy[stopAt]);
     options.ignoreEndOfGeneration = false;
-    const GenerationResult result = session.generate(prompt, options, {});
+    const GenerationResult result =
+        GenerationSession(ending, Tokenizer::fromGguf(ending->file()), pool).generate(prompt, options, {});
     EXPECT_EQ(result.stopReason, StopReason::endOfGeneration);
     EXPECT_EQ(result.tokens, std::vector<std::int32_t>(greedy.begin(),
                                                        greedy.begin() + static_cast<std::ptrdiff_t>(stopAt)));
