@@ -146,6 +146,7 @@ std::vector<float> readFloats(const std::filesystem::path& path) {
     return values;
 }
 
+// Skips its cases where the shared fixtures are absent.
 template <typename Base> class WithFixtures : public Base {
 protected:
     void SetUp() override {
@@ -159,11 +160,9 @@ using ModelConformance = WithFixtures<::testing::TestWithParam<ConformanceCase>>
 
 // The reference picks the plain argmax, end of generation or not.
 GenerationOptions plainGreedy(std::size_t tokens) {
-    GenerationOptions options;
-    options.maxNewTokens = static_cast<std::int64_t>(tokens);
-    options.ignoreEndOfGeneration = true;
-    options.onlyAnswerTokens = false;
-    return options;
+    return {.maxNewTokens = static_cast<std::int64_t>(tokens),
+            .ignoreEndOfGeneration = true,
+            .onlyAnswerTokens = false};
 }
 
 TEST_P(ModelConformance, LogitsOfEveryPositionMatchTheReference) {
