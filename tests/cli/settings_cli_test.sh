@@ -5,7 +5,7 @@ set -u
 cli="$1"
 scratch="$(mktemp -d)"
 trap 'rm -rf "$scratch"' EXIT
-failures=0
+source "$(dirname "$0")/check.sh"
 
 fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 
@@ -92,8 +92,4 @@ expect_eq "escapes exit" "$rc" 0
 [[ "$out" == *$'\033'* ]] && fail "an escape character reached the terminal"
 expect_contains "escaped shortcut" "$out" 'Shortcut: \x1b[2J\x1b[31mRed\x07'
 
-if [ "$failures" -ne 0 ]; then
-  echo "$failures check(s) failed" >&2
-  exit 1
-fi
-echo "settings CLI: all checks passed"
+exit $((failures > 0))

@@ -1,5 +1,6 @@
 #include "inference/LlmLanguageModelFramework.h"
 
+#include "TinyModelFiles.h"
 #include "core/async/CancellationError.h"
 #include "core/diagnostics/UserFacingErrorMessage.h"
 #include "core/engine/ImprovedPromptOutput.h"
@@ -28,27 +29,9 @@ namespace {
 using EngineKind = LocalRewriteEngineError::Kind;
 using FrameworkKind = LanguageModelGenerationError::Kind;
 
-std::filesystem::path writeTinyModel(const std::filesystem::path& path, std::int64_t contextLength = 2048,
-                                     const std::vector<std::string>& languages = {}) {
-    llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
-    recipe.contextLength = contextLength;
-    recipe.tiedOutput = false; // a tied random model answers with one blank token over and over
-    llm::GgufWriter writer = llm::TestModelMaker::build(recipe);
-    if (!languages.empty()) {
-        writer.setStringArray("general.languages", languages);
-    }
-    writer.write(path);
-    return path;
-}
-
-LlmInference::Options optionsFor(const std::filesystem::path& path) {
-    LlmInference::Options options;
-    options.locate = [path] {
-        return std::optional(ModelLocator::inspect(path, ModelFileReport::Source::setting));
-    };
-    options.threadCount = 1;
-    return options;
-}
+using test::greedy;
+using test::optionsFor;
+using test::writeTinyModel;
 
 template <typename T> std::optional<FrameworkKind> frameworkKindOf(QCoro::Task<T>&& task) {
     try {
@@ -66,12 +49,6 @@ std::optional<EngineKind> engineKindOf(QCoro::Task<QString>&& task) {
         return failure.kind();
     }
     return std::nullopt;
-}
-
-GenerationOptions greedy(std::int64_t maximumTokens) {
-    GenerationOptions options;
-    options.maximumResponseTokens = maximumTokens;
-    return options;
 }
 
 const QString text = QStringLiteral("Please could you make this sentence somewhat shorter for me.");

@@ -1,5 +1,6 @@
 #include "inference/LlmLanguageModelFramework.h"
 
+#include "TinyModelFiles.h"
 #include "inference/ModelLocator.h"
 #include "llm/gguf/GgufFile.h"
 #include "llm/gguf/GgufWriter.h"
@@ -73,14 +74,6 @@ bool keepsTheOldBytes(Change change) {
     return change == Change::replaceByRename || change == Change::remove;
 }
 
-llm::GgufWriter modelWithSeed(std::uint64_t seed) {
-    llm::TestModelRecipe recipe = *llm::TestModelRecipe::shape("tiny", llm::Architecture::qwen2);
-    recipe.contextLength = 2048;
-    recipe.tiedOutput = false;
-    recipe.seed = seed;
-    return llm::TestModelMaker::build(recipe);
-}
-
 // Leaves `path` holding the model in `replacement` (or nothing, for a delete).
 void apply(Change change, const fs::path& path, const fs::path& replacement) {
     const std::string target = "'" + path.string() + "'";
@@ -113,8 +106,8 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(folder.isValid());
         dir = folder.path().toStdString();
-        modelWithSeed(1).write(dir / "first.gguf");
-        modelWithSeed(2).write(dir / "second.gguf");
+        test::writeTinyModel(dir / "first.gguf");
+        test::writeTinyModel(dir / "second.gguf", 2048, {}, 2);
     }
 
     fs::path modelPath() const { return dir / "model.gguf"; }
@@ -123,32 +116,13 @@ protected:
         fs::copy_file(dir / "first.gguf", modelPath());
     }
 
-    LlmInference::Options options(int threads) const {
-        LlmInference::Options result;
-        result.locate = [path = modelPath()] {
-            return std::optional(ModelLocator::inspect(path, ModelFileReport::Source::setting));
-        };
-        result.threadCount = threads;
-        return result;
-    }
-
-    static GenerationOptions tokens(std::int64_t count) {
-        GenerationOptions result;
-        result.maximumResponseTokens = count;
-        return result;
-    }
-
     // The answer a model file gives, from a framework of its own.
     QString answerOf(const fs::path& file, const QString& prompt, std::int64_t count) const {
-        LlmInference::Options own;
-        own.locate = [file] {
-            return std::optional(ModelLocator::inspect(file, ModelFileReport::Source::setting));
-        };
-        own.threadCount = 1;
+        LlmInference::Options own = test::optionsFor(file);
         own.forcedResponseTokens = count;
         LlmLanguageModelFramework framework(std::move(own));
         return test::runTask(
-            framework.openSession(QStringLiteral("Be brief."))->respond(prompt, tokens(count), {}));
+            framework.openSession(QStringLiteral("Be brief."))->respond(prompt, test::greedy(count), {}));
     }
 
     QTemporaryDir folder;
@@ -160,7 +134,7 @@ TEST_F(ModelFileChangeTest, BetweenTokensAChangedFileEndsTheSessionOnItsOldBytes
          {Change::truncate, Change::overwriteInPlace, Change::replaceByRename, Change::remove}) {
         SCOPED_TRACE(nameOf(change));
         resetModel();
-        const auto reference = llm::Model::fromFile(llm::GgufFile::fromBuffer(modelWithSeed(1).toBytes()));
+        const auto reference = llm::Model::load(dir / "first.gguf");
         const auto model = llm::Model::load(modelPath());
         const std::shared_ptr<const llm::Tokenizer> tokenizer = llm::Tokenizer::fromGguf(model->file());
         llm::ThreadPool pool(4); // the change lands while every worker has read the weights
@@ -200,7 +174,7 @@ TEST_F(ModelFileChangeTest, ARequestRacingAChangeFailsClearlyOrIsUnaffectedAndTh
             SCOPED_TRACE(std::string(nameOf(change)) + ", round " + std::to_string(round));
             resetModel();
             const int holder = change == Change::truncateUnleased ? ::open(modelPath().c_str(), O_RDWR) : -1;
-            LlmInference::Options racing = options(4);
+            LlmInference::Options racing = test::optionsFor(modelPath(), 4);
             racing.forcedResponseTokens = length;
             LlmLanguageModelFramework framework(std::move(racing));
             // The change lands at some point of the request: before, during or after its tokens.
@@ -215,8 +189,8 @@ TEST_F(ModelFileChangeTest, ARequestRacingAChangeFailsClearlyOrIsUnaffectedAndTh
             QString answer;
             QString failure;
             try {
-                answer = test::runTask(
-                    framework.openSession(QStringLiteral("Be brief."))->respond(prompt, tokens(length), {}));
+                answer = test::runTask(framework.openSession(QStringLiteral("Be brief."))
+                                           ->respond(prompt, test::greedy(length), {}));
             } catch (const LanguageModelGenerationError& error) {
                 failure = error.detail();
             }
@@ -243,10 +217,9 @@ TEST_F(ModelFileChangeTest, ARequestRacingAChangeFailsClearlyOrIsUnaffectedAndTh
                 fs::copy_file(dir / "second.gguf", modelPath());
             }
             // The next request loads what the path holds now.
-            EXPECT_EQ(
-                test::runTask(
-                    framework.openSession(QStringLiteral("Be brief."))->respond(prompt, tokens(length), {})),
-                after);
+            EXPECT_EQ(test::runTask(framework.openSession(QStringLiteral("Be brief."))
+                                        ->respond(prompt, test::greedy(length), {})),
+                      after);
         }
     }
 }

@@ -31,18 +31,22 @@ QCoro::Task<void> awaitInto(Continuation<int> continuation, std::stop_token toke
     outcome->finished = true;
 }
 
-TEST(ContinuationTest, ValueGivenBeforeWaitingIsReturnedWithoutSuspending) {
+// A continuation, a stop source for its waiter, and what the waiter got.
+class ContinuationTest : public ::testing::Test {
+protected:
+    std::stop_source source;
     Continuation<int> continuation;
-    EXPECT_TRUE(continuation.resume(7));
     Outcome outcome;
+};
+
+TEST_F(ContinuationTest, ValueGivenBeforeWaitingIsReturnedWithoutSuspending) {
+    EXPECT_TRUE(continuation.resume(7));
     auto task = awaitInto(continuation, {}, &outcome);
     EXPECT_TRUE(outcome.finished); // no trip through the event loop was needed
     EXPECT_EQ(outcome.value, 7);
 }
 
-TEST(ContinuationTest, ResumptionIsDeliveredOnALaterTurnOfTheEventLoop) {
-    Continuation<int> continuation;
-    Outcome outcome;
+TEST_F(ContinuationTest, ResumptionIsDeliveredOnALaterTurnOfTheEventLoop) {
     auto task = awaitInto(continuation, {}, &outcome);
     ASSERT_FALSE(outcome.finished);
     EXPECT_TRUE(continuation.resume(3));
@@ -51,9 +55,7 @@ TEST(ContinuationTest, ResumptionIsDeliveredOnALaterTurnOfTheEventLoop) {
     EXPECT_EQ(outcome.value, 3);
 }
 
-TEST(ContinuationTest, FirstCompletionWinsAndErrorsPropagate) {
-    Continuation<int> continuation;
-    Outcome outcome;
+TEST_F(ContinuationTest, FirstCompletionWinsAndErrorsPropagate) {
     auto task = awaitInto(continuation, {}, &outcome);
     EXPECT_TRUE(continuation.resumeThrowing(std::make_exception_ptr(std::runtime_error("boom"))));
     EXPECT_FALSE(continuation.resume(1));
@@ -62,49 +64,34 @@ TEST(ContinuationTest, FirstCompletionWinsAndErrorsPropagate) {
     EXPECT_FALSE(outcome.value);
 }
 
-TEST(ContinuationTest, CancellationBeforeDuringAndAfterSuspension) {
-    {
-        SCOPED_TRACE("already cancelled: fails at once, never suspends");
-        std::stop_source source;
-        source.request_stop();
-        Continuation<int> continuation;
-        Outcome outcome;
-        auto task = awaitInto(continuation, source.get_token(), &outcome);
-        EXPECT_TRUE(outcome.finished);
-        EXPECT_TRUE(outcome.cancelled);
-        EXPECT_FALSE(continuation.resume(1)) << "a cancelled continuation is completed";
-    }
-    {
-        SCOPED_TRACE("cancelled while suspended: ends with a cancellation, a late value is refused");
-        std::stop_source source;
-        Continuation<int> continuation;
-        Outcome outcome;
-        auto task = awaitInto(continuation, source.get_token(), &outcome);
-        source.request_stop();
-        ASSERT_TRUE(pumpUntil([&] { return outcome.finished; }));
-        EXPECT_TRUE(outcome.cancelled);
-        EXPECT_FALSE(continuation.resume(5));
-    }
-    {
-        SCOPED_TRACE("cancelled after the value arrived: the value wins");
-        std::stop_source source;
-        Continuation<int> continuation;
-        Outcome outcome;
-        auto task = awaitInto(continuation, source.get_token(), &outcome);
-        continuation.resume(9);
-        source.request_stop();
-        ASSERT_TRUE(pumpUntil([&] { return outcome.finished; }));
-        EXPECT_FALSE(outcome.cancelled);
-        EXPECT_EQ(outcome.value, 9);
-    }
+TEST_F(ContinuationTest, AlreadyCancelledFailsAtOnceWithoutSuspending) {
+    source.request_stop();
+    auto task = awaitInto(continuation, source.get_token(), &outcome);
+    EXPECT_TRUE(outcome.finished);
+    EXPECT_TRUE(outcome.cancelled);
+    EXPECT_FALSE(continuation.resume(1)) << "a cancelled continuation is completed";
 }
 
-TEST(ContinuationTest, StopRequestedFromAnotherThreadResumesOnTheMainThread) {
-    std::stop_source source;
-    Continuation<int> continuation;
-    Outcome outcome;
+TEST_F(ContinuationTest, CancelledWhileSuspendedEndsCancelledAndRefusesALateValue) {
     auto task = awaitInto(continuation, source.get_token(), &outcome);
-    std::thread([&source] { source.request_stop(); }).join();
+    source.request_stop();
+    ASSERT_TRUE(pumpUntil([&] { return outcome.finished; }));
+    EXPECT_TRUE(outcome.cancelled);
+    EXPECT_FALSE(continuation.resume(5));
+}
+
+TEST_F(ContinuationTest, CancelledAfterTheValueArrivedKeepsTheValue) {
+    auto task = awaitInto(continuation, source.get_token(), &outcome);
+    continuation.resume(9);
+    source.request_stop();
+    ASSERT_TRUE(pumpUntil([&] { return outcome.finished; }));
+    EXPECT_FALSE(outcome.cancelled);
+    EXPECT_EQ(outcome.value, 9);
+}
+
+TEST_F(ContinuationTest, StopRequestedFromAnotherThreadResumesOnTheMainThread) {
+    auto task = awaitInto(continuation, source.get_token(), &outcome);
+    std::thread([this] { source.request_stop(); }).join();
     ASSERT_TRUE(pumpUntil([&] { return outcome.finished; }));
     EXPECT_TRUE(outcome.cancelled);
 }

@@ -72,10 +72,11 @@ class OnDeviceModelClientTest : public ::testing::Test {
 protected:
     ScriptedLanguageModelFramework framework;
     test::ManualMemoryPressureSource pressure;
+    OnDeviceModelClient client{framework, nullptr};
 };
 
 TEST_F(OnDeviceModelClientTest, AvailabilityFollowsTheFrameworkAndTheLocale) {
-    OnDeviceModelClient client(framework, &pressure);
+    OnDeviceModelClient watched(framework, &pressure);
     EXPECT_TRUE(pressure.isStarted());
     const std::pair<Reason, LocalModelAvailability> cases[] = {
         {Reason::deviceNotEligible, LocalModelAvailability::deviceNotEligible},
@@ -85,18 +86,17 @@ TEST_F(OnDeviceModelClientTest, AvailabilityFollowsTheFrameworkAndTheLocale) {
     };
     for (const auto& [reason, expected] : cases) {
         framework.status = LanguageModelAvailabilityStatus::unavailable(reason);
-        EXPECT_EQ(client.availability(), expected);
-        EXPECT_THROW(client.ensureAvailable(), LocalRewriteEngineError);
+        EXPECT_EQ(watched.availability(), expected);
+        EXPECT_THROW(watched.ensureAvailable(), LocalRewriteEngineError);
     }
     framework.status = LanguageModelAvailabilityStatus::available();
-    EXPECT_EQ(client.availability(), LocalModelAvailability::available);
-    EXPECT_NO_THROW(client.ensureAvailable());
+    EXPECT_EQ(watched.availability(), LocalModelAvailability::available);
+    EXPECT_NO_THROW(watched.ensureAvailable());
     framework.localeSupported = false;
-    EXPECT_EQ(client.availability(), LocalModelAvailability::unsupportedLocale);
+    EXPECT_EQ(watched.availability(), LocalModelAvailability::unsupportedLocale);
 }
 
 TEST_F(OnDeviceModelClientTest, UnavailableModelFailsBeforeTheGateAndTrivialClarityNeedsNoModel) {
-    OnDeviceModelClient client(framework, nullptr);
     const QString detail = QStringLiteral("The model file /m/x.gguf cannot be used: not a GGUF file.");
     framework.status = LanguageModelAvailabilityStatus::unavailable(Reason::modelNotReady, detail);
     EXPECT_EQ(client.availabilityDetail(), detail);
@@ -121,7 +121,6 @@ TEST_F(OnDeviceModelClientTest, UnavailableModelFailsBeforeTheGateAndTrivialClar
 }
 
 TEST_F(OnDeviceModelClientTest, LengthRefusalsComeFirstAndNameWhatIsTooLong) {
-    OnDeviceModelClient client(framework, nullptr);
     // Unavailable too: a refusal by arithmetic is given before the model is even asked about.
     framework.status = LanguageModelAvailabilityStatus::unavailable(Reason::modelNotReady);
     const QString huge(5'000'000, QLatin1Char('x'));
@@ -151,7 +150,6 @@ TEST_F(OnDeviceModelClientTest, LengthRefusalsComeFirstAndNameWhatIsTooLong) {
 }
 
 TEST_F(OnDeviceModelClientTest, StyleRewriteWarmsOnceAndUsesAFreshSessionEachTime) {
-    OnDeviceModelClient client(framework, nullptr);
     framework.answer = [](const ScriptedLanguageModelFramework::Request&) {
         return QStringLiteral("\n<rewritten_text>\nShorter.\n</rewritten_text>\n");
     };
@@ -183,7 +181,6 @@ TEST_F(OnDeviceModelClientTest, StyleRewriteWarmsOnceAndUsesAFreshSessionEachTim
 }
 
 TEST_F(OnDeviceModelClientTest, ImprovePromptAnswersAreRebuiltOrRejectedAndEmptyAnswersFail) {
-    OnDeviceModelClient client(framework, nullptr);
     QString reply;
     framework.answer = [&reply](const ScriptedLanguageModelFramework::Request&) { return reply; };
     const QString text = QStringLiteral("write a poem");
@@ -213,7 +210,6 @@ TEST_F(OnDeviceModelClientTest, ImprovePromptAnswersAreRebuiltOrRejectedAndEmpty
 }
 
 TEST_F(OnDeviceModelClientTest, FrameworkErrorsAreSanitised) {
-    OnDeviceModelClient client(framework, nullptr);
     test::runTask(client.prepare({}));
     const std::pair<FrameworkKind, EngineKind> table[] = {
         {FrameworkKind::exceededContextWindowSize, EngineKind::selectionTooLong},
@@ -248,7 +244,6 @@ TEST_F(OnDeviceModelClientTest, FrameworkErrorsAreSanitised) {
 }
 
 TEST_F(OnDeviceModelClientTest, ConcurrentPreparationsShareOneWarmup) {
-    OnDeviceModelClient client(framework, nullptr);
     auto first = std::make_shared<Outcome>();
     auto second = std::make_shared<Outcome>();
     QCoro::Task<void> a = prepareInto(client, {}, first);
@@ -263,26 +258,25 @@ TEST_F(OnDeviceModelClientTest, ConcurrentPreparationsShareOneWarmup) {
 }
 
 TEST_F(OnDeviceModelClientTest, MemoryPressureDuringWarmupCancelsItAndLeavesTheClientCold) {
-    OnDeviceModelClient client(framework, &pressure);
+    OnDeviceModelClient watched(framework, &pressure);
     auto outcome = std::make_shared<Outcome>();
-    QCoro::Task<void> warming = prepareInto(client, {}, outcome); // now in its pause before the request
+    QCoro::Task<void> warming = prepareInto(watched, {}, outcome); // now in its pause before the request
     pressure.fire(MemoryPressureLevel::warning);
     ASSERT_TRUE(test::pumpUntil([&] { return outcome->done; }));
     EXPECT_TRUE(isCancellationError(outcome->error));
-    EXPECT_FALSE(client.isWarm());
-    EXPECT_FALSE(client.isWarming());
+    EXPECT_FALSE(watched.isWarm());
+    EXPECT_FALSE(watched.isWarming());
     EXPECT_TRUE(framework.requests.empty());
 
-    EXPECT_EQ(test::runTask(client.rewrite(QStringLiteral("Some text"), RewriteMode::casual, {}, {})),
+    EXPECT_EQ(test::runTask(watched.rewrite(QStringLiteral("Some text"), RewriteMode::casual, {}, {})),
               QStringLiteral("fine"));
     EXPECT_EQ(framework.requestsWithInstructions(RewritePrompt::warmupInstructions()), 1u);
     EXPECT_EQ(framework.openedWith.size(), 3u); // two warm-up sessions, one rewrite session
     pressure.fire(MemoryPressureLevel::critical);
-    EXPECT_FALSE(client.isWarm());
+    EXPECT_FALSE(watched.isWarm());
 }
 
 TEST_F(OnDeviceModelClientTest, CancellationWhileWaitingForTheGateOrGeneratingReleasesTheGate) {
-    OnDeviceModelClient client(framework, nullptr);
     test::runTask(client.prepare({}));
     framework.holdResponses = true;
 

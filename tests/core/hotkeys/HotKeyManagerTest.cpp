@@ -20,9 +20,13 @@ using testing::FakeHotKeyService;
 const HotKeyShortcut optionSpace{49, 2048, "Alt+Space"};
 const HotKeyShortcut commandShiftH{4, 768, "Super+Shift+H"};
 
-TEST(HotKeyManagerTest, RegistersHandlerThenKeyAndRunsActionOncePerPress) {
+class HotKeyManagerTest : public ::testing::Test {
+protected:
     FakeHotKeyService service;
-    HotKeyManager manager(service);
+    HotKeyManager manager{service};
+};
+
+TEST_F(HotKeyManagerTest, RegistersHandlerThenKeyAndRunsActionOncePerPress) {
     int presses = 0;
     manager.registerShortcut(optionSpace, [&] { ++presses; });
 
@@ -35,18 +39,14 @@ TEST(HotKeyManagerTest, RegistersHandlerThenKeyAndRunsActionOncePerPress) {
     EXPECT_EQ(presses, 1);
 }
 
-TEST(HotKeyManagerTest, DisplayNamePlaysNoPartAndPresetsUseTheirCodes) {
-    FakeHotKeyService service;
-    HotKeyManager manager(service);
+TEST_F(HotKeyManagerTest, DisplayNamePlaysNoPartAndPresetsUseTheirCodes) {
     manager.registerShortcut(HotKeyShortcut{49, 2048, "renamed"}, [] {});
     manager.registerPreset(HotKeyPreset::all().at(1), [] {});
     EXPECT_EQ(service.calls, (std::vector<std::string>{"install", "register 49/2048", "unregister", "remove",
                                                        "install", "register 4/768"}));
 }
 
-TEST(HotKeyManagerTest, TakenShortcutThrowsStatusAndLeavesNothingRegisteredNotEvenThePreviousOne) {
-    FakeHotKeyService service;
-    HotKeyManager manager(service);
+TEST_F(HotKeyManagerTest, TakenShortcutThrowsStatusAndLeavesNothingRegisteredNotEvenThePreviousOne) {
     int presses = 0;
     manager.registerShortcut(commandShiftH, [&] { ++presses; });
 
@@ -67,9 +67,7 @@ TEST(HotKeyManagerTest, TakenShortcutThrowsStatusAndLeavesNothingRegisteredNotEv
     EXPECT_EQ(presses, 0);
 }
 
-TEST(HotKeyManagerTest, FailedHandlerInstallKeepsActionUntilTheNextRegistration) {
-    FakeHotKeyService service;
-    HotKeyManager manager(service);
+TEST_F(HotKeyManagerTest, FailedHandlerInstallKeepsActionUntilTheNextRegistration) {
     service.installStatus = -50;
     EXPECT_THROW(manager.registerShortcut(optionSpace, [] {}), HotKeyError);
     EXPECT_EQ(service.calls, std::vector<std::string>{"install"});
@@ -83,9 +81,7 @@ TEST(HotKeyManagerTest, FailedHandlerInstallKeepsActionUntilTheNextRegistration)
     EXPECT_EQ(service.handlers.size(), 1u);
 }
 
-TEST(HotKeyManagerTest, UnregisterOnFreshManagerOrTwiceDoesNothing) {
-    FakeHotKeyService service;
-    HotKeyManager manager(service);
+TEST_F(HotKeyManagerTest, UnregisterOnFreshManagerOrTwiceDoesNothing) {
     manager.unregister();
     manager.unregister();
     EXPECT_TRUE(service.calls.empty());
@@ -98,9 +94,7 @@ TEST(HotKeyManagerTest, UnregisterOnFreshManagerOrTwiceDoesNothing) {
     EXPECT_FALSE(HotKeyManager::hasSharedAction());
 }
 
-TEST(HotKeyManagerTest, ForeignSignatureOrMissingIdentifierIsIgnoredAndAnsweredZero) {
-    FakeHotKeyService service;
-    HotKeyManager manager(service);
+TEST_F(HotKeyManagerTest, ForeignSignatureOrMissingIdentifierIsIgnoredAndAnsweredZero) {
     int presses = 0;
     manager.registerShortcut(optionSpace, [&] { ++presses; });
 
@@ -112,7 +106,7 @@ TEST(HotKeyManagerTest, ForeignSignatureOrMissingIdentifierIsIgnoredAndAnsweredZ
     EXPECT_EQ(presses, 1);
 }
 
-TEST(HotKeyManagerTest, LatePressAfterTheManagerIsGoneCallsNothing) {
+TEST(HotKeyManagerLifetimeTest, LatePressAfterTheManagerIsGoneCallsNothing) {
     FakeHotKeyService service;
     int presses = 0;
     {
@@ -125,9 +119,7 @@ TEST(HotKeyManagerTest, LatePressAfterTheManagerIsGoneCallsNothing) {
     EXPECT_EQ(presses, 0);
 }
 
-TEST(HotKeyManagerTest, SameShortcutTwiceEndsWithExactlyOneRegistration) {
-    FakeHotKeyService service;
-    HotKeyManager manager(service);
+TEST_F(HotKeyManagerTest, SameShortcutTwiceEndsWithExactlyOneRegistration) {
     int first = 0;
     int second = 0;
     manager.registerShortcut(optionSpace, [&] { ++first; });
@@ -139,9 +131,7 @@ TEST(HotKeyManagerTest, SameShortcutTwiceEndsWithExactlyOneRegistration) {
     EXPECT_EQ(second, 1);
 }
 
-TEST(HotKeyManagerTest, ActionMayReRegisterFromInsideAPress) {
-    FakeHotKeyService service;
-    HotKeyManager manager(service);
+TEST_F(HotKeyManagerTest, ActionMayReRegisterFromInsideAPress) {
     int presses = 0;
     manager.registerShortcut(optionSpace, [&] {
         ++presses;

@@ -3,6 +3,7 @@
 #include "core/models/OllamaManifest.h"
 #include "support/QtPrinters.h"
 #include "support/RunTask.h"
+#include "support/TestFiles.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -51,11 +52,7 @@ protected:
     QString path(const QString& relative) const { return home_.path() + u'/' + relative; }
 
     void write(const QString& relative, const QByteArray& content) {
-        const QString file = path(relative);
-        ASSERT_TRUE(QDir().mkpath(QFileInfo(file).path()));
-        QFile out(file);
-        ASSERT_TRUE(out.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        out.write(content);
+        test::writeFile(path(relative), content);
     }
 
     void link(const QString& target, const QString& relative) {

@@ -3,6 +3,7 @@
 #include "core/models/VerifiedDownload.h"
 #include "support/QtPrinters.h"
 #include "support/RunTask.h"
+#include "support/TestFiles.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -18,6 +19,8 @@ namespace {
 
 using State = VerifiedDownload::State;
 using test::pumpUntil;
+using test::readFile;
+using test::writeFile;
 using testing::LoopbackHttpsServer;
 
 class VerifiedDownloadTest : public ::testing::Test {
@@ -27,10 +30,7 @@ protected:
         QRandomGenerator random(11);
         content_.resize(3 * 1024 * 1024 + 123);
         random.fillRange(reinterpret_cast<quint32*>(content_.data()), content_.size() / 4);
-        QFile file(served_.filePath(QStringLiteral("model.bin")));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(content_);
-        file.close();
+        writeFile(served_.filePath(QStringLiteral("model.bin")), content_);
         sha256_ = QCryptographicHash::hash(content_, QCryptographicHash::Sha256).toHex();
         if (const QString problem = server_.start(served_.path()); !problem.isEmpty()) {
             GTEST_SKIP() << problem.toStdString();
@@ -55,11 +55,6 @@ protected:
         return download.state();
     }
 
-    QByteArray read(const QString& path) const {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-    }
-
     QTemporaryDir served_;
     QTemporaryDir target_;
     QByteArray content_;
@@ -76,7 +71,7 @@ TEST_F(VerifiedDownloadTest, AVerifiedDownloadIsRenamedIntoPlace) {
         model->progressed.connect([&](const DownloadProgress& p) { reports << p; });
 
     ASSERT_EQ(run(*model), State::finished) << model->failure().toStdString();
-    EXPECT_EQ(read(destination()), content_);
+    EXPECT_EQ(readFile(destination()), content_);
     EXPECT_FALSE(QFile::exists(model->partPath()));
     ASSERT_FALSE(reports.isEmpty());
     EXPECT_EQ(reports.back().receivedBytes, content_.size());
@@ -86,7 +81,7 @@ TEST_F(VerifiedDownloadTest, AVerifiedDownloadIsRenamedIntoPlace) {
 TEST_F(VerifiedDownloadTest, WithoutAPinnedHashThePublishedOneDecides) {
     auto published = download(QStringLiteral("/linked/model.bin"));
     ASSERT_EQ(run(*published), State::finished) << published->failure().toStdString();
-    EXPECT_EQ(read(destination()), content_);
+    EXPECT_EQ(readFile(destination()), content_);
     ASSERT_TRUE(QFile::remove(destination()));
 
     auto wrong = download(QStringLiteral("/linked-wrong/model.bin"));
@@ -122,19 +117,14 @@ TEST_F(VerifiedDownloadTest, AnInterruptedTransferResumesFromItsPartFileAfterARe
     });
     ASSERT_EQ(run(*second), State::finished) << second->failure().toStdString();
     EXPECT_EQ(resumedAt, kept) << "the transfer continued from the .part instead of starting over";
-    EXPECT_EQ(read(destination()), content_);
+    EXPECT_EQ(readFile(destination()), content_);
 }
 
 TEST_F(VerifiedDownloadTest, APartFileThatIsAlreadyCompleteIsVerifiedWithoutTransfer) {
-    QDir().mkpath(QFileInfo(destination()).path());
-    QFile part(destination() + QStringLiteral(".part"));
-    ASSERT_TRUE(part.open(QIODevice::WriteOnly));
-    part.write(content_);
-    part.close();
-
+    writeFile(destination() + QStringLiteral(".part"), content_);
     auto model = download(QStringLiteral("/files/model.bin"), sha256_);
     ASSERT_EQ(run(*model), State::finished) << model->failure().toStdString();
-    EXPECT_EQ(read(destination()), content_);
+    EXPECT_EQ(readFile(destination()), content_);
 }
 
 TEST_F(VerifiedDownloadTest, ServerErrorsAndUnsafeAddressesEndInOneSentenceAndTouchNothing) {
@@ -171,30 +161,23 @@ TEST_F(VerifiedDownloadTest, ServerErrorsAndUnsafeAddressesEndInOneSentenceAndTo
         QStringLiteral(
             "Parlune downloads only over https, and http://127.0.0.1/model.bin is not an https address."));
 
-    QDir().mkpath(QFileInfo(destination()).path());
-    QFile existing(destination());
-    ASSERT_TRUE(existing.open(QIODevice::WriteOnly));
-    existing.write("the user's own file");
-    existing.close();
+    writeFile(destination(), "the user's own file");
     auto model = download(QStringLiteral("/files/model.bin"), sha256_);
     ASSERT_EQ(run(*model), State::failed);
     EXPECT_EQ(model->failure(),
               destination() + QStringLiteral(" already exists, so nothing was downloaded."));
-    EXPECT_EQ(read(destination()), QByteArray("the user's own file"));
+    EXPECT_EQ(readFile(destination()), QByteArray("the user's own file"));
 
     // A .part that is a link would have the download appended to the file it points at.
     ASSERT_TRUE(QFile::remove(destination()));
     const QString elsewhere = target_.filePath(QStringLiteral("elsewhere"));
-    QFile other(elsewhere);
-    ASSERT_TRUE(other.open(QIODevice::WriteOnly));
-    other.write("someone's data");
-    other.close();
+    writeFile(elsewhere, "someone's data");
     ASSERT_TRUE(QFile::link(elsewhere, destination() + QStringLiteral(".part")));
     auto linked = download(QStringLiteral("/files/model.bin"), sha256_);
     ASSERT_EQ(run(*linked), State::failed);
     EXPECT_EQ(linked->failure(),
               linked->partPath() + QStringLiteral(" is in the way and is not a file Parlune wrote."));
-    EXPECT_EQ(read(elsewhere), QByteArray("someone's data"));
+    EXPECT_EQ(readFile(elsewhere), QByteArray("someone's data"));
 }
 
 TEST_F(VerifiedDownloadTest, AStalledServerFailsWithinTheTimeOutAndKeepsWhatArrived) {

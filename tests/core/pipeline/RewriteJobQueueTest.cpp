@@ -3,7 +3,6 @@
 #include "core/async/Continuation.h"
 #include "core/async/Sleep.h"
 #include "support/RunTask.h"
-#include "support/SelectionSamples.h"
 
 #include <gtest/gtest.h>
 
@@ -13,10 +12,12 @@ namespace parlune {
 namespace {
 
 using test::pumpUntil;
-using test::sampleSelection;
 
 RewriteJob makeJob(const QString& text, ProcessId pid = 4242) {
-    return RewriteJob{QUuid::createUuid(), sampleSelection(text, pid), RewriteMode::casual, QString(),
+    const CapturedSelection selection(QUuid::createUuid(), text, QStringLiteral("org.example.Editor"), pid,
+                                      TextRange{0, 5}, SelectionReplacementStrategy::clipboardFallback,
+                                      nullptr);
+    return RewriteJob{QUuid::createUuid(), selection, RewriteMode::casual, QString(),
                       std::chrono::system_clock::now()};
 }
 

@@ -44,15 +44,13 @@ TEST_F(ClipboardManagerTest, RestoreIsByteExactAndOnlyWhenUnchanged) {
 
 TEST_F(ClipboardManagerTest, TransientStringsCarryThePlatformMarkers) {
     clipboard.setTransientLocalString(QStringLiteral("naïve 🙂"));
-    ASSERT_EQ(desktop.pasteboardItems().size(), 1u);
-    const auto& values = desktop.pasteboardItems()[0].values;
-    ASSERT_EQ(values.size(), 4u);
-    EXPECT_EQ(values[0],
-              std::make_pair(SimulatedDesktop::plainTextType(), QStringLiteral("naïve 🙂").toUtf8()));
-    EXPECT_EQ(values[1], std::make_pair(QStringLiteral("org.nspasteboard.TransientType"), QByteArray()));
-    EXPECT_EQ(values[2], std::make_pair(QStringLiteral("org.nspasteboard.ConcealedType"), QByteArray()));
-    EXPECT_EQ(values[3],
-              std::make_pair(QStringLiteral("x-kde-passwordManagerHint"), QByteArrayLiteral("secret")));
+    EXPECT_EQ(desktop.pasteboardItems(),
+              std::vector<PasteboardItem>{pasteboardItem({
+                  {SimulatedDesktop::plainTextType(), QStringLiteral("naïve 🙂").toUtf8()},
+                  {QStringLiteral("org.nspasteboard.TransientType"), QByteArray()},
+                  {QStringLiteral("org.nspasteboard.ConcealedType"), QByteArray()},
+                  {QStringLiteral("x-kde-passwordManagerHint"), QByteArrayLiteral("secret")},
+              })});
     EXPECT_GE(desktop.pasteboard().localAnnouncements, 1);
 }
 

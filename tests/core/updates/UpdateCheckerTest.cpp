@@ -4,6 +4,7 @@
 #include "core/updates/UpdateChecker.h"
 #include "support/QtPrinters.h"
 #include "support/RunTask.h"
+#include "support/TestFiles.h"
 
 #include <QFile>
 #include <QNetworkAccessManager>
@@ -17,6 +18,7 @@ namespace parlune {
 namespace {
 
 using test::pumpUntil;
+using test::writeFile;
 using testing::LoopbackHttpsServer;
 
 struct KeyPair {
@@ -41,12 +43,6 @@ struct KeyPair {
         return signature;
     }
 };
-
-void writeFile(const QString& path, const QByteArray& content) {
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(content);
-}
 
 TEST(Ed25519SignatureTest, AcceptsOnlyTheSignedBytesUnderTheSigningKey) {
     ASSERT_GE(sodium_init(), 0);
@@ -139,9 +135,7 @@ TEST_F(UpdateCheckerTest, ANewerSignedReleaseIsOfferedAndItsArchiveVerified) {
 
     auto archive = updates->download(*result.offer, downloads_.path());
     ASSERT_EQ(run(*archive), VerifiedDownload::State::finished) << archive->failure().toStdString();
-    QFile file(downloads_.filePath(QStringLiteral("parlune-0.2.0.tar.gz")));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    EXPECT_EQ(file.readAll(), archive_);
+    EXPECT_EQ(test::readFile(downloads_.filePath(QStringLiteral("parlune-0.2.0.tar.gz"))), archive_);
 
     EXPECT_EQ(check(*checker(QStringLiteral("0.2.0"))).outcome, UpdateCheckResult::Outcome::upToDate);
 }

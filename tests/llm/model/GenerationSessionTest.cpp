@@ -26,6 +26,7 @@ protected:
     std::shared_ptr<const Model> model = makeTinyModel(tinySpec(Architecture::qwen2, GgmlType::Q8_0));
     std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(model->file());
     ThreadPool pool{2};
+    GenerationSession session{model, tokenizer, pool};
 
     std::vector<std::int32_t> encode(std::string_view text) const { return tokenizer->encode(text, true); }
 
@@ -45,13 +46,10 @@ protected:
 };
 
 TEST_F(GenerationSessionTest, GreedyDecodingStreamsTheTextOfEachToken) {
-    GenerationSession session(model, tokenizer, pool);
     const auto prompt = encode("<|im_start|>user\nthe weather<|im_end|>\n<|im_start|>assistant\n");
     std::string streamed;
     int pieces = 0;
-    GenerationOptions options;
-    options.maxNewTokens = 6;
-    options.ignoreEndOfGeneration = true;
+    const GenerationOptions options{.maxNewTokens = 6, .ignoreEndOfGeneration = true};
     const GenerationResult result = session.generate(prompt, options, [&](std::string_view piece) {
         streamed += piece;
         ++pieces;
@@ -67,7 +65,6 @@ TEST_F(GenerationSessionTest, GreedyDecodingStreamsTheTextOfEachToken) {
 }
 
 TEST_F(GenerationSessionTest, ReusesTheLongestCachedPrefix) {
-    GenerationSession session(model, tokenizer, pool);
     const auto first = encode("<|im_start|>system\nbe brief<|im_end|>\n<|im_start|>user\nhello");
     const auto second = encode("<|im_start|>system\nbe brief<|im_end|>\n<|im_start|>user\nthe other");
     std::size_t shared = 0;
@@ -89,7 +86,6 @@ TEST_F(GenerationSessionTest, ReusesTheLongestCachedPrefix) {
 }
 
 TEST_F(GenerationSessionTest, SavedStateServesLaterPrompts) {
-    GenerationSession session(model, tokenizer, pool);
     const auto instructions = encode("<|im_start|>system\nrewrite the text<|im_end|>\n<|im_start|>");
     session.prefill(instructions);
     const GenerationSession::State saved = session.saveState();
@@ -100,10 +96,8 @@ TEST_F(GenerationSessionTest, SavedStateServesLaterPrompts) {
     }
     session.prefill(encode("something unrelated"));
     session.restoreState(saved);
-    GenerationOptions options;
-    options.maxNewTokens = 4;
-    options.ignoreEndOfGeneration = true;
-    const GenerationResult result = session.generate(prompt, options, {});
+    const GenerationResult result =
+        session.generate(prompt, {.maxNewTokens = 4, .ignoreEndOfGeneration = true}, {});
     EXPECT_EQ(result.promptTokensReused, static_cast<std::int64_t>(instructions.size()));
     EXPECT_EQ(result.tokens, referenceGreedy(prompt, 4));
     EXPECT_EQ(saved.cache.length(), static_cast<std::int64_t>(instructions.size())); // unchanged by use
@@ -114,13 +108,9 @@ TEST_F(GenerationSessionTest, SavedStateServesLaterPrompts) {
 }
 
 TEST_F(GenerationSessionTest, StopFlagEndsBetweenTokens) {
-    GenerationSession session(model, tokenizer, pool);
     const auto prompt = encode("the sea");
     std::atomic<bool> stop{true};
-    GenerationOptions options;
-    options.maxNewTokens = 10;
-    options.stopFlag = &stop;
-    options.ignoreEndOfGeneration = true;
+    const GenerationOptions options{.maxNewTokens = 10, .stopFlag = &stop, .ignoreEndOfGeneration = true};
     GenerationResult result = session.generate(prompt, options, {});
     EXPECT_EQ(result.stopReason, StopReason::stopRequested);
     EXPECT_TRUE(result.tokens.empty());
@@ -140,44 +130,31 @@ TEST_F(GenerationSessionTest, StopFlagEndsBetweenTokens) {
 TEST_F(GenerationSessionTest, StopsWhenTheContextIsFull) {
     TestModelRecipe recipe = tinySpec(Architecture::llama);
     recipe.contextLength = 8;
-    GenerationSession session(makeTinyModel(recipe), tokenizer, pool);
+    GenerationSession small(makeTinyModel(recipe), tokenizer, pool);
     const std::int32_t prompt[] = {10, 20, 30, 40, 50};
-    GenerationOptions options;
-    options.maxNewTokens = 50;
-    options.ignoreEndOfGeneration = true;
-    const GenerationResult result = session.generate(prompt, options, {});
+    const GenerationOptions options{.maxNewTokens = 50, .ignoreEndOfGeneration = true};
+    const GenerationResult result = small.generate(prompt, options, {});
     EXPECT_EQ(result.stopReason, StopReason::contextFull);
     EXPECT_EQ(result.tokens.size(), 4u); // three fit in the cache, the fourth comes from the last logits
     const std::int32_t tooLong[] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    EXPECT_THROW(session.generate(tooLong, options, {}), std::length_error);
+    EXPECT_THROW(small.generate(tooLong, options, {}), std::length_error);
 }
 
 TEST_F(GenerationSessionTest, EndOfGenerationTokenStopsWithoutBeingEmitted) {
     // An untied output so greedy decoding does not just repeat its input.
     TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
     recipe.tiedOutput = false;
-    const auto loaded = GgufFile::fromBuffer(TestModelMaker::build(recipe).toBytes(), "untied");
     const std::int32_t prompt[] = {40, 41, 42};
-    GenerationOptions options;
-    options.maxNewTokens = 12;
-    options.ignoreEndOfGeneration = true;
-    const auto greedy = GenerationSession(Model::fromFile(loaded), Tokenizer::fromGguf(*loaded), pool)
-                            .generate(prompt, options, {})
-                            .tokens;
+    GenerationOptions options{.maxNewTokens = 12, .ignoreEndOfGeneration = true};
+    const auto greedy =
+        GenerationSession(makeTinyModel(recipe), tokenizer, pool).generate(prompt, options, {}).tokens;
     // The first greedy token not produced before it becomes end-of-sequence.
-    std::size_t stopAt = 1;
-    while (stopAt < greedy.size() &&
-           std::find(greedy.begin(), greedy.begin() + static_cast<std::ptrdiff_t>(stopAt), greedy[stopAt]) !=
-               greedy.begin() + static_cast<std::ptrdiff_t>(stopAt)) {
-        ++stopAt;
-    }
+    const std::size_t stopAt = testing::firstUnseen(greedy, 1);
     ASSERT_LT(stopAt, greedy.size());
-    GgufWriter writer = TestModelMaker::build(recipe);
-    writer.setUInt32("tokenizer.ggml.eos_token_id", static_cast<std::uint32_t>(greedy[stopAt]));
-    const auto file = GgufFile::fromBuffer(writer.toBytes(), "eos model");
-    GenerationSession session(Model::fromFile(file), Tokenizer::fromGguf(*file), pool);
+    const auto ending = makeTinyModel(recipe, greedy[stopAt]);
     options.ignoreEndOfGeneration = false;
-    const GenerationResult result = session.generate(prompt, options, {});
+    const GenerationResult result =
+        GenerationSession(ending, Tokenizer::fromGguf(ending->file()), pool).generate(prompt, options, {});
     EXPECT_EQ(result.stopReason, StopReason::endOfGeneration);
     EXPECT_EQ(result.tokens, std::vector<std::int32_t>(greedy.begin(),
                                                        greedy.begin() + static_cast<std::ptrdiff_t>(stopAt)));
@@ -188,12 +165,6 @@ TEST(GenerationSessionArgmax, TiesGoToTheLowestId) {
     EXPECT_EQ(GenerationSession::argmax(logits), 1);
     EXPECT_THROW(GenerationSession::argmax({}), std::invalid_argument);
 }
-
-} // namespace
-} // namespace parlune::llm
-
-namespace parlune::llm {
-namespace {
 
 TEST(GenerationSessionScores, NonFiniteScoresAreAFailureNotAnAnswer) {
     // A file whose final norm holds NaN and infinity, as a damaged download might.

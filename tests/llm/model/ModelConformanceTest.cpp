@@ -146,7 +146,8 @@ std::vector<float> readFloats(const std::filesystem::path& path) {
     return values;
 }
 
-class ModelConformance : public ::testing::TestWithParam<ConformanceCase> {
+// Skips its cases where the shared fixtures are absent.
+template <typename Base> class WithFixtures : public Base {
 protected:
     void SetUp() override {
         if (!std::filesystem::is_directory(fixtures / "models")) {
@@ -154,6 +155,15 @@ protected:
         }
     }
 };
+using SharedFixtures = WithFixtures<::testing::Test>;
+using ModelConformance = WithFixtures<::testing::TestWithParam<ConformanceCase>>;
+
+// The reference picks the plain argmax, end of generation or not.
+GenerationOptions plainGreedy(std::size_t tokens) {
+    return {.maxNewTokens = static_cast<std::int64_t>(tokens),
+            .ignoreEndOfGeneration = true,
+            .onlyAnswerTokens = false};
+}
 
 TEST_P(ModelConformance, LogitsOfEveryPositionMatchTheReference) {
     const ConformanceCase& c = GetParam();
@@ -212,14 +222,7 @@ std::vector<GreedyStep> greedySteps(const std::string& expectedName) {
     return steps;
 }
 
-class GreedyConformance : public ::testing::TestWithParam<std::string> {
-protected:
-    void SetUp() override {
-        if (!std::filesystem::is_directory(fixtures / "models")) {
-            GTEST_SKIP() << "shared engine fixtures not found at " << fixtures << " (a plain clone has none)";
-        }
-    }
-};
+using GreedyConformance = WithFixtures<::testing::TestWithParam<std::string>>;
 
 TEST_P(GreedyConformance, ContinuationMatchesUpToTheFirstNearTie) {
     const std::string name = GetParam();
@@ -237,11 +240,7 @@ TEST_P(GreedyConformance, ContinuationMatchesUpToTheFirstNearTie) {
 
     ThreadPool pool(2);
     GenerationSession session(model, Tokenizer::fromGguf(*file), pool);
-    GenerationOptions options;
-    options.maxNewTokens = static_cast<std::int64_t>(expected.size());
-    options.ignoreEndOfGeneration = true;
-    options.onlyAnswerTokens = false; // the reference picks the plain argmax
-    const GenerationResult result = session.generate(sequenceFor(name), options, {});
+    const GenerationResult result = session.generate(sequenceFor(name), plainGreedy(expected.size()), {});
     // The last listed step is a near tie: either of the two best tokens is right there.
     std::vector<std::int32_t> agreed(result.tokens.begin(), result.tokens.end() - 1);
     EXPECT_EQ(agreed, std::vector<std::int32_t>(expected.begin(), expected.end() - 1));
@@ -315,12 +314,8 @@ TEST(RealWeights, Stories260KReproducesItsGreedyStory) {
     ThreadPool pool(2);
     const std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(*file);
     GenerationSession session(model, tokenizer, pool);
-    GenerationOptions options;
-    options.maxNewTokens = static_cast<std::int64_t>(expected.size());
-    options.ignoreEndOfGeneration = true;
-    options.onlyAnswerTokens = false; // the reference picks the plain argmax
     const std::int32_t bos[] = {*tokenizer->bosToken()};
-    const GenerationResult result = session.generate(bos, options, {});
+    const GenerationResult result = session.generate(bos, plainGreedy(expected.size()), {});
     EXPECT_EQ(result.tokens, expected);
     std::ifstream textFile(real / "stories260K.greedy-from-bos.txt");
     const std::string text((std::istreambuf_iterator<char>(textFile)), std::istreambuf_iterator<char>());
@@ -329,12 +324,8 @@ TEST(RealWeights, Stories260KReproducesItsGreedyStory) {
 
 // The fixture's `rope_freqs` were derived by the reference converter from Llama 3.x scaling
 // settings; the test-model maker derives the same divisors from the same settings.
-TEST(RealWeights, Llama3FrequencyFactorsMatchTheConverters) {
-    const std::filesystem::path path = fixtures / "models" / "llama3-tiny-ropefreqs-f32.gguf";
-    if (!std::filesystem::exists(path)) {
-        GTEST_SKIP() << "shared engine fixtures not found at " << fixtures << " (a plain clone has none)";
-    }
-    const auto model = Model::load(path);
+TEST_F(SharedFixtures, Llama3FrequencyFactorsMatchTheConverters) {
+    const auto model = Model::load(fixtures / "models" / "llama3-tiny-ropefreqs-f32.gguf");
     const std::span<const float> stored = model->ropeFrequencyFactors();
     const std::vector<float> derived = llama3RopeFrequencyFactors(500000.0, 64, 32.0, 1.0, 4.0, 8192);
     ASSERT_EQ(stored.size(), derived.size());
@@ -346,19 +337,12 @@ TEST(RealWeights, Llama3FrequencyFactorsMatchTheConverters) {
 // The reference's greedy pick after the qwen2-tiny sentence is "[PAD151785]", one of the
 // unused slots real Qwen2 vocabularies pad their tables with. It stands for no text, and an
 // answer never holds it.
-TEST(AnswerTokens, UnusedSlotsTheReferenceWouldPickAreNeverGenerated) {
-    const std::filesystem::path path = fixtures / "models" / "qwen2-tiny-untied-Q8_0.gguf";
-    if (!std::filesystem::exists(path)) {
-        GTEST_SKIP() << "shared engine fixtures not found at " << fixtures << " (a plain clone has none)";
-    }
-    const auto file = GgufFile::open(path);
+TEST_F(SharedFixtures, UnusedSlotsTheReferenceWouldPickAreNeverGenerated) {
+    const auto file = GgufFile::open(fixtures / "models" / "qwen2-tiny-untied-Q8_0.gguf");
     const auto model = Model::fromFile(file);
     const std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(*file);
     ThreadPool pool(2);
-    GenerationOptions options;
-    options.maxNewTokens = 8;
-    options.ignoreEndOfGeneration = true;
-    options.onlyAnswerTokens = false;
+    GenerationOptions options = plainGreedy(8);
     const GenerationResult plain =
         GenerationSession(model, tokenizer, pool).generate(qwenSequence, options, {});
     ASSERT_EQ(plain.tokens.front(), 151785);

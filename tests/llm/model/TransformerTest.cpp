@@ -35,35 +35,6 @@ protected:
     std::int32_t vocabulary = static_cast<std::int32_t>(model->config().vocabularySize);
 };
 
-TEST_P(TransformerTest, BatchedPromptMatchesTokenByTokenDecoding) {
-    ThreadPool pool(2);
-    Transformer transformer(model, pool);
-    const auto tokens = sequence(12, vocabulary);
-
-    KvCache batched(model->config());
-    std::vector<float> all;
-    transformer.forward(tokens, batched, all, true);
-    ASSERT_EQ(all.size(), tokens.size() * static_cast<std::size_t>(vocabulary));
-
-    KvCache stepwise(model->config());
-    std::vector<float> logits;
-    for (std::size_t i = 0; i < tokens.size(); ++i) {
-        transformer.forward(std::span(tokens).subspan(i, 1), stepwise, logits);
-        const std::span<const float> row(all.data() + i * static_cast<std::size_t>(vocabulary),
-                                         static_cast<std::size_t>(vocabulary));
-        EXPECT_LT(maxAbsDifference(row, logits), 2e-5f) << "position " << i;
-    }
-    EXPECT_EQ(batched.length(), 12);
-    EXPECT_EQ(stepwise.length(), 12);
-
-    // A continuation after a batched prefix sees the same history.
-    std::vector<float> continued;
-    const std::int32_t next[] = {3};
-    transformer.forward(next, batched, continued);
-    transformer.forward(next, stepwise, logits);
-    EXPECT_LT(maxAbsDifference(continued, logits), 2e-5f);
-}
-
 TEST_P(TransformerTest, ThreadCountDoesNotChangeResults) {
     const auto tokens = sequence(9, vocabulary);
     std::vector<float> one, two;

@@ -122,8 +122,7 @@ TEST_P(DraftedGeneration, SeededPromptsGiveTheGreedyAnswerWithFewerSteps) {
     std::mt19937 rng(static_cast<std::uint32_t>(std::get<0>(GetParam())) * 7 + 1);
     Totals totals;
     for (int i = 0; i < 6; ++i) {
-        GenerationOptions options;
-        options.maxNewTokens = 24 + static_cast<std::int64_t>(rng() % 24);
+        const GenerationOptions options{.maxNewTokens = 24 + static_cast<std::int64_t>(rng() % 24)};
         expectSameAnswer(model, tokenizer, pool, rewritePrompt(*tokenizer, rng), options, totals);
     }
     // A tied random model mostly repeats its input, so guesses from the prompt are taken.
@@ -135,13 +134,11 @@ TEST_P(DraftedGeneration, TheJsonConstraintSeesTheSameTokens) {
     std::mt19937 rng(99);
     Totals totals;
     for (int i = 0; i < 3; ++i) {
-        GenerationOptions options;
-        options.maxNewTokens = 40;
         // The prompt shows the object once, so guesses propose its keys and forbidden tokens alike.
         std::vector<std::int32_t> prompt = tokenizer->encode(
             "{\"prompt\": \"" + randomText(rng, 12) + "\"}\n" + randomText(rng, 10) + "\n{\"prompt\": \"",
             true);
-        expectSameAnswer(model, tokenizer, pool, prompt, options, totals, {"prompt"});
+        expectSameAnswer(model, tokenizer, pool, prompt, {.maxNewTokens = 40}, totals, {"prompt"});
     }
     EXPECT_GT(totals.proposed, 0);
 }
@@ -154,13 +151,6 @@ INSTANTIATE_TEST_SUITE_P(ArchitecturesAndWeights, DraftedGeneration,
 class DraftEdges : public ::testing::Test {
 protected:
     ThreadPool pool{2};
-
-    static std::shared_ptr<const Model> build(const TestModelRecipe& recipe, std::int32_t eos = -1) {
-        GgufWriter writer = TestModelMaker::build(recipe);
-        if (eos >= 0)
-            writer.setUInt32("tokenizer.ggml.eos_token_id", static_cast<std::uint32_t>(eos));
-        return Model::fromFile(GgufFile::fromBuffer(writer.toBytes(), "edge model"));
-    }
 };
 
 // Guesses the rest of a known answer, past its end.
@@ -186,22 +176,15 @@ TEST_F(DraftEdges, AnEndTokenInsideAGuessEndsTheAnswerWhereGreedyEndsIt) {
     // Untied, so the answer does not just repeat the prompt and holds tokens not seen before.
     TestModelRecipe recipe = tinySpec(Architecture::llama, GgmlType::Q8_0);
     recipe.tiedOutput = false;
-    const auto plainModel = build(recipe);
+    const auto plainModel = makeTinyModel(recipe);
     const std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(plainModel->file());
     const std::vector<std::int32_t> prompt = tokenizer->encode("one two three four one two", true);
-    GenerationOptions options;
-    options.maxNewTokens = 30;
-    options.ignoreEndOfGeneration = true;
+    GenerationOptions options{.maxNewTokens = 30, .ignoreEndOfGeneration = true};
     const auto greedy = GenerationSession(plainModel, tokenizer, pool).generate(prompt, options, {}).tokens;
     // The first greedy token after the second not produced before becomes the end token.
-    std::size_t stopAt = 2;
-    while (stopAt < greedy.size() &&
-           std::find(greedy.begin(), greedy.begin() + static_cast<std::ptrdiff_t>(stopAt), greedy[stopAt]) !=
-               greedy.begin() + static_cast<std::ptrdiff_t>(stopAt)) {
-        ++stopAt;
-    }
+    const std::size_t stopAt = testing::firstUnseen(greedy, 2);
     ASSERT_LT(stopAt, greedy.size());
-    const auto model = build(recipe, greedy[stopAt]);
+    const auto model = makeTinyModel(recipe, greedy[stopAt]);
     const std::shared_ptr<const Tokenizer> endTokenizer = Tokenizer::fromGguf(model->file());
     options.ignoreEndOfGeneration = false;
     KnownAnswer guesses(prompt.size(), greedy); // right up to the end token and past it
@@ -214,25 +197,20 @@ TEST_F(DraftEdges, AnEndTokenInsideAGuessEndsTheAnswerWhereGreedyEndsIt) {
 
 TEST_F(DraftEdges, GuessesNeverRunPastTheTokenBudgetOrTheContext) {
     TestModelRecipe recipe = tinySpec(Architecture::qwen2, GgmlType::Q8_0);
-    const auto model = build(recipe);
+    const auto model = makeTinyModel(recipe);
     const std::shared_ptr<const Tokenizer> tokenizer = Tokenizer::fromGguf(model->file());
     const std::vector<std::int32_t> prompt =
         tokenizer->encode("red green blue red green blue red green", true);
     Totals totals;
     for (const std::int64_t budget : {1, 2, 3, 5, 9}) {
-        GenerationOptions options;
-        options.maxNewTokens = budget;
-        options.ignoreEndOfGeneration = true;
-        expectSameAnswer(model, tokenizer, pool, prompt, options, totals);
+        expectSameAnswer(model, tokenizer, pool, prompt,
+                         {.maxNewTokens = budget, .ignoreEndOfGeneration = true}, totals);
     }
     // A cache a few tokens longer than the prompt: the guesses meet its end.
     for (const std::int64_t spare : {1, 2, 3, 6}) {
         recipe.contextLength = static_cast<std::int64_t>(prompt.size()) + spare;
-        const auto small = build(recipe);
-        GenerationOptions options;
-        options.maxNewTokens = 40;
-        options.ignoreEndOfGeneration = true;
-        expectSameAnswer(small, tokenizer, pool, prompt, options, totals);
+        expectSameAnswer(makeTinyModel(recipe), tokenizer, pool, prompt,
+                         {.maxNewTokens = 40, .ignoreEndOfGeneration = true}, totals);
     }
     EXPECT_GT(totals.accepted, 0);
 }
@@ -256,9 +234,8 @@ TEST(DraftedGenerationFixtures, EveryArchitecturesFixtureGivesTheGreedyAnswer) {
         std::mt19937 rng(5);
         Totals totals;
         for (int i = 0; i < 3; ++i) {
-            GenerationOptions options;
-            options.maxNewTokens = 32;
-            expectSameAnswer(model, tokenizer, pool, rewritePrompt(*tokenizer, rng), options, totals);
+            expectSameAnswer(model, tokenizer, pool, rewritePrompt(*tokenizer, rng), {.maxNewTokens = 32},
+                             totals);
         }
     }
 }
@@ -274,9 +251,8 @@ TEST(DraftedGenerationFixtures, TheRealWeightModelSavesAFifthOfItsSteps) {
     ThreadPool pool(2);
     Totals totals;
     for (const char* start : {"Once", "Once upon a time", "Lily and Ben went to the park"}) {
-        GenerationOptions options;
-        options.maxNewTokens = 256;
-        expectSameAnswer(model, tokenizer, pool, tokenizer->encode(start, true), options, totals);
+        expectSameAnswer(model, tokenizer, pool, tokenizer->encode(start, true), {.maxNewTokens = 256},
+                         totals);
     }
     ASSERT_GT(totals.proposed, 0);
     const double rate = static_cast<double>(totals.accepted) / static_cast<double>(totals.proposed);

@@ -108,26 +108,13 @@ TEST(ChatFormatTest, LlamaGemmaAndPhiTrimAndFoldAsTheirTemplatesDo) {
 // Merges chosen to join text across every boundary a careless prefix could cut.
 std::vector<std::unique_ptr<Tokenizer>> boundaryTokenizers() {
     std::vector<std::unique_ptr<Tokenizer>> tokenizers;
-    tokenizers.push_back(Tokenizer::fromConfig(test::byteLevelConfig({{"\n", "\n"},
-                                                                      {"\n", "U"},
-                                                                      {"S", "\n"},
-                                                                      {"u", "s"},
-                                                                      {"us", "e"},
-                                                                      {"use", "r"},
-                                                                      {"\n\n", "U"},
-                                                                      {"r", "\n"}},
-                                                                     kSpecials, "llama-bpe")));
-    tokenizers.push_back(Tokenizer::fromConfig(test::sentencePieceConfig({{"\xE2\x96\x81", -1},
-                                                                          {"\n", -1},
-                                                                          {"U", -1},
-                                                                          {"S", -1},
-                                                                          {"\n\n", -2},
-                                                                          {"\nU", -1},
-                                                                          {"S\n", -1},
-                                                                          {"\n\n"
-                                                                           "U",
-                                                                           -3}},
-                                                                         kSpecials)));
+    const std::vector<std::pair<std::string, std::string>> merges{{"\n", "\n"},  {"\n", "U"}, {"S", "\n"},
+                                                                  {"u", "s"},    {"us", "e"}, {"use", "r"},
+                                                                  {"\n\n", "U"}, {"r", "\n"}};
+    tokenizers.push_back(Tokenizer::fromConfig(test::byteLevelConfig(merges, kSpecials, "llama-bpe")));
+    tokenizers.push_back(Tokenizer::fromConfig(test::sentencePieceConfig(
+        {{"▁", -1}, {"\n", -1}, {"U", -1}, {"S", -1}, {"\n\n", -2}, {"\nU", -1}, {"S\n", -1}, {"\n\nU", -3}},
+        kSpecials)));
     return tokenizers;
 }
 

@@ -6,9 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <unistd.h>
-
 namespace parlune::llm {
 namespace {
 
@@ -25,16 +22,11 @@ protected:
         writer.setUInt32("tokenizer.ggml.eos_token_id", 257);
         writer.setBool("tokenizer.ggml.add_bos_token", false);
     }
-    void TearDown() override { std::filesystem::remove(path); }
-
-    std::unique_ptr<Tokenizer> load() {
-        writer.write(path);
-        return Tokenizer::fromGguf(*GgufFile::open(path));
+    std::unique_ptr<Tokenizer> load() const {
+        return Tokenizer::fromGguf(*GgufFile::fromBuffer(writer.toBytes()));
     }
 
     GgufWriter writer;
-    std::filesystem::path path = std::filesystem::temp_directory_path() /
-                                 ("parlune-tokenizer-" + std::to_string(::getpid()) + ".gguf");
 };
 
 TEST_F(TokenizerGgufTest, MissingOrMistypedMetadataIsAClearError) {

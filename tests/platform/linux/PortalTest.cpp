@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 
 namespace parlune::portal {
@@ -69,17 +70,12 @@ TEST(PortalTriggerText, TheDesktopsOwnDescriptionMatchesOnlyTheSameChord) {
 TEST(PortalTriggerText, TheDesktopsDescriptionBecomesAStoredShortcutInOurWords) {
     testing::ScopedPlatformTerms linuxWords(PlatformTerms::linux());
     const auto keyCodeFor = [](std::uint32_t keysym) -> std::optional<std::uint32_t> {
-        switch (keysym) {
-        case keysymR:
-        case 0x52: // R
-            return key_code::r;
-        case keysymEscape:
-            return key_code::escape;
-        case keysymSpace:
-            return key_code::space;
-        default:
-            return std::nullopt;
-        }
+        const std::map<std::uint32_t, std::uint32_t> codes{{keysymR, key_code::r},
+                                                           {0x52 /* R */, key_code::r},
+                                                           {keysymEscape, key_code::escape},
+                                                           {keysymSpace, key_code::space}};
+        const auto found = codes.find(keysym);
+        return found == codes.end() ? std::nullopt : std::optional(found->second);
     };
     EXPECT_EQ(PortalGlobalShortcuts::shortcutFor(QStringLiteral("Alt+R"), keyCodeFor),
               (HotKeyShortcut{key_code::r, carbon_modifier::option, QStringLiteral("Alt+R")}));

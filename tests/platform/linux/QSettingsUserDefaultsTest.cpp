@@ -1,5 +1,6 @@
 #include "platform/linux/QSettingsUserDefaults.h"
 #include "support/QtPrinters.h"
+#include "support/TestFiles.h"
 
 #include <QDir>
 #include <QFile>
@@ -18,16 +19,8 @@
 namespace parlune {
 namespace {
 
-QByteArray readAll(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void writeAll(const QString& path, const QByteArray& bytes) {
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(bytes);
-}
+using test::readFile;
+using test::writeFile;
 
 // The files next to the settings file whose names begin with its name and ".corrupt-".
 QStringList setAsideFiles(const QString& path) {
@@ -102,9 +95,8 @@ TEST_F(QSettingsUserDefaultsTest, ValuesSurviveReopeningWithTheirExactText) {
 }
 
 TEST_F(QSettingsUserDefaultsTest, HandEditedValuesAreReadLeniently) {
-    QDir().mkpath(dir_.filePath("parlune"));
-    writeAll(file(), "[General]\ncode = 15 \nflag1=TRUE\nflag2=1\nflag3=yes\nflag4=0\nflag5=maybe\n"
-                     "notanumber=12abc\nlist=a, b\n");
+    writeFile(file(), "[General]\ncode = 15 \nflag1=TRUE\nflag2=1\nflag3=yes\nflag4=0\nflag5=maybe\n"
+                      "notanumber=12abc\nlist=a, b\n");
     QSettingsUserDefaults defaults(file());
     EXPECT_EQ(defaults.integer("code"), 15);
     EXPECT_TRUE(defaults.boolean("flag1"));
@@ -120,7 +112,6 @@ TEST_F(QSettingsUserDefaultsTest, HandEditedValuesAreReadLeniently) {
 
 // Set aside once, whole, and never written over by the saves that follow.
 TEST_F(QSettingsUserDefaultsTest, FilesTheReaderCannotParseOrThatAreNotTextAreSetAside) {
-    QDir().mkpath(dir_.filePath("parlune"));
     const QByteArray samples[] = {
         QByteArray("[General\nrewriteMode=Casual\n"),
         QByteArray("[General]\nrewriteMode=Caf\xe9\n"),
@@ -128,13 +119,13 @@ TEST_F(QSettingsUserDefaultsTest, FilesTheReaderCannotParseOrThatAreNotTextAreSe
         QByteArray("\x00\x01\xff\xfe[General]\nrewriteMode=Casual\n\x00\x00", 33),
     };
     for (const QByteArray& sample : samples) {
-        writeAll(file(), sample);
+        writeFile(file(), sample);
         QSettingsUserDefaults defaults(file());
         ASSERT_TRUE(defaults.setAsidePath().startsWith(file() + ".corrupt-")) << sample.toStdString();
         EXPECT_EQ(defaults.string("rewriteMode"), std::nullopt);
         defaults.setString("rewriteMode", "Professional");
         EXPECT_TRUE(defaults.isPersisting());
-        EXPECT_EQ(readAll(defaults.setAsidePath()), sample);
+        EXPECT_EQ(readFile(defaults.setAsidePath()), sample);
         const QSettingsUserDefaults reopened(file());
         EXPECT_EQ(reopened.string("rewriteMode"), QStringLiteral("Professional"));
         EXPECT_TRUE(reopened.setAsidePath().isEmpty());
@@ -145,7 +136,6 @@ TEST_F(QSettingsUserDefaultsTest, FilesTheReaderCannotParseOrThatAreNotTextAreSe
 }
 
 TEST_F(QSettingsUserDefaultsTest, LinesTheReaderSkipsAreSetAsideAtOpeningSoASaveNeverDropsThem) {
-    QDir().mkpath(dir_.filePath("parlune"));
     const QByteArray samples[] = {
         QByteArray("[General]\nxxxx\nrewriteMode=Casual\n"),
         QByteArray("\xef\xbb\xbf[General]\nrewriteMode=Casual\n"),
@@ -153,12 +143,12 @@ TEST_F(QSettingsUserDefaultsTest, LinesTheReaderSkipsAreSetAsideAtOpeningSoASave
         QByteArray(50 * 1024 * 1024, 'x'),
     };
     for (const QByteArray& sample : samples) {
-        writeAll(file(), sample);
+        writeFile(file(), sample);
         QSettingsUserDefaults defaults(file());
         ASSERT_FALSE(defaults.setAsidePath().isEmpty()) << sample.left(40).toStdString();
         defaults.setString("rewriteMode", "Professional");
         EXPECT_TRUE(defaults.isPersisting()) << "the save is done and reported so";
-        EXPECT_EQ(readAll(defaults.setAsidePath()), sample);
+        EXPECT_EQ(readFile(defaults.setAsidePath()), sample);
         EXPECT_EQ(QSettingsUserDefaults(file()).string("rewriteMode"), QStringLiteral("Professional"));
         QFile::remove(defaults.setAsidePath());
         QThread::msleep(2); // distinct time stamps in the set-aside names
@@ -174,7 +164,7 @@ TEST_F(QSettingsUserDefaultsTest, ASaveWhoseLockCannotBeTakenEndsAsNotSaved) {
     defaults.setString("rewriteMode", "Professional");
     EXPECT_FALSE(defaults.isPersisting());
     EXPECT_EQ(defaults.string("rewriteMode"), QStringLiteral("Professional")); // kept for this run
-    EXPECT_TRUE(readAll(file()).contains("rewriteMode=Casual"));
+    EXPECT_TRUE(readFile(file()).contains("rewriteMode=Casual"));
     // Opening waits no longer either: the defaults apply for that run.
     const QSettingsUserDefaults blocked(file());
     EXPECT_FALSE(blocked.isPersisting());
@@ -202,11 +192,11 @@ TEST_F(QSettingsUserDefaultsTest, TheFileIsReadableByItsOwnerOnly) {
 TEST_F(QSettingsUserDefaultsTest, UnreadablePathIsSetAsideToo) {
     // Root reads any file, so a directory in the file's place stands for one that cannot be read.
     ASSERT_TRUE(QDir().mkpath(file()));
-    writeAll(file() + "/inside", "kept");
+    writeFile(file() + "/inside", "kept");
     QSettingsUserDefaults defaults(file());
     EXPECT_EQ(defaults.integer("hotKeyKeyCode"), 0);
     ASSERT_FALSE(defaults.setAsidePath().isEmpty());
-    EXPECT_EQ(readAll(defaults.setAsidePath() + "/inside"), "kept");
+    EXPECT_EQ(readFile(defaults.setAsidePath() + "/inside"), "kept");
     defaults.setInteger("hotKeyKeyCode", 15);
     EXPECT_EQ(QSettingsUserDefaults(file()).integer("hotKeyKeyCode"), 15);
 }
@@ -215,8 +205,7 @@ TEST_F(QSettingsUserDefaultsTest, FileWithoutReadPermissionIsSetAside) {
     if (::geteuid() == 0) {
         GTEST_SKIP() << "root reads files without read permission; the directory case above stands in";
     }
-    QDir().mkpath(dir_.filePath("parlune"));
-    writeAll(file(), "[General]\nrewriteMode=Casual\n");
+    writeFile(file(), "[General]\nrewriteMode=Casual\n");
     ASSERT_TRUE(QFile::setPermissions(file(), QFileDevice::Permissions()));
     QSettingsUserDefaults defaults(file());
     EXPECT_FALSE(defaults.setAsidePath().isEmpty());
@@ -243,12 +232,12 @@ TEST_F(QSettingsUserDefaultsTest, FailedSaveKeepsTheValueForThisRun) {
     ASSERT_TRUE(defaults.isPersisting());
     // The configuration directory becomes a file: nothing can be saved there any more.
     ASSERT_TRUE(QDir(dir_.filePath("parlune")).removeRecursively());
-    writeAll(dir_.filePath("parlune"), "not a directory");
+    writeFile(dir_.filePath("parlune"), "not a directory");
 
     defaults.setString("second", "kept");
     EXPECT_FALSE(defaults.isPersisting());
     EXPECT_EQ(defaults.string("second"), QStringLiteral("kept"));
-    EXPECT_EQ(readAll(dir_.filePath("parlune")), "not a directory");
+    EXPECT_EQ(readFile(dir_.filePath("parlune")), "not a directory");
 }
 
 TEST_F(QSettingsUserDefaultsTest, DefaultPathFollowsXdgConfigHome) {
