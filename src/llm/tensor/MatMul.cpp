@@ -38,6 +38,8 @@ PanelGrouping panelGrouping(GgmlType type) {
         return {32, 0};
     case GgmlType::Q6_K:
         return {16, 32};
+    case GgmlType::Q8_0:
+        return {32, 128};
     default:
         return {0, 0};
     }
@@ -142,7 +144,8 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
     out.kquantTokens_.clear();
     out.groupBias_.clear();
     out.scaledBlockSums_.clear();
-    if (nTokens <= ActivationBuffer::kMostRegisterTokens) {
+    // Q8_0's few-token kernels round like its panels and need the panels' per-block code sums.
+    if (nTokens <= ActivationBuffer::kMostRegisterTokens && weightType != GgmlType::Q8_0) {
         if (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K) {
             out.kquantTokens_.resize(static_cast<std::size_t>(nTokens * (cols / 256)));
             for (std::int64_t t = 0; t < nTokens; ++t) {

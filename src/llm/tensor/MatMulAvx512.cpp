@@ -940,6 +940,86 @@ void oneTokenQ8_0(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t
     }
 }
 
+// Rows of whole 256-column groups round like the prompt panels (RowPanels.h), whatever the
+// batch: per block the exact integer dot product, then acc = fma(sum, dw * dx, acc) in block
+// order, so a prompt and the tokens generated after it see the same rounding. Eight blocks'
+// lane sums are folded into one vector before the ordered float work.
+
+// Lane 4j of the result: block 2j's sum; lane 8 + 4j: block 2j + 1's (v[j] holds blocks 2j, 2j + 1).
+inline __attribute__((always_inline)) __m512i eightBlockSums(const __m512i (&v)[4]) {
+    const __m512i a = _mm512_add_epi32(_mm512_unpacklo_epi32(v[0], v[1]), _mm512_unpackhi_epi32(v[0], v[1]));
+    const __m512i b = _mm512_add_epi32(_mm512_unpacklo_epi32(v[2], v[3]), _mm512_unpackhi_epi32(v[2], v[3]));
+    const __m512i z = _mm512_add_epi32(_mm512_unpacklo_epi64(a, b), _mm512_unpackhi_epi64(a, b));
+    return _mm512_add_epi32(z, _mm512_shuffle_i32x4(z, z, 0xB1));
+}
+
+template <int T>
+void rowQ8_0Grouped(const std::uint8_t* row, std::int64_t groups, const std::int8_t* const* codes,
+                    const float* const* dx, const std::int32_t* const* bias, float* out) {
+    // Lanes of eightBlockSums in block order.
+    const __m512i inBlockOrder = _mm512_setr_epi32(0, 8, 1, 9, 2, 10, 3, 11, 0, 0, 0, 0, 0, 0, 0, 0);
+    float acc[T] = {};
+    for (std::int64_t g = 0; g < groups; ++g) {
+        const std::uint8_t* p = row + 272 * g;
+        prefetchBlockAhead<272>(p);
+        __m512i q[4];
+#pragma GCC unroll 4
+        for (int c = 0; c < 4; ++c)
+            q[c] = q8Codes(p + 68 * c, true);
+        const __m256 dw = _mm256_cvtph_ps(
+            _mm_setr_epi16(static_cast<short>(u16(p)), static_cast<short>(u16(p + 34)),
+                           static_cast<short>(u16(p + 68)), static_cast<short>(u16(p + 102)),
+                           static_cast<short>(u16(p + 136)), static_cast<short>(u16(p + 170)),
+                           static_cast<short>(u16(p + 204)), static_cast<short>(u16(p + 238))));
+#pragma GCC unroll 4
+        for (int t = 0; t < T; ++t) {
+            __m512i v[4];
+#pragma GCC unroll 4
+            for (int c = 0; c < 4; ++c)
+                v[c] = _mm512_dpbusd_epi32(_mm512_setzero_si512(), q[c],
+                                           _mm512_loadu_si512(codes[t] + 256 * g + 64 * c));
+            const __m256i sums = _mm256_add_epi32(
+                _mm512_castsi512_si256(_mm512_permutexvar_epi32(inBlockOrder, eightBlockSums(v))),
+                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(bias[t] + 8 * g)));
+            alignas(32) float f[8], scale[8];
+            _mm256_store_ps(f, _mm256_cvtepi32_ps(sums));
+            _mm256_store_ps(scale, _mm256_mul_ps(dw, _mm256_loadu_ps(dx[t] + 8 * g)));
+#pragma GCC unroll 8
+            for (int k = 0; k < 8; ++k)
+                acc[t] = __builtin_fmaf(f[k], scale[k], acc[t]);
+        }
+    }
+#pragma GCC unroll 4
+    for (int t = 0; t < T; ++t)
+        out[t] = acc[t];
+}
+
+// Few tokens against Q8_0 rows of whole 256-column groups (x with panel sums), four at a time.
+void groupedQ8_0(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
+                 float* y, std::int64_t ldy) {
+    using Rows = void (*)(const std::uint8_t*, std::int64_t, const std::int8_t* const*, const float* const*,
+                          const std::int32_t* const*, float*);
+    constexpr Rows kRows[] = {rowQ8_0Grouped<1>, rowQ8_0Grouped<2>, rowQ8_0Grouped<3>, rowQ8_0Grouped<4>};
+    const auto* base = static_cast<const std::uint8_t*>(w.data);
+    for (std::int64_t t0 = 0; t0 < x.tokens(); t0 += 4) {
+        const int n = static_cast<int>(std::min<std::int64_t>(4, x.tokens() - t0));
+        const std::int8_t* codes[4];
+        const float* dx[4];
+        const std::int32_t* bias[4];
+        for (int t = 0; t < n; ++t) {
+            codes[t] = x.codes(t0 + t);
+            dx[t] = x.blockScales(t0 + t);
+            bias[t] = x.groupBias(t0 + t);
+        }
+        for (std::int64_t r = rowBegin; r < rowEnd; ++r) {
+            float out[4];
+            kRows[n - 1](base + static_cast<std::size_t>(r) * w.rowBytes, w.cols / 256, codes, dx, bias, out);
+            for (int t = 0; t < n; ++t)
+                y[(t0 + t) * ldy + r] = out[t];
+        }
+    }
+}
+
 template <class Format>
 void runQuant(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd,
               float* y, std::int64_t ldy) {
@@ -1146,6 +1226,10 @@ struct Avx512 {
             return true;
         switch (w.type) {
         case GgmlType::Q8_0:
+            if (x.hasPanelSums() && w.cols % 256 == 0) {
+                groupedQ8_0(w, x, rowBegin, rowEnd, y, ldy);
+                return true;
+            }
             if (x.tokens() != 1)
                 return false;
             oneTokenQ8_0(w, x, rowBegin, rowEnd, y);

@@ -26,8 +26,8 @@ void registerKQuantProduct(std::span<const KQuantRows> group, const WeightMatrix
                            const ActivationBuffer& x, std::int64_t rowBegin, std::int64_t rowEnd, float* y,
                            std::int64_t ldy);
 
-// Prompt-sized batches (x.hasPanelSums()) of Q4_K, Q5_K or Q6_K rows through row panels;
-// false, doing nothing, for anything else.
+// Prompt-sized batches (x.hasPanelSums()) of Q4_K, Q5_K or Q6_K rows, and of Q8_0 rows of whole
+// 256-column groups, through row panels; false, doing nothing, for anything else.
 bool rowPanelProductAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                            std::int64_t rowEnd, float* y, std::int64_t ldy);
 bool rowPanelProductAvx2(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,

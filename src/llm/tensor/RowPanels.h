@@ -1,6 +1,7 @@
 #pragma once
 
-// Internal to the matrix product: products of prompt-sized batches with Q4_K, Q5_K and Q6_K rows,
+// Internal to the matrix product: products of prompt-sized batches with Q4_K, Q5_K and Q6_K rows
+// (and, on AVX-512, Q8_0 rows whose groups of eight blocks serve as the 256-column block),
 // shared by the instruction-set files that include it (each compiled with its own flags).
 //
 // Isa::kLanes rows at a time are unpacked once into a panel of unsigned 8-bit codes with the rows

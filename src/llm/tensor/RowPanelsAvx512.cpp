@@ -100,6 +100,22 @@ struct Q6K {
     }
 };
 
+// Eight consecutive Q8_0 blocks as one 256-column block: codes plus 128, a scale per block.
+struct Q8Panel {
+    static constexpr int kGroupWidth = 32;
+    static constexpr bool kMin = false;
+    static constexpr std::int64_t kBlockBytes = 8 * 34;
+    static void decode(const std::uint8_t* b, std::uint8_t* codes, float* extra) {
+        const __m256i flip = _mm256_set1_epi8(static_cast<char>(0x80));
+        for (int g = 0; g < 8; ++g) {
+            extra[g] = half(b + 34 * g);
+            _mm256_store_si256(
+                reinterpret_cast<__m256i*>(codes + 32 * g),
+                _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + 34 * g + 2)), flip));
+        }
+    }
+};
+
 // m[i] = row i of a 16 x 16 matrix of 32-bit elements becomes column i.
 void transpose16(__m512i (&m)[16]) {
     __m512i t[16];
@@ -183,6 +199,11 @@ void panelSumsAvx512(const std::int8_t* codes, const float* scales, std::int64_t
 
 bool rowPanelProductAvx512(const WeightMatrix& w, const ActivationBuffer& x, std::int64_t rowBegin,
                            std::int64_t rowEnd, float* y, std::int64_t ldy) {
+    if (w.type == GgmlType::Q8_0 && x.hasPanelSums() && w.cols % 256 == 0 &&
+        x.tokens() > ActivationBuffer::kMostRegisterTokens) {
+        RowPanels<Avx512Lanes, Q8Panel>(w, x, y, ldy).run(rowBegin, rowEnd);
+        return true;
+    }
     return rowPanelProduct<Avx512Lanes>(w, x, rowBegin, rowEnd, y, ldy);
 }
 

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -229,10 +230,14 @@ TEST_P(GreedyConformance, ContinuationMatchesUpToTheFirstNearTie) {
     const FixtureRun run = runFor(name);
     const auto file = GgufFile::open(fixtures / "models" / (run.modelFile + ".gguf"));
     const auto model = Model::fromFile(file, run.contextLimit);
+    // Steps where exact arithmetic on the file's own weights picks the runner-up (the fixtures'
+    // README): the reference's token there comes from its rounding, not from the model.
+    const std::map<std::string, std::size_t> roundingTies = {{"llama3-tiny-ropefreqs-Q8_0", 3}};
+    const auto tie = roundingTies.find(name);
     std::vector<std::int32_t> expected;
     for (const GreedyStep& step : greedySteps(name)) {
         expected.push_back(step.token);
-        if (step.margin < 1e-3) {
+        if (step.margin < 1e-3 || (tie != roundingTies.end() && expected.size() == tie->second + 1)) {
             break; // an equally correct engine may pick the runner-up here; later steps follow from it
         }
     }

@@ -192,7 +192,7 @@ TEST_P(EveryPath, ATokensResultDoesNotDependOnItsBatch) {
     // Drafted tokens are checked in one batch and must score exactly as they would one at a time,
     // so every batch a guess can fill (one-token kernels, streamed tiles, decoded panels) rounds
     // identically. Longer batches (prompts) may round otherwise, but the same at every length;
-    // Q8_0's keep the single steps' rounding too (a fixture's greedy continuation hangs on it).
+    // Q8_0 keeps the single steps' rounding at every length, so a prompt and the tokens after it agree.
     const GgmlType type = GetParam();
     const std::int64_t block = std::max<std::int64_t>(ggmlTypeTraits(type).blockElements, 16);
     for (const std::int64_t cols : {block, 5 * block, oddColumns(type), std::int64_t{3 * 1024}}) {
