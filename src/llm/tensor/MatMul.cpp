@@ -133,8 +133,11 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
             scale = fp16ToFloat(floatToFp16(scale));
         }
     }
+    // AVX-512 takes Q8_0 rows of whole 256-column groups through the panels' arithmetic at every
+    // batch size (per-block code sums); other Q8_0 rows go through the tiles (token chunks).
+    const bool q8Grouped = weightType == GgmlType::Q8_0 && simd && cols % 256 == 0;
     out.q8Chunks_.clear();
-    if (weightType == GgmlType::Q8_0 && simd && nTokens > 1) {
+    if (weightType == GgmlType::Q8_0 && simd && nTokens > 1 && !q8Grouped) {
         out.q8Chunks_.resize(static_cast<std::size_t>(nTokens * (out.paddedCols_ / 64)));
         for (std::int64_t t = 0; t < nTokens; ++t) {
             detail::prepareQ8TokenChunks(out.codes(t), out.blockScales(t), out.paddedCols_,
@@ -144,8 +147,7 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
     out.kquantTokens_.clear();
     out.groupBias_.clear();
     out.scaledBlockSums_.clear();
-    // Q8_0's few-token kernels round like its panels and need the panels' per-block code sums.
-    if (nTokens <= ActivationBuffer::kMostRegisterTokens && weightType != GgmlType::Q8_0) {
+    if (nTokens <= ActivationBuffer::kMostRegisterTokens && !q8Grouped) {
         if (weightType == GgmlType::Q4_K || weightType == GgmlType::Q6_K) {
             out.kquantTokens_.resize(static_cast<std::size_t>(nTokens * (cols / 256)));
             for (std::int64_t t = 0; t < nTokens; ++t) {
@@ -157,7 +159,8 @@ void prepareActivations(GgmlType weightType, const float* x, std::int64_t nToken
     }
     // The scalar path has no row panels.
     const PanelGrouping grouping = panelGrouping(weightType);
-    if (grouping.groupWidth == 0 || !avx2Usable(cpuFeatures()))
+    if (grouping.groupWidth == 0 || !avx2Usable(cpuFeatures()) ||
+        (weightType == GgmlType::Q8_0 && !q8Grouped))
         return;
     const auto panelSums = simd ? detail::panelSumsAvx512 : detail::panelSumsScalar;
     out.groupBias_.resize(total / 16);
