@@ -295,8 +295,11 @@ TEST(RowPanels, PromptBatchesMatchTheScalarReferenceOnAnyRowRange) {
                         << " tokens " << tokens;
                     if (first.empty())
                         first = y;
-                    EXPECT_EQ(first, y)
-                        << ggmlTypeTraits(type).name << " cols " << cols << " tokens " << tokens;
+                    // Without panel sums (PARLUNE_CPU=scalar) each set takes its own tiles.
+                    if (x.hasPanelSums()) {
+                        EXPECT_EQ(first, y)
+                            << ggmlTypeTraits(type).name << " cols " << cols << " tokens " << tokens;
+                    }
                 }
             }
         }
